@@ -1,0 +1,12 @@
+// Numbers of the command line.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+
+// What strtol makes of a word, saturated to 32 bits whatever the width of a long.
+inline int32_t parse_number(const char* word, int base) {
+  const int64_t value = strtol(word, nullptr, base);
+  return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
+}
