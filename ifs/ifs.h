@@ -178,6 +178,10 @@ void* ifs_fsid_get_fs_context(ppc_fsid_t fsid);
 uint16_t ifs_fsid_get_type(ppc_fsid_t fsid);
 uint32_t ifs_fsid_get_flags(ppc_fsid_t fsid);
 uint16_t ifs_fsid_get_feature(ppc_fsid_t fsid);
+// Replaces the flags word of a valid file system.
+void ifs_fsid_set_flags(ppc_fsid_t fsid, uint32_t flags);
+// The prefix added last, or null.
+const char* ifs_fsid_get_prefix(ppc_fsid_t fsid);
 
 // Free bytes of the file system that holds the path, or statfs's negative result.
 int32_t ifs_get_free_bytes(const char* path);

@@ -1,0 +1,67 @@
+// CRC-16/GENIBUS: polynomial 0x1021, most significant bit first, register preset to ones, result
+// complemented. The checksum is defined by 16 table entries, one for each nibble; the tables used
+// here are derived from them at compile time and take eight bytes at a step, because mounting a
+// device sums all of it.
+#include <array>
+
+#include "ifs/ifs_runtime.h"
+
+namespace {
+
+constexpr uint32_t step_bytes = 8;
+
+constexpr std::array<uint16_t, 16> nibble_table = {
+    0x0000, 0x1021, 0x2042, 0x3063, 0x4084, 0x50A5, 0x60C6, 0x70E7,
+    0x8108, 0x9129, 0xA14A, 0xB16B, 0xC18C, 0xD1AD, 0xE1CE, 0xF1EF,
+};
+
+constexpr uint32_t shift_nibble(uint32_t crc, uint32_t nibble) {
+  return nibble_table[(crc >> 12) ^ nibble] ^ ((crc << 4) & 0xFFFF);
+}
+
+constexpr uint32_t shift_byte(uint32_t crc, uint32_t byte) {
+  return shift_nibble(shift_nibble(crc, byte >> 4), byte & 0xF);
+}
+
+using slice_tables = std::array<std::array<uint16_t, 256>, step_bytes>;
+
+// Entry [zeros][byte] is the register after the byte and that many zero bytes, starting from 0.
+constexpr slice_tables make_slices() {
+  slice_tables slices{};
+  for (uint32_t byte = 0; byte < 256; ++byte) {
+    uint32_t crc = shift_byte(0, byte);
+    for (uint32_t zeros = 0; zeros < step_bytes; ++zeros) {
+      slices[zeros][byte] = static_cast<uint16_t>(crc);
+      crc = shift_byte(crc, 0);
+    }
+  }
+  return slices;
+}
+
+constexpr slice_tables slices = make_slices();
+
+// The register is linear in the bytes: each contributes what it would alone, followed by zeros. The
+// register's own 16 bits act as if they were added to the first two bytes.
+uint32_t shift_step(uint32_t crc, const uint8_t* bytes) {
+  return static_cast<uint32_t>(slices[7][(crc >> 8) ^ bytes[0]] ^ slices[6][(crc & 0xFF) ^ bytes[1]] ^
+                               slices[5][bytes[2]] ^ slices[4][bytes[3]] ^ slices[3][bytes[4]] ^
+                               slices[2][bytes[5]] ^ slices[1][bytes[6]] ^ slices[0][bytes[7]]);
+}
+
+}  // namespace
+
+uint32_t generate_seeded_crc(uint32_t seed, uint32_t length, const void* data) {
+  uint32_t crc = ~seed & 0xFFFF;
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  for (; length >= step_bytes; length -= step_bytes, bytes += step_bytes) {
+    crc = shift_step(crc, bytes);
+  }
+  for (; length > 0; --length, ++bytes) {
+    crc = (slices[0][(crc >> 8) ^ *bytes] ^ (crc << 8)) & 0xFFFF;
+  }
+  return ~crc & 0xFFFF;
+}
+
+uint32_t generate_crc(uint32_t length, const void* data) {
+  return generate_seeded_crc(0, length, data);
+}

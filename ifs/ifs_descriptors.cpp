@@ -1,0 +1,123 @@
+// The table of open files: creation and destruction of entries (by the file systems, in their open
+// and close), their validity, and the small controls that go through a descriptor.
+#include <cerrno>
+#include <cstdio>
+#include <new>
+
+#include "ifs/ifs.h"
+#include "ifs/ifs_tables.h"
+
+ifs_descriptor* ifs_fdtab[ifs_max_descriptors];
+
+namespace {
+
+int32_t set_word(int32_t fd, uint32_t command, uint32_t value) {
+  return ifs_fioctl(fd, command, &value);
+}
+
+uint32_t low_address_bits(const void* pointer) {
+  return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pointer));
+}
+
+}  // namespace
+
+ifs_descriptor* ifs_fd_find_entry(int32_t fd) {
+  const auto index = static_cast<uint32_t>(fd);
+  if (index >= ifs_max_descriptors || ifs_fdtab[index] == nullptr) {
+    errno = EBADF;
+    return nullptr;
+  }
+  return ifs_fdtab[index];
+}
+
+int32_t ifs_fd_create(ppc_fsid_t fsid, uint32_t oflags, void* fd_context) {
+  int32_t fd = 0;
+  while (fd < ifs_max_descriptors && ifs_fdtab[fd] != nullptr) {
+    ++fd;
+  }
+  if (fd == ifs_max_descriptors) {
+    errno = ENFILE;
+    return -1;
+  }
+  auto* entry = new (std::nothrow) ifs_descriptor{};
+  if (entry == nullptr) {
+    errno = ENOMEM;
+    return -1;
+  }
+  entry->fd = fd;
+  entry->fsid = fsid;
+  entry->oflags = static_cast<int16_t>(oflags);
+  entry->fd_context = fd_context;
+  ifs_fdtab[fd] = entry;
+  return fd;
+}
+
+int ifs_fd_destroy(int32_t fd) {
+  if (ifs_fd_is_valid(fd) == 0) {
+    return 0;
+  }
+  delete ifs_fdtab[fd];
+  ifs_fdtab[fd] = nullptr;
+  return 1;
+}
+
+int ifs_fd_is_valid(int32_t fd) {
+  const ifs_descriptor* entry = ifs_fd_find_entry(fd);
+  if (entry == nullptr) {
+    return 0;
+  }
+  if (entry->flags < 0) {
+    errno = EIO;
+    return 0;
+  }
+  return 1;
+}
+
+ifs_descriptor* ifs_fd_get_entry(int32_t fd) {
+  return ifs_fd_is_valid(fd) != 0 ? ifs_fdtab[fd] : nullptr;
+}
+
+ppc_fsid_t ifs_fd_get_fsid(int32_t fd) {
+  const ifs_descriptor* entry = ifs_fd_find_entry(fd);
+  return entry != nullptr ? entry->fsid : ppc_fsid_t{-1};
+}
+
+int32_t ifs_fd_set_size(int32_t fd, uint32_t size_bytes) {
+  return set_word(fd, ifs_fioctl_set_size, size_bytes);
+}
+
+int32_t ifs_fd_set_type(int32_t fd, uint32_t type) {
+  return set_word(fd, ifs_fioctl_set_type, type);
+}
+
+int32_t ifs_fd_get_type(int32_t fd) {
+  uint32_t type = 0;
+  const int32_t result = ifs_fioctl(fd, ifs_fioctl_get_type, &type);
+  return result < 0 ? result : static_cast<int32_t>(type);
+}
+
+int32_t ifs_fd_set_verbose(int32_t fd, uint32_t on) {
+  return set_word(fd, ifs_fioctl_set_verbose, on);
+}
+
+int32_t ifs_fd_get_size(int32_t fd) {
+  if (ifs_fd_find_entry(fd) == nullptr) {
+    return -1;
+  }
+  ppc_stat status{};
+  const int32_t result = ifs_fstat(fd, &status);
+  return result < 0 ? result : static_cast<int32_t>(status.size);
+}
+
+void zantrolume_display_fdent(const ifs_descriptor* entry) {
+  printf("fdent at 0x%x\n", low_address_bits(entry));
+  printf("fd         = 0x%x\n", static_cast<uint32_t>(entry->fd));
+  printf("native_fd  = 0x%x\n", static_cast<uint32_t>(entry->native_fd));
+  printf("fsid       = 0x%x\n", static_cast<uint32_t>(entry->fsid));
+  printf("filepos    = 0x%x\n", static_cast<uint32_t>(entry->filepos));
+  printf("size       = 0x%x\n", static_cast<uint32_t>(entry->size));
+  printf("data       = 0x%x\n", static_cast<uint32_t>(entry->data));
+  printf("flags      = 0x%x\n", static_cast<uint32_t>(entry->flags));
+  printf("oflags     = 0x%x\n", static_cast<uint32_t>(entry->oflags));
+  printf("fd_context = 0x%x\n", low_address_bits(entry->fd_context));
+}

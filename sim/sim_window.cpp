@@ -1,0 +1,52 @@
+// The program's seam to its hardware, over the simulated chassis: the installed one, or else that
+// of the chassis folder. The base of a window is the address of its node.
+#include "sim/sim_chassis.h"
+#include "sim/sim_folder.h"
+#include "zantrolume/zantrolume_window.h"
+
+namespace {
+
+sim::chassis& chassis_in_use() {
+  if (sim::installed_chassis() == nullptr) {
+    sim::install_chassis(sim::environment_chassis());
+  }
+  return *sim::installed_chassis();
+}
+
+sim::cpld& node_at(window_base base) {
+  return *static_cast<sim::cpld*>(const_cast<void*>(base));
+}
+
+}  // namespace
+
+int window_open(const char* path) {
+  return chassis_in_use().open(path);
+}
+
+window_base window_map(int fd, size_t length, off_t offset) {
+  return chassis_in_use().map(fd, length, offset);
+}
+
+int window_unmap(window_base base, size_t length) {
+  return chassis_in_use().unmap(base, length);
+}
+
+uint32_t window_load32(window_base base, uint32_t offset) {
+  return node_at(base).load32(offset);
+}
+
+void window_store32(window_base base, uint32_t offset, uint32_t value) {
+  node_at(base).store32(offset, value);
+}
+
+uint16_t window_load16(window_base base, uint32_t offset) {
+  return node_at(base).load16(offset);
+}
+
+void window_store16(window_base base, uint32_t offset, uint16_t value) {
+  node_at(base).store16(offset, value);
+}
+
+int64_t window_clock() {
+  return chassis_in_use().clock();
+}

@@ -1,0 +1,72 @@
+// Small tools of the tests of the file system's lower half: a clock that stands still, the end of a
+// child process, and the words that messages are made of.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "sim/sim_chassis.h"
+#include "tests/support/flashfs_fixture.h"
+
+namespace test_support {
+
+// Holds the clock that stamps records at one second while it lives.
+class held_clock {
+ public:
+  explicit held_clock(int64_t seconds) {
+    chassis_.clock_hold(seconds);
+    sim::install_chassis(&chassis_);
+  }
+  ~held_clock() {
+    sim::install_chassis(nullptr);
+  }
+  held_clock(const held_clock&) = delete;
+  held_clock& operator=(const held_clock&) = delete;
+
+ private:
+  sim::chassis chassis_;
+};
+
+// How a child process ended and what it wrote to standard output.
+struct child_end {
+  int status = -1;  // exit status; -1: it was ended by a signal
+  std::string output;
+};
+
+constexpr int child_came_back = 77;
+
+// Runs a call that may end the process, in a child. A call that returns gives child_came_back.
+template <typename callable>
+child_end end_of_child(callable&& call) {
+  child_end end;
+  int waited = 0;
+  end.output = output_of([&] {
+    std::fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) {
+      call();
+      std::fflush(stdout);
+      _exit(child_came_back);
+    }
+    waitpid(child, &waited, 0);
+  });
+  end.status = WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
+  return end;
+}
+
+inline std::string hex(uint32_t value) {
+  char text[sizeof "0x12345678"];
+  std::snprintf(text, sizeof text, "0x%x", static_cast<unsigned>(value));
+  return text;
+}
+
+// A device's handle as messages print it: its low 32 bits.
+inline std::string handle_text(const ram_flash& device) {
+  return hex(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(device.handle())));
+}
+
+}  // namespace test_support

@@ -1,0 +1,100 @@
+// A test that has a mounted flash file system on flashes in memory. It frees what the product keeps
+// for the life of the process, and asserts at the end of every test that no sector buffer is out
+// and that the flashes saw no deviation.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "flashfs/flashfs.h"
+#include "tests/support/ram_flash.h"
+
+namespace test_support {
+
+// Catches what is written to standard output while it lives. They may be nested.
+class output_capture {
+ public:
+  output_capture();
+  ~output_capture();
+  output_capture(const output_capture&) = delete;
+  output_capture& operator=(const output_capture&) = delete;
+  // Ends the capture and gives the text.
+  std::string take();
+
+ private:
+  void end();
+
+  std::FILE* file_;
+  int saved_fd_;  // what standard output was; negative once the capture has ended
+};
+
+// What a call printed.
+template <typename callable>
+std::string output_of(callable&& call) {
+  output_capture capture;
+  call();
+  return capture.take();
+}
+
+// Gives back all memory of a registered file system, closing what is still open on it, and takes it
+// out of the switch. Null is ignored.
+void free_flashfs(flashfs* fs);
+
+class flashfs_fixture : public testing::Test {
+ protected:
+  flashfs_fixture();
+  ~flashfs_fixture() override;
+  void TearDown() override;
+
+  // Makes erased devices; nothing is registered yet. They share one supply.
+  void make_flash(const std::vector<ram_block>& device_0);
+  void make_flash(const std::vector<ram_block>& device_0, const std::vector<ram_block>& device_1);
+  // Empties the switch and registers a file system on the devices as "bootflash"; what it prints is
+  // dropped. Returns the result of flashfs_initialize.
+  int32_t initialize();
+  // ioctl 11 through the switch. Returns its result; the text it printed is in check_output().
+  int32_t check(uint32_t flags = 1);
+  // initialize and check, both asserted to succeed.
+  void mount(uint32_t flags = 1);
+  // make_flash and mount, on `count` erased blocks.
+  void mount_new(size_t count = 8, uint32_t size_bytes = 0x20000);
+  // Gives the file system back and mounts the flash again, as the next run would.
+  void remount(uint32_t flags = 1);
+  // Gives the file system back; the flash stays.
+  void unmount();
+  // Whether the flash passes a check, quick and not, that changes nothing on it; says what differs.
+  testing::AssertionResult flash_is_consistent();
+
+  flashfs* fs() {
+    return fs_;
+  }
+  ram_flash& device(size_t number = 0) {
+    return *devices_.at(number);
+  }
+  sim::power& supply() {
+    return supply_;
+  }
+  const std::string& check_output() const {
+    return check_output_;
+  }
+  // Writes a whole new file through the switch. Returns 0 or -1 with errno.
+  int write_file(const std::string& path, const std::string& contents);
+  // The contents of a file, read through the switch; on failure "<errno n>".
+  std::string read_file(const std::string& path);
+
+  // Tests that break these on purpose clear them.
+  bool expect_no_deviations_ = true;
+  bool expect_no_buffers_out_ = true;
+
+ private:
+  flashfs* fs_ = nullptr;
+  sim::power supply_;
+  std::vector<std::unique_ptr<ram_flash>> devices_;
+  std::string check_output_;
+};
+
+}  // namespace test_support

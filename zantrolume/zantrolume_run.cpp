@@ -1,0 +1,114 @@
+// One run of the program: selects the complex, maps its window, makes sure that it is held in
+// reset, carries out one command and unmaps. What the command line means is decided elsewhere.
+#include <cerrno>
+#include <cstdio>
+
+#include "zantrolume/zantrolume_commands.h"
+#include "zantrolume/zantrolume_cpld.h"
+#include "zantrolume/zantrolume_display.h"
+#include "zantrolume/zantrolume_main.h"
+
+namespace {
+
+// One CPLD with the complexes that it guards.
+struct cpld_node {
+  const char* path;
+  off_t window_offset;
+  int32_t first_ppc;
+};
+constexpr cpld_node first_node = {"/dev/vexmor1", 0x10150000, 3};
+constexpr cpld_node second_node = {"/dev/vexmor2", 0x10170000, 6};
+
+const cpld_node& node_of(int32_t ppc_number) {
+  return ppc_number < second_node.first_ppc ? first_node : second_node;
+}
+
+void print_verbose(const char* text) {
+  if (verbose_mode != 0) {
+    printf("%s", text);
+  }
+}
+
+// Opens and maps the window into vexmor_mapped_ptr. False after a message.
+bool map_window(const cpld_node& node) {
+  const int fd = zantrolume_open_vexmor_device(node.path);
+  if (fd < 0) {
+    printf("\nZANTROLUME : Failed to open file VEXMOR device driver, errno %d", errno);
+    return false;
+  }
+  if (fd != 0) {
+    print_verbose("\nZANTROLUME : vexmor device driver opened");
+  }
+  vexmor_mapped_ptr = window_map(fd, cpld_window_size, node.window_offset);
+  const auto base = reinterpret_cast<uintptr_t>(vexmor_mapped_ptr);
+  if (base == 0 || base == UINTPTR_MAX) {
+    printf("\nZANTROLUME: mmap failed, errno %d.\n", errno);
+    return false;
+  }
+  print_verbose("\nZANTROLUME : vexmor device driver memory mapped");
+  return true;
+}
+
+void run_file_command(int (*command)(int argc, char* argv[]), const char* name,
+                      const char* argument) {
+  char* argv[] = {const_cast<char*>(name), const_cast<char*>(argument), nullptr};
+  command(2, argv);
+}
+
+void run_command(const zantrolume_request& request) {
+  const auto position = static_cast<uint32_t>(request.position);
+  switch (request.command) {
+    case command_dir:
+      run_file_command(dir_cmd, "dir_cmd", "bootflash:");
+      break;
+    case command_erase:
+      zantrolume_cpld_erase(nullptr, position << flash_sector_shift);
+      break;
+    case command_fsck:
+      run_file_command(fsck_cmd, "fsck_cmd", "-f");
+      break;
+    case command_more:
+      run_file_command(cat_cmd, "cat_cmd", request.file_name);
+      break;
+    case command_rm:
+      run_file_command(delete_cmd, "delete_cmd", request.file_name);
+      break;
+    case command_sread:
+      zantrolume_display_flash(position << flash_sector_shift, request.length);
+      break;
+    case command_aread:
+      zantrolume_display_flash(position, request.length);
+      break;
+    case command_sizes:
+      zantrolume_display_sizes();
+      break;
+    default:
+      puts("Sorry, not supported");
+  }
+}
+
+}  // namespace
+
+int zantrolume_run(int argc, char* argv[]) {
+  zantrolume_request request;
+  const int status = zantrolume_parse(argc, argv, &request);
+  if (status != 0) {
+    return status;
+  }
+  const cpld_node& node = node_of(request.ppc_number);
+  const auto index = static_cast<uint32_t>(request.ppc_number - node.first_ppc);
+  cpld_flash_access_selection = cpld_data_window + (index << flash_page_shift);
+  flash_status_bit = uint32_t{2} << index;
+  if (!map_window(node)) {
+    return 0;
+  }
+  if (zantrolume_is_ppc_in_reset(vexmor_mapped_ptr, index + 1) != 0) {
+    run_command(request);
+  } else {
+    printf("\nZANTROLUME : PPC Flashfs access requires PPC %d to be in reset.\n",
+           request.ppc_number);
+  }
+  window_unmap(vexmor_mapped_ptr, cpld_window_size);
+  print_verbose("\nZANTROLUME : unmapped vexmor device driver");
+  return 0;
+}
