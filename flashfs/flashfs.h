@@ -127,11 +127,21 @@ struct flashfs {
   uint32_t num_available_slots;    // entries of available_slots
 };
 
+// A remembered place in a file's list, so that the next operation need not walk from the head. A
+// null entry remembers nothing.
+struct list_place {
+  uint32_t index;
+  flashfs_sctr_list_ordered* entry;
+};
+
 // One descriptor's state.
 struct flashfs_open_file {
   uint32_t filepos;  // bytes
   flashfs_sctr_map* file;
   uint32_t oflags;
+  // In the file's list, or, for a directory, the entry at the end of the last listing. It stays
+  // valid while the file is open: the claim keeps everybody else from changing the list.
+  list_place place;
 };
 
 extern const ifs_operations flashfs_operations;
@@ -340,6 +350,8 @@ uint32_t flashfs_toggle_random(flashfs* fs);
 // Reserves sectors for a file of `size` bytes. Returns the capacity now held in bytes, which may be
 // less, or -1 on a write failure.
 int32_t extend_sctr_list(flashfs* fs, flashfs_sctr_map* file, int32_t size);
+// The same, counting from a remembered place of the file's list.
+int32_t extend_sctr_list_from(flashfs* fs, flashfs_sctr_map* file, list_place place, int32_t size);
 // Rewrites the entry's slot with a new date (0: now). Returns 0, or -1 with errno EIO.
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time);
 
@@ -407,10 +419,16 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
                            flashfs_sctr_map* directory, uint16_t entry_fileid, ppc_mode_t mode,
                            const char* name, flashfs_sector* buffer);
 
-// --- status (flashfs_namespace.cpp) ---
+// --- file data (flashfs_write.cpp) ---
 
-// Fills the status record of an entry. Returns 0, or -1 with errno EIO.
-int32_t flashfs_status(flashfs* fs, flashfs_sctr_map* entry, ppc_stat* status);
+// Cuts a file opened for writing to a length in bytes. Returns 0, or -1 with EBADF, EINVAL or EIO.
+int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t length);
+
+// --- status (flashfs_status.cpp) ---
+
+// Fills the status record of an entry. `near`, unless null, is a remembered place of the file's
+// list, from which its end is looked for and which is moved there. Returns 0, or -1 with errno EIO.
+int32_t flashfs_status(flashfs* fs, flashfs_sctr_map* entry, ppc_stat* status, list_place* near);
 // Fills the space report. Returns 0, or -1 with errno EIO.
 int32_t flashfs_space_count(flashfs* fs, ppc_statfs* status);
 // Rebuilds an entry's absolute path from its id. Returns 0, or -1 with EBADF, ENAMETOOLONG or EIO.
@@ -436,7 +454,7 @@ int fsck_relink_orphan(flashfs* fs, uint16_t orphan_fileid);
 
 // --- operations of the vector, by the source that holds them ---
 
-// flashfs_file.cpp
+// flashfs_file.cpp, flashfs_write.cpp
 int32_t flashfs_vctr_open(ppc_fsid_t fsid, const char* path, uint32_t oflags, ppc_mode_t mode);
 int32_t flashfs_vctr_read(int32_t fd, void* buffer, uint32_t length);
 int32_t flashfs_vctr_write(int32_t fd, const void* buffer, uint32_t length);
@@ -450,6 +468,7 @@ int32_t flashfs_vctr_remove(ppc_fsid_t fsid, const char* path);
 int32_t flashfs_vctr_rename(ppc_fsid_t fsid, const char* old_path, const char* new_path);
 int32_t flashfs_vctr_mkdir(ppc_fsid_t fsid, const char* path, ppc_mode_t mode);
 int32_t flashfs_vctr_rmdir(ppc_fsid_t fsid, const char* path);
+// flashfs_status.cpp
 int32_t flashfs_vctr_getdents(int32_t fd, void* buffer, uint32_t length);
 int32_t flashfs_vctr_stat(ppc_fsid_t fsid, const char* path, ppc_stat* status);
 int32_t flashfs_vctr_fstat(int32_t fd, ppc_stat* status);

@@ -96,9 +96,17 @@ int flashfs_alloc_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no,
 }
 
 int32_t extend_sctr_list(flashfs* fs, flashfs_sctr_map* file, int32_t size) {
+  return extend_sctr_list_from(fs, file, {}, size);
+}
+
+int32_t extend_sctr_list_from(flashfs* fs, flashfs_sctr_map* file, list_place place, int32_t size) {
   const int64_t needed = (static_cast<int64_t>(size) + sector_data_size - 1) / sector_data_size;
   flashfs_sctr_list_ordered** tail = &file->sctr_list;
   int64_t have = 0;
+  if (place.entry != nullptr) {
+    tail = &place.entry->next;
+    have = int64_t{place.index} + 1;
+  }
   for (; *tail != nullptr; tail = &(*tail)->next) {
     have++;
   }

@@ -43,9 +43,10 @@ constexpr slice_tables slices = make_slices();
 // The register is linear in the bytes: each contributes what it would alone, followed by zeros. The
 // register's own 16 bits act as if they were added to the first two bytes.
 uint32_t shift_step(uint32_t crc, const uint8_t* bytes) {
-  return static_cast<uint32_t>(slices[7][(crc >> 8) ^ bytes[0]] ^ slices[6][(crc & 0xFF) ^ bytes[1]] ^
-                               slices[5][bytes[2]] ^ slices[4][bytes[3]] ^ slices[3][bytes[4]] ^
-                               slices[2][bytes[5]] ^ slices[1][bytes[6]] ^ slices[0][bytes[7]]);
+  return static_cast<uint32_t>(slices[7][(crc >> 8) ^ bytes[0]] ^
+                               slices[6][(crc & 0xFF) ^ bytes[1]] ^ slices[5][bytes[2]] ^
+                               slices[4][bytes[3]] ^ slices[3][bytes[4]] ^ slices[2][bytes[5]] ^
+                               slices[1][bytes[6]] ^ slices[0][bytes[7]]);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // waits for the last user, and the accessors by fsid. Descriptors and the dispatch of operations
 // are elsewhere.
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 #include <new>
 
@@ -14,9 +13,6 @@ ifs_filesystem* ifs_fstab[ifs_max_filesystems];
 namespace {
 
 constexpr uint32_t longest_prefix = ifs_prefix_size - 1;
-
-static_assert(offsetof(ppc_statfs, block_size) == 1 * sizeof(uint32_t));
-static_assert(offsetof(ppc_statfs, free_blocks) == 3 * sizeof(uint32_t));
 
 // As ifs_fsid_get_entry, leaving errno alone.
 ifs_filesystem* find_filesystem(ppc_fsid_t fsid) {
@@ -159,9 +155,9 @@ int32_t ifs_lookup_prefix_internal(const char* name, const ifs_prefix** record, 
       continue;
     }
     for (const ifs_prefix* at = entry->prefixes; at != nullptr; at = at->next) {
-      const bool matches = exact != 0 ? strcmp(name, at->name) == 0
-                                      : at->length >= best_length &&
-                                            begins_with_prefix(name, at, need_colon);
+      const bool matches =
+          exact != 0 ? strcmp(name, at->name) == 0
+                     : at->length >= best_length && begins_with_prefix(name, at, need_colon);
       if (!matches) {
         continue;
       }
@@ -263,8 +259,5 @@ const char* ifs_fsid_get_prefix(ppc_fsid_t fsid) {
 int32_t ifs_get_free_bytes(const char* path) {
   ppc_statfs status{};
   const int32_t result = ifs_statfs(path, &status);
-  if (result < 0) {
-    return result;
-  }
-  return static_cast<int32_t>(status.block_size * status.free_blocks);
+  return result < 0 ? result : ifs_statfs_free_bytes(status);
 }

@@ -1,16 +1,14 @@
 // The switch's file operations: each finds the file system by the path's prefix or by the
 // descriptor and calls its slot of the operations vector. What a slot does is the file system's
 // affair; nothing is printed here.
+#include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <type_traits>
 
 #include "ifs/ifs.h"
 #include "ifs/ifs_tables.h"
 
 namespace {
-
-static_assert(offsetof(ppc_stat, size) == 6 * sizeof(uint32_t));
 
 int32_t fail(int error) {
   errno = error;
@@ -65,6 +63,12 @@ int32_t call_by_descriptor(descriptor_slot<argument_types...> slot, int32_t fd,
     return fail(EINVAL);
   }
   return operation(fd, arguments...);
+}
+
+// The position behind `count` further bytes, never behind `length`, whatever a file system claims
+// to have transferred.
+uint32_t advance(uint32_t done, int32_t count, uint32_t length) {
+  return done + std::min(static_cast<uint32_t>(count), length - done);
 }
 
 ppc_mode_t low_mode_bits(uint32_t mode) {
@@ -198,15 +202,12 @@ int32_t ifs_read_until(int32_t fd, void* buffer, uint32_t length) {
     if (count == 0) {
       break;
     }
-    if (static_cast<uint32_t>(count) >= length - done) {
-      done = length;
-    } else {
-      done += static_cast<uint32_t>(count);
-    }
+    done = advance(done, count, length);
   }
   return static_cast<int32_t>(done);
 }
 
+// A write that takes nothing would be tried for ever, so it is a failure, unlike the end of a file.
 int32_t ifs_write_until(int32_t fd, const void* buffer, uint32_t length) {
   const auto* from = static_cast<const unsigned char*>(buffer);
   uint32_t done = 0;
@@ -215,11 +216,7 @@ int32_t ifs_write_until(int32_t fd, const void* buffer, uint32_t length) {
     if (count < 1) {
       return -1;
     }
-    if (static_cast<uint32_t>(count) >= length - done) {
-      done = length;
-    } else {
-      done += static_cast<uint32_t>(count);
-    }
+    done = advance(done, count, length);
   }
   return static_cast<int32_t>(done);
 }
@@ -234,6 +231,6 @@ int32_t ifs_file_size(const char* path) {
 }
 
 int32_t ifs_fs_free_space(const char* path) {
-  const int32_t free_bytes = ifs_get_free_bytes(path);
-  return free_bytes;
+  ppc_statfs status{};
+  return ifs_statfs(path, &status) < 0 ? 0 : ifs_statfs_free_bytes(status);
 }

@@ -69,26 +69,19 @@ int process_lock_semaphore(watched_semaphore* /*semaphore*/) {
   return 1;
 }
 
-void process_unlock_semaphore(watched_semaphore* /*semaphore*/) {
-}
+void process_unlock_semaphore(watched_semaphore* /*semaphore*/) {}
 
-void process_watch_boolean(watched_boolean* /*cell*/) {
-}
+void process_watch_boolean(watched_boolean* /*cell*/) {}
 
-void process_wait_for_event() {
-}
+void process_wait_for_event() {}
 
-void process_sleep_periodic() {
-}
+void process_sleep_periodic() {}
 
-void process_suspend() {
-}
+void process_suspend() {}
 
-void process_may_suspend() {
-}
+void process_may_suspend() {}
 
-void process_sleep_for(uint32_t /*milliseconds*/) {
-}
+void process_sleep_for(uint32_t /*milliseconds*/) {}
 
 int process_time_exceeded() {
   return 0;

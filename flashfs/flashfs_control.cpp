@@ -1,0 +1,180 @@
+// The control codes - format, verify, check, truncation, names and paths - and the operations
+// vector.
+#include <cerrno>
+#include <cstring>
+
+#include "flashfs/flashfs.h"
+#include "flashfs/flashfs_open.h"
+
+namespace {
+
+constexpr uint32_t ioctl_format = 6;
+constexpr uint32_t ioctl_verify = 7;
+constexpr uint32_t ioctl_format_too = 10;
+constexpr uint32_t ioctl_check = 11;
+constexpr uint32_t ioctl_highest_fileid = 36;
+
+constexpr uint32_t check_quick = 1;
+constexpr uint32_t check_reclaim_all = 2;
+
+constexpr uint32_t fioctl_truncate = 1;
+constexpr uint32_t fioctl_verify = 7;
+constexpr uint32_t fioctl_name = 12;
+constexpr uint32_t fioctl_path_and_size = 15;
+
+int format_block(flashfs* fs, int16_t block_num) {
+  flashfs_blkheader header;
+  if (read_blkheader(fs, block_num, &header) != 0) {
+    return 1;
+  }
+  return blkheader_state(&header) == block_available ? fsck_scrub_block(fs, block_num)
+                                                     : erase_block(fs, block_num, true, false);
+}
+
+// The check, after which a failure leaves nothing in memory. 0, or -1 with EIO.
+int32_t check_or_discard(flashfs* fs, uint32_t flags) {
+  if (flashfs_fsck(fs, flags & check_quick, flags & check_reclaim_all) != 0) {
+    flashfs_clear_maps(fs);
+    return flashfs_fail(EIO);
+  }
+  return 0;
+}
+
+int32_t format(flashfs* fs) {
+  flashfs_clear_maps(fs);
+  for (int16_t b = 0; b < fs->num_blocks; b++) {
+    if (format_block(fs, b) != 0) {
+      return flashfs_fail_down(fs);
+    }
+    process_suspend();
+  }
+  return check_or_discard(fs, 0);
+}
+
+int32_t verify_path(flashfs* fs, const char* path) {
+  const uint16_t fileid =
+      path == nullptr || *path == '\0' ? fileid_root : flashfs_resolve(fs, path);
+  if (fileid == 0) {
+    return -1;
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
+  if (entry == nullptr) {
+    return flashfs_fail_down(fs);
+  }
+  return flashfs_finish(fs, flashfs_verify_entry(fs, entry));
+}
+
+int32_t highest_fileid(const flashfs* fs, uint32_t* fileid) {
+  const flashfs_sctr_map* last = filemap_last(fs);
+  if (last == nullptr) {
+    return flashfs_fail(EINVAL);
+  }
+  *fileid = last->fileid;
+  return 0;
+}
+
+int32_t get_name(flashfs* fs, const flashfs_open_file* open, flashfs_file_name* record) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return -1;
+  }
+  bool failed = false;
+  const auto* reference = filemap_find_slot_in(fs, open->file, buffer, &failed);
+  if (reference == nullptr) {
+    return flashfs_fail_down(fs);
+  }
+  char name[filename_buffer_size];
+  dir_slot_get_name(&buffer->slots[reference->slot_no], name);
+  strcpy(record->name, name);
+  return 0;
+}
+
+int32_t get_path_and_size(flashfs* fs, const flashfs_open_file* open, flashfs_file_info* record) {
+  ppc_stat status;
+  if (flashfs_build_path(fs, open->file->fileid, record->path, sizeof(record->path)) != 0 ||
+      flashfs_status(fs, open->file, &status, nullptr) != 0) {
+    return flashfs_finish(fs, -1);
+  }
+  record->size = status.size;
+  record->reserved = 0;
+  return 0;
+}
+
+}  // namespace
+
+const ifs_operations flashfs_operations = {
+    .read = flashfs_vctr_read,
+    .write = flashfs_vctr_write,
+    .open = flashfs_vctr_open,
+    .close = flashfs_vctr_close,
+    .lseek = flashfs_vctr_lseek,
+    .chmod = flashfs_vctr_chmod,
+    .remove = flashfs_vctr_remove,
+    .rename = flashfs_vctr_rename,
+    .mkdir = flashfs_vctr_mkdir,
+    .rmdir = flashfs_vctr_rmdir,
+    .getdents = flashfs_vctr_getdents,
+    .stat = flashfs_vctr_stat,
+    .fstat = flashfs_vctr_fstat,
+    .istat = flashfs_vctr_istat,
+    .statfs = flashfs_vctr_statfs,
+    .destroy = nullptr,
+    .ioctl = flashfs_vctr_ioctl,
+    .fioctl = flashfs_vctr_fioctl,
+    .open_by_fileid = flashfs_vctr_open_by_fileid,
+};
+
+int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, void* argument) {
+  flashfs* fs = flashfs_of(fsid);
+  if (fs == nullptr) {
+    return -1;
+  }
+  const bool makes_ready =
+      command == ioctl_format || command == ioctl_format_too || command == ioctl_check;
+  const bool needs_argument = command == ioctl_check || command == ioctl_highest_fileid;
+  if ((fs->ready == 0 && !makes_ready) || (needs_argument && argument == nullptr)) {
+    return flashfs_fail(EINVAL);
+  }
+  const flashfs_lock_guard lock(fs);
+  if (makes_ready && !flashfs_is_only_user(fs)) {
+    return flashfs_fail(EBUSY);
+  }
+  switch (command) {
+    case ioctl_format:
+    case ioctl_format_too:
+      return format(fs);
+    case ioctl_check:
+      flashfs_clear_maps(fs);
+      return check_or_discard(fs, *static_cast<const uint32_t*>(argument));
+    case ioctl_verify:
+      return verify_path(fs, path);
+    case ioctl_highest_fileid:
+      return highest_fileid(fs, static_cast<uint32_t*>(argument));
+    default:
+      return flashfs_fail(EINVAL);
+  }
+}
+
+int32_t flashfs_vctr_fioctl(int32_t fd, uint32_t command, void* argument) {
+  const auto [fs, open] = flashfs_of_descriptor(fd);
+  if (fs == nullptr) {
+    return flashfs_fail(EBADF);
+  }
+  if (fs->ready == 0 || flashfs_is_raw(fs, open) ||
+      (argument == nullptr && command != fioctl_verify)) {
+    return flashfs_fail(EINVAL);
+  }
+  const flashfs_lock_guard lock(fs);
+  switch (command) {
+    case fioctl_truncate:
+      return flashfs_truncate_to(fs, open, *static_cast<const uint32_t*>(argument));
+    case fioctl_verify:
+      return flashfs_finish(fs, flashfs_verify_entry(fs, open->file));
+    case fioctl_name:
+      return get_name(fs, open, static_cast<flashfs_file_name*>(argument));
+    case fioctl_path_and_size:
+      return get_path_and_size(fs, open, static_cast<flashfs_file_info*>(argument));
+    default:
+      return flashfs_fail(EINVAL);
+  }
+}

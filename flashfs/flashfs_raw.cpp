@@ -1,0 +1,132 @@
+// The raw device handle: the whole device as one stream of erase blocks, for reading and writing
+// images. While it is open no other operation is served.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "flashfs/flashfs.h"
+#include "flashfs/flashfs_open.h"
+
+namespace {
+
+// What a block has besides its sectors, at most: header and spare bytes.
+constexpr uint32_t raw_buffer_extra = 2088;
+
+std::unique_ptr<uint8_t[]> make_raw_buffer(const flashfs* fs) {
+  const size_t size = size_t{fs->largest_block_size} * sizeof(flashfs_sector) + raw_buffer_extra;
+  std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[size]);
+  if (buffer == nullptr) {
+    errno = ENOMEM;
+  }
+  return buffer;
+}
+
+struct stream_place {
+  int16_t block_num;
+  uint32_t offset;  // in the block
+};
+
+// Where a position of the stream lies; the block is num_blocks past the end.
+stream_place find_stream_place(const flashfs* fs, uint32_t position) {
+  int16_t b = 0;
+  while (b < fs->num_blocks && position >= block_size(fs, b)) {
+    position -= block_size(fs, b);
+    b++;
+  }
+  return {b, position};
+}
+
+}  // namespace
+
+bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open) {
+  return open->file == &fs->raw_file_map;
+}
+
+int flashfs_raw_prepare(flashfs* fs, uint32_t oflags) {
+  if ((oflags & flashfs_opened_for_writing) == 0) {
+    fs->ready = 0;
+    return 0;
+  }
+  flashfs_clear_maps(fs);
+  for (int16_t b = 0; b < fs->num_blocks; b++) {
+    // The image brings its own headers.
+    if (erase_block(fs, b, false, false) != 0) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t length) {
+  if ((open->oflags & ifs_open_read) == 0) {
+    return flashfs_fail(EBADF);
+  }
+  const auto raw = make_raw_buffer(fs);
+  if (raw == nullptr) {
+    return -1;
+  }
+  auto* out = static_cast<uint8_t*>(buffer);
+  uint32_t total = 0;
+  stream_place place = find_stream_place(fs, open->filepos);
+  while (place.block_num < fs->num_blocks && total < length) {
+    process_may_suspend();
+    if (read_block(fs, place.block_num, raw.get()) != 0) {
+      return flashfs_fail_down(fs);
+    }
+    const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
+    memcpy(out + total, raw.get() + place.offset, taken);
+    total += taken;
+    place = {static_cast<int16_t>(place.block_num + 1), 0};
+    if (intr_req() != 0) {
+      return flashfs_fail(EINTR);
+    }
+  }
+  open->filepos += total;
+  return static_cast<int32_t>(total);
+}
+
+int32_t flashfs_raw_write(flashfs* fs, flashfs_open_file* open, const void* buffer,
+                          uint32_t length) {
+  if ((open->oflags & ifs_open_write) == 0) {
+    return flashfs_fail(EBADF);
+  }
+  const auto raw = make_raw_buffer(fs);
+  if (raw == nullptr) {
+    return -1;
+  }
+  const auto* in = static_cast<const uint8_t*>(buffer);
+  uint32_t total = 0;
+  stream_place place = find_stream_place(fs, open->filepos);
+  while (place.block_num < fs->num_blocks && total < length) {
+    process_may_suspend();
+    const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
+    if (read_block(fs, place.block_num, raw.get()) != 0) {
+      return flashfs_fail_down(fs);
+    }
+    memcpy(raw.get() + place.offset, in + total, taken);
+    if (write_block(fs, place.block_num, raw.get()) != 0) {
+      return flashfs_fail_down(fs);
+    }
+    total += taken;
+    open->filepos += taken;
+    place = {static_cast<int16_t>(place.block_num + 1), 0};
+    if (intr_req() != 0) {
+      return flashfs_fail(EINTR);
+    }
+  }
+  return static_cast<int32_t>(total);
+}
+
+int32_t flashfs_raw_finish(flashfs* fs, const flashfs_open_file* open) {
+  if ((open->oflags & flashfs_opened_for_writing) == 0) {
+    fs->ready = 1;
+    return 0;
+  }
+  if (flashfs_fsck(fs, 0, 0) != 0) {
+    flashfs_clear_maps(fs);
+    return flashfs_fail(EIO);
+  }
+  return 0;
+}

@@ -1,0 +1,225 @@
+// The table of descriptors: creation, validity, the controls over a descriptor, and the dump of an
+// entry.
+#include <cstdio>
+#include <string>
+
+#include "tests/ifs/recording_fs.h"
+
+namespace {
+
+using recording_fs::calls;
+using recording_fs::create;
+using recording_fs::state;
+
+constexpr int32_t no_such_descriptors[] = {1, 127, 128, 129, -1, INT32_MAX, INT32_MIN};
+
+class descriptors : public recording_fs::switch_fixture {};
+
+TEST_F(descriptors, creation_fills_the_entry) {
+  int context = 0;
+  ifs_fd_create(0, 0, nullptr);
+  ASSERT_EQ(ifs_fd_create(5, 0x703, &context), 1);
+  const ifs_descriptor* entry = ifs_fd_get_entry(1);
+  ASSERT_NE(entry, nullptr);
+  EXPECT_EQ(entry->fd, 1);
+  EXPECT_EQ(entry->native_fd, 0);
+  EXPECT_EQ(entry->fsid, 5);
+  EXPECT_EQ(entry->filepos, 0);
+  EXPECT_EQ(entry->size, 0);
+  EXPECT_EQ(entry->data, 0);
+  EXPECT_EQ(entry->flags, 0);
+  EXPECT_EQ(entry->oflags, 0x703);
+  EXPECT_EQ(entry->fd_context, &context);
+}
+
+TEST_F(descriptors, there_are_128_and_one_more_is_enfile) {
+  for (int32_t fd = 0; fd < 128; ++fd) {
+    ASSERT_EQ(ifs_fd_create(0, 0, nullptr), fd);
+  }
+  errno = 0;
+  EXPECT_EQ(ifs_fd_create(0, 0, nullptr), -1);
+  EXPECT_EQ(errno, ENFILE);
+  EXPECT_EQ(ifs_fd_is_valid(127), 1);
+}
+
+TEST_F(descriptors, the_129th_open_fails_with_enfile_and_is_not_counted) {
+  const ppc_fsid_t fsid = create("a");
+  for (int32_t fd = 0; fd < 128; ++fd) {
+    ASSERT_EQ(ifs_open("a:f", 0, 0), fd);
+  }
+  EXPECT_EQ(ifs_open("a:f", 0, 0), -1);
+  EXPECT_EQ(errno, ENFILE);
+  EXPECT_EQ(recording_fs::open_count(fsid), 128);
+}
+
+TEST_F(descriptors, the_lowest_free_one_is_reused_first) {
+  create("a");
+  for (int i = 0; i < 6; ++i) {
+    ifs_open("a:f", 0, 0);
+  }
+  ifs_close(4);
+  ifs_close(1);
+  EXPECT_EQ(ifs_open("a:f", 0, 0), 1);
+  EXPECT_EQ(ifs_open("a:f", 0, 0), 4);
+  EXPECT_EQ(ifs_open("a:f", 0, 0), 6);
+}
+
+TEST_F(descriptors, a_destroyed_one_is_gone) {
+  const int32_t fd = ifs_fd_create(0, 0, nullptr);
+  EXPECT_EQ(ifs_fd_destroy(fd), 1);
+  EXPECT_EQ(ifs_fd_get_entry(fd), nullptr);
+  EXPECT_EQ(ifs_fd_destroy(fd), 0);
+  EXPECT_EQ(errno, EBADF);
+}
+
+TEST_F(descriptors, one_that_is_not_there_is_ebadf_for_every_function) {
+  create("a");
+  ASSERT_EQ(ifs_open("a:f", 0, 0), 0);
+  state.calls.clear();
+  for (const int32_t fd : no_such_descriptors) {
+    errno = 0;
+    EXPECT_EQ(ifs_fd_is_valid(fd), 0);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_get_entry(fd), nullptr);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_destroy(fd), 0);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_get_fsid(fd), -1);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_get_size(fd), -1);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_set_size(fd, 1), -1);
+    EXPECT_EQ(errno, EBADF) << fd;
+    errno = 0;
+    EXPECT_EQ(ifs_fd_get_type(fd), -1);
+    EXPECT_EQ(errno, EBADF) << fd;
+  }
+  EXPECT_EQ(state.calls, calls{});
+}
+
+TEST_F(descriptors, a_negative_flags_word_makes_one_fail_with_eio) {
+  const int32_t fd = ifs_fd_create(3, 0, nullptr);
+  ifs_fd_get_entry(fd)->flags = 1;
+  EXPECT_EQ(ifs_fd_is_valid(fd), 1);
+  ifs_fd_get_entry(fd)->flags = -1;
+  errno = 0;
+  EXPECT_EQ(ifs_fd_is_valid(fd), 0);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(ifs_fd_get_entry(fd), nullptr);
+  EXPECT_EQ(ifs_fd_destroy(fd), 0);
+  EXPECT_EQ(ifs_fd_create(3, 0, nullptr), fd + 1);
+}
+
+TEST_F(descriptors, a_failed_one_still_tells_its_file_system) {
+  const int32_t fd = ifs_fd_create(3, 0, nullptr);
+  ifs_fd_get_entry(fd)->flags = -32768;
+  EXPECT_EQ(ifs_fd_get_fsid(fd), 3);
+}
+
+TEST_F(descriptors, the_controls_pass_the_address_of_a_word) {
+  create("a");
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  state.calls.clear();
+  EXPECT_EQ(ifs_fd_set_size(fd, 0x80000001), 0);
+  EXPECT_EQ(state.control_word, 0x80000001u);
+  EXPECT_EQ(ifs_fd_set_type(fd, 22), 0);
+  EXPECT_EQ(state.control_word, 22u);
+  EXPECT_EQ(ifs_fd_set_verbose(fd, 1), 0);
+  EXPECT_EQ(state.control_word, 1u);
+  EXPECT_EQ(state.calls, (calls{"fioctl 0 1", "fioctl 0 2", "fioctl 0 5"}));
+}
+
+TEST_F(descriptors, the_setting_controls_return_the_slots_result) {
+  create("a");
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  state.error = EINVAL;
+  state.results = {-1, -3, 5};
+  EXPECT_EQ(ifs_fd_set_size(fd, 1), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(ifs_fd_set_type(fd, 1), -3);
+  EXPECT_EQ(ifs_fd_set_verbose(fd, 1), 5);
+}
+
+TEST_F(descriptors, the_type_is_the_word_read_back_or_the_negative_result) {
+  create("a");
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  state.calls.clear();
+  state.control_answer = 42;
+  state.results = {1, -2};
+  EXPECT_EQ(ifs_fd_get_type(fd), 42);
+  EXPECT_EQ(ifs_fd_get_type(fd), -2);
+  EXPECT_EQ(state.calls, (calls{"fioctl 0 3", "fioctl 0 3"}));
+}
+
+TEST_F(descriptors, the_size_is_that_of_the_status_record_or_the_negative_result) {
+  create("a");
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  state.calls.clear();
+  state.status.size = 4711;
+  state.error = EIO;
+  state.results = {0, -2};
+  EXPECT_EQ(ifs_fd_get_size(fd), 4711);
+  EXPECT_EQ(ifs_fd_get_size(fd), -2);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(state.calls, (calls{"fstat 0", "fstat 0"}));
+}
+
+TEST_F(descriptors, the_size_of_a_failed_one_is_eio) {
+  create("a");
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  ifs_fd_get_entry(fd)->flags = -1;
+  errno = 0;
+  EXPECT_EQ(ifs_fd_get_size(fd), -1);
+  EXPECT_EQ(errno, EIO);
+}
+
+std::string address_text(const void* pointer) {
+  char text[16];
+  snprintf(text, sizeof(text), "0x%x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+  return text;
+}
+
+std::string dump_of(const ifs_descriptor& entry) {
+  testing::internal::CaptureStdout();
+  zantrolume_display_fdent(&entry);
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST_F(descriptors, the_dump_prints_every_field_in_hexadecimal) {
+  int context = 0;
+  const ifs_descriptor entry = {18, 2, 3, 0x1000, 0x7FFFFFFF, 11, 0, 0x703, &context};
+  EXPECT_EQ(dump_of(entry), "fdent at " + address_text(&entry) +
+                                "\n"
+                                "fd         = 0x12\n"
+                                "native_fd  = 0x2\n"
+                                "fsid       = 0x3\n"
+                                "filepos    = 0x1000\n"
+                                "size       = 0x7fffffff\n"
+                                "data       = 0xb\n"
+                                "flags      = 0x0\n"
+                                "oflags     = 0x703\n"
+                                "fd_context = " +
+                                address_text(&context) + "\n");
+}
+
+TEST_F(descriptors, the_dump_widens_negative_fields_to_32_bits) {
+  const ifs_descriptor entry = {-1, -1, -1, -2, -3, -4, -32768, -1, nullptr};
+  EXPECT_EQ(dump_of(entry), "fdent at " + address_text(&entry) +
+                                "\n"
+                                "fd         = 0xffffffff\n"
+                                "native_fd  = 0xffffffff\n"
+                                "fsid       = 0xffffffff\n"
+                                "filepos    = 0xfffffffe\n"
+                                "size       = 0xfffffffd\n"
+                                "data       = 0xfffffffc\n"
+                                "flags      = 0xffff8000\n"
+                                "oflags     = 0xffffffff\n"
+                                "fd_context = 0x0\n");
+}
+
+}  // namespace
