@@ -116,9 +116,7 @@ flashfs_sctr_map* open_named_file(flashfs* fs, const char* path, uint32_t oflags
   }
   file = flashfs_create_entry(fs, path, (mode & ppc_mode_permissions) | uint32_t{ppc_mode_regular});
   if (file == nullptr) {
-    if (errno == EIO) {
-      flashfs_mark_down(fs);
-    }
+    flashfs_finish(fs, -1);
     return nullptr;
   }
   *created = true;
@@ -161,6 +159,9 @@ int32_t open_raw_device(flashfs* fs, uint32_t oflags) {
 int32_t read_from_sector(flashfs* fs, const flashfs_sctr_list_ordered* entry, uint32_t offset,
                          uint32_t wanted, flashfs_sector* buffer, uint8_t* out) {
   process_may_suspend();
+  if (entry->slot_no == slot_of_reserved_sector) {
+    return 0;  // left behind by a write that was interrupted: it holds nothing yet
+  }
   if (read_sector(fs, entry->sctr_ptr, buffer, whole_sector) != 0 ||
       sector_crc(buffer) != flashfs_good_crc) {
     return -1;
@@ -222,6 +223,13 @@ int32_t flashfs_fail(int error) {
 int32_t flashfs_fail_down(flashfs* fs) {
   flashfs_mark_down(fs);
   return flashfs_fail(EIO);
+}
+
+int32_t flashfs_pass_down(flashfs* fs, int32_t result) {
+  const int error = errno;
+  flashfs_mark_down(fs);
+  errno = error;
+  return result;
 }
 
 flashfs* flashfs_of(ppc_fsid_t fsid) {
@@ -312,8 +320,7 @@ int32_t flashfs_vctr_lseek(int32_t fd, int32_t offset, int32_t whence) {
   } else if (whence == ifs_seek_end) {
     ppc_stat status;
     if (flashfs_status(fs, open->file, &status, &open->place) != 0) {
-      flashfs_mark_down(fs);
-      return -1;
+      return flashfs_pass_down(fs, -1);
     }
     start = status.size;
   } else if (whence != ifs_seek_set) {
@@ -343,10 +350,7 @@ int32_t flashfs_vctr_open_by_fileid(ppc_fsid_t fsid, uint32_t /*ignored*/, uint3
       return flashfs_fail(EBADF);
     }
     if (flashfs_build_path(fs, static_cast<uint16_t>(fileid), path, sizeof(path)) != 0) {
-      if (errno == EIO) {
-        flashfs_mark_down(fs);
-      }
-      return -1;
+      return flashfs_finish(fs, -1);
     }
   }
   return flashfs_vctr_open(fsid, path, oflags, mode);

@@ -13,6 +13,8 @@ constexpr const char* flashfs_raw_name = "...";
 // Set errno and return -1; flashfs_fail_down also marks the file system down, with EIO.
 int32_t flashfs_fail(int error);
 int32_t flashfs_fail_down(flashfs* fs);
+// Marks down whatever errno is and passes a step's result on.
+int32_t flashfs_pass_down(flashfs* fs, int32_t result);
 // Marks down when errno is EIO and passes a step's negative result on.
 int32_t flashfs_finish(flashfs* fs, int32_t result);
 

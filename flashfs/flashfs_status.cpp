@@ -30,7 +30,9 @@ int regular_size(flashfs* fs, const flashfs_sctr_map* file, list_place* near, ui
   while (last.entry->next != nullptr) {
     last = {last.index + 1, last.entry->next};
   }
-  if (near != nullptr) {
+  // A remembered place never passes sectors that an interrupted write has left reserved: the next
+  // write must meet them.
+  if (near != nullptr && last.entry->slot_no != slot_of_reserved_sector) {
     *near = last;
   }
   flashfs_sector sector;
@@ -75,6 +77,19 @@ int32_t prepend_name(const flashfs_dir_slot* slot, char* path, size_t* start) {
   memcpy(path + *start, name, length);
   path[--*start] = '/';
   return 0;
+}
+
+// Whether the parents of a file lead to the root. Damaged parents can form a loop: no path has more
+// components than there are files.
+bool leads_to_root(const flashfs* fs, uint16_t fileid) {
+  for (uint32_t steps = 0; fileid != fileid_root; steps++) {
+    const flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
+    if (entry == nullptr || steps > fs->num_files) {
+      return false;
+    }
+    fileid = entry->parent_fileid;
+  }
+  return true;
 }
 
 int32_t refuse_getdents(const flashfs* fs, const flashfs_open_file* open, uint32_t wanted) {
@@ -216,18 +231,17 @@ int32_t flashfs_build_path(flashfs* fs, uint16_t fileid, char* path, size_t path
     snprintf(path, path_size, "/");
     return 0;
   }
+  if (!leads_to_root(fs, fileid)) {
+    return flashfs_fail(EBADF);
+  }
   sector_buffer buffer(fs);
   if (!buffer) {
     return -1;
   }
   size_t start = path_size - 1;
   path[start] = '\0';
-  // Damaged parents can form a loop: no path has more components than there are files.
-  for (uint32_t steps = 0; fileid != fileid_root; steps++) {
+  while (fileid != fileid_root) {
     const flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-    if (entry == nullptr || steps > fs->num_files) {
-      return flashfs_fail(EBADF);
-    }
     bool failed = false;
     const flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer, &failed);
     if (reference == nullptr) {
@@ -248,7 +262,7 @@ int32_t flashfs_vctr_getdents(int32_t fd, void* buffer, uint32_t length) {
     return flashfs_fail(EBADF);
   }
   const flashfs_lock_guard lock(fs);
-  const uint32_t wanted = length / sizeof(ppc_dirent);
+  const auto wanted = static_cast<uint32_t>(length / sizeof(ppc_dirent));
   const int32_t refusal = refuse_getdents(fs, open, wanted);
   if (refusal != 0) {
     return flashfs_fail(refusal);
@@ -307,7 +321,7 @@ int32_t flashfs_vctr_istat(ppc_fsid_t fsid, const char* path, uint32_t fileid, p
   flashfs_sctr_map* entry =
       fileid > fileid_last ? nullptr : filemap_lookup(fs, static_cast<uint16_t>(fileid));
   if (entry == nullptr) {
-    return flashfs_fail_down(fs);
+    return flashfs_fail(EIO);  // the caller's mistake, not the flash's
   }
   return flashfs_finish(fs, flashfs_status(fs, entry, status, nullptr));
 }

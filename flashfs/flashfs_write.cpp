@@ -133,18 +133,19 @@ int32_t write_file(flashfs* fs, flashfs_open_file* open, const void* data, uint3
   if (!buffer) {
     return -1;
   }
+  uint32_t start = open->filepos;
   if ((open->oflags & ifs_open_append) != 0) {
     ppc_stat status;
     if (flashfs_status(fs, open->file, &status, &open->place) != 0) {
-      flashfs_mark_down(fs);
-      return -1;
+      return flashfs_pass_down(fs, -1);
     }
-    open->filepos = status.size;
+    start = status.size;
   }
-  const uint64_t end = uint64_t{open->filepos} + length;
+  const uint64_t end = uint64_t{start} + length;
   if (end > INT32_MAX) {
     return flashfs_fail(EINVAL);
   }
+  open->filepos = start;
   const int32_t reach =
       extend_sctr_list_from(fs, open->file, open->place, static_cast<int32_t>(end));
   if (reach < 0) {

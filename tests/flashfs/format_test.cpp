@@ -209,10 +209,10 @@ TEST(format_header, setting_the_state_keeps_the_high_nibble_and_all_other_bytes)
 
 TEST(format_header, every_state_has_its_printed_form) {
   const char* const texts[16] = {
-      "in_use[0x0]",    "invalid2[0x1]", "unknown[0x2]", "committed[0x3]",
-      "unknown[0x4]",   "unknown[0x5]",  "unknown[0x6]", "invalid1[0x7]",
-      "unknown[0x8]",   "unknown[0x9]",  "unknown[0xa]", "unknown[0xb]",
-      "unknown[0xc]",   "unknown[0xd]",  "unknown[0xe]", "available[0xf]",
+      "in_use[0x0]",  "invalid2[0x1]", "unknown[0x2]", "committed[0x3]",
+      "unknown[0x4]", "unknown[0x5]",  "unknown[0x6]", "invalid1[0x7]",
+      "unknown[0x8]", "unknown[0x9]",  "unknown[0xa]", "unknown[0xb]",
+      "unknown[0xc]", "unknown[0xd]",  "unknown[0xe]", "available[0xf]",
   };
   for (uint32_t state = 0; state < 16; state++) {
     EXPECT_STREQ(block_state_text(state), texts[state]);

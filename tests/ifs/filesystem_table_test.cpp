@@ -13,6 +13,8 @@ using recording_fs::open_count;
 using recording_fs::operations_with_destroy;
 using recording_fs::state;
 
+constexpr ppc_fsid_t invalid_fsids[] = {1, 15, 16, 17, -1, 32767, -32768};
+
 class filesystem_table : public recording_fs::switch_fixture {};
 
 TEST_F(filesystem_table, creation_stores_what_it_is_given) {
@@ -51,7 +53,7 @@ TEST_F(filesystem_table, the_flags_word_can_be_replaced) {
 
 TEST_F(filesystem_table, an_invalid_fsid_gives_nothing_and_ebadf) {
   create("a");
-  for (const ppc_fsid_t fsid : {1, 15, 16, 17, -1, 32767, -32768}) {
+  for (const ppc_fsid_t fsid : invalid_fsids) {
     errno = 0;
     EXPECT_EQ(ifs_fsid_is_valid(fsid), 0) << fsid;
     EXPECT_EQ(errno, EBADF) << fsid;

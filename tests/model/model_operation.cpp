@@ -16,13 +16,13 @@ struct kind_form {
 };
 
 constexpr kind_form forms[step_kinds] = {
-    {"open", "hpab"},    {"open_by_id", "hab"}, {"close", "h"},      {"read", "ha"},
-    {"write", "hab"},    {"seek", "hab"},       {"truncate", "ha"},  {"getdents", "ha"},
-    {"fstat", "h"},      {"fverify", "h"},      {"file_name", "h"},  {"file_info", "h"},
-    {"file_control", "ha"}, {"chmod", "pa"},    {"remove", "p"},     {"rename", "pq"},
-    {"mkdir", "pa"},     {"rmdir", "p"},        {"stat", "p"},       {"istat", "pa"},
-    {"statfs", "p"},     {"verify", "p"},       {"highest_id", "p"}, {"path_control", "pa"},
-    {"format", "a"},     {"check", "a"},        {"remount", "a"},    {"raw_copy", "a"},
+    {"open", "hpab"},       {"open_by_id", "hab"}, {"close", "h"},      {"read", "ha"},
+    {"write", "hab"},       {"seek", "hab"},       {"truncate", "ha"},  {"getdents", "ha"},
+    {"fstat", "h"},         {"fverify", "h"},      {"file_name", "h"},  {"file_info", "h"},
+    {"file_control", "ha"}, {"chmod", "pa"},       {"remove", "p"},     {"rename", "pq"},
+    {"mkdir", "pa"},        {"rmdir", "p"},        {"stat", "p"},       {"istat", "pa"},
+    {"statfs", "p"},        {"verify", "p"},       {"highest_id", "p"}, {"path_control", "pa"},
+    {"format", "a"},        {"check", "a"},        {"remount", "a"},    {"raw_copy", "a"},
     {"advance_clock", "a"}, {"compare", ""},
 };
 

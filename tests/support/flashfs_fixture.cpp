@@ -79,10 +79,14 @@ void free_flashfs(flashfs* fs) {
 }
 
 flashfs_fixture::flashfs_fixture() {
+  chassis_.clock_hold(fixture_time);
+  sim::install_chassis(&chassis_);
   ifs_init();
 }
 
 flashfs_fixture::~flashfs_fixture() {
+  // A test may have installed one of its own, which is gone by now; closing files reads the clock.
+  sim::install_chassis(&chassis_);
   output_capture dropped;
   free_flashfs(fs_);
 }

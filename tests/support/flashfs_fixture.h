@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "flashfs/flashfs.h"
+#include "sim/sim_chassis.h"
 #include "tests/support/ram_flash.h"
 
 namespace test_support {
@@ -43,6 +44,8 @@ std::string output_of(callable&& call) {
 // Gives back all memory of a registered file system, closing what is still open on it, and takes it
 // out of the switch. Null is ignored.
 void free_flashfs(flashfs* fs);
+
+constexpr int64_t fixture_time = 1800000000;  // seconds since the epoch
 
 class flashfs_fixture : public testing::Test {
  protected:
@@ -91,6 +94,7 @@ class flashfs_fixture : public testing::Test {
   bool expect_no_buffers_out_ = true;
 
  private:
+  sim::chassis chassis_;
   flashfs* fs_ = nullptr;
   sim::power supply_;
   std::vector<std::unique_ptr<ram_flash>> devices_;

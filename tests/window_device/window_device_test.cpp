@@ -1,14 +1,16 @@
-// The window over a device node, with /dev/zero standing in for the device: shared memory that
-// begins as zeros, so it is a window in which every complex is in reset and no flash ever ready.
+// The window over a device node. A sparse file stands in for the device: it begins as zeros, so it
+// is a window in which every complex is in reset and no flash is ever ready.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <ctime>
+#include <fstream>
+#include <string>
 
+#include "tests/support/run_program.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_window.h"
 
@@ -20,7 +22,10 @@ constexpr off_t first_node_offset = 0x10150000;
 class window_device_stand_in : public testing::Test {
  protected:
   void SetUp() override {
-    fd = zantrolume_open_vexmor_device("/dev/zero");
+    const std::string path = folder.file("node");
+    std::ofstream(path).close();
+    ASSERT_EQ(truncate(path.c_str(), first_node_offset + static_cast<off_t>(cpld_window_size)), 0);
+    fd = zantrolume_open_vexmor_device(path.c_str());
     ASSERT_GE(fd, 0);
     base = window_map(fd, cpld_window_size, first_node_offset);
     ASSERT_NE(base, MAP_FAILED);
@@ -36,11 +41,16 @@ class window_device_stand_in : public testing::Test {
     vexmor_mapped_ptr = nullptr;
   }
 
-  // The bytes of the window as plain memory, the view of whatever else shares it.
-  unsigned char* bytes() const {
-    return const_cast<unsigned char*>(static_cast<volatile unsigned char*>(base));
+  // What the device itself holds at an offset of the window, in the host's order.
+  template <typename value>
+  value device_value(uint32_t offset) const {
+    value result = 0;
+    EXPECT_EQ(pread(fd, &result, sizeof(result), first_node_offset + static_cast<off_t>(offset)),
+              static_cast<ssize_t>(sizeof(result)));
+    return result;
   }
 
+  test_support::temporary_folder folder;
   int fd = -1;
   window_base base = nullptr;
 };
@@ -68,18 +78,14 @@ TEST(window_device, the_clock_is_the_wall_clock) {
 
 TEST_F(window_device_stand_in, a_store_is_one_register_of_its_width_in_host_order) {
   window_store32(base, cpld_flash_page, 0x01020304U);
-  uint32_t page = 0;
-  std::memcpy(&page, bytes() + cpld_flash_page, sizeof(page));
-  EXPECT_EQ(page, 0x01020304U);
+  EXPECT_EQ(device_value<uint32_t>(cpld_flash_page), 0x01020304U);
+  EXPECT_EQ(device_value<uint32_t>(cpld_flash_page + 4), 0U);
   EXPECT_EQ(window_load32(base, cpld_flash_page), 0x01020304U);
-  EXPECT_EQ(window_load32(base, cpld_flash_page + 4), 0U);
 
   window_store16(base, cpld_data_window, 0xABCD);
-  uint16_t word = 0;
-  std::memcpy(&word, bytes() + cpld_data_window, sizeof(word));
-  EXPECT_EQ(word, 0xABCD);
+  EXPECT_EQ(device_value<uint16_t>(cpld_data_window), 0xABCD);
+  EXPECT_EQ(device_value<uint16_t>(cpld_data_window + 2), 0);
   EXPECT_EQ(window_load16(base, cpld_data_window), 0xABCD);
-  EXPECT_EQ(window_load16(base, cpld_data_window + 2), 0);
 }
 
 TEST_F(window_device_stand_in, the_reset_test_reads_the_run_state_register) {

@@ -1,9 +1,11 @@
 // The raw dumps, the sizes of types and the printers of lists.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"

@@ -1,0 +1,297 @@
+// The operations whose power cuts are tried: each with the flash it begins on, what it touches, and
+// what the order of its writes is known to leave.
+#include <cstring>
+
+#include "reliability/power_cuts.h"
+#include "tests/support/image_builder.h"
+
+namespace reliability {
+
+namespace {
+
+using test_support::image_builder;
+using test_support::ram_block;
+
+constexpr uint32_t ioctl_format = 6;
+
+std::vector<ram_block> equal_blocks(size_t count, uint32_t sectors) {
+  return test_support::ram_blocks(count, block_of_sectors(sectors));
+}
+
+// The flash that most operations begin on: some files, two directories, free space.
+void prepare_files(rig& flash) {
+  flash.mount(quick_check);
+  flash.make_file("keep", pattern(5000, 1));
+  flash.make_file("file", pattern(5000, 2));
+  ifs_mkdir("bootflash:d", 0);
+  flash.make_file("d/inner", pattern(3000, 3));
+  ifs_mkdir("bootflash:e", 0);
+}
+
+// Fills the rest of the device with one file's sectors and makes most of it obsolete again, so that
+// the next allocation must collect garbage.
+void prepare_full(rig& flash) {
+  prepare_files(flash);
+  flash.make_file("filler", pattern(200000, 4));
+  flash.truncate("filler", 2048 * 3);
+}
+
+// Only deleted slots are left to collect: no sector is free or obsolete.
+void prepare_deleted_slots(rig& flash) {
+  prepare_files(flash);
+  for (int i = 0; i < 40; i++) {
+    ifs_mkdir(("bootflash:d/m" + std::to_string(i)).c_str(), 0);
+  }
+  flash.make_file("filler", pattern(200000, 4));
+  for (int i = 0; i < 40; i++) {
+    ifs_rmdir(("bootflash:d/m" + std::to_string(i)).c_str());
+  }
+}
+
+void overwrite_file_byte(rig& flash) {
+  flash.write("file", "XY", ifs_open_write, 3000);
+}
+
+operation on_files(const char* name, const std::set<std::string>& touched,
+                   std::function<void(rig&)> act) {
+  operation made;
+  made.name = name;
+  made.blocks = equal_blocks(6, 6);
+  made.prepare = prepare_files;
+  made.act = std::move(act);
+  made.touched = touched;
+  return made;
+}
+
+// A check of a damaged flash; the damage is done to the flash that prepare_files leaves.
+operation repair(const char* name, const std::set<std::string>& touched,
+                 std::function<void(rig&, image_builder&)> damage,
+                 uint32_t check_flags = full_check) {
+  operation made;
+  made.name = name;
+  made.blocks = equal_blocks(6, 6);
+  made.prepare = prepare_files;
+  made.damage = [damage = std::move(damage)](rig& flash) {
+    image_builder image(flash.device());
+    damage(flash, image);
+  };
+  made.act = [check_flags](rig& flash) { flash.check(check_flags); };
+  made.touched = touched;
+  return made;
+}
+
+// The first sector of the flash that belongs to the file id; {-1, 0} when there is none.
+flashfs_sctr_ptr find_sector(image_builder& image, uint16_t fileid, uint16_t seq_no) {
+  for (int b = 0; b < image.block_count(); b++) {
+    for (int s = 0; s < image.sector_count(b); s++) {
+      const auto* sector = reinterpret_cast<const flashfs_sector*>(image.sector_at(b, s));
+      if (sector->fileid == fileid && sector->seq_no == seq_no) {
+        return {static_cast<int16_t>(b), static_cast<uint16_t>(s)};
+      }
+    }
+  }
+  return {no_block, 0};
+}
+
+// The first erased sector of a block in use, or a sector of a given owner.
+flashfs_sctr_ptr find_erased_sector(image_builder& image) {
+  for (int b = 0; b < image.block_count(); b++) {
+    const auto* header = reinterpret_cast<const flashfs_blkheader*>(image.header_at(b));
+    for (int s = 0; blkheader_state(header) == block_in_use && s < image.sector_count(b); s++) {
+      if (is_erased(image.sector_at(b, s), sizeof(flashfs_sector))) {
+        return {static_cast<int16_t>(b), static_cast<uint16_t>(s)};
+      }
+    }
+  }
+  return {no_block, 0};
+}
+
+int find_block(image_builder& image, block_state state, int after = -1) {
+  for (int b = after + 1; b < image.block_count(); b++) {
+    if (blkheader_state(reinterpret_cast<const flashfs_blkheader*>(image.header_at(b))) == state) {
+      return b;
+    }
+  }
+  return -1;
+}
+
+void set_state(image_builder& image, int block, block_state state) {
+  blkheader_set_state(reinterpret_cast<flashfs_blkheader*>(image.header_at(block)), state);
+}
+
+constexpr uint16_t fileid_file = 3;
+
+flashfs_dir_slot* find_slot(image_builder& image, uint16_t entry_fileid) {
+  for (int b = 0; b < image.block_count(); b++) {
+    for (int s = 0; s < image.sector_count(b); s++) {
+      auto* sector = reinterpret_cast<flashfs_sector*>(image.sector_at(b, s));
+      for (flashfs_dir_slot& slot : sector->slots) {
+        if (sector->fileid == fileid_root && slot.dir_fileid != fileid_invalidated &&
+            slot.dir_fileid != fileid_available && slot.entry_fileid == entry_fileid) {
+          return &slot;
+        }
+      }
+    }
+  }
+  return nullptr;
+}
+
+void add_file_operations(std::vector<operation>* all) {
+  all->push_back(on_files("create", {"new"}, [](rig& flash) { flash.make_file("new", ""); }));
+  all->push_back(on_files("create with content", {"new"},
+                          [](rig& flash) { flash.make_file("new", pattern(5000, 9)); }));
+  all->push_back(on_files("append", {"file"}, [](rig& flash) {
+    flash.write("file", pattern(3000, 9), ifs_open_write | ifs_open_append);
+  }));
+  all->push_back(on_files("overwrite in the middle", {"file"}, overwrite_file_byte));
+  all->push_back(on_files("extend over a hole", {"file"},
+                          [](rig& flash) { flash.write("file", "tail", ifs_open_write, 11000); }));
+  all->push_back(
+      on_files("truncate to nothing", {"file"}, [](rig& flash) { flash.truncate("file", 0); }));
+  all->push_back(
+      on_files("truncate to a length", {"file"}, [](rig& flash) { flash.truncate("file", 2500); }));
+  all->push_back(on_files("truncate at open", {"file"}, [](rig& flash) {
+    flash.write("file", "", ifs_open_write | ifs_open_truncate);
+  }));
+}
+
+void add_name_operations(std::vector<operation>* all) {
+  all->push_back(on_files("rename in place", {"file", "renamed"},
+                          [](rig&) { ifs_rename("bootflash:file", "bootflash:renamed"); }));
+  all->push_back(on_files("move across directories", {"file", "d/moved"},
+                          [](rig&) { ifs_rename("bootflash:file", "bootflash:d/moved"); }));
+  all->push_back(on_files("mkdir", {"made"}, [](rig&) { ifs_mkdir("bootflash:made", 0); }));
+  all->push_back(on_files("rmdir", {"e"}, [](rig&) { ifs_rmdir("bootflash:e"); }));
+  all->push_back(on_files("remove", {"file"}, [](rig&) { ifs_remove("bootflash:file"); }));
+  all->push_back(on_files("chmod", {"file"}, [](rig&) { ifs_chmod("bootflash:file", 0x1FF); }));
+  all->push_back(on_files("date update", {"file"}, [](rig& flash) {
+    flashfs_touch(flash.fs(), filemap_lookup(flash.fs(), fileid_file), 1234567890);
+  }));
+}
+
+void add_space_operations(std::vector<operation>* all) {
+  operation service = on_files("block into service", {"new"},
+                               [](rig& flash) { flash.make_file("new", pattern(2048 * 8, 9)); });
+  all->push_back(service);
+
+  operation reclaim = on_files("reclaim a full-size block", {"file"}, overwrite_file_byte);
+  reclaim.prepare = prepare_full;
+  all->push_back(reclaim);
+
+  operation smaller = reclaim;
+  smaller.name = "reclaim a smaller block";
+  smaller.blocks = equal_blocks(1, 8);
+  for (int i = 0; i < 5; i++) {
+    smaller.blocks.push_back({block_of_sectors(6), false});
+  }
+  all->push_back(smaller);
+
+  operation compaction = on_files("slot compaction", {"new"}, [](rig& flash) {
+    flashfs_sctr_ptr pointer;
+    flashfs_alloc_sector(flash.fs(), &pointer, 0);
+  });
+  compaction.prepare = prepare_deleted_slots;
+  all->push_back(compaction);
+}
+
+void add_whole_device_operations(std::vector<operation>* all) {
+  operation format = on_files("format", {"keep", "file", "d", "e"}, [](rig&) {
+    uint32_t argument = 0;
+    ifs_ioctl("bootflash:", ioctl_format, &argument);
+  });
+  all->push_back(format);
+  all->push_back(on_files("check, quick", {}, [](rig& flash) { flash.check(quick_check); }));
+  all->push_back(on_files("check, full", {}, [](rig& flash) { flash.check(full_check); }));
+  all->push_back(on_files("check, reclaiming all", {},
+                          [](rig& flash) { flash.check(full_check | reclaiming_check); }));
+  all->push_back(on_files("check, quick, reclaiming all", {},
+                          [](rig& flash) { flash.check(quick_check | reclaiming_check); }));
+}
+
+void add_header_repairs(std::vector<operation>* all) {
+  all->push_back(repair("repair: bad block number", {}, [](rig&, image_builder& image) {
+    image.header(find_block(image, block_available), {.block_num = 77});
+  }));
+  all->push_back(repair("repair: bad header checksum", {}, [](rig&, image_builder& image) {
+    image.header(find_block(image, block_available), {.good_checksum = false});
+  }));
+  all->push_back(repair("repair: block caught as invalid1", {}, [](rig&, image_builder& image) {
+    set_state(image, find_block(image, block_available), block_invalid1);
+  }));
+  all->push_back(repair("repair: block caught as invalid2", {}, [](rig&, image_builder& image) {
+    set_state(image, find_block(image, block_available), block_invalid2);
+  }));
+  all->push_back(repair("repair: block caught as committed", {}, [](rig&, image_builder& image) {
+    image_builder& spare = image;
+    set_state(spare, find_block(image, block_available), block_committed);
+  }));
+  all->push_back(repair("repair: unknown block state", {}, [](rig&, image_builder& image) {
+    image.header(find_block(image, block_available), {.state = 2});
+  }));
+  all->push_back(repair("repair: spare not erased", {}, [](rig&, image_builder& image) {
+    image.sector_at(find_block(image, block_available), 1)[100] = 0;
+  }));
+}
+
+void add_record_repairs(std::vector<operation>* all) {
+  all->push_back(repair("repair: bad data checksum", {"file"}, [](rig&, image_builder& image) {
+    const flashfs_sctr_ptr at = find_sector(image, fileid_file, 1);
+    image.sector_at(at.block_num, at.sctr_num)[50] ^= 1;
+  }));
+  all->push_back(repair("repair: gap in a file", {"file"}, [](rig&, image_builder& image) {
+    const flashfs_sctr_ptr at = find_sector(image, fileid_file, 1);
+    memset(image.sector_at(at.block_num, at.sctr_num), 0, sizeof(be16));
+  }));
+  all->push_back(
+      repair("repair: bad slot checksum", {"file", "lost+found"},
+             [](rig&, image_builder& image) { find_slot(image, fileid_file)->name[0] ^= 1; }));
+  all->push_back(repair("repair: dirty available sector", {}, [](rig&, image_builder& image) {
+    const flashfs_sctr_ptr at = find_erased_sector(image);
+    image.sector_at(at.block_num, at.sctr_num)[900] = 0x7F;
+  }));
+  all->push_back(repair("repair: dirty available slot", {}, [](rig&, image_builder& image) {
+    const flashfs_sctr_ptr at = find_sector(image, fileid_root, 0xFFFF);
+    auto* sector = reinterpret_cast<flashfs_sector*>(image.sector_at(at.block_num, at.sctr_num));
+    for (flashfs_dir_slot& slot : sector->slots) {
+      if (is_erased(&slot, sizeof(slot))) {
+        slot.name[5] = 0;
+        break;
+      }
+    }
+  }));
+  all->push_back(repair("repair: two copies of a sector", {"file"}, [](rig&, image_builder& image) {
+    const flashfs_sctr_ptr at = find_sector(image, fileid_file, 1);
+    const flashfs_sctr_ptr copy = find_erased_sector(image);
+    memcpy(image.sector_at(copy.block_num, copy.sctr_num),
+           image.sector_at(at.block_num, at.sctr_num), sizeof(flashfs_sector));
+  }));
+  all->push_back(repair("repair: two copies of a slot", {"file"}, [](rig&, image_builder& image) {
+    const flashfs_dir_slot copy = *find_slot(image, fileid_file);
+    const flashfs_sctr_ptr at = find_sector(image, fileid_root, 0xFFFF);
+    auto* sector = reinterpret_cast<flashfs_sector*>(image.sector_at(at.block_num, at.sctr_num));
+    for (flashfs_dir_slot& slot : sector->slots) {
+      if (is_erased(&slot, sizeof(slot))) {
+        slot = copy;
+        break;
+      }
+    }
+  }));
+  all->push_back(repair("relink an orphan", {"file", "lost+found"}, [](rig&, image_builder& image) {
+    memset(&find_slot(image, fileid_file)->dir_fileid, 0, sizeof(be16));
+  }));
+}
+
+}  // namespace
+
+std::vector<operation> power_cut_operations() {
+  std::vector<operation> all;
+  add_file_operations(&all);
+  add_name_operations(&all);
+  add_space_operations(&all);
+  add_whole_device_operations(&all);
+  add_header_repairs(&all);
+  add_record_repairs(&all);
+  return all;
+}
+
+}  // namespace reliability

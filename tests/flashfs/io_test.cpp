@@ -1,0 +1,760 @@
+// Block and sector input/output: what reaches the driver, what is printed, what ends the program.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "flashfs/flashfs.h"
+#include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/image_builder.h"
+
+using namespace test_support;
+
+namespace {
+
+constexpr int64_t now = 0x61626364;
+constexpr uint32_t block_bytes = 0x20000;
+const std::string log_start = "flashfs[0]: ";
+
+class block_io : public flashfs_fixture {
+ protected:
+  void make(const std::vector<ram_block>& blocks) {
+    make_flash(blocks);
+    ASSERT_EQ(initialize(), 0);
+    device().clear_counts();
+  }
+  void SetUp() override {
+    make(ram_blocks(4, block_bytes));
+    std::memset(&sector_, 0x11, sizeof sector_);
+    std::memset(&header_, 0x11, sizeof header_);
+  }
+  // Every driver call says so: a call that a range check should have stopped shows up.
+  void announce_driver_calls() {
+    fs()->fdi[0].read = [](const void*, uint32_t, uint32_t, void*) {
+      std::printf("READ");
+      return flash_ok;
+    };
+    fs()->fdi[0].write = [](const void*, uint32_t, uint32_t, const void*) {
+      std::printf("WRITE");
+      return flash_ok;
+    };
+    fs()->fdi[0].erase = [](const void*, uint32_t) {
+      std::printf("ERASE");
+      return flash_ok;
+    };
+  }
+  flashfs_block& block(size_t number) {
+    return fs()->flashfs_blocks[number];
+  }
+  std::string at(int number, uint32_t offset) {
+    return "flash handle " + handle_text(device(static_cast<size_t>(number))) + ", device " +
+           std::to_string(number) + ", offset " + hex(offset);
+  }
+  held_clock clock_{now};
+  flashfs_sector sector_;
+  flashfs_blkheader header_;
+};
+
+class block_erase : public block_io {
+ protected:
+  // Small blocks of two sectors, so that whole tests are quick.
+  void SetUp() override {
+    block_io::SetUp();
+    make(ram_blocks(3, 4200));
+  }
+};
+
+std::string bytes_at(const uint8_t* bytes, size_t count) {
+  return {bytes, bytes + count};
+}
+
+}  // namespace
+
+// --- texts, buffers, geometry ---
+
+TEST(flash_return_code_text, every_code_has_its_text) {
+  const char* const texts[] = {
+      "[OK]",
+      "Not Found",
+      "No Resources",
+      "Operation Failed",
+      "Illegal Operation -- setting bit(s) with write operation",
+      "Read Verify Failed",
+      "Busy",
+      "Poll Timeout",
+  };
+  for (uint32_t code = 0; code < 8; code++) {
+    EXPECT_STREQ(flash_return_code_text(code), texts[code]);
+  }
+}
+
+TEST(flash_return_code_text, an_unknown_code_leaves_the_text_of_the_call_before) {
+  const char* text = flash_return_code_text(4);
+  for (const uint32_t code : {8U, 9U, 255U, 0x80000000U, 0xFFFFFFFFU}) {
+    EXPECT_EQ(flash_return_code_text(code), text) << "one buffer";
+    EXPECT_STREQ(text, "Illegal Operation -- setting bit(s) with write operation");
+  }
+  flash_return_code_text(6);
+  EXPECT_STREQ(flash_return_code_text(8), "Busy");
+}
+
+TEST_F(block_io, sector_buffers_are_counted_while_they_are_out) {
+  flashfs_sector* first = sector_buffer_alloc(fs());
+  flashfs_sector* second = sector_buffer_alloc(fs());
+  ASSERT_NE(first, nullptr);
+  ASSERT_NE(second, nullptr);
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 2U);
+  std::memset(second, 0, sizeof *second);  // all 2056 bytes are ours
+  sector_buffer_free(fs(), first);
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 1U);
+  sector_buffer_free(fs(), nullptr);
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 1U) << "null is ignored";
+  sector_buffer_free(fs(), second);
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+}
+
+TEST_F(block_io, without_its_pool_no_sector_buffer_can_be_had) {
+  chunk_pool* pool = fs()->sctr_buf_chunk;
+  fs()->sctr_buf_chunk = nullptr;
+  errno = 0;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(sector_buffer_alloc(fs()), nullptr); }),
+            log_start + "unable to allocate sector buffer -- chunk not initialized\n");
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(output_of([&] { sector_buffer_free(fs(), &sector_); }),
+            log_start + "unable to free sector buffer -- chunk not initialized\n");
+  EXPECT_EQ(output_of([&] { sector_buffer_free(fs(), nullptr); }),
+            log_start + "unable to free sector buffer -- chunk not initialized\n");
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+  fs()->sctr_buf_chunk = pool;
+}
+
+TEST_F(block_io, a_borrowed_buffer_is_given_back_when_its_scope_ends) {
+  {
+    sector_buffer buffer(fs());
+    EXPECT_TRUE(static_cast<bool>(buffer));
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 1U);
+  }
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+}
+
+TEST_F(block_io, a_block_has_the_size_that_the_driver_gave) {
+  make({{4200, false}, {block_bytes, false}, {2000, false}, {32 + 3 * 2056, false}});
+  EXPECT_EQ(block_size(fs(), 0), 4200U);
+  EXPECT_EQ(block_size(fs(), 1), block_bytes);
+  EXPECT_EQ(block_size(fs(), 2), 2000U);
+  EXPECT_EQ(block_size(fs(), 3), 32U + 3 * 2056);
+}
+
+TEST(flashfs_timestamp, is_the_hosts_time_in_seconds) {
+  const held_clock clock(0xF1F2F3F4);
+  EXPECT_EQ(flashfs_timestamp(), 0xF1F2F3F4U);
+}
+
+// --- headers and whole blocks ---
+
+TEST_F(block_io, a_header_is_the_first_32_bytes_of_its_block) {
+  image_builder(device()).header(2, {.erase_count = 0x01020304});
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_blkheader(fs(), 2, &header_), 0); }), "");
+  EXPECT_EQ(std::memcmp(&header_, device().bytes() + 2 * block_bytes, 32), 0);
+  EXPECT_EQ(device().counts().reads, 1U);
+  EXPECT_EQ(device().counts().bytes_read, 32U);
+}
+
+TEST_F(block_io, a_written_header_carries_the_number_of_its_block) {
+  header_.block_num = 0x7777;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_blkheader(fs(), 3, &header_), 0); }), " wS3");
+  EXPECT_EQ(header_.block_num, 3);
+  std::string expected(32, '\x11');
+  expected[10] = 0;
+  expected[11] = 3;
+  EXPECT_EQ(bytes_at(device().bytes() + 3 * block_bytes, 32), expected);
+  EXPECT_EQ(device().bytes()[3 * block_bytes + 32], 0xFF);
+  EXPECT_EQ(device().counts().calls(), 1U);
+}
+
+TEST_F(block_io, a_whole_block_is_read_and_written_in_one_call) {
+  std::vector<uint8_t> contents(block_bytes);
+  for (size_t i = 0; i < contents.size(); i++) {
+    contents[i] = static_cast<uint8_t>(i * 31 + i / 256);
+  }
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_block(fs(), 1, contents.data()), 0); }), " wS1");
+  EXPECT_EQ(std::memcmp(device().bytes() + block_bytes, contents.data(), block_bytes), 0);
+  std::vector<uint8_t> back(block_bytes);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_block(fs(), 1, back.data()), 0); }), "");
+  EXPECT_EQ(back, contents);
+  EXPECT_EQ(device().counts().calls(), 2U);
+  EXPECT_EQ(device().counts().bytes_read, block_bytes);
+}
+
+TEST_F(block_io, failing_header_and_block_calls_say_what_where_and_why) {
+  std::vector<uint8_t> contents(block_bytes, 0xFF);
+  device().fail(flash_call::any, 1, flash_poll_timeout, true);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_blkheader(fs(), 2, &header_), 1); }),
+            log_start + "reading from " + at(0, 0x40000) + ": Poll Timeout\n");
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_blkheader(fs(), 2, &header_), 1); }),
+            " wS2" + log_start + "writing to " + at(0, 0x40000) + ", length: 0x20: Poll Timeout\n");
+  device().fail(flash_call::any, 1, flash_busy, true);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_block(fs(), 3, contents.data()), 1); }),
+            log_start + "reading from " + at(0, 0x60000) + ": Busy\n");
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_block(fs(), 3, contents.data()), 1); }),
+            " wS3" + log_start + "writing to " + at(0, 0x60000) + ", length 0x20000: Busy\n");
+  EXPECT_EQ(device().counts().calls(), 4U) << "nothing is tried again";
+}
+
+TEST_F(block_io, a_block_number_out_of_range_ends_the_program_before_the_flash_is_touched) {
+  announce_driver_calls();
+  std::vector<uint8_t> contents(block_bytes);
+  for (const int number : {-32768, -1, 4, 5, 32767}) {
+    const auto bad = static_cast<int16_t>(number);
+    const std::string range =
+        log_start + "block_num (" + std::to_string(number) + ") not in range between 0 and 3.\n";
+    const auto expect_end = [&](const char* what, auto&& call) {
+      const child_end end = end_of_child(call);
+      EXPECT_EQ(end.status, 1);
+      EXPECT_EQ(end.output, log_start + what + "\n" + range);
+    };
+    expect_end("Trying to read a block header not in the  flash device!.",
+               [&] { read_blkheader(fs(), bad, &header_); });
+    expect_end("Trying to write a block header not in the  flash device!.",
+               [&] { write_blkheader(fs(), bad, &header_); });
+    expect_end("Trying to read a block not in the  flash device!.",
+               [&] { read_block(fs(), bad, contents.data()); });
+    expect_end("Trying to write a block not in the  flash device!.",
+               [&] { write_block(fs(), bad, contents.data()); });
+    expect_end("Trying to write a sector not in the flash device!.", [&] {
+      write_sector(fs(), {bad, 0}, &sector_, whole_sector);
+    });
+    EXPECT_EQ(end_of_child([&] { erase_block(fs(), bad, true, true); }).status, 1);
+    const child_end erase = end_of_child([&] { erase_block(fs(), bad, false, false); });
+    EXPECT_EQ(erase.status, 1);
+    EXPECT_EQ(erase.output.find("ERASE"), std::string::npos);
+  }
+}
+
+TEST_F(block_io, the_highest_block_number_is_in_range) {
+  EXPECT_EQ(read_blkheader(fs(), 0, &header_), 0);
+  EXPECT_EQ(read_blkheader(fs(), 3, &header_), 0);
+}
+
+TEST_F(block_io, without_blocks_every_number_is_out_of_range) {
+  make({{block_bytes, true}});
+  const child_end end = end_of_child([&] { read_blkheader(fs(), 0, &header_); });
+  EXPECT_EQ(end.status, 1);
+  EXPECT_EQ(end.output, log_start + "Trying to read a block header not in the  flash device!.\n" +
+                            log_start + "block_num (0) not in range between 0 and -1.\n");
+}
+
+// --- sectors ---
+
+TEST_F(block_io, a_read_of_length_2_gives_just_the_file_id) {
+  image_builder(device()).data_sector(1, 5, 0x1234, 0, "abc");
+  EXPECT_EQ(read_sector(fs(), {1, 5}, &sector_, 2), 0);
+  EXPECT_EQ(sector_.fileid, 0x1234);
+  EXPECT_EQ(sector_.count, 0x1111) << "the rest of the buffer stays";
+  EXPECT_EQ(sector_.checksum, 0x1111);
+  EXPECT_EQ(device().counts().reads, 1U);
+  EXPECT_EQ(device().counts().bytes_read, 2U);
+}
+
+TEST_F(block_io, a_read_of_length_0_gives_the_whole_sector) {
+  image_builder image(device());
+  image.data_sector(1, 5, 0x1234, 7, std::string(2048, 'd'));
+  EXPECT_EQ(read_sector(fs(), {1, 5}, &sector_, 0), 0);
+  EXPECT_EQ(std::memcmp(&sector_, image.sector_at(1, 5), 2056), 0);
+  EXPECT_EQ(device().counts().reads, 1U);
+  EXPECT_EQ(device().counts().bytes_read, 2056U);
+}
+
+TEST_F(block_io, a_write_of_a_length_reaches_just_those_bytes) {
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_sector(fs(), {2, 1}, &sector_, 2), 0); }), "");
+  const uint8_t* at_sector = device().bytes() + 2 * block_bytes + 32 + 2056;
+  EXPECT_EQ(bytes_at(at_sector - 1, 4), "\xFF\x11\x11\xFF");
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(write_sector(fs(), {2, 1}, &sector_, 0), 0); }), "");
+  EXPECT_EQ(bytes_at(at_sector, 2056), std::string(2056, '\x11'));
+  EXPECT_EQ(bytes_at(at_sector + 2056, 4), "\xFF\xFF\xFF\xFF");
+  EXPECT_EQ(device().counts().writes, 2U);
+}
+
+TEST_F(block_io, sector_62_is_the_last_one_of_a_128_kib_block) {
+  EXPECT_EQ(write_sector(fs(), {1, 62}, &sector_, whole_sector), 0);
+  EXPECT_EQ(device().bytes()[block_bytes + 127504 - 1], 0xFF);
+  EXPECT_EQ(device().bytes()[block_bytes + 127504], 0x11);
+  EXPECT_EQ(device().bytes()[block_bytes + 127504 + 2055], 0x11);
+  EXPECT_EQ(device().bytes()[block_bytes + 127504 + 2056], 0xFF);
+  EXPECT_EQ(read_sector(fs(), {1, 62}, &sector_, whole_sector), 0);
+}
+
+TEST_F(block_io, reading_a_sector_number_out_of_range_is_an_error) {
+  for (const uint16_t bad : {63, 64, 65535}) {
+    EXPECT_EQ(output_of([&] {
+                EXPECT_EQ(read_sector(fs(), {1, bad}, &sector_, whole_sector), 1);
+              }),
+              log_start +
+                  "Trying to read a sector from block 1, with an invalid sector number!!!\n" +
+                  log_start + "The sector number (" + std::to_string(bad) +
+                  ") is not between 0 and 62.\n");
+  }
+  EXPECT_EQ(device().counts().calls(), 0U);
+}
+
+TEST_F(block_io, reading_a_sector_of_a_block_out_of_range_is_an_error) {
+  for (const int bad : {-32768, -1, 4, 32767}) {
+    EXPECT_EQ(
+        output_of([&] {
+          EXPECT_EQ(read_sector(fs(), {static_cast<int16_t>(bad), 0}, &sector_, only_fileid), 1);
+        }),
+        log_start + "Trying to read a sector not in the flash device!.\n" + log_start +
+            "block_num (" + std::to_string(bad) + ") not in range between 0 and 3.\n");
+  }
+  EXPECT_EQ(device().counts().calls(), 0U);
+}
+
+TEST_F(block_io, writing_a_sector_number_out_of_range_ends_the_program) {
+  announce_driver_calls();
+  for (const uint16_t bad : {63, 65535}) {
+    const child_end end = end_of_child([&] {
+      write_sector(fs(), {2, bad}, &sector_, whole_sector);
+    });
+    EXPECT_EQ(end.status, 1);
+    EXPECT_EQ(end.output,
+              log_start +
+                  "Trying to write a sector from block 2, with an invalid sector number!!!\n" +
+                  log_start + "The sector number (" + std::to_string(bad) +
+                  ") is not between 0 and 62.\n");
+  }
+}
+
+TEST_F(block_io, a_failing_sector_read_prints_the_sectors_offset) {
+  device().fail(flash_call::read, 1, flash_read_verify_failed);
+  EXPECT_EQ(
+      output_of([&] {
+        EXPECT_EQ(read_sector(fs(), {2, 3}, &sector_, whole_sector), 1);
+      }),
+      log_start + "reading from " + at(0, 0x40000 + 32 + 3 * 2056) + ": Read Verify Failed\n");
+  EXPECT_EQ(device().counts().reads, 1U);
+}
+
+TEST_F(block_io, a_failing_sector_write_prints_the_blocks_offset_and_the_pointer) {
+  device().fail(flash_call::write, 1, flash_operation_failed, true);
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(write_sector(fs(), {2, 20}, &sector_, whole_sector), 1);
+            }),
+            log_start + "writing to " + at(0, 0x40000) + ", length 0x808: Operation Failed\n" +
+                log_start + "sector ptr: {0x2, 0x14}\n");
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(write_sector(fs(), {2, 20}, &sector_, only_fileid), 1);
+            }),
+            log_start + "writing to " + at(0, 0x40000) + ", length 0x2: Operation Failed\n" +
+                log_start + "sector ptr: {0x2, 0x14}\n");
+  EXPECT_EQ(device().counts().writes, 2U);
+}
+
+TEST_F(block_io, a_write_that_would_set_a_bit_fails_with_its_own_text) {
+  expect_no_deviations_ = false;
+  ASSERT_EQ(write_sector(fs(), {0, 0}, &sector_, whole_sector), 0);
+  sector_.data[9] = 0x12;
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(write_sector(fs(), {0, 0}, &sector_, whole_sector), 1);
+            }),
+            log_start + "writing to " + at(0, 0) +
+                ", length 0x808: Illegal Operation -- setting bit(s) with write operation\n" +
+                log_start + "sector ptr: {0x0, 0x0}\n");
+}
+
+TEST_F(block_io, blocks_of_the_second_device_go_to_it_with_its_own_handle) {
+  make_flash(ram_blocks(2, block_bytes), ram_blocks(3, 4200));
+  ASSERT_EQ(initialize(), 0);
+  output_of([&] {
+    EXPECT_EQ(write_sector(fs(), {3, 1}, &sector_, whole_sector), 0);
+    EXPECT_EQ(erase_block(fs(), 4, true, false), 0);
+  });
+  EXPECT_EQ(device(0).counts().calls(), 0U);
+  EXPECT_EQ(device(1).bytes()[4200 + 32 + 2056], 0x11);
+  EXPECT_EQ(device(1).bytes()[8400 + 11], 4) << "numbered over both devices";
+  device(1).fail(flash_call::any, 1, flash_not_found, true);
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(read_sector(fs(), {4, 1}, &sector_, whole_sector), 1);
+            }),
+            log_start + "reading from " + at(1, 8400 + 32 + 2056) + ": Not Found\n");
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 4, false, false), 1); }),
+            " eS4" + log_start + "erasing block, " + at(1, 8400) + ": Not Found\n");
+}
+
+TEST_F(block_io, the_handle_is_passed_exactly_as_it_was_registered) {
+  static const void* seen[3];
+  const int token = 0;
+  fs()->handle[0] = &token;
+  fs()->fdi[0].read = [](const void* handle, uint32_t, uint32_t, void*) {
+    seen[0] = handle;
+    return flash_ok;
+  };
+  fs()->fdi[0].write = [](const void* handle, uint32_t, uint32_t, const void*) {
+    seen[1] = handle;
+    return flash_ok;
+  };
+  fs()->fdi[0].erase = [](const void* handle, uint32_t) {
+    seen[2] = handle;
+    return flash_ok;
+  };
+  output_of([&] {
+    EXPECT_EQ(read_sector(fs(), {0, 0}, &sector_, whole_sector), 0);
+    EXPECT_EQ(write_sector(fs(), {0, 0}, &sector_, whole_sector), 0);
+    EXPECT_EQ(erase_block(fs(), 0, false, false), 0);
+  });
+  for (const void* handle : seen) {
+    EXPECT_EQ(handle, &token);
+  }
+}
+
+TEST_F(block_io, a_null_handle_is_printed_as_0x0) {
+  fs()->handle[0] = nullptr;
+  fs()->fdi[0].read = [](const void*, uint32_t, uint32_t, void*) { return flash_no_resources; };
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_blkheader(fs(), 1, &header_), 1); }),
+            log_start + "reading from flash handle 0x0, device 0, offset 0x20000: No Resources\n");
+}
+
+TEST_F(block_io, messages_carry_the_file_systems_id) {
+  fs()->fsid = 7;
+  EXPECT_EQ(output_of([&] { flashfs_log(fs(), "n %d", 3); }), "flashfs[7]: n 3\n");
+  EXPECT_EQ(output_of([&] { flashfs_log_open(fs(), "n %d", 3); }), "flashfs[7]: n 3");
+  fs()->fsid = 0;
+  EXPECT_STREQ(flashfs_log_prefix, "");
+  EXPECT_STREQ(flashfs_log_suffix, "\n");
+}
+
+TEST_F(block_io, a_sector_that_the_buffer_still_holds_is_not_read_again) {
+  image_builder(device()).data_sector(1, 5, 0x1234, 0, "abc");
+  sector_buffer buffer(fs());
+  EXPECT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+  EXPECT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+  EXPECT_EQ(device().counts().reads, 1U);
+  EXPECT_EQ(buffer->fileid, 0x1234);
+  EXPECT_EQ(read_sector_once(fs(), {1, 6}, buffer), 0);
+  EXPECT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+  EXPECT_EQ(device().counts().reads, 3U);
+  buffer.forget();
+  EXPECT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+  EXPECT_EQ(device().counts().reads, 4U);
+}
+
+TEST_F(block_io, a_failed_read_leaves_no_sector_held) {
+  sector_buffer buffer(fs());
+  ASSERT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+  device().fail(flash_call::read, 1, flash_busy);
+  output_of([&] { EXPECT_EQ(read_sector_once(fs(), {1, 6}, buffer), 1); });
+  EXPECT_FALSE(buffer.holds({1, 5}));
+  EXPECT_FALSE(buffer.holds({1, 6}));
+  output_of([&] { EXPECT_EQ(read_sector_once(fs(), {no_block, 0}, buffer), 1); });
+}
+
+// --- what becomes obsolete ---
+
+TEST_F(block_io, invalidating_a_sector_counts_it_once_and_writes_nothing) {
+  sector_.fileid = 9;
+  invalidate_sector_buf(fs(), {2, 4}, &sector_);
+  EXPECT_EQ(sector_.fileid, 0);
+  EXPECT_EQ(sector_.count, 0x1111);
+  EXPECT_EQ(block(2).invalid_sectors, 1);
+  invalidate_sector_buf(fs(), {2, 4}, &sector_);
+  EXPECT_EQ(block(2).invalid_sectors, 1) << "it was invalid already";
+  EXPECT_EQ(device().counts().calls(), 0U);
+}
+
+TEST_F(block_io, deleting_a_slot_counts_it_once_and_writes_nothing) {
+  sector_.fileid = fileid_root;
+  delete_slot_buf(fs(), {2, 4}, &sector_, 6);
+  EXPECT_EQ(sector_.slots[6].dir_fileid, 0);
+  EXPECT_EQ(sector_.slots[6].entry_fileid, 0x1111);
+  EXPECT_EQ(sector_.slots[5].dir_fileid, 0x1111);
+  EXPECT_EQ(sector_.fileid, 1);
+  EXPECT_EQ(block(2).invalid_slots, 1);
+  delete_slot_buf(fs(), {2, 4}, &sector_, 6);
+  EXPECT_EQ(block(2).invalid_slots, 1);
+  EXPECT_EQ(block(2).invalid_sectors, 0);
+  EXPECT_EQ(device().counts().calls(), 0U);
+}
+
+TEST_F(block_io, deleting_the_last_live_slot_invalidates_the_sector) {
+  sector_.fileid = fileid_root;
+  for (uint32_t k = 0; k < 32; k++) {
+    if (k != 17) {
+      delete_slot_buf(fs(), {2, 4}, &sector_, k);
+    }
+  }
+  block(2).invalid_slots = 40;  // 31 of this sector, the others elsewhere in the block
+  block(2).invalid_sectors = 3;
+  delete_slot_buf(fs(), {2, 4}, &sector_, 17);
+  EXPECT_EQ(sector_.fileid, 0);
+  EXPECT_EQ(block(2).invalid_sectors, 4);
+  EXPECT_EQ(block(2).invalid_slots, 40 - 31);
+}
+
+TEST_F(block_io, the_slots_of_one_invalidated_sector_come_down_to_0) {
+  sector_.fileid = fileid_root;
+  for (uint32_t k = 0; k < 32; k++) {
+    delete_slot_buf(fs(), {2, 4}, &sector_, k);
+  }
+  EXPECT_EQ(block(2).invalid_slots, 0);
+  EXPECT_EQ(block(2).invalid_sectors, 1);
+}
+
+TEST_F(block_io, the_slot_counter_never_falls_below_0) {
+  sector_.fileid = fileid_root;
+  for (uint32_t k = 0; k < 32; k++) {
+    sector_.slots[k].dir_fileid = 0;
+  }
+  delete_slot_buf(fs(), {2, 4}, &sector_, 0);
+  EXPECT_EQ(sector_.fileid, 0);
+  EXPECT_EQ(block(2).invalid_slots, 0);
+}
+
+TEST_F(block_io, a_slot_number_from_damaged_data_stays_inside_the_sector) {
+  sector_.fileid = fileid_root;
+  for (const uint32_t bad : {32U, 254U, 255U, 256U, 0xFFFFFFFFU}) {
+    delete_slot_buf(fs(), {2, 4}, &sector_, bad);
+  }
+  EXPECT_EQ(sector_.seq_no, 0x1111);
+  EXPECT_EQ(sector_.checksum, 0x1111);
+}
+
+TEST_F(block_io, a_slot_number_counts_modulo_256) {
+  sector_.fileid = fileid_root;
+  delete_slot_buf(fs(), {2, 4}, &sector_, 256 + 5);
+  EXPECT_EQ(sector_.slots[5].dir_fileid, 0);
+}
+
+TEST_F(block_io, failing_to_obsolete_leaves_the_flash_as_it_was) {
+  image_builder image(device());
+  image.data_sector(1, 5, 9, 0, "abc");
+  const auto before = device().flash().snapshot();
+  for (const flash_call kind : {flash_call::read, flash_call::write}) {
+    device().fail(kind, 1, flash_operation_failed);
+    output_of([&] { EXPECT_EQ(obsolete_on_flash(fs(), {1, 5}, slot_of_sector, &sector_), 1); });
+    EXPECT_EQ(device().flash().first_difference(before), before.size());
+  }
+}
+
+TEST_F(block_io, a_reserved_sector_is_made_obsolete_as_a_sector) {
+  image_builder image(device());
+  image.data_sector(1, 5, 9, 0, "abc");
+  EXPECT_EQ(obsolete_on_flash(fs(), {1, 5}, slot_of_reserved_sector, &sector_), 0);
+  EXPECT_EQ(bytes_at(image.sector_at(1, 5), 2), std::string(2, '\0'));
+}
+
+TEST_F(block_io, failing_to_read_or_write_a_header_fails_the_change_of_state) {
+  device().fail(flash_call::read, 1, flash_busy);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); }),
+            log_start + "reading from " + at(0, 0x20000) + ": Busy\n");
+  device().fail(flash_call::write, 1, flash_busy);
+  output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); });
+  EXPECT_EQ(device().counts().words_programmed, 0U);
+}
+
+// --- erasing and testing blocks ---
+
+TEST_F(block_erase, an_erase_without_header_leaves_the_block_all_ones) {
+  image_builder image(device());
+  image.header(1, {.erase_count = 5, .state = 0});
+  image.data_sector(1, 0, 9, 0, "abc");
+  block(1).invalid_sectors = 2;
+  block(1).invalid_slots = 3;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, false, false), 0); }), " eS1");
+  EXPECT_TRUE(is_erased(device().bytes() + 4200, 4200));
+  EXPECT_EQ(block(1).invalid_sectors, 0);
+  EXPECT_EQ(block(1).invalid_slots, 0);
+  EXPECT_EQ(device().counts().erases, 1U);
+  EXPECT_EQ(device().counts().calls(), 1U);
+}
+
+TEST_F(block_erase, an_erase_with_header_carries_the_count_over) {
+  image_builder image(device());
+  image.header(1, {.erase_count = 5, .state = 0});
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, false), 0); }), " eS1 wS1");
+  ASSERT_EQ(read_blkheader(fs(), 1, &header_), 0);
+  EXPECT_EQ(header_.erase_count, 6U);
+  EXPECT_EQ(header_.timestamp, 0x61626364U);
+  EXPECT_EQ(header_.block_num, 1);
+  EXPECT_EQ(blkheader_state(&header_), block_available);
+  EXPECT_EQ(blkheader_crc(&header_), flashfs_good_crc);
+}
+
+TEST_F(block_erase, an_erase_with_header_reads_it_before_and_after) {
+  output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, false), 0); });
+  EXPECT_EQ(device().counts().reads, 2U);
+  EXPECT_EQ(device().counts().bytes_read, 64U);
+  EXPECT_EQ(device().counts().writes, 1U);
+  EXPECT_EQ(device().counts().erases, 1U);
+}
+
+TEST_F(block_erase, an_erase_with_header_and_test_adds_three_to_a_count_of_5) {
+  image_builder image(device());
+  image.header(1, {.erase_count = 5, .state = 0});
+  image.data_sector(1, 1, 9, 0, "abc");
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, true), 0); }),
+            " eS1" + log_start + "testing block 1...erased 0x5 times\n eS1 eS1 wS1");
+  ASSERT_EQ(read_blkheader(fs(), 1, &header_), 0);
+  EXPECT_EQ(header_.erase_count, 8U);
+  EXPECT_TRUE(is_erased(image.sector_at(1, 0), 2 * 2056));
+  EXPECT_EQ(device().counts().erases, 3U);
+}
+
+TEST_F(block_erase, a_test_without_header_has_no_count) {
+  image_builder(device()).header(1, {.erase_count = 5});
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, false, true), 0); }),
+            " eS1" + log_start + "testing block 1\n eS1 eS1");
+  EXPECT_TRUE(is_erased(device().bytes() + 4200, 4200));
+}
+
+TEST_F(block_erase, a_failing_erase_keeps_the_counters) {
+  image_builder(device()).header(1, {.erase_count = 5});
+  block(1).invalid_sectors = 2;
+  block(1).invalid_slots = 3;
+  device().fail(flash_call::erase, 1, flash_poll_timeout);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, true), 1); }),
+            " eS1" + log_start + "erasing block, " + at(0, 4200) + ": Poll Timeout\n");
+  EXPECT_EQ(block(1).invalid_sectors, 2);
+  EXPECT_EQ(block(1).invalid_slots, 3);
+}
+
+TEST_F(block_erase, a_header_that_cannot_be_read_keeps_the_block_from_being_erased) {
+  image_builder(device()).header(1, {.erase_count = 5});
+  device().fail(flash_call::read, 1, flash_busy);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, false), 1); }),
+            log_start + "reading from " + at(0, 4200) + ": Busy\n");
+  EXPECT_EQ(device().counts().erases, 0U);
+}
+
+TEST_F(block_erase, the_call_fails_with_any_of_its_driver_calls) {
+  output_of([&] { ASSERT_EQ(erase_block(fs(), 1, true, true), 0); });
+  const uint64_t calls = device().counts().calls();
+  // Header, erase, sectors read; twice: sectors written, read, erase, read; header read, written.
+  EXPECT_EQ(calls, 1U + 1 + 2 + 2 * (2 + 2 + 1 + 2) + 2);
+  for (uint64_t n = 1; n <= calls; n++) {
+    output_of([&] { ASSERT_EQ(erase_block(fs(), 1, false, false), 0); });
+    device().clear_counts();
+    device().fail(flash_call::any, n, flash_operation_failed);
+    block(1).invalid_slots = 3;
+    output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, true), 1) << n; });
+    EXPECT_EQ(device().counts().calls(), n) << "nothing follows the failure";
+    EXPECT_EQ(block(1).invalid_slots, 3);
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    device().fail(flash_call::any, 0, flash_ok);
+  }
+}
+
+TEST_F(block_erase, a_failing_erase_inside_the_test_is_reported) {
+  device().fail(flash_call::erase, 2, flash_busy);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 1, false, true), 1); }),
+            " eS1" + log_start + "testing block 1\n eS1" + log_start + "erasing block, " +
+                at(0, 4200) + ": Busy\n");
+}
+
+TEST_F(block_erase, a_full_test_adds_2_to_the_counter) {
+  uint32_t count = 0xABCDEF01;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 2, &count), 0); }),
+            log_start + "testing block 2...erased 0xabcdef01 times\n eS2 eS2");
+  EXPECT_EQ(count, 0xABCDEF03U);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 2, nullptr), 0); }),
+            log_start + "testing block 2\n eS2 eS2");
+}
+
+TEST_F(block_erase, a_test_writes_a_checkerboard_and_then_its_inverse) {
+  static std::vector<std::pair<uint32_t, std::string>> writes;
+  static const flash_driver_info* driver;
+  writes.clear();
+  driver = device().driver();
+  fs()->fdi[0].write = [](const void* handle, uint32_t offset, uint32_t length,
+                          const void* buffer) {
+    writes.emplace_back(offset, std::string(static_cast<const char*>(buffer), length));
+    return driver->write(handle, offset, length, buffer);
+  };
+  output_of([&] { ASSERT_EQ(test_block(fs(), 1, nullptr), 0); });
+  std::string even;
+  std::string odd;
+  for (int i = 0; i < 1028; i++) {
+    even += "\x5A\xA5";
+    odd += "\xA5\x5A";
+  }
+  ASSERT_EQ(writes.size(), 4U);
+  const uint32_t first = 4200 + 32;
+  EXPECT_EQ(writes[0], (std::pair{first, even}));
+  EXPECT_EQ(writes[1], (std::pair{first + 2056, odd}));
+  EXPECT_EQ(writes[2], (std::pair{first, odd}));
+  EXPECT_EQ(writes[3], (std::pair{first + 2056, even}));
+}
+
+TEST_F(block_erase, a_byte_that_is_not_erased_fails_the_test_before_anything_is_written) {
+  device().bytes()[4200 + 32 + 2056 + 9] = 0x7F;
+  uint32_t count = 5;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, &count), 1); }),
+            log_start + "testing block 1...erased 0x5 times\n" + log_start +
+                "testing block, 0x7f != 0xff, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 1, byte 9\n");
+  EXPECT_EQ(device().counts().writes, 0U);
+  EXPECT_EQ(count, 5U);
+}
+
+TEST_F(block_erase, the_last_byte_of_a_sector_is_tested_too) {
+  device().bytes()[4200 + 32 + 2055] = 0;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, nullptr), 1); }),
+            log_start + "testing block 1\n" + log_start +
+                "testing block, 0x0 != 0xff, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 0, byte 2055\n");
+}
+
+TEST_F(block_erase, the_first_byte_of_a_sector_is_tested_too) {
+  std::memset(device().bytes() + 4200 + 32, 0xFE, 2056);  // equal bytes are not erased ones
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, nullptr), 1); }),
+            log_start + "testing block 1\n" + log_start +
+                "testing block, 0xfe != 0xff, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 0, byte 0\n");
+}
+
+TEST_F(block_erase, a_bit_that_stays_1_fails_the_comparison) {
+  // Pass 0 asks for 0x5A at an even byte of an even sector.
+  device().flash().stick(4200 + 32 + 8, 0x00, 0x80);
+  uint32_t count = 5;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, &count), 1); }),
+            log_start + "testing block 1...erased 0x5 times\n" + log_start +
+                "testing block, 0x5a != 0xda, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 0, byte 8\n");
+  EXPECT_EQ(count, 5U);
+}
+
+TEST_F(block_erase, a_bit_that_stays_1_in_the_inverse_pattern_fails_the_second_pass) {
+  // 0x40 of an odd byte of sector 1 is 1 in the first pattern and 0 in the second.
+  device().flash().stick(4200 + 32 + 2056 + 9, 0x00, 0x40);
+  uint32_t count = 5;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, &count), 1); }),
+            log_start + "testing block 1...erased 0x5 times\n eS1" + log_start +
+                "testing block, 0xa5 != 0xe5, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 1, byte 9\n");
+  EXPECT_EQ(count, 6U);
+}
+
+TEST_F(block_erase, a_bit_that_does_not_come_back_with_the_erase_fails_the_test) {
+  // 0x20 of an even byte of sector 0 is 0 in the first pattern and stays so from then on.
+  device().flash().stick(4200 + 32 + 4, 0x20, 0x00);
+  uint32_t count = 5;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(test_block(fs(), 1, &count), 1); }),
+            log_start + "testing block 1...erased 0x5 times\n eS1" + log_start +
+                "testing block, 0xdf != 0xff, flash handle " + handle_text(device()) +
+                ", device 0, block 1, sector 0, byte 4\n");
+  EXPECT_EQ(count, 6U) << "the erase was made and counts";
+}
+
+TEST_F(block_erase, a_failed_test_leaves_no_new_header) {
+  image_builder(device()).header(1, {.erase_count = 5});
+  device().flash().stick(4200 + 32 + 4, 0x20, 0x00);
+  output_of([&] { EXPECT_EQ(erase_block(fs(), 1, true, true), 1); });
+  EXPECT_TRUE(is_erased(device().bytes() + 4200, 32));
+}
+
+TEST_F(block_erase, the_test_has_no_sectors_to_write_in_a_tiny_block) {
+  make({{2000, false}, {4200, false}});
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(erase_block(fs(), 0, true, true), 0); }),
+            " eS0" + log_start + "testing block 0...erased 0xffffffff times\n eS0 eS0 wS0");
+  ASSERT_EQ(read_blkheader(fs(), 0, &header_), 0);
+  EXPECT_EQ(header_.erase_count, 2U);
+}

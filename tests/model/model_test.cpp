@@ -1,0 +1,280 @@
+// Random sequences of all operations on small and real geometries, compared with a model after
+// every step; sequences that once failed; and a sequence from a file.
+//
+//   MODEL_STEPS=<n>     steps of each random test instead of the build's number
+//   MODEL_SEED=<n>      the first seed (each further sequence takes the next one)
+//   MODEL_TRACE=1       every step on standard error before it is played
+//   MODEL_REPLAY=<file> a geometry's name on the first line, then steps as a failure prints them:
+//                       played by the test model.a_sequence_from_a_file
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "tests/model/model_run.h"
+#include "tests/model/step_generator.h"
+
+namespace model_test {
+
+namespace {
+
+using test_support::ram_block;
+using test_support::ram_blocks;
+
+// Under an emulator a step takes about thirty times as long.
+#ifdef ZANTROLUME_EMULATOR
+constexpr uint64_t steps_by_default = 250;
+#else
+constexpr uint64_t steps_by_default = 10000;
+#endif
+constexpr uint64_t steps_per_sequence = 1000;
+constexpr uint64_t first_seed_by_default = 1;
+constexpr auto longest_reduction = std::chrono::seconds(60);
+
+constexpr uint32_t block_of(uint32_t sectors, uint32_t spare_bytes = 0) {
+  return 32 + sectors * 2056 + spare_bytes;
+}
+
+const std::vector<geometry>& geometries() {
+  static const std::vector<geometry> all = {
+      {"equal_blocks", ram_blocks(5, block_of(8)), {}, false},
+      {"mixed_blocks",
+       {{block_of(9, 100)},
+        {block_of(4)},
+        {block_of(9)},
+        {block_of(2, 2054)},
+        {block_of(6)},
+        {block_of(9)}},
+       {},
+       false},
+      {"two_devices",
+       {{block_of(6)}, {block_of(5)}, {block_of(7), true}, {block_of(6)}},
+       {{block_of(3), true}, {block_of(10)}, {block_of(10)}, {block_of(1)}},
+       false},
+      {"empty_blocks",
+       {{block_of(8)},
+        {block_of(0)},
+        {block_of(8)},
+        {block_of(1)},
+        {block_of(0, 500)},
+        {block_of(8)}},
+       {},
+       true},
+      {"smallest", ram_blocks(2, block_of(4)), {}, false},
+      {"large_blocks", ram_blocks(4, 0x20000), {}, false, 50, 4},
+      {"ppc", test_support::ram_blocks_of_ppc(), {}, false, 400, 40},
+  };
+  return all;
+}
+
+const geometry* geometry_named(const std::string& name) {
+  for (const geometry& each : geometries()) {
+    if (name == each.name) {
+      return &each;
+    }
+  }
+  return nullptr;
+}
+
+uint64_t number_from_environment(const char* name, uint64_t otherwise) {
+  const char* text = std::getenv(name);
+  return text == nullptr ? otherwise : std::strtoull(text, nullptr, 0);
+}
+
+bool tracing() {
+  static const bool on = std::getenv("MODEL_TRACE") != nullptr;
+  return on;
+}
+
+// Plays steps from the beginning. Returns what went wrong, or nothing; `*played` is the number of
+// steps that were begun.
+std::string play_all(const geometry& shape, const std::vector<step>& steps, run_counts* counts,
+                     size_t* played) {
+  model_run run(shape, counts);
+  for (*played = 0; *played < steps.size();) {
+    const step& one = steps[(*played)++];
+    if (tracing()) {
+      std::fprintf(stderr, "%s\n", to_text(one).c_str());
+    }
+    if (!run.play(one)) {
+      return "after " + to_text(one) + ": " + run.failure();
+    }
+  }
+  return run.finish() ? "" : "at the end: " + run.failure();
+}
+
+// Leaves out whatever the failure does not need, in ever smaller pieces.
+std::vector<step> reduced(const geometry& shape, std::vector<step> steps, std::string* failure) {
+  const auto end = std::chrono::steady_clock::now() + longest_reduction;
+  run_counts ignored;
+  for (size_t piece = std::max<size_t>(steps.size() / 2, 1);; piece = (piece + 1) / 2) {
+    bool left_out = false;
+    for (size_t start = 0; start < steps.size() && std::chrono::steady_clock::now() < end;) {
+      std::vector<step> shorter = steps;
+      const auto first = shorter.begin() + static_cast<ptrdiff_t>(start);
+      const size_t count = std::min(piece, steps.size() - start);
+      shorter.erase(first, first + static_cast<ptrdiff_t>(count));
+      size_t played = 0;
+      const std::string still = play_all(shape, shorter, &ignored, &played);
+      if (still.empty()) {
+        start += piece;
+        continue;
+      }
+      shorter.resize(std::min(played, shorter.size()));
+      steps = std::move(shorter);
+      *failure = still;
+      left_out = true;
+    }
+    if (piece == 1 && (!left_out || std::chrono::steady_clock::now() >= end)) {
+      return steps;
+    }
+  }
+}
+
+std::string failure_report(const geometry& shape, std::vector<step> steps, std::string failure) {
+  const size_t before = steps.size();
+  steps = reduced(shape, std::move(steps), &failure);
+  std::ostringstream out;
+  out << failure << "\nreduced from " << before << " to " << steps.size()
+      << " steps; play them again with MODEL_REPLAY=<file>:\n"
+      << shape.name << "\n";
+  for (const step& one : steps) {
+    out << to_text(one) << "\n";
+  }
+  return out.str();
+}
+
+// One sequence of its own. False after a failure.
+bool play_random(const geometry& shape, fullness how, uint64_t seed, uint64_t length,
+                 run_counts* counts) {
+  if (tracing()) {
+    std::fprintf(stderr, "geometry %s seed %llu\n", shape.name,
+                 static_cast<unsigned long long>(seed));
+  }
+  std::vector<step> steps;
+  std::string failure;
+  {
+    model_run run(shape, counts);
+    step_generator generator(seed, how);
+    while (steps.size() < length && failure.empty()) {
+      steps.push_back(generator.next(run.model()));
+      if (tracing()) {
+        std::fprintf(stderr, "%s\n", to_text(steps.back()).c_str());
+      }
+      if (!run.play(steps.back())) {
+        failure = "after " + to_text(steps.back()) + ": " + run.failure();
+      }
+    }
+    if (failure.empty() && !run.finish()) {
+      failure = "at the end: " + run.failure();
+    }
+  }
+  if (failure.empty()) {
+    return true;
+  }
+  ADD_FAILURE() << shape.name << ", seed " << seed << ": "
+                << failure_report(shape, std::move(steps), failure);
+  return false;
+}
+
+void print_counts(const char* name, fullness how, uint64_t first_seed, uint64_t last_seed,
+                  const run_counts& counts) {
+  std::printf(
+      "[ model    ] %s, %s: seeds %llu to %llu, %llu steps, %llu fresh mounts, %llu erases, "
+      "%llu short writes",
+      name, how == fullness::tight ? "tight" : "loose", static_cast<unsigned long long>(first_seed),
+      static_cast<unsigned long long>(last_seed), static_cast<unsigned long long>(counts.steps),
+      static_cast<unsigned long long>(counts.fresh_mounts),
+      static_cast<unsigned long long>(counts.erases),
+      static_cast<unsigned long long>(counts.short_writes));
+  for (const auto& [what, count] : counts.no_space) {
+    std::printf(", %s ENOSPC %llu", what.c_str(), static_cast<unsigned long long>(count));
+  }
+  for (const auto& [what, count] : counts.went_down) {
+    std::printf(", %s marked down %llu", what.c_str(), static_cast<unsigned long long>(count));
+  }
+  std::printf("\n");
+}
+
+void play_sequences(const char* name, fullness how, uint64_t share = 1) {
+  const geometry& shape = *geometry_named(name);
+  const uint64_t total = number_from_environment("MODEL_STEPS", steps_by_default) / share;
+  const uint64_t first_seed = number_from_environment("MODEL_SEED", first_seed_by_default);
+  run_counts counts;
+  uint64_t seed = first_seed;
+  for (uint64_t done = 0; done < total; ++seed) {
+    const uint64_t length = std::min(steps_per_sequence, total - done);
+    if (!play_random(shape, how, seed, length, &counts)) {
+      break;
+    }
+    done += length;
+  }
+  print_counts(name, how, first_seed, seed - 1, counts);
+}
+
+void play_text(const std::string& name, const std::string& text) {
+  const geometry* shape = geometry_named(name);
+  ASSERT_NE(shape, nullptr) << "no geometry " << name;
+  std::string bad;
+  const std::vector<step> steps = steps_from_text(text, &bad);
+  ASSERT_EQ(bad, "");
+  run_counts counts;
+  size_t played = 0;
+  const std::string failure = play_all(*shape, steps, &counts, &played);
+  EXPECT_EQ(failure, "");
+}
+
+}  // namespace
+
+TEST(model, equal_blocks_loosely_filled) {
+  play_sequences("equal_blocks", fullness::loose);
+}
+TEST(model, equal_blocks_kept_full) {
+  play_sequences("equal_blocks", fullness::tight);
+}
+TEST(model, mixed_blocks_loosely_filled) {
+  play_sequences("mixed_blocks", fullness::loose);
+}
+TEST(model, mixed_blocks_kept_full) {
+  play_sequences("mixed_blocks", fullness::tight);
+}
+TEST(model, two_devices_loosely_filled) {
+  play_sequences("two_devices", fullness::loose);
+}
+TEST(model, two_devices_kept_full) {
+  play_sequences("two_devices", fullness::tight);
+}
+TEST(model, blocks_without_sectors_kept_full) {
+  play_sequences("empty_blocks", fullness::tight);
+}
+TEST(model, the_smallest_device_kept_full) {
+  play_sequences("smallest", fullness::tight);
+}
+TEST(model, large_blocks_loosely_filled) {
+  play_sequences("large_blocks", fullness::loose);
+}
+TEST(model, large_blocks_kept_full) {
+  play_sequences("large_blocks", fullness::tight);
+}
+TEST(model, the_device_of_a_complex) {
+  play_sequences("ppc", fullness::loose, 10);
+}
+
+TEST(model, a_sequence_from_a_file) {
+  const char* path = std::getenv("MODEL_REPLAY");
+  if (path == nullptr) {
+    GTEST_SKIP() << "MODEL_REPLAY names no file";
+  }
+  std::ifstream in(path);
+  std::string name;
+  std::getline(in, name);
+  std::ostringstream rest;
+  rest << in.rdbuf();
+  play_text(name, rest.str());
+}
+
+}  // namespace model_test
