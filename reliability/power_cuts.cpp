@@ -10,7 +10,7 @@ namespace reliability {
 namespace {
 
 constexpr const char* lost_and_found = "lost+found";
-constexpr size_t max_samples = 5;
+constexpr size_t max_samples = 40;
 
 bool is_touched(const operation& what, const std::string& path) {
   return std::any_of(what.touched.begin(), what.touched.end(), [&](const std::string& touched) {
@@ -94,7 +94,7 @@ std::set<outcome> judge(const operation& what, const tree& now, const states& ex
     } else if (is_touched(what, path)) {
       judge_touched(now, expected, path, &found);
     } else if (const tree_node* old = find(expected.before, path); old == nullptr) {
-      found.insert(outcome::other_changed);
+      found.insert(outcome::stray_name);
     } else if (!(*old == node) && !(is_directory_mode(node.mode) && old->mode == node.mode)) {
       // A directory's own date moves with what happens in it.
       found.insert(outcome::other_changed);
@@ -127,6 +127,10 @@ class cut_run {
     play(0, sim::cut_kind::before);
     counts_.mutations = rig_.supply().mutations();
     expected_.after = rig_.walk();
+  }
+
+  uint64_t mutations() const {
+    return counts_.mutations;
   }
 
   cut_counts run(uint64_t stride, uint64_t second_stride) {
@@ -257,6 +261,8 @@ const char* outcome_name(outcome kind) {
       return "check refuses";
     case outcome::other_changed:
       return "other file changed";
+    case outcome::stray_name:
+      return "stray name";
     case outcome::touched_lost:
       return "touched file lost";
     case outcome::touched_torn:
@@ -267,6 +273,10 @@ const char* outcome_name(outcome kind) {
       return "not settled";
   }
   return "";
+}
+
+uint64_t count_mutations(const operation& what) {
+  return cut_run(what).mutations();
 }
 
 cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {

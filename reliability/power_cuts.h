@@ -17,6 +17,7 @@ namespace reliability {
 enum class outcome {
   check_refuses,  // the check fails: nothing is mounted
   other_changed,  // something that the operation does not touch is gone or different
+  stray_name,     // an entry that nobody made
   touched_lost,   // a touched file is in neither its old nor its new place
   touched_torn,   // its content is no mixture of old and new sectors
   relinked,       // something stands in /lost+found
@@ -53,6 +54,9 @@ struct cut_counts {
 };
 
 std::vector<operation> power_cut_operations();
+
+// The flash mutations of an operation that is not cut.
+uint64_t count_mutations(const operation& what);
 
 // Tries every `stride`-th mutation (1: all) and every `second_stride`-th of the check that follows
 // (0: none).

@@ -114,6 +114,7 @@ int32_t rig::check(uint32_t check_flags) {
 }
 
 int32_t rig::mount(uint32_t check_flags) {
+  mount_flags_ = check_flags;
   register_only();
   return check(check_flags);
 }
@@ -121,6 +122,15 @@ int32_t rig::mount(uint32_t check_flags) {
 tree rig::walk() {
   tree found;
   walk_directory("", &found);
+  for (auto& [path, node] : found) {
+    if (is_regular_mode(node.mode)) {
+      node.content = read_content(path);
+    }
+    if (fs_->ready == 0) {
+      // A bad file takes the file system down; the next command checks it and goes on.
+      mount(mount_flags_);
+    }
+  }
   return found;
 }
 
@@ -138,12 +148,9 @@ void rig::walk_directory(const std::string& path, tree* found) {
       (*found)[child] = {0, 0, "<no status>"};
       continue;
     }
-    tree_node& node = (*found)[child];
-    node = {status.mode, status.change_date, ""};
+    (*found)[child] = {status.mode, status.change_date, ""};
     if (is_directory_mode(status.mode)) {
       directories.push_back(child);
-    } else {
-      node.content = read_content(child);
     }
   }
   ifs_close(fd);

@@ -81,6 +81,7 @@ class rig {
   sim::power supply_;
   test_support::ram_flash device_;
   flashfs* fs_ = nullptr;
+  uint32_t mount_flags_ = quick_check;
   FILE* real_stdout_;
   char* text_ = nullptr;
   size_t text_size_ = 0;
