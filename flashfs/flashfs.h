@@ -258,7 +258,7 @@ class sector_buffer {
   }
 
   bool holds(flashfs_sctr_ptr pointer) const {
-    return held_ == pointer;
+    return held_.block_num != no_block && held_ == pointer;
   }
   void set_held(flashfs_sctr_ptr pointer) {
     held_ = pointer;

@@ -215,16 +215,6 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t l
 
 }  // namespace
 
-int32_t flashfs_fail(int error) {
-  errno = error;
-  return -1;
-}
-
-int32_t flashfs_fail_down(flashfs* fs) {
-  flashfs_mark_down(fs);
-  return flashfs_fail(EIO);
-}
-
 int32_t flashfs_pass_down(flashfs* fs, int32_t result) {
   const int error = errno;
   flashfs_mark_down(fs);

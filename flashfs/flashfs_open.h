@@ -2,6 +2,8 @@
 // failing, and remembered places in a file's list.
 #pragma once
 
+#include <cerrno>
+
 #include "flashfs/flashfs.h"
 
 // The flags that make an open one for writing.
@@ -11,8 +13,14 @@ constexpr uint32_t flashfs_opened_for_writing = ifs_open_write | ifs_open_trunca
 constexpr const char* flashfs_raw_name = "...";
 
 // Set errno and return -1; flashfs_fail_down also marks the file system down, with EIO.
-int32_t flashfs_fail(int error);
-int32_t flashfs_fail_down(flashfs* fs);
+inline int32_t flashfs_fail(int error) {
+  errno = error;
+  return -1;
+}
+inline int32_t flashfs_fail_down(flashfs* fs) {
+  flashfs_mark_down(fs);
+  return flashfs_fail(EIO);
+}
 // Marks down whatever errno is and passes a step's result on.
 int32_t flashfs_pass_down(flashfs* fs, int32_t result);
 // Marks down when errno is EIO and passes a step's negative result on.

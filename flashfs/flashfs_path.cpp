@@ -25,6 +25,11 @@ flashfs_sctr_map* fail_with(int error) {
   return nullptr;
 }
 
+// The error of a look-up that could not tell whether the name exists; 0 when it could.
+int lookup_failure(int error) {
+  return error == ENOENT || error == ENOTDIR ? 0 : error;
+}
+
 // Makes the entry in a directory that is claimed for writing.
 flashfs_sctr_map* create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* name,
                                       uint32_t mode, flashfs_sector* buffer) {
@@ -126,7 +131,7 @@ int new_name_error(flashfs* fs, const char* name) {
 flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t mode) {
   errno = 0;
   const uint16_t existing = path == nullptr ? uint16_t{0} : path_lookup(fs, path);
-  const bool lookup_failed = existing == 0 && errno == EIO;
+  const int unknown = existing == 0 ? lookup_failure(errno) : 0;
   sector_buffer buffer(fs);
   if (!buffer) {
     return nullptr;
@@ -137,8 +142,8 @@ flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t m
   if (existing != 0) {
     return fail_with(EEXIST);
   }
-  if (lookup_failed) {
-    return fail_with(EIO);
+  if (unknown != 0) {
+    return fail_with(unknown);
   }
   // Too long for the look-up to have told whether it exists.
   if (strlen(path) >= path_size_max) {
@@ -153,7 +158,8 @@ flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t m
   char directory_work[path_size_max];
   const uint16_t dir_fileid = path_lookup(fs, path_dirname(path, directory_work));
   if (dir_fileid == 0) {
-    return fail_with(errno == EIO ? EIO : ENOENT);
+    const int failure = lookup_failure(errno);
+    return fail_with(failure != 0 ? failure : ENOENT);
   }
   flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
   if (directory == nullptr || !is_directory_mode(directory->mode)) {

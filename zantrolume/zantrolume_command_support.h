@@ -1,4 +1,5 @@
-// What the sources of the commands share. Not for anyone else.
+// What the sources of the commands share: reporting errors and starting the file system. Not for
+// anyone else.
 #pragma once
 
 // Prints the text of a system error on standard error, behind "prefix: " unless that is empty.

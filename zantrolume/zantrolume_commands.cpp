@@ -2,7 +2,6 @@
 // through the file-system switch. Copying has its own source.
 #include "zantrolume/zantrolume_commands.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -16,7 +15,8 @@ namespace {
 
 constexpr uint32_t fioctl_verify = 7;
 constexpr uint32_t cat_piece_size = 512;  // bytes
-constexpr uint8_t end_of_text = 26;       // Ctrl-Z
+constexpr int end_of_string = 0;
+constexpr int end_of_text = 26;  // Ctrl-Z
 constexpr char interruption[] = "\nCommand interrupted.";
 constexpr ppc_mode_t no_mode = 0xFFFF;
 constexpr uint32_t no_value = 0xFFFFFFFF;
@@ -157,9 +157,11 @@ void list_directory(const char* argument) {
 
 // The number of bytes before the first NUL or Ctrl-Z.
 size_t text_length(const uint8_t* bytes, size_t count) {
-  const uint8_t* end = std::find_if(
-      bytes, bytes + count, [](uint8_t byte) { return byte == '\0' || byte == end_of_text; });
-  return static_cast<size_t>(end - bytes);
+  for (const int end : {end_of_string, end_of_text}) {
+    const auto* found = static_cast<const uint8_t*>(memchr(bytes, end, count));
+    count = found == nullptr ? count : static_cast<size_t>(found - bytes);
+  }
+  return count;
 }
 
 void print_file(int32_t fd, const char* path) {

@@ -1,4 +1,5 @@
-// The copy command: one file to another path, buffer by buffer.
+// The copy command: one file to another path, buffer by buffer, through the file-system switch.
+// The command line does not reach it.
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>

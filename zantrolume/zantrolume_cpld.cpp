@@ -32,12 +32,29 @@ void select_page(uint32_t page) {
   window_store32(vexmor_mapped_ptr, cpld_flash_page, page);
 }
 
-uint16_t read_word(uint32_t address) {
-  uint32_t page = 0;
-  uint32_t offset = 0;
-  zantrolume_addr_to_page_offset(address, &page, &offset);
-  select_page(page);
-  return window_load16(vexmor_mapped_ptr, cpld_flash_access_selection + offset);
+// Reads whole words from an even address on. The selection is looked up once: the stores through
+// `out` could change it for all that the compiler knows.
+void read_words(uint32_t address, uint32_t words, uint8_t* out) {
+  const window_base window = vexmor_mapped_ptr;
+  const uint32_t data = cpld_flash_access_selection;
+  for (; words > 0; --words) {
+    uint32_t page = 0;
+    uint32_t offset = 0;
+    zantrolume_addr_to_page_offset(address, &page, &offset);
+    window_store32(window, cpld_flash_page, page);
+    const uint16_t word = window_load16(window, data + offset);
+    out[0] = static_cast<uint8_t>(word >> 8);
+    out[1] = static_cast<uint8_t>(word);
+    out += 2;
+    address += 2;
+  }
+}
+
+// The byte at an address, from the word around it.
+uint8_t read_byte(uint32_t address) {
+  uint8_t word[2];
+  read_words(address & ~1U, 1, word);
+  return word[address & 1];
 }
 
 flash_return_code wait_ready() {
@@ -130,21 +147,17 @@ flash_return_code zantrolume_cpld_read(const void*, uint32_t address, uint32_t l
   if ((address & 1) != 0) {
     // The window takes only aligned accesses: the word around the first byte gives it alone, and
     // the rest starts at an even address.
-    *out++ = static_cast<uint8_t>(read_word(address - 1));
+    *out++ = read_byte(address);
     ++address;
     --remaining;
   }
-  for (; remaining >= 2; remaining -= 2) {
-    const uint16_t word = read_word(address);
-    *out++ = static_cast<uint8_t>(word >> 8);
-    *out++ = static_cast<uint8_t>(word);
-    address += 2;
-  }
+  const uint32_t whole = remaining & ~1U;
+  read_words(address, whole / 2, out);
   if ((length & 1) != 0 && verbose_mode != 0) {
     puts("Need to read one more byte");
   }
-  if (remaining != 0) {
-    *out = static_cast<uint8_t>(read_word(address) >> 8);
+  if (remaining != whole) {
+    out[whole] = read_byte(address + whole);
   }
   return flash_ok;
 }
@@ -155,7 +168,7 @@ flash_return_code zantrolume_cpld_write(const void*, uint32_t address, uint32_t 
     return flash_illegal_operation;
   }
   const auto* in = static_cast<const uint8_t*>(buffer);
-  // The count has 16 bits, so 131072 bytes program nothing: the limit is kept..
+  // The count has 16 bits, so 131072 bytes program nothing: the limit is kept.
   const auto words = static_cast<uint16_t>(length / 2);
   for (uint32_t i = 0; i < words; ++i) {
     const auto value = static_cast<uint16_t>((in[0] << 8) | in[1]);

@@ -87,6 +87,7 @@ constexpr sized_name structures[] = {
     {sizeof(off_t), "off_t"},
 };
 
+// NOLINTBEGIN(bugprone-sizeof-expression): the size of a pointer member is what is listed.
 constexpr sized_name members[] = {
     {sizeof(flashfs::magic), "*magic"},
     {sizeof(flashfs::fdi), "fdi[2]"},
@@ -108,6 +109,7 @@ constexpr sized_name members[] = {
     {sizeof(flashfs::sctr_bufs_allocated), "sctr_bufs_allocated"},
     {sizeof(flashfs::raw_file_map), "raw_file_map"},
 };
+// NOLINTEND(bugprone-sizeof-expression)
 
 uintptr_t address_of(const void* pointer) {
   return reinterpret_cast<uintptr_t>(pointer);

@@ -1,4 +1,5 @@
-// The program's entry. All of the run is elsewhere, so that tests can link it.
+// The program's entry, and nothing else: tests have an entry of their own and link all the rest of
+// the run.
 #include "zantrolume/zantrolume_main.h"
 
 int main(int argc, char* argv[]) {

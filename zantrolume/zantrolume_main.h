@@ -1,4 +1,5 @@
-// The command line: what it asks for, and the run that carries it out.
+// The command line: what it asks for, and the run that carries it out. The entry itself is apart,
+// so that tests can link all of this.
 #pragma once
 
 #include <cstdint>

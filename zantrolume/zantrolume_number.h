@@ -1,4 +1,5 @@
-// Numbers of the command line.
+// Numbers of the command line. Nothing is refused here: what is no number counts as 0.
+// For the sources of this folder only.
 #pragma once
 
 #include <algorithm>

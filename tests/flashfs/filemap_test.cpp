@@ -1,7 +1,9 @@
 // The file map and the lists of sectors and slots in memory.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -92,7 +94,7 @@ int contiguous_bad(const uint16_t (&seq_nos)[count]) {
 
 TEST_F(file_map, an_id_that_is_not_in_the_map_gives_null) {
   EXPECT_EQ(filemap_lookup(fs(), 7), nullptr) << "an empty map";
-  for (const uint16_t fileid : {9, 2, 5}) {
+  for (const uint16_t fileid : u16s{9, 2, 5}) {
     ASSERT_NE(filemap_insert(fs(), fileid, 1, 0x8000), nullptr);
   }
   EXPECT_EQ(filemap_lookup(fs(), 7), nullptr);
@@ -101,7 +103,7 @@ TEST_F(file_map, an_id_that_is_not_in_the_map_gives_null) {
   EXPECT_EQ(filemap_lookup(fs(), 65534), nullptr);
   EXPECT_EQ(filemap_lookup(fs(), 0), nullptr);
   EXPECT_EQ(filemap_lookup(fs(), 0xFFFF), nullptr);
-  for (const uint16_t fileid : {2, 5, 9}) {
+  for (const uint16_t fileid : u16s{2, 5, 9}) {
     ASSERT_NE(filemap_lookup(fs(), fileid), nullptr);
     EXPECT_EQ(filemap_lookup(fs(), fileid)->fileid, fileid);
   }
@@ -120,7 +122,7 @@ TEST_F(file_map, a_new_entry_holds_its_arguments_and_else_nothing) {
 }
 
 TEST_F(file_map, entries_stand_in_ascending_order_however_they_come) {
-  for (const uint16_t fileid : {300, 2, 65534, 255, 256, 1, 511, 512, 40000}) {
+  for (const uint16_t fileid : u16s{300, 2, 65534, 255, 256, 1, 511, 512, 40000}) {
     ASSERT_NE(filemap_insert(fs(), fileid, 0, 0x8000), nullptr) << fileid;
   }
   EXPECT_EQ(fileids(), (std::vector<uint16_t>{1, 2, 255, 256, 300, 511, 512, 40000, 65534}));
@@ -145,7 +147,7 @@ TEST_F(file_map, an_id_that_is_taken_is_refused_and_the_map_stays) {
 }
 
 TEST_F(file_map, a_removed_entry_is_gone_and_its_list_too) {
-  for (const uint16_t fileid : {5, 300, 9}) {
+  for (const uint16_t fileid : u16s{5, 300, 9}) {
     filemap_add_sector(fs(), {0, fileid}, data_sector(fileid, 0), slot_of_sector);
   }
   filemap_remove(fs(), filemap_lookup(fs(), 9));
@@ -169,6 +171,11 @@ TEST_F(file_map, a_data_sector_of_an_unknown_file_makes_its_entry) {
   EXPECT_EQ(entry->readers + entry->writer, 0U);
   EXPECT_EQ(list_of(12), "0@1.4");
   EXPECT_EQ(entry->sctr_list->slot_no, 255);
+}
+
+TEST_F(file_map, a_data_sector_has_no_slot_index_whatever_the_caller_says) {
+  EXPECT_EQ(filemap_add_sector(fs(), {1, 4}, data_sector(12, 0), 7), 0);
+  EXPECT_EQ(filemap_lookup(fs(), 12)->sctr_list->slot_no, 255);
 }
 
 TEST_F(file_map, a_slot_of_an_unknown_directory_makes_the_directorys_entry) {
@@ -204,7 +211,7 @@ TEST_F(file_map, a_new_duplicate_of_the_head_becomes_the_head) {
 }
 
 TEST_F(file_map, sectors_stand_in_ascending_order_however_they_come) {
-  for (const uint16_t seq_no : {500, 2, 65535, 0, 3, 1}) {
+  for (const uint16_t seq_no : u16s{500, 2, 65535, 0, 3, 1}) {
     filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector);
   }
   EXPECT_EQ(list_of(12), "0@0.0 1@0.1 2@0.2 3@0.3 500@0.500 65535@0.65535");
@@ -357,7 +364,7 @@ TEST_F(slot_search, tells_a_failure_from_a_slot_that_is_not_there) {
 
 TEST_F(slot_search, passes_over_data_sectors_in_a_directorys_list) {
   // Damaged flash: sectors owned by a directory's id.
-  for (const uint16_t seq_no : {0, 30}) {
+  for (const uint16_t seq_no : u16s{0, 30}) {
     ASSERT_EQ(filemap_add_sector(fs(), {0, seq_no}, data_sector(30, seq_no), slot_of_sector), 0);
   }
   filemap_lookup(fs(), 30)->mode = 0x4600;
@@ -459,7 +466,7 @@ TEST_F(file_map, available_sectors_and_slots_are_taken_from_the_front) {
 }
 
 TEST_F(file_map, everything_available_in_a_block_can_be_dropped) {
-  for (const int16_t block : {1, 2, 2, 1, 0, 1}) {
+  for (const int16_t block : std::initializer_list<int16_t>{1, 2, 2, 1, 0, 1}) {
     available_sector_push(fs(), {block, 5});
     available_slot_push(fs(), {block, 6}, 4);
   }

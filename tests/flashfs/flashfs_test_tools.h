@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <string>
 
 #include "sim/sim_chassis.h"
@@ -26,6 +27,9 @@ class held_clock {
   }
   held_clock(const held_clock&) = delete;
   held_clock& operator=(const held_clock&) = delete;
+  void set(int64_t seconds) {
+    chassis_.clock_hold(seconds);
+  }
 
  private:
   sim::chassis chassis_;
@@ -57,6 +61,9 @@ child_end end_of_child(callable&& call) {
   end.status = WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
   return end;
 }
+
+// Numbers of 16 bits to go through.
+using u16s = std::initializer_list<uint16_t>;
 
 inline std::string hex(uint32_t value) {
   char text[sizeof "0x12345678"];

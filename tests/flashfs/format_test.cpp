@@ -373,7 +373,7 @@ TEST(format_slot, the_checksum_covers_62_bytes_and_is_stored_behind_them) {
 TEST(format_sector, a_damaged_count_is_cut_to_the_data_area) {
   auto sector = erased_record<flashfs_sector>();
   EXPECT_EQ(sector_bytes_used(&sector), 2048U);
-  for (const uint16_t count : {0, 1, 2047, 2048}) {
+  for (const uint16_t count : u16s{0, 1, 2047, 2048}) {
     sector.count = count;
     EXPECT_EQ(sector_bytes_used(&sector), count);
   }

@@ -31,11 +31,12 @@ void* operator new(size_t size) {
   return memory;
 }
 
-void operator delete(void* memory) noexcept {
+// Not inlined: the compiler would see free() meet what it takes for another operator new's memory.
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
   std::free(memory);
 }
 
-void operator delete(void* memory, size_t /*size*/) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
   std::free(memory);
 }
 

@@ -43,12 +43,12 @@ expected_result fails(int error) {
   return {-1, error, false, false};
 }
 
-bool reserve_may_be_gone(int64_t free_slots) {
-  return free_slots <= int64_t{slots_per_sector};
+bool reserve_may_be_gone(int64_t free_slots, const seen_result& seen) {
+  return seen.collected_in_vain || free_slots <= int64_t{slots_per_sector};
 }
 
-bool space_may_be_gone(int64_t free_slots) {
-  return free_slots <= 2 * int64_t{slots_per_sector};
+bool space_may_be_gone(int64_t free_slots, const seen_result& seen) {
+  return seen.collected_in_vain || free_slots <= 2 * int64_t{slots_per_sector};
 }
 
 bool went_down(const seen_result& seen) {
@@ -125,7 +125,7 @@ std::string fs_model::path_of(uint16_t fileid) const {
 }
 
 bool fs_model::touch(uint16_t fileid, const seen_result& seen) {
-  if (went_down(seen) && reserve_may_be_gone(free_slots())) {
+  if (went_down(seen) && reserve_may_be_gone(free_slots(), seen)) {
     go_down();
     return false;
   }
@@ -173,8 +173,11 @@ expected_result fs_model::create(const std::string& path, uint32_t mode, const s
   if (refused.error != 0) {
     return refused;
   }
-  if (seen.result < 0 && seen.error == ENOSPC && space_may_be_gone(free_slots())) {
+  if (seen.result < 0 && seen.error == ENOSPC && space_may_be_gone(free_slots(), seen)) {
     return fails(ENOSPC);
+  }
+  if (free_slots() < 2) {
+    return fails(ENOSPC);  // one slot must stay
   }
   *fileid = fileid_root;
   while (entries_.count(*fileid) != 0) {
@@ -294,7 +297,7 @@ expected_result fs_model::rename(const std::string& from, const std::string& to,
   if (refused.error != 0) {
     return refused;
   }
-  if (went_down(seen) && reserve_may_be_gone(free_slots())) {
+  if (went_down(seen) && reserve_may_be_gone(free_slots(), seen)) {
     go_down();
     return {-1, EIO, true, false};
   }
@@ -320,7 +323,7 @@ expected_result fs_model::chmod(const std::string& path, ppc_mode_t mode, const 
   if (fileid == fileid_root) {
     return fails(EINVAL);
   }
-  if (went_down(seen) && reserve_may_be_gone(free_slots())) {
+  if (went_down(seen) && reserve_may_be_gone(free_slots(), seen)) {
     go_down();
     return {-1, EIO, true, false};
   }

@@ -25,7 +25,8 @@ struct seen_result {
   int32_t result = 0;
   int error = 0;
   bool marked_down = false;
-  size_t file_sectors = 0;  // of the file of the handle, after the call
+  bool collected_in_vain = false;  // a block of no sectors was brought into service
+  size_t file_sectors = 0;         // of the file of the handle, after the call
 };
 
 // What it must do. An error of 0 means success.
@@ -154,7 +155,6 @@ class fs_model {
   const model_descriptor& descriptor(uint32_t handle) const {
     return descriptors_[handle];
   }
-  // Whether the name's length is what the file system complains about.
   const std::map<uint16_t, model_entry>& entries() const {
     return entries_;
   }

@@ -252,9 +252,14 @@ expected_result fs_model::write(uint32_t handle, const std::vector<uint8_t>& dat
   const bool cut = seen.result != static_cast<int32_t>(length);
   if (cut && seen.file_sectors < reach && seen.file_sectors >= have) {
     const auto granted = static_cast<int64_t>(seen.file_sectors - have);
-    if (space_may_be_gone(free_slots() - granted * slots_per_sector)) {
+    if (space_may_be_gone(free_slots() - granted * slots_per_sector, seen)) {
       reach = seen.file_sectors;
     }
+  }
+  const int64_t left =
+      free_slots() - (static_cast<int64_t>(reach) - static_cast<int64_t>(have)) * slots_per_sector;
+  if (reach > have && left < int64_t{slots_per_sector}) {
+    return fails(ENOSPC);  // one sector must have stayed
   }
   sector_list reserved = entry->sectors;
   reserved.resize(reach, erased_sector(true));
@@ -266,7 +271,7 @@ expected_result fs_model::write(uint32_t handle, const std::vector<uint8_t>& dat
   sector_list written = written_list(reserved, position, data.data(), n);
   if (went_down(seen)) {
     const auto grown = static_cast<int64_t>(reach - have);
-    if (reserve_may_be_gone(free_slots() - grown * slots_per_sector)) {
+    if (reserve_may_be_gone(free_slots() - grown * slots_per_sector, seen)) {
       unfinished_ = std::make_unique<unfinished_write>(
           unfinished_write{entry->fileid, entry->sectors, std::move(written)});
       go_down();
@@ -323,7 +328,7 @@ expected_result fs_model::truncate(uint32_t handle, uint32_t length, const seen_
   kept.resize((size_t{length} + sector_data_size - 1) / sector_data_size);
   const uint32_t last_bytes = length - static_cast<uint32_t>((kept.size() - 1) * sector_data_size);
   if (length != 0 && last_bytes < sector_data_size) {
-    if (went_down(seen) && reserve_may_be_gone(free_slots())) {
+    if (went_down(seen) && reserve_may_be_gone(free_slots(), seen)) {
       go_down();
       return {-1, EIO, true, false};
     }

@@ -96,19 +96,24 @@ caught_output::~caught_output() {
   std::fclose(file_);
 }
 
-std::string caught_output::take() {
+std::string caught_output::peek() {
   std::fflush(stdout);
   const off_t length = lseek(STDOUT_FILENO, 0, SEEK_CUR);
   std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-  if (text.empty()) {
-    return text;
-  }
-  if (pread(STDOUT_FILENO, text.data(), text.size(), 0) != length ||
-      ftruncate(STDOUT_FILENO, 0) != 0) {
+  if (!text.empty() && pread(STDOUT_FILENO, text.data(), text.size(), 0) != length) {
     std::perror("cannot read the standard output");
     std::abort();
   }
-  lseek(STDOUT_FILENO, 0, SEEK_SET);
+  return text;
+}
+
+std::string caught_output::take() {
+  const std::string text = peek();
+  if (!text.empty() &&
+      (lseek(STDOUT_FILENO, 0, SEEK_SET) != 0 || ftruncate(STDOUT_FILENO, 0) != 0)) {
+    std::perror("cannot drop the standard output");
+    std::abort();
+  }
   return text;
 }
 
@@ -177,11 +182,13 @@ int32_t model_run::fd_of(uint32_t handle) const {
   return descriptor.is_open ? descriptor.fd : bad_descriptors[handle % std::size(bad_descriptors)];
 }
 
-seen_result model_run::seen(int32_t result, uint32_t handle) const {
+seen_result model_run::seen(int32_t result, uint32_t handle) {
   seen_result seen;
   seen.result = result;
   seen.error = result < 0 ? errno : 0;
   seen.marked_down = model_->ready() && fs_->ready == 0;
+  seen.collected_in_vain =
+      shape_.has_empty_blocks && output_.peek().find(empty_block_line) != std::string::npos;
   if (handle < handle_count && model_->descriptor(handle).is_open) {
     const flashfs_sctr_map* file = filemap_lookup(fs_, model_->descriptor(handle).fileid);
     seen.file_sectors = file == nullptr ? 0 : sctr_list_length(file->sctr_list);
@@ -199,6 +206,7 @@ bool model_run::expect(const seen_result& seen, const expected_result& expected)
   if (seen.marked_down != expected.marked_down) {
     return fail(seen.marked_down ? "marked the file system down" : "did not mark it down");
   }
+  counts_->successes += seen.result >= 0 ? 1 : 0;
   if (seen.error == ENOSPC) {
     counts_->no_space[kind_name(current_)]++;
   }
@@ -433,14 +441,15 @@ bool model_run::play_read(const step& one) {
 bool model_run::play_write(const step& one) {
   const auto length = static_cast<uint32_t>(std::clamp<int64_t>(one.a, 0, INT32_MAX));
   const model_descriptor& descriptor = model_->descriptor(one.handle);
-  const bool too_far = uint64_t{descriptor.filepos} + length > INT32_MAX;
+  const model_entry* entry = descriptor.is_open ? model_->find(descriptor.fileid) : nullptr;
+  const bool appends = (descriptor.oflags & ifs_open_append) != 0 && entry != nullptr;
+  const uint32_t position = appends ? entry->size() : descriptor.filepos;
+  // What ends too far is refused before the data is looked at.
+  const bool too_far = uint64_t{position} + length > INT32_MAX;
   if (length > largest_transfer && !too_far) {
     return true;  // would need that much memory
   }
   const std::vector<uint8_t> data = written_bytes(too_far ? 1 : length, one.b);
-  if (too_far && (descriptor.oflags & ifs_open_append) != 0 && length <= largest_transfer) {
-    return true;  // starts at the end of the file and takes the data
-  }
   const seen_result wrote = seen(ifs_write(fd_of(one.handle), data.data(), length), one.handle);
   const expected_result expected = model_->write(one.handle, data, length, wrote);
   if (wrote.result >= 0 && static_cast<uint32_t>(wrote.result) < length) {

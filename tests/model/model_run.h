@@ -31,6 +31,7 @@ struct geometry {
 // What happened in the runs of a test.
 struct run_counts {
   uint64_t steps = 0;
+  uint64_t successes = 0;                     // calls that did not fail
   std::map<std::string, uint64_t> no_space;   // answers of ENOSPC, by operation
   std::map<std::string, uint64_t> went_down;  // for want of space, by operation
   uint64_t short_writes = 0;
@@ -45,8 +46,9 @@ class caught_output {
   ~caught_output();
   caught_output(const caught_output&) = delete;
   caught_output& operator=(const caught_output&) = delete;
-  // What was printed since the last call.
+  // What was printed since the last take.
   std::string take();
+  std::string peek();
 
  private:
   FILE* file_;
@@ -94,7 +96,7 @@ class model_run {
   bool play_raw_copy(uint32_t chunk);
   bool raw_copy(uint32_t chunk);
 
-  seen_result seen(int32_t result, uint32_t handle = handle_count) const;
+  seen_result seen(int32_t result, uint32_t handle = handle_count);
   bool expect(const seen_result& seen, const expected_result& expected);
   // Whether exactly these lines were printed, besides the markers of writes and erases.
   bool expect_output(const std::vector<std::string>& lines);

@@ -18,7 +18,7 @@ struct weighted_kind {
 constexpr weighted_kind weights[] = {
     {step_kind::open, 160},       {step_kind::open_by_id, 12},    {step_kind::close, 110},
     {step_kind::read, 110},       {step_kind::write, 200},        {step_kind::seek, 80},
-    {step_kind::truncate, 40},    {step_kind::getdents, 30},      {step_kind::fstat, 15},
+    {step_kind::truncate, 40},    {step_kind::getdents, 50},      {step_kind::fstat, 15},
     {step_kind::fverify, 8},      {step_kind::file_name, 8},      {step_kind::file_info, 8},
     {step_kind::file_control, 3}, {step_kind::chmod, 25},         {step_kind::remove, 50},
     {step_kind::rename, 60},      {step_kind::mkdir, 45},         {step_kind::rmdir, 30},
@@ -136,6 +136,11 @@ int64_t step_generator::length(const fs_model& model) {
       std::max<int64_t>(0, model.free_slots() / slots_per_sector * int64_t{sector_data_size});
   static constexpr int64_t edges[] = {0, 1, 2, 2046, 2047, 2048, 2049, 4095, 4096, 4097};
   const int64_t kind = below(100);
+  const bool fills = how_ == fullness::tight &&
+                     model.free_slots() * 10 > int64_t{model.total_sectors()} * slots_per_sector;
+  if (kind < 35 && fills) {
+    return std::min<int64_t>(free_bytes, 4 << 20);
+  }
   if (kind < 35) {
     return edges[below(std::size(edges))];
   }
@@ -152,6 +157,9 @@ int64_t step_generator::position(const fs_model& model, uint32_t handle) {
   const model_descriptor& descriptor = model.descriptor(handle);
   const model_entry* entry = descriptor.is_open ? model.find(descriptor.fileid) : nullptr;
   const auto size = entry == nullptr ? int64_t{0} : int64_t{entry->size()};
+  if (entry != nullptr && entry->is_directory() && chance(70)) {
+    return below(size / 64 + 2) * 64;
+  }
   const int64_t kind = below(100);
   if (kind < 60) {
     return below(size + 1);
@@ -180,6 +188,17 @@ uint32_t step_generator::open_handle(const fs_model& model) {
   return first;
 }
 
+uint32_t step_generator::directory_handle(const fs_model& model, uint32_t otherwise) {
+  for (uint32_t handle = 0; handle < handle_count; ++handle) {
+    const model_descriptor& descriptor = model.descriptor(handle);
+    const model_entry* entry = descriptor.is_open ? model.find(descriptor.fileid) : nullptr;
+    if (entry != nullptr && entry->is_directory()) {
+      return handle;
+    }
+  }
+  return otherwise;
+}
+
 uint32_t step_generator::free_handle(const fs_model& model) {
   for (uint32_t handle = 0; handle < handle_count; ++handle) {
     if (!model.descriptor(handle).is_open) {
@@ -189,18 +208,18 @@ uint32_t step_generator::free_handle(const fs_model& model) {
   return 0;
 }
 
-// Steers a tight run: gives back some space when all is used, takes it when a tenth is free.
+// Steers a tight run: takes space in large pieces while a tenth is free, then in small ones, and
+// near the end wavers between taking and giving.
 step_kind step_generator::choose_kind_for_space(const fs_model& model) {
   const int64_t all = int64_t{model.total_sectors()} * slots_per_sector;
-  if (model.free_slots() < 3 * int64_t{slots_per_sector}) {
-    static constexpr step_kind giving[] = {step_kind::remove, step_kind::truncate,
-                                           step_kind::rmdir};
-    return giving[below(std::size(giving))];
+  if (model.free_slots() * 10 > all && model.free_slots() > 3 * int64_t{slots_per_sector}) {
+    return chance(80) ? step_kind::write : step_kind::open;
   }
-  if (model.free_slots() * 10 > all) {
-    return chance(60) ? step_kind::write : step_kind::open;
-  }
-  return step_kind::write;
+  static constexpr step_kind near_the_end[] = {
+      step_kind::remove, step_kind::truncate, step_kind::mkdir, step_kind::mkdir,
+      step_kind::mkdir,  step_kind::open,     step_kind::open,  step_kind::write,
+      step_kind::chmod,  step_kind::rename};
+  return near_the_end[below(std::size(near_the_end))];
 }
 
 step_kind step_generator::choose_kind(const fs_model& model) {
@@ -211,7 +230,7 @@ step_kind step_generator::choose_kind(const fs_model& model) {
   if (model.down() && open == 0 && chance(50)) {
     return chance(50) ? step_kind::check : step_kind::remount;
   }
-  if (how_ == fullness::tight && model.ready() && open > 0 && chance(20)) {
+  if (how_ == fullness::tight && model.ready() && open > 0 && chance(40)) {
     return choose_kind_for_space(model);
   }
   int total = 0;
@@ -238,12 +257,31 @@ step step_generator::next(const fs_model& model) {
   if (one.kind == step_kind::format && chance(70)) {
     one.kind = step_kind::check;
   }
+  // Places that a descriptor remembers are tried by going on, and by going elsewhere.
+  const bool stays = (last_.kind == step_kind::getdents || last_.kind == step_kind::seek) &&
+                     model.descriptor(last_.handle).is_open && chance(50);
+  if (stays) {
+    static constexpr step_kind going_on[] = {step_kind::getdents, step_kind::getdents,
+                                             step_kind::seek, step_kind::read, step_kind::write};
+    one.kind = going_on[below(std::size(going_on))];
+  }
   fill(model, &one);
+  if (stays) {
+    one.handle = last_.handle;
+    if (one.kind == step_kind::seek) {
+      one.a = position(model, one.handle);
+      one.b = 0;
+    }
+  }
+  last_ = one;
   return one;
 }
 
 void step_generator::fill(const fs_model& model, step* one) {
   one->handle = open_handle(model);
+  if (chance(one->kind == step_kind::getdents ? 70 : one->kind == step_kind::seek ? 20 : 0)) {
+    one->handle = directory_handle(model, one->handle);
+  }
   switch (one->kind) {
     case step_kind::open:
       one->handle = free_handle(model);
@@ -261,7 +299,7 @@ void step_generator::fill(const fs_model& model, step* one) {
       one->b = chance(60) ? 1 : open_flags();
       break;
     case step_kind::write:
-      one->a = chance(1) ? INT32_MAX - below(100) : length(model);
+      one->a = chance(1) ? INT32_MAX - below(3000) : length(model);
       one->b = below(1 << 20);
       break;
     case step_kind::read:
@@ -276,7 +314,7 @@ void step_generator::fill(const fs_model& model, step* one) {
       one->a = chance(15) ? 0 : position(model, one->handle);
       break;
     case step_kind::getdents:
-      one->a = chance(50) ? 76 * (1 + below(4)) : below(800);
+      one->a = chance(70) ? 76 * (1 + below(3)) : below(800);
       break;
     case step_kind::file_control:
       one->a = 2 + below(4);

@@ -39,10 +39,13 @@ class step_generator {
   int64_t length(const fs_model& model);
   int64_t position(const fs_model& model, uint32_t handle);
   uint32_t open_handle(const fs_model& model);
+  // A handle on which a directory is open.
+  uint32_t directory_handle(const fs_model& model, uint32_t otherwise);
   uint32_t free_handle(const fs_model& model);
 
   std::mt19937_64 random_;
   fullness how_;
+  step last_;
 };
 
 }  // namespace model_test

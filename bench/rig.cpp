@@ -1,0 +1,227 @@
+// The chassis, the mount and the bus floor. What is measured is in cases.cpp.
+#include "bench/rig.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "flashfs/flashfs.h"
+#include "ifs/ifs.h"
+#include "zantrolume/zantrolume_commands.h"
+#include "zantrolume/zantrolume_cpld.h"
+
+namespace bench {
+
+namespace {
+
+constexpr uint32_t ioctl_check = 11;
+constexpr uint32_t piece_bytes = 65536;  // of one write call
+constexpr uint32_t filling_file_bytes = 65536;
+constexpr uint32_t filling_files_per_directory = 16;
+// A flash sector that the file system does not use: the floor's erases and programs go there.
+constexpr uint32_t floor_sector = 255U << flash_sector_shift;
+
+// Text without a NUL or Ctrl-Z, so that printing a file goes to its end.
+const std::vector<uint8_t>& text() {
+  static const std::vector<uint8_t> bytes = [] {
+    std::vector<uint8_t> made(piece_bytes);
+    for (size_t i = 0; i < made.size(); ++i) {
+      made[i] = i % 64 == 63 ? uint8_t{'\n'} : static_cast<uint8_t>('!' + i * 7 % 90);
+    }
+    return made;
+  }();
+  return bytes;
+}
+
+void select_page(uint32_t address) {
+  window_store32(vexmor_mapped_ptr, cpld_flash_page, address >> flash_page_shift);
+}
+
+void read_status() {
+  if ((window_load32(vexmor_mapped_ptr, cpld_flash_status) & flash_status_bit) == 0) {
+    fail("the simulated flash is not ready");
+  }
+}
+
+void store_data(uint32_t offset, uint16_t value) {
+  window_store16(vexmor_mapped_ptr, cpld_flash_access_selection + offset, value);
+  read_status();
+}
+
+constexpr uint32_t in_page = (1U << flash_page_shift) - 1;
+
+void floor_reads(uint64_t words) {
+  uint32_t sum = 0;
+  uint32_t address = 0;
+  for (uint64_t i = 0; i < words; ++i) {
+    select_page(address);
+    sum += window_load16(vexmor_mapped_ptr, cpld_flash_access_selection + (address & in_page));
+    address += 2;
+    address = address == usable_bytes ? 0 : address;
+  }
+  // Somebody seems to look at what was read, so that the loop is not left out.
+  asm volatile("" : : "r"(sum));
+}
+
+void floor_programs(uint64_t words) {
+  uint32_t address = floor_sector;
+  for (uint64_t i = 0; i < words; ++i) {
+    select_page(0);
+    store_data(0xAAA, 0xAA);
+    store_data(0x554, 0x55);
+    store_data(0xAAA, 0xA0);
+    select_page(address);
+    read_status();
+    store_data(address & in_page, 0xFFFF);
+    address = floor_sector + ((address + 2) & ((1U << flash_sector_shift) - 1));
+  }
+}
+
+void floor_erases(uint64_t sectors) {
+  for (uint64_t i = 0; i < sectors; ++i) {
+    select_page(0);
+    store_data(0xAAA, 0xAA);
+    store_data(0x554, 0x55);
+    store_data(0xAAA, 0x80);
+    store_data(0xAAA, 0xAA);
+    store_data(0x554, 0x55);
+    select_page(floor_sector);
+    store_data(0, 0x30);
+  }
+}
+
+bool same_accesses(const sim::access_counts& a, const sim::access_counts& b) {
+  return a.words_read == b.words_read && a.programs == b.programs && a.erases == b.erases &&
+         a.status_reads == b.status_reads && a.page_writes == b.page_writes &&
+         a.command_cycles == b.command_cycles;
+}
+
+}  // namespace
+
+void fail(const std::string& what) {
+  fprintf(stderr, "bench: %s (errno %d)\n", what.c_str(), errno);
+  exit(EXIT_FAILURE);
+}
+
+std::string on_device(const std::string& path) {
+  return "bootflash:" + path;
+}
+
+int run_command(int (*command)(int argc, char* argv[]), const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  for (const std::string& argument : arguments) {
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  }
+  argv.push_back(nullptr);
+  return command(static_cast<int>(arguments.size()), argv.data());
+}
+
+quiet::quiet() {
+  fflush(stdout);
+  saved_fd_ = dup(STDOUT_FILENO);
+  const int null = open("/dev/null", O_WRONLY);
+  if (saved_fd_ < 0 || null < 0 || dup2(null, STDOUT_FILENO) < 0) {
+    fail("cannot silence standard output");
+  }
+  close(null);
+}
+
+quiet::~quiet() {
+  fflush(stdout);
+  dup2(saved_fd_, STDOUT_FILENO);
+  close(saved_fd_);
+}
+
+rig::rig() {
+  chassis_.clock_hold(clock_seconds);
+  sim::install_chassis(&chassis_);
+  cpld_flash_access_selection = cpld_data_window;
+  flash_status_bit = 2;
+  vexmor_mapped_ptr = chassis_.window_of(ppc);
+}
+
+void rig::make_new() {
+  unmount();
+  flash().fill_erased();
+  mount();
+}
+
+void rig::unmount() {
+  if (registered_) {
+    flashfs_clear_maps(flashfs_get_fsp("bootflash:"));
+  }
+}
+
+void rig::mount(uint32_t flags) {
+  if (!registered_ && start_flashfs() != 1) {
+    fail("cannot start the file system");
+  }
+  registered_ = true;
+  if (ifs_ioctl("bootflash:", ioctl_check, &flags) != 0) {
+    fail("cannot mount");
+  }
+}
+
+void rig::make_directory(const std::string& path) {
+  if (ifs_mkdir(on_device(path).c_str(), 0) != 0) {
+    fail("cannot make the directory " + path);
+  }
+}
+
+void rig::write_file(const std::string& path, uint32_t bytes, uint32_t open_flags) {
+  const int32_t fd = ifs_open(on_device(path).c_str(), open_flags, 0);
+  if (fd < 0) {
+    fail("cannot open " + path);
+  }
+  for (uint32_t done = 0; done < bytes;) {
+    const uint32_t piece = std::min(bytes - done, piece_bytes);
+    if (ifs_write(fd, text().data(), piece) != static_cast<int32_t>(piece)) {
+      fail("cannot write " + path);
+    }
+    done += piece;
+  }
+  ifs_close(fd);
+}
+
+void rig::create_file(const std::string& path, uint32_t bytes) {
+  write_file(path, bytes, ifs_open_write | ifs_open_create);
+}
+
+void rig::fill(uint32_t percent) {
+  const uint32_t files = usable_sectors * percent / 100 / (filling_file_bytes / sector_bytes);
+  std::string directory;
+  for (uint32_t i = 0; i < files; ++i) {
+    if (i % filling_files_per_directory == 0) {
+      directory = "fill" + std::to_string(i / filling_files_per_directory);
+      make_directory(directory);
+    }
+    create_file(directory + "/file" + std::to_string(i), filling_file_bytes);
+  }
+}
+
+double rig::processor_seconds() {
+  timespec now;
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+double rig::run_floor(const sim::access_counts& counts) {
+  chassis_.clear_counts();
+  const double start = processor_seconds();
+  floor_reads(counts.words_read);
+  floor_programs(counts.programs);
+  floor_erases(counts.erases);
+  const double seconds = processor_seconds() - start;
+  if (!same_accesses(counts, chassis_.counts())) {
+    fail("the floor's accesses are not those of the operation");
+  }
+  return seconds;
+}
+
+}  // namespace bench

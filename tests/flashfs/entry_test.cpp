@@ -1,0 +1,639 @@
+// The steps behind names: renaming, moving, changing modes, emptying, removing and verifying
+// entries, and the root's own slot.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "tests/flashfs/flashfs_recipe.h"
+
+namespace {
+
+using namespace test_support;
+
+// The root with file 2 "f" of two sectors and directory 3 "d", which holds the empty file 4 "x".
+class small_tree : public recipe_fixture {
+ protected:
+  void make() {
+    make_blocks({4, 4, 4});
+    image().headers(2);
+    root_slot(0, 0, 0);
+    name(0, 0, 1, 1, 1, 2, "f");
+    directory(0, 0, 2, 2, 1, 3, "d");
+    name(0, 0, 3, 0, 3, 4, "x");
+    data(2, {{0, 1}, {0, 2}});
+  }
+  void make_and_mount() {
+    make();
+    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.0/2");
+  }
+  void without_buffers(const std::function<void()>& call) {
+    chunk_pool* pool = fs()->sctr_buf_chunk;
+    fs()->sctr_buf_chunk = nullptr;
+    output_of(call);
+    fs()->sctr_buf_chunk = pool;
+  }
+  // Runs the step once with each of its flash calls failing. `result` gives the step's result,
+  // `after` is called after a remount.
+  void with_every_failure(uint64_t expected_calls, const std::function<int()>& step,
+                          const std::function<void()>& after) {
+    for (uint64_t n = 0; n <= expected_calls; n++) {
+      make_and_mount();
+      device().fail(flash_call::any, n, flash_operation_failed);
+      errno = 0;
+      int result = 0;
+      output_of([&] { result = step(); });
+      EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+      if (n == 0) {
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(device().calls_since_fail(), expected_calls);
+        continue;
+      }
+      EXPECT_NE(result, 0) << n;
+      device().fail(flash_call::any, 0, flash_ok);
+      check_of_recipe(full);
+      ASSERT_EQ(fs()->ready, 1U) << check_output();
+      after();
+    }
+  }
+};
+
+using rename_step = small_tree;
+using move_step = small_tree;
+using mode_step = small_tree;
+using truncate_step = small_tree;
+using remove_step = small_tree;
+using verify_step = small_tree;
+using root_step = small_tree;
+using create_step = small_tree;
+using new_slot_step = small_tree;
+
+// --- creating (the steps' own tests are the paths') ---
+
+TEST_F(create_step, forty_five_characters_are_accepted_and_forty_six_refused) {
+  make_and_mount();
+  const std::string longest(45, 'n');
+  const flashfs_sctr_map* made = flashfs_create_entry(fs(), longest.c_str(), 0x8000);
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(path_lookup(fs(), longest.c_str()), made->fileid);
+  errno = 0;
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(flashfs_create_entry(fs(), (longest + "n").c_str(), 0x8000), nullptr);
+            }),
+            "flashfs[0]: Cannot accept filenames longer than 45 characters.\n");
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(create_step, a_claimed_directory_is_busy) {
+  make_and_mount();
+  for (const uint32_t mode : {acquire_read, acquire_write}) {
+    ASSERT_EQ(flashfs_file_acquire(entry(3), mode), 0);
+    errno = 0;
+    EXPECT_EQ(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    flashfs_file_release(entry(3));
+  }
+  EXPECT_NE(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+  EXPECT_EQ(entry(3)->writer, 0U);
+}
+
+// --- a fresh slot ---
+
+TEST_F(new_slot_step, all_fields_are_set_and_the_carried_bytes_stay_erased) {
+  make_and_mount();
+  sector_buffer buffer(fs());
+  flashfs_sctr_ptr pointer;
+  uint8_t slot_no = 0;
+  ASSERT_EQ(flashfs_alloc_slot(fs(), &pointer, &slot_no, 0), 0);
+  EXPECT_EQ(
+      flashfs_write_new_slot(fs(), pointer, slot_no, entry(3), 77, 0x8123, "name", buffer.get()),
+      0);
+  const flashfs_dir_slot slot = slot_on_flash(0, 0, 31);
+  EXPECT_EQ(slot.seq_no, 1);
+  EXPECT_EQ(slot.dir_fileid, 3);
+  EXPECT_EQ(slot.entry_fileid, 77);
+  EXPECT_EQ(slot.mode, 0x8123);
+  EXPECT_EQ(slot.date, recipe_time);
+  EXPECT_TRUE(is_erased(slot.reserved, 4));
+  EXPECT_EQ(std::string(slot.name, 46), std::string("name") + std::string(42, '\0'));
+  EXPECT_EQ(image_crc(&slot, 64), 0xE2F0);
+  EXPECT_EQ(list_text(fs(), 3), "0:0.0/3 1:0.0/31");
+}
+
+TEST_F(new_slot_step, a_failing_read_or_write_is_eio) {
+  for (const flash_call kind : {flash_call::read, flash_call::write}) {
+    make_and_mount();
+    sector_buffer buffer(fs());
+    device().fail(kind, 1, flash_operation_failed);
+    output_of([&] {
+      EXPECT_EQ(
+          flashfs_write_new_slot(fs(), {0, 0}, 31, entry(3), 77, 0x8123, "name", buffer.get()),
+          EIO);
+    });
+    EXPECT_EQ(list_text(fs(), 3), "0:0.0/3");
+  }
+}
+
+// --- renaming in place ---
+
+TEST_F(rename_step, only_the_name_changes) {
+  make_and_mount();
+  flashfs_dir_slot expected = slot_on_flash(0, 0, 1);
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "a-longer-name"), 0);
+  memset(expected.name, 0, sizeof(expected.name));
+  memcpy(expected.name, "a-longer-name", 13);
+  expected.checksum = image_crc(&expected, 62);
+  const flashfs_dir_slot fresh = slot_on_flash(0, 0, 31);
+  EXPECT_EQ(memcmp(&fresh, &expected, sizeof(fresh)), 0);
+  EXPECT_EQ(fresh.seq_no, 1);
+  EXPECT_EQ(fresh.date, image_time);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/31 2:0.0/2");
+  EXPECT_EQ(path_lookup(fs(), "a-longer-name"), 2);
+  EXPECT_EQ(path_lookup(fs(), "f"), 0);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(rename_step, a_shorter_name_leaves_nothing_of_a_longer_one) {
+  make_and_mount();
+  ASSERT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), std::string(45, 'n').c_str()), 0);
+  ASSERT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "s"), 0);
+  EXPECT_EQ(std::string(slot_on_flash(0, 0, 30).name, 46), "s" + std::string(45, '\0'));
+}
+
+TEST_F(rename_step, the_carried_bytes_are_carried) {
+  make();
+  memcpy(image().slot_at(0, 0, 1) + 12, "\x01\x02\x03\x04", 4);
+  image().fix_slot_checksum(0, 0, 1);
+  ASSERT_EQ(check_of_recipe(full), quiet_check);
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), 0);
+  EXPECT_EQ(memcmp(slot_on_flash(0, 0, 31).reserved, "\x01\x02\x03\x04", 4), 0);
+}
+
+TEST_F(rename_step, the_fresh_slot_is_written_before_the_old_one_goes) {
+  make_and_mount();
+  uint8_t slot_no = 0;
+  while (fs()->available_slots != nullptr) {
+    available_slot_take(fs(), &slot_no);
+  }
+  EXPECT_EQ(
+      writes_of(fs(), [&] { EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), 0); }),
+      "1.0 1.0 0.0");
+  EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
+}
+
+TEST_F(rename_step, the_last_slot_is_used) {
+  make_and_mount();
+  uint8_t slot_no = 0;
+  while (fs()->num_available_slots > 1) {
+    available_slot_take(fs(), &slot_no);
+  }
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), 0);
+  EXPECT_EQ(fs()->available_slots, nullptr);
+}
+
+TEST_F(rename_step, an_entry_without_a_slot_is_not_found) {
+  make_and_mount();
+  flashfs_sctr_map* file = filemap_insert(fs(), 9, 1, 0x8700);
+  errno = 0;
+  EXPECT_EQ(flashfs_rename_entry(fs(), file, entry(1), "g"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_EQ(flashfs_rename_entry(fs(), file, entry(3), "g"), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(rename_step, no_space_is_eio) {
+  make_and_mount();
+  available_clear(fs());
+  image().header(2, {.state = 0});  // no spare either, whatever would be collected
+  errno = 0;
+  output_of([&] { EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), -1); });
+  EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(rename_step, every_failing_flash_call_is_eio_and_leaves_one_name) {
+  with_every_failure(
+      6,
+      [&] {
+        const int result = flashfs_rename_entry(fs(), entry(2), entry(1), "g");
+        EXPECT_EQ(errno, result == 0 ? 0 : EIO);
+        return result;
+      },
+      [&] {
+        EXPECT_EQ((path_lookup(fs(), "f") == 2) + (path_lookup(fs(), "g") == 2), 1);
+        EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U);
+      });
+}
+
+TEST_F(rename_step, after_a_cut_between_the_two_slots_the_check_keeps_the_one_found_last) {
+  make_and_mount();
+  device().fail(flash_call::write, 2, flash_operation_failed);
+  output_of([&] { EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), -1); });
+  // Both are valid.
+  EXPECT_EQ(dir_slot_crc(reinterpret_cast<flashfs_dir_slot*>(image().slot_at(0, 0, 1))), 0xE2F0U);
+  EXPECT_EQ(dir_slot_crc(reinterpret_cast<flashfs_dir_slot*>(image().slot_at(0, 0, 31))), 0xE2F0U);
+  device().fail(flash_call::any, 0, flash_ok);
+  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/31 2:0.0/2");
+  EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
+  EXPECT_EQ(path_lookup(fs(), "g"), 2);
+}
+
+TEST_F(rename_step, without_buffers_fails) {
+  make_and_mount();
+  without_buffers([&] { EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), -1); });
+}
+
+// --- moving into another directory ---
+
+TEST_F(move_step, the_target_gives_its_next_number) {
+  make_and_mount();
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(3), "moved"), 0);
+  const flashfs_dir_slot slot = slot_on_flash(0, 0, 31);
+  EXPECT_EQ(slot.seq_no, 1);
+  EXPECT_EQ(slot.dir_fileid, 3);
+  EXPECT_EQ(slot.entry_fileid, 2);
+  EXPECT_EQ(slot.date, image_time);
+  EXPECT_STREQ(slot.name, "moved");
+  EXPECT_EQ(image_crc(&slot, 64), 0xE2F0);
+  EXPECT_EQ(list_text(fs(), 3), "0:0.0/3 1:0.0/31");
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 2:0.0/2");
+  EXPECT_EQ(entry(2)->parent_fileid, 3);
+  EXPECT_EQ(path_lookup(fs(), "d/moved"), 2);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(move_step, a_gap_in_the_targets_numbers_is_filled) {
+  make_and_mount();
+  ASSERT_EQ(flashfs_rename_entry(fs(), entry(2), entry(3), "f"), 0);
+  // The root's numbers are 0 and 2 now.
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(4), entry(1), "x"), 0);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/30 2:0.0/2");
+}
+
+TEST_F(move_step, a_directory_takes_its_contents_along) {
+  make_and_mount();
+  const flashfs_sctr_map* made = flashfs_create_entry(fs(), "e", 0x4000);
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(3), entry(made->fileid), "d2"), 0);
+  EXPECT_EQ(path_lookup(fs(), "e/d2/x"), 4);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(move_step, without_its_old_directory_it_is_not_found) {
+  make_and_mount();
+  entry(2)->parent_fileid = 55;
+  errno = 0;
+  EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(3), "f"), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(move_step, every_failing_flash_call_is_eio_and_leaves_one_name) {
+  with_every_failure(
+      7,
+      [&] {
+        const int result = flashfs_rename_entry(fs(), entry(2), entry(3), "g");
+        EXPECT_EQ(errno, result == 0 ? 0 : EIO);
+        return result;
+      },
+      [&] {
+        EXPECT_EQ((path_lookup(fs(), "f") == 2) + (path_lookup(fs(), "d/g") == 2), 1);
+        EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U);
+      });
+}
+
+// --- changing the mode ---
+
+TEST_F(mode_step, the_low_nine_bits_are_replaced) {
+  make_and_mount();
+  EXPECT_EQ(flashfs_change_mode(fs(), entry(2), 0xFE55), 0);
+  EXPECT_EQ(entry(2)->mode, 0x8655);
+  flashfs_dir_slot expected = slot_on_flash(0, 0, 1);
+  expected.dir_fileid = 1;  // deleted by now
+  expected.mode = 0x8655;
+  expected.checksum = image_crc(&expected, 62);
+  const flashfs_dir_slot fresh = slot_on_flash(0, 0, 31);
+  EXPECT_EQ(memcmp(&fresh, &expected, sizeof(fresh)), 0);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/31 2:0.0/2");
+}
+
+TEST_F(mode_step, slot_and_memory_each_keep_their_own_high_bits) {
+  make_and_mount();
+  entry(2)->mode = 0x8000;
+  EXPECT_EQ(flashfs_change_mode(fs(), entry(2), 0x1FF), 0);
+  EXPECT_EQ(entry(2)->mode, 0x81FF);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).mode, 0x87FF);
+}
+
+TEST_F(mode_step, an_entry_without_a_slot_is_not_found) {
+  make_and_mount();
+  errno = 0;
+  EXPECT_EQ(flashfs_change_mode(fs(), filemap_insert(fs(), 9, 1, 0x8700), 1), -1);
+  EXPECT_EQ(errno, ENOENT);
+  errno = 0;
+  EXPECT_EQ(flashfs_change_mode(fs(), filemap_insert(fs(), 10, 99, 0x8700), 1), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(mode_step, every_failing_flash_call_is_eio) {
+  with_every_failure(
+      6,
+      [&] {
+        const int result = flashfs_change_mode(fs(), entry(2), 0x1FF);
+        EXPECT_EQ(errno, result == 0 ? 0 : EIO);
+        EXPECT_EQ(entry(2)->mode, result == 0 ? 0x87FF : 0x8700);
+        return result;
+      },
+      [&] { EXPECT_EQ(path_lookup(fs(), "f"), 2); });
+}
+
+// --- freeing all sectors ---
+
+TEST_F(truncate_step, the_sectors_are_invalidated_from_the_first_on) {
+  make_and_mount();
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_truncate_entry(fs(), entry(2)), 0); }),
+            "0.1 0.2");
+  EXPECT_EQ(block_text(0), "1 0 0 -");
+  EXPECT_EQ(entry(2)->sctr_list, nullptr);
+  EXPECT_EQ(counters_text(), "2/0 0/0 0/0");
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(truncate_step, a_reserved_sector_is_invalidated_as_well) {
+  make_and_mount();
+  ASSERT_EQ(extend_sctr_list(fs(), entry(2), 3 * 2048), 3 * 2048);
+  EXPECT_EQ(flashfs_truncate_entry(fs(), entry(2)), 0);
+  EXPECT_EQ(block_text(1), "0 - - -");
+}
+
+TEST_F(truncate_step, an_empty_file_needs_nothing) {
+  make_and_mount();
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_truncate_entry(fs(), entry(4)), 0); }), "");
+}
+
+TEST_F(truncate_step, the_first_failure_leaves_the_rest_of_the_list) {
+  make_and_mount();
+  device().fail(flash_call::write, 2, flash_operation_failed);
+  output_of([&] { EXPECT_NE(flashfs_truncate_entry(fs(), entry(2)), 0); });
+  EXPECT_EQ(list_text(fs(), 2), "1:0.2/255");
+  make_and_mount();
+  device().fail(flash_call::read, 1, flash_operation_failed);
+  output_of([&] { EXPECT_NE(flashfs_truncate_entry(fs(), entry(2)), 0); });
+  EXPECT_EQ(list_text(fs(), 2), "0:0.1/255 1:0.2/255");
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+  without_buffers([&] { EXPECT_NE(flashfs_truncate_entry(fs(), entry(2)), 0); });
+}
+
+// --- removing ---
+
+TEST_F(remove_step, the_name_goes_first_and_the_directory_is_dated_last) {
+  make_and_mount();
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_remove_entry(fs(), entry(2)), 0); }),
+            "0.0 0.1 0.2 0.0 0.0");
+  EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
+  EXPECT_EQ(block_text(0), "1 0 0 -");
+  EXPECT_EQ(map_text(fs()), "1<1 3<1 4<3");
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 2:0.0/2");
+  EXPECT_EQ(slot_on_flash(0, 0, 31).date, recipe_time);
+  EXPECT_EQ(entry(1)->writer, 0U);
+  EXPECT_EQ(counters_text(), "2/2 0/0 0/0");
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(remove_step, the_directory_of_an_entry_below_it_is_dated) {
+  make_and_mount();
+  EXPECT_EQ(flashfs_remove_entry(fs(), entry(4)), 0);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).entry_fileid, 3);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).date, recipe_time);
+  EXPECT_EQ(list_text(fs(), 3), "");
+  EXPECT_EQ(entry(3)->writer, 0U);
+}
+
+TEST_F(remove_step, the_slots_of_a_directory_go_with_it) {
+  make_and_mount();
+  EXPECT_EQ(flashfs_remove_entry(fs(), entry(3)), 0);
+  EXPECT_EQ(slot_on_flash(0, 0, 2).dir_fileid, 0);
+  EXPECT_EQ(slot_on_flash(0, 0, 3).dir_fileid, 0);
+  EXPECT_EQ(map_text(fs()), "1<1 2<1 4<3");
+}
+
+TEST_F(remove_step, a_data_sector_in_a_directorys_list_goes_as_a_sector) {
+  make();
+  image().data_sector(1, 0, 3, 1, "data");
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(list_text(fs(), 3), "0:0.0/3 1:1.0/255");
+  EXPECT_EQ(flashfs_remove_entry(fs(), entry(3)), 0);
+  EXPECT_EQ(block_text(1), "0 - - -");
+  EXPECT_EQ(slot_on_flash(0, 0, 3).dir_fileid, 0);
+}
+
+TEST_F(remove_step, the_root_is_busy) {
+  make_and_mount();
+  errno = 0;
+  EXPECT_EQ(flashfs_remove_entry(fs(), entry(1)), -1);
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(entry(1)->writer, 0U);
+}
+
+TEST_F(remove_step, an_entry_in_use_is_busy) {
+  make_and_mount();
+  for (const uint32_t mode : {acquire_read, acquire_write}) {
+    ASSERT_EQ(flashfs_file_acquire(entry(2), mode), 0);
+    errno = 0;
+    EXPECT_EQ(flashfs_remove_entry(fs(), entry(2)), -1);
+    EXPECT_EQ(errno, EBUSY);
+    flashfs_file_release(entry(2));
+    EXPECT_EQ(entry(2)->readers + entry(2)->writer, 0U);
+    EXPECT_EQ(entry(1)->readers + entry(1)->writer, 0U);
+  }
+}
+
+TEST_F(remove_step, a_directory_in_use_is_busy_and_the_entry_is_released) {
+  make_and_mount();
+  ASSERT_EQ(flashfs_file_acquire(entry(1), acquire_read), 0);
+  errno = 0;
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_remove_entry(fs(), entry(2)), -1); }), "");
+  EXPECT_EQ(errno, EBUSY);
+  EXPECT_EQ(entry(2)->writer, 0U);
+  EXPECT_EQ(entry(1)->readers, 1U);
+}
+
+TEST_F(remove_step, an_entry_without_a_slot_is_eio_and_released) {
+  make_and_mount();
+  flashfs_sctr_map* file = filemap_insert(fs(), 9, 1, 0x8700);
+  flashfs_sctr_map* lost = filemap_insert(fs(), 10, 99, 0x8700);
+  for (flashfs_sctr_map* each : {file, lost}) {
+    errno = 0;
+    EXPECT_EQ(flashfs_remove_entry(fs(), each), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(each->writer, 0U);
+  }
+  EXPECT_EQ(entry(1)->writer, 0U);
+}
+
+TEST_F(remove_step, every_failing_flash_call_is_eio_and_releases_both) {
+  with_every_failure(
+      12,
+      [&] {
+        const int result = flashfs_remove_entry(fs(), entry(2));
+        EXPECT_EQ(errno, result == 0 ? 0 : EIO);
+        EXPECT_EQ(entry(1)->writer, 0U);
+        if (entry(2) != nullptr) {
+          EXPECT_EQ(entry(2)->writer, 0U);
+        }
+        return result;
+      },
+      [&] { EXPECT_EQ(path_lookup(fs(), "d/x"), 4); });
+}
+
+TEST_F(remove_step, without_buffers_fails) {
+  make_and_mount();
+  without_buffers([&] { EXPECT_EQ(flashfs_remove_entry(fs(), entry(2)), -1); });
+  EXPECT_EQ(entry(2)->writer, 0U);
+  EXPECT_EQ(entry(1)->writer, 0U);
+}
+
+// --- verifying ---
+
+TEST_F(verify_step, good_files_and_directories_pass) {
+  make_and_mount();
+  for (const uint16_t fileid : {uint16_t{1}, uint16_t{2}, uint16_t{3}, uint16_t{4}}) {
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_verify_entry(fs(), entry(fileid)), 0); }), "");
+  }
+}
+
+TEST_F(verify_step, one_wrong_bit_in_any_sector_is_eio) {
+  for (const int sector : {1, 2}) {
+    for (const int byte : {2, 4, 2051, 2052, 2055}) {
+      make_and_mount();
+      image().sector_at(0, sector)[byte] ^= 1;
+      errno = 0;
+      EXPECT_EQ(flashfs_verify_entry(fs(), entry(2)), -1);
+      EXPECT_EQ(errno, EIO);
+    }
+  }
+}
+
+TEST_F(verify_step, one_wrong_bit_in_any_slot_is_eio) {
+  make_and_mount();
+  image().slot_at(0, 0, 2)[40] ^= 1;
+  errno = 0;
+  EXPECT_EQ(flashfs_verify_entry(fs(), entry(1)), -1);
+  EXPECT_EQ(errno, EIO);
+  // It is no slot of the directory that it names.
+  EXPECT_EQ(flashfs_verify_entry(fs(), entry(3)), 0);
+}
+
+TEST_F(verify_step, a_sector_reserved_and_not_written_is_eio) {
+  make_and_mount();
+  ASSERT_EQ(extend_sctr_list(fs(), entry(4), 1), 2048);
+  EXPECT_EQ(flashfs_verify_entry(fs(), entry(4)), -1);
+}
+
+TEST_F(verify_step, data_in_a_directorys_list_is_passed_over) {
+  make();
+  image().data_sector(1, 0, 3, 1, "data", -1, false);
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(list_text(fs(), 3), "0:0.0/3 1:1.0/255");
+  EXPECT_EQ(flashfs_verify_entry(fs(), entry(3)), 0);
+}
+
+TEST_F(verify_step, an_entry_without_a_slot_is_an_error_that_names_its_directory) {
+  make_and_mount();
+  flashfs_sctr_map* file = filemap_insert(fs(), 9, 3, 0x8700);
+  errno = 0;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_verify_entry(fs(), file), -1); }),
+            "flashfs[0]: doverify, unable to lookup filemap for fileid 3\n");
+  EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(verify_step, a_failing_read_is_eio) {
+  for (const uint64_t n : {1U, 2U, 3U}) {
+    make_and_mount();
+    device().fail(flash_call::read, n, flash_operation_failed);
+    errno = 0;
+    output_of([&] { EXPECT_EQ(flashfs_verify_entry(fs(), entry(2)), -1); });
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+  }
+}
+
+TEST_F(verify_step, without_buffers_fails) {
+  make_and_mount();
+  without_buffers([&] { EXPECT_EQ(flashfs_verify_entry(fs(), entry(2)), -1); });
+}
+
+// --- the root's own slot ---
+
+TEST_F(root_step, one_that_is_there_stays) {
+  make_and_mount();
+  entry(1)->parent_fileid = 9;
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_ensure_root_slot(fs()), 0); }), "");
+  EXPECT_EQ(entry(1)->parent_fileid, 1);
+}
+
+TEST_F(root_step, a_missing_record_is_made_and_named_in_itself) {
+  make_blocks({4, 4, 4});
+  image().headers(2);
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(map_text(fs()), "1<1");
+  EXPECT_EQ(entry(1)->mode, 0x4600);
+  EXPECT_EQ(list_text(fs(), 1), "0:1.0/31");
+  const flashfs_dir_slot slot = slot_on_flash(1, 0, 31);
+  EXPECT_EQ(slot.seq_no, 0);
+  EXPECT_EQ(slot.dir_fileid, 1);
+  EXPECT_EQ(slot.entry_fileid, 1);
+  EXPECT_EQ(slot.mode, 0x4600);
+  EXPECT_EQ(slot.date, recipe_time);
+  EXPECT_TRUE(is_erased(slot.reserved, 4));
+  EXPECT_EQ(std::string(slot.name, 46), std::string(46, '\0'));
+  EXPECT_EQ(image_crc(&slot, 64), 0xE2F0);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(root_step, a_missing_slot_gets_the_roots_next_number_and_its_mode) {
+  make();
+  delete_slot(0, 0, 0);
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  // The root's names begin with number 1, so 0 is the next one.
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 1:0.0/1 2:0.0/2");
+  EXPECT_EQ(slot_on_flash(0, 0, 31).mode, 0x4600);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).entry_fileid, 1);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(root_step, the_reserve_serves_it) {
+  make();
+  delete_slot(0, 0, 0);
+  for (int k = 5; k < 32; k++) {
+    delete_slot(0, 0, k);
+  }
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/4 1:0.0/1 2:0.0/2");
+}
+
+TEST_F(root_step, every_failing_flash_call_is_told) {
+  for (uint64_t n = 0; n <= 3; n++) {
+    make();
+    delete_slot(0, 0, 0);
+    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    // Takes away again what the check has made.
+    delete_slot(0, 0, 31);
+    sctr_list_remove(fs(), entry(1), entry(1)->sctr_list);
+    device().fail(flash_call::any, n, flash_operation_failed);
+    output_of([&] { EXPECT_EQ(flashfs_ensure_root_slot(fs()) != 0, n != 0) << n; });
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    if (n == 0) {
+      // Looking for the slot, reading and writing the sector of the fresh one.
+      EXPECT_EQ(device().calls_since_fail(), 3U);
+    }
+  }
+}
+
+TEST_F(root_step, without_buffers_fails) {
+  make_and_mount();
+  without_buffers([&] { EXPECT_NE(flashfs_ensure_root_slot(fs()), 0); });
+}
+
+}  // namespace

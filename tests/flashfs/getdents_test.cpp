@@ -1,0 +1,170 @@
+// Listing of directories.
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "tests/flashfs/operations_fixture.h"
+
+namespace {
+
+using namespace test_support;
+
+class namespace_getdents : public operations_fixture {
+ protected:
+  // The names that one call of so many bytes gives, with their next positions.
+  std::string listed(int32_t fd, uint32_t length) {
+    std::vector<uint8_t> buffer(length + 1, 0xA5);
+    const int32_t result = getdents(fd, buffer.data(), length);
+    if (result < 0) {
+      return "<errno " + std::to_string(errno) + ">";
+    }
+    EXPECT_EQ(result % 76, 0);
+    EXPECT_LE(static_cast<uint32_t>(result), length);
+    std::vector<std::string> words;
+    for (int32_t at = 0; at < result; at += 76) {
+      ppc_dirent record;
+      memcpy(&record, buffer.data() + at, sizeof record);
+      EXPECT_EQ(record.record_length, 76);
+      words.push_back(std::string(record.name) + "#" + std::to_string(record.fileid) + "@" +
+                      std::to_string(record.next_position));
+    }
+    EXPECT_EQ(buffer[static_cast<size_t>(result)], 0xA5);  // nothing behind the records
+    return joined(words);
+  }
+};
+
+// A tree of a root with the file "a" (2), the directory "d" (3) and in it the file "b" (4) and the
+// directory "e" (5).
+constexpr const char* tree_map = "1<1 2<1 3<1 4<3 5<3";
+
+}  // namespace
+
+TEST_F(namespace_getdents, records_of_a_directory_in_the_order_of_its_list) {
+  make();
+  put("a", "");
+  ASSERT_EQ(mkdir("d"), 0);
+  put("d/b", "");
+  ASSERT_EQ(mkdir("d/e"), 0);
+  ASSERT_EQ(map_text(fs()), tree_map);
+  const int32_t root = open("/");
+  EXPECT_EQ(listed(root, 1000), "a#2@64 d#3@128");
+  EXPECT_EQ(listed(root, 1000), "");
+  EXPECT_EQ(close(root), 0);
+  const int32_t fd = open("d");
+  EXPECT_EQ(listed(fd, 1000), "b#4@64 e#5@128");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_getdents, a_buffer_gives_as_many_records_as_it_holds_whole) {
+  make();
+  for (int i = 0; i < 5; i++) {
+    put("f" + std::to_string(i), "");
+  }
+  const int32_t fd = open("/");
+  EXPECT_EQ(listed(fd, 0), "<errno 22>");
+  EXPECT_EQ(listed(fd, 75), "<errno 22>");
+  EXPECT_EQ(listed(fd, 76), "f0#2@64");
+  EXPECT_EQ(seek(fd, 0, ifs_seek_current), 64);
+  EXPECT_EQ(listed(fd, 151), "f1#3@128");
+  EXPECT_EQ(listed(fd, 152), "f2#4@192 f3#5@256");
+  EXPECT_EQ(listed(fd, 10000), "f4#6@320");
+  EXPECT_EQ(listed(fd, 76), "");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_getdents, a_position_is_sought_in_steps_of_64) {
+  make();
+  for (int i = 0; i < 3; i++) {
+    put("f" + std::to_string(i), "");
+  }
+  const int32_t fd = open("/");
+  EXPECT_EQ(seek(fd, 128), 128);
+  EXPECT_EQ(listed(fd, 76), "f2#4@192");
+  EXPECT_EQ(seek(fd, 0), 0);
+  EXPECT_EQ(listed(fd, 76), "f0#2@64");
+  for (const int32_t position : {192, 256, 64 * 1000, INT_MAX - 63}) {
+    EXPECT_EQ(seek(fd, position), position);
+    EXPECT_EQ(listed(fd, 76), "") << position;
+  }
+  for (const int32_t position : {1, 63, 65}) {
+    EXPECT_EQ(seek(fd, position), position);
+    EXPECT_EQ(listed(fd, 76), "<errno 2>") << position;
+  }
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_getdents, refusals_come_in_their_order) {
+  make();
+  put("a", "");
+  const int32_t file = open("a", 0);
+  EXPECT_EQ(seek(file, 1), 1);
+  EXPECT_EQ(listed(file, 10), "<errno 22>");
+  EXPECT_EQ(listed(file, 76), "<errno 20>");
+  EXPECT_EQ(close(file), 0);
+  const int32_t unreadable = open("/", 0);
+  EXPECT_EQ(seek(unreadable, 1), 1);
+  EXPECT_EQ(listed(unreadable, 76), "<errno 2>");
+  EXPECT_EQ(seek(unreadable, 0), 0);
+  EXPECT_EQ(listed(unreadable, 76), "<errno 9>");
+  EXPECT_EQ(close(unreadable), 0);
+}
+
+TEST_F(namespace_getdents, the_root_slot_is_no_entry_wherever_it_stands) {
+  make_blocks({4, 4});
+  image().headers(1);
+  name(0, 0, 0, 0, 1, 2, "a");
+  root_slot(0, 0, 1, 1);
+  name(0, 0, 2, 2, 1, 3, "b");
+  mount_recipe();
+  const int32_t fd = open("/");
+  EXPECT_EQ(listed(fd, 76), "a#2@64");
+  EXPECT_EQ(listed(fd, 76), "b#3@128");
+  EXPECT_EQ(listed(fd, 76), "");
+  EXPECT_EQ(seek(fd, 64), 64);
+  EXPECT_EQ(listed(fd, 76), "b#3@128");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_getdents, names_without_a_terminator_and_data_sectors_in_the_list_are_survived) {
+  make_blocks({4, 4});
+  image().headers(1);
+  root_slot(0, 0, 0);
+  directory(0, 0, 1, 1, 1, 5, "d");
+  name(0, 0, 2, 1, 5, 6, std::string(46, 'n'));
+  image().data_sector(0, 1, 5, 0, "astray");
+  mount_recipe();
+  const int32_t fd = open("d");
+  EXPECT_EQ(listed(fd, 1000), std::string(46, 'n') + "#6@64");
+  EXPECT_EQ(listed(fd, 1000), "");
+  EXPECT_EQ(seek(fd, 0), 0);
+  EXPECT_EQ(listed(fd, 76), std::string(46, 'n') + "#6@64");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_getdents, a_failing_flash_marks_down) {
+  for (const int32_t position : {0, 64}) {
+    int32_t fd = -1;
+    uint8_t records[760];
+    expect_that_flash_failures_mark_down(
+        [&] {
+          make();
+          put("a", "");
+          put("b", "");
+          fd = open("/");
+          ASSERT_EQ(seek(fd, position), position);
+        },
+        [&] { return ifs_getdents(fd, records, sizeof records); });
+  }
+}
+
+TEST_F(namespace_getdents, a_long_directory_is_listed_without_starting_over) {
+  make({40, 40, 40, 40});
+  std::string expected;
+  for (int i = 0; i < 640; i++) {
+    ASSERT_EQ(close(open("f" + std::to_string(i), open_new)), 0);
+    expected += (i == 0 ? "f" : " f") + std::to_string(i);
+  }
+  device().clear_counts();
+  EXPECT_EQ(names_in("/"), expected);
+  EXPECT_LT(device().counts().reads, 2000U);
+}

@@ -1,0 +1,362 @@
+// Operations on names: changing modes, removing files and directories, making directories, and what
+// all operations by path share. Renaming is in rename_test.cpp, listing in getdents_test.cpp.
+#include <gtest/gtest.h>
+
+#include "tests/flashfs/operations_fixture.h"
+
+namespace {
+
+using namespace test_support;
+
+// What all slots share.
+class namespace_slots : public operations_fixture {};
+class namespace_chmod : public operations_fixture {};
+class namespace_remove : public operations_fixture {};
+class namespace_rmdir : public operations_fixture {};
+class namespace_mkdir : public operations_fixture {};
+
+constexpr uint16_t mode_of(const ppc_stat& status) {
+  return status.mode;
+}
+
+}  // namespace
+
+// --- what all slots share ---
+
+TEST_F(namespace_slots, an_unknown_fsid_fails_with_errno_untouched) {
+  make();
+  ppc_stat status;
+  ppc_statfs space;
+  uint32_t word = 0;
+  for (const ppc_fsid_t fsid : {ppc_fsid_t{-1}, ppc_fsid_t{1}, ppc_fsid_t{15}, ppc_fsid_t{16}}) {
+    errno = ERANGE;
+    EXPECT_EQ(flashfs_vctr_chmod(fsid, "a", 0), -1);
+    EXPECT_EQ(flashfs_vctr_remove(fsid, "a"), -1);
+    EXPECT_EQ(flashfs_vctr_rename(fsid, "a", "b"), -1);
+    EXPECT_EQ(flashfs_vctr_mkdir(fsid, "a", 0), -1);
+    EXPECT_EQ(flashfs_vctr_rmdir(fsid, "a"), -1);
+    EXPECT_EQ(flashfs_vctr_stat(fsid, "a", &status), -1);
+    EXPECT_EQ(flashfs_vctr_istat(fsid, "a", 1, &status), -1);
+    EXPECT_EQ(flashfs_vctr_statfs(fsid, "a", &space), -1);
+    EXPECT_EQ(flashfs_vctr_ioctl(fsid, "a", 11, &word), -1);
+    EXPECT_EQ(errno, ERANGE) << fsid;
+  }
+}
+
+TEST_F(namespace_slots, a_file_system_that_is_not_ready_is_invalid_before_all_else) {
+  make();
+  put("a", "text");
+  const int32_t fd = open("a");
+  const int32_t directory = open("/");
+  fs()->ready = 0;
+  ppc_stat status;
+  ppc_statfs space;
+  uint8_t records[76];
+  for (const char* name : {"", "a", "missing"}) {
+    EXPECT_EQ(error_of(chmod(name, 0)), EINVAL);
+    EXPECT_EQ(error_of(remove(name)), EINVAL);
+    EXPECT_EQ(error_of(rename(name, "b")), EINVAL);
+    EXPECT_EQ(error_of(mkdir(name)), EINVAL);
+    EXPECT_EQ(error_of(rmdir(name)), EINVAL);
+    EXPECT_EQ(error_of(istat(name, 1, &status)), EINVAL);
+    EXPECT_EQ(output(), "");
+    EXPECT_EQ(error_of(stat(name, &status)), EINVAL);
+    EXPECT_EQ(output(), "fsp not ready\n");
+  }
+  EXPECT_EQ(error_of(statfs(&space)), EINVAL);
+  EXPECT_EQ(error_of(fstat(fd, &status)), EINVAL);
+  EXPECT_EQ(error_of(getdents(directory, records, sizeof records)), EINVAL);
+  EXPECT_EQ(output(), "");
+  fs()->ready = 1;
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_EQ(close(directory), 0);
+}
+
+TEST_F(namespace_slots, paths_through_a_file_and_paths_of_320_bytes_do_not_exist) {
+  make();
+  put("f", "text");
+  ppc_stat status;
+  for (const std::string& name : {std::string("f/x"), std::string(320, 'n'), std::string("x")}) {
+    EXPECT_EQ(error_of(chmod(name, 0)), ENOENT);
+    EXPECT_EQ(error_of(remove(name)), ENOENT);
+    EXPECT_EQ(error_of(rename(name, "y")), ENOENT);
+    EXPECT_EQ(error_of(rmdir(name)), ENOENT);
+    EXPECT_EQ(error_of(stat(name, &status)), ENOENT);
+    EXPECT_EQ(error_of(ioctl(name, 7, nullptr)), ENOENT);
+  }
+  EXPECT_EQ(fs()->ready, 1U);
+}
+
+TEST_F(namespace_slots, empty_paths_do_not_exist) {
+  make();
+  ppc_stat status;
+  EXPECT_EQ(error_of(chmod("", 0)), ENOENT);
+  EXPECT_EQ(error_of(remove("")), ENOENT);
+  EXPECT_EQ(error_of(mkdir("")), ENOENT);
+  EXPECT_EQ(error_of(rmdir("")), ENOENT);
+  EXPECT_EQ(error_of(stat("", &status)), ENOENT);
+  EXPECT_EQ(error_of(istat("", 1, &status)), ENOENT);
+  EXPECT_EQ(error_of(rename("", "a")), ENOENT);
+  EXPECT_EQ(error_of(rename("missing", "")), ENOENT);
+}
+
+// --- chmod ---
+
+TEST_F(namespace_chmod, the_low_nine_bits_change_and_the_others_stay) {
+  make();
+  put("a", "text");
+  ASSERT_EQ(mkdir("d"), 0);
+  ppc_stat status{};
+  EXPECT_EQ(chmod("a", 0xFFFF), 0);
+  ASSERT_EQ(stat("a", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x87FF);
+  EXPECT_EQ(chmod("d", 0x1A4), 0);
+  ASSERT_EQ(stat("d", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x47A4);
+  EXPECT_EQ(chmod("a", 0), 0);
+  remount();
+  ASSERT_EQ(stat("a", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x8600);
+  ASSERT_EQ(stat("d", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x47A4);
+  EXPECT_EQ(get("a"), "text");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(namespace_chmod, the_date_stays) {
+  make();
+  put("a", "text");
+  set_clock(recipe_time + 50);
+  EXPECT_EQ(chmod("a", 1), 0);
+  ppc_stat status{};
+  ASSERT_EQ(stat("a", &status), 0);
+  EXPECT_EQ(status.modification_date, recipe_time);
+}
+
+TEST_F(namespace_chmod, the_root_is_refused) {
+  make();
+  EXPECT_EQ(error_of(chmod("/", 0)), EINVAL);
+  EXPECT_EQ(error_of(chmod("//", 0)), EINVAL);
+}
+
+TEST_F(namespace_chmod, a_name_without_a_record_does_not_exist) {
+  make();
+  put("a", "text");
+  filemap_remove(fs(), entry(fileid_of("a")));
+  EXPECT_EQ(error_of(chmod("a", 0)), ENOENT);
+  EXPECT_EQ(fs()->ready, 1U);
+}
+
+TEST_F(namespace_chmod, an_open_file_may_change) {
+  make();
+  put("a", "text");
+  const int32_t fd = open("a", open_rw);
+  EXPECT_EQ(chmod("a", 0x1FF), 0);
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(namespace_chmod, a_failing_flash_marks_down) {
+  expect_that_flash_failures_mark_down(
+      [&] {
+        make();
+        put("a", "text");
+      },
+      [&] { return ifs_chmod("bootflash:a", 0); });
+}
+
+// --- remove ---
+
+TEST_F(namespace_remove, a_file_goes_with_all_its_sectors) {
+  make();
+  put("a", pattern(5000));
+  put("b", "text");
+  const uint16_t fileid = fileid_of("a");
+  ppc_statfs before{};
+  ppc_statfs after{};
+  ASSERT_EQ(statfs(&before), 0);
+  set_clock(recipe_time + 3);
+  EXPECT_EQ(remove("a"), 0);
+  ASSERT_EQ(statfs(&after), 0);
+  EXPECT_EQ(after.free_blocks, before.free_blocks + 3);
+  EXPECT_EQ(after.files, before.files - 1);
+  EXPECT_EQ(entry(fileid), nullptr);
+  EXPECT_EQ(error_of(open("a")), ENOENT);
+  EXPECT_EQ(names_in("/"), "b");
+  // The directory is dated.
+  ppc_stat status{};
+  ASSERT_EQ(stat("/", &status), 0);
+  EXPECT_EQ(status.modification_date, recipe_time + 3);
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(namespace_remove, a_directory_is_refused) {
+  make();
+  ASSERT_EQ(mkdir("d"), 0);
+  EXPECT_EQ(error_of(remove("d")), EISDIR);
+  EXPECT_EQ(error_of(remove("/")), EISDIR);
+  EXPECT_EQ(names_in("/"), "d");
+}
+
+TEST_F(namespace_remove, an_open_file_and_one_in_an_open_directory_are_busy) {
+  make();
+  put("a", "text");
+  const int32_t fd = open("a");
+  EXPECT_EQ(error_of(remove("a")), EBUSY);
+  EXPECT_EQ(close(fd), 0);
+  const int32_t directory = open("/");
+  EXPECT_EQ(error_of(remove("a")), EBUSY);
+  EXPECT_EQ(close(directory), 0);
+  EXPECT_EQ(claims(), 0U);
+  EXPECT_EQ(remove("a"), 0);
+}
+
+TEST_F(namespace_remove, a_name_without_a_record_marks_down) {
+  make();
+  put("a", "text");
+  filemap_remove(fs(), entry(fileid_of("a")));
+  EXPECT_EQ(error_of(remove("a")), EIO);
+  EXPECT_EQ(output(), down_line);
+  EXPECT_EQ(fs()->ready, 0U);
+}
+
+TEST_F(namespace_remove, a_failing_flash_marks_down) {
+  expect_that_flash_failures_mark_down(
+      [&] {
+        make();
+        put("a", pattern(5000));
+      },
+      [&] { return ifs_remove("bootflash:a"); });
+}
+
+TEST_F(namespace_remove, a_file_id_is_used_again) {
+  make();
+  put("a", "");
+  put("b", "");
+  const uint16_t fileid = fileid_of("a");
+  EXPECT_EQ(remove("a"), 0);
+  put("c", "");
+  EXPECT_EQ(fileid_of("c"), fileid);
+}
+
+// --- rmdir ---
+
+TEST_F(namespace_rmdir, an_empty_directory_goes) {
+  make();
+  ASSERT_EQ(mkdir("d"), 0);
+  put("d/a", "text");
+  EXPECT_EQ(error_of(rmdir("d")), ENOTEMPTY);
+  EXPECT_EQ(remove("d/a"), 0);
+  EXPECT_EQ(rmdir("d"), 0);
+  EXPECT_EQ(names_in("/"), "");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(namespace_rmdir, a_file_is_no_directory) {
+  make();
+  put("a", "text");
+  EXPECT_EQ(error_of(rmdir("a")), ENOTDIR);
+  EXPECT_EQ(get("a"), "text");
+}
+
+TEST_F(namespace_rmdir, the_root_is_never_empty) {
+  make();
+  EXPECT_EQ(error_of(rmdir("/")), ENOTEMPTY);
+}
+
+TEST_F(namespace_rmdir, a_name_without_a_record_does_not_exist_and_marks_nothing_down) {
+  make();
+  ASSERT_EQ(mkdir("d"), 0);
+  filemap_remove(fs(), entry(fileid_of("d")));
+  EXPECT_EQ(error_of(rmdir("d")), ENOENT);
+  EXPECT_EQ(fs()->ready, 1U);
+}
+
+TEST_F(namespace_rmdir, an_open_directory_is_busy) {
+  make();
+  ASSERT_EQ(mkdir("d"), 0);
+  const int32_t fd = open("d");
+  EXPECT_EQ(error_of(rmdir("d")), EBUSY);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_EQ(rmdir("d"), 0);
+}
+
+TEST_F(namespace_rmdir, a_data_sector_in_the_list_is_no_entry_and_goes_too) {
+  make_blocks({4, 4, 4});
+  image().headers(2);
+  root_slot(0, 0, 0);
+  directory(0, 0, 1, 1, 1, 5, "d");
+  image().data_sector(0, 1, 5, 0, "astray");
+  mount_recipe();
+  EXPECT_EQ(rmdir("d"), 0);
+  EXPECT_EQ(fileid_at(0, 1), 0);
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(namespace_rmdir, a_failing_flash_marks_down) {
+  expect_that_flash_failures_mark_down(
+      [&] {
+        make();
+        ASSERT_EQ(mkdir("d"), 0);
+      },
+      [&] { return ifs_rmdir("bootflash:d"); });
+}
+
+// --- mkdir ---
+
+TEST_F(namespace_mkdir, a_new_directory_has_the_low_nine_mode_bits_and_0x4700) {
+  make();
+  ppc_stat status{};
+  EXPECT_EQ(mkdir("d", 0xFFFF), 0);
+  ASSERT_EQ(stat("d", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x47FF);
+  EXPECT_EQ(status.size, 0U);
+  EXPECT_EQ(mkdir("d/e", 0), 0);
+  ASSERT_EQ(stat("d/e", &status), 0);
+  EXPECT_EQ(mode_of(status), 0x4700);
+  remount();
+  EXPECT_EQ(names_in("d"), "e");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(namespace_mkdir, the_errors_of_creation_pass_through) {
+  make();
+  put("f", "text");
+  ASSERT_EQ(mkdir("d"), 0);
+  EXPECT_EQ(error_of(mkdir("d")), EEXIST);
+  EXPECT_EQ(error_of(mkdir("f")), EEXIST);
+  EXPECT_EQ(error_of(mkdir("/")), EEXIST);
+  EXPECT_EQ(error_of(mkdir("x/y")), ENOENT);
+  EXPECT_EQ(error_of(mkdir("f/y")), ENOTDIR);
+  EXPECT_EQ(error_of(mkdir("x y")), EINVAL);
+  EXPECT_EQ(error_of(mkdir(std::string(320, 'n'))), ENAMETOOLONG);
+  EXPECT_EQ(output(), "");
+  EXPECT_EQ(error_of(mkdir(std::string(46, 'n'))), ENAMETOOLONG);
+  EXPECT_EQ(output(), "flashfs[0]: Cannot accept filenames longer than 45 characters.\n");
+  const int32_t fd = open("d");
+  EXPECT_EQ(error_of(mkdir("d/e")), EBUSY);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_EQ(fs()->ready, 1U);
+}
+
+TEST_F(namespace_mkdir, a_failing_flash_marks_down) {
+  expect_that_flash_failures_mark_down([&] { make(); },
+                                       [&] { return ifs_mkdir("bootflash:d", 0); });
+}
+
+TEST_F(namespace_mkdir, directories_nest_40_deep) {
+  make({16, 16, 16});
+  std::string path;
+  for (int i = 0; i < 40; i++) {
+    path += "d";
+    ASSERT_EQ(mkdir(path), 0) << i;
+    path += "/";
+  }
+  put(path + "f", "deep");
+  EXPECT_EQ(get(path + "f"), "deep");
+  EXPECT_TRUE(flash_is_consistent());
+  for (int i = 0; i < 40; i++) {
+    path.pop_back();
+    EXPECT_EQ(error_of(rmdir(path)), ENOTEMPTY);
+    path.pop_back();
+  }
+}

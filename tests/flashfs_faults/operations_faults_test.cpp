@@ -1,0 +1,331 @@
+// The operations of the file system when a request for interruption comes or memory runs out. The
+// poll and the allocation that may fail are this program's own.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <new>
+
+#include "tests/flashfs/operations_fixture.h"
+
+namespace {
+
+int polls_until_interrupt;   // 0: no request ever comes
+int allocations_until_none;  // of those that may fail; 0: memory never runs out
+
+// From the planned allocation on there is no memory.
+bool memory_is_gone() {
+  if (allocations_until_none > 1) {
+    allocations_until_none--;
+    return false;
+  }
+  return allocations_until_none == 1;
+}
+
+}  // namespace
+
+int intr_req() {
+  return polls_until_interrupt > 0 && --polls_until_interrupt == 0 ? 1 : 0;
+}
+
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  return memory_is_gone() ? nullptr : ::operator new(size);
+}
+
+void* operator new[](size_t size, const std::nothrow_t&) noexcept {
+  return memory_is_gone() ? nullptr : ::operator new[](size);
+}
+
+namespace {
+
+using namespace test_support;
+
+class operations_interrupted : public operations_fixture {
+ protected:
+  ~operations_interrupted() override {
+    polls_until_interrupt = 0;
+  }
+  uint32_t position_of(int32_t fd) {
+    return static_cast<const flashfs_open_file*>(ifs_fd_get_entry(fd)->fd_context)->filepos;
+  }
+};
+
+class operations_without_memory : public operations_fixture {
+ protected:
+  ~operations_without_memory() override {
+    allocations_until_none = 0;
+  }
+  // Runs an operation on a device made anew with ever more allocations before memory runs out,
+  // until it succeeds. No failure may leave a buffer or a descriptor out, nor a claim while the
+  // file system is up, and a check brings everything back.
+  void expect_that_failures_leave_nothing_out(const std::function<void()>& prepare,
+                                              const std::function<int32_t()>& operation) {
+    for (int n = 1; n < 200; n++) {
+      SCOPED_TRACE("allocation " + std::to_string(n));
+      prepare();
+      const int descriptors = open_descriptors();
+      const uint32_t held = claims();
+      int32_t result = -1;
+      int error = 0;
+      output_of([&] {
+        allocations_until_none = n;
+        errno = 0;
+        result = operation();
+        error = errno;
+        allocations_until_none = 0;
+      });
+      EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+      if (result >= 0) {
+        EXPECT_GT(n, 1);
+        return;
+      }
+      EXPECT_EQ(result, -1);
+      EXPECT_NE(error, 0);
+      EXPECT_EQ(open_descriptors(), descriptors);
+      if (fs()->ready != 0) {
+        EXPECT_EQ(claims(), held);
+      }
+      if (descriptors == 0) {
+        EXPECT_EQ(check(), 0) << check_output();
+      }
+    }
+    FAIL() << "it never succeeds";
+  }
+};
+
+}  // namespace
+
+// --- interruption ---
+
+TEST_F(operations_interrupted, a_read_fails_and_leaves_the_position) {
+  make();
+  put("a", pattern(5000));
+  const int32_t fd = open("a");
+  char buffer[5000];
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(read(fd, buffer, 5000)), EINTR);
+  EXPECT_EQ(output(), "");
+  EXPECT_EQ(position_of(fd), 0U);
+  EXPECT_EQ(fs()->ready, 1U);
+  EXPECT_EQ(read(fd, buffer, 5000), 5000);
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(operations_interrupted, a_write_fails_after_a_sector_and_keeps_the_sectors_written) {
+  make();
+  const std::string text = pattern(4 * 2048);
+  put("a", text);
+  const int32_t fd = open("a", open_rw);
+  const std::string over = pattern(4 * 2048, 5);
+  polls_until_interrupt = 2;
+  EXPECT_EQ(error_of(write(fd, over)), EINTR);
+  EXPECT_EQ(position_of(fd), 4096U);
+  EXPECT_EQ(fs()->ready, 1U);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_TRUE(get("a") == over.substr(0, 4096) + text.substr(4096));
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(operations_interrupted, sectors_reserved_by_an_interrupted_write_hold_nothing) {
+  make();
+  const int32_t fd = open("a", open_new);
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
+  EXPECT_EQ(seek(fd, 0), 0);
+  EXPECT_TRUE(read_text(fd, 10000) == pattern(2048));
+  EXPECT_EQ(fs()->ready, 1U);
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(operations_interrupted, the_next_write_zeroes_the_reserved_sectors_that_it_passes) {
+  for (const int32_t whence : {ifs_seek_set, ifs_seek_end}) {
+    make();
+    const int32_t fd = open("a", open_new);
+    polls_until_interrupt = 1;
+    EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
+    EXPECT_EQ(seek(fd, whence == ifs_seek_end ? 0 : 4 * 2048, whence), 4 * 2048);
+    EXPECT_EQ(write(fd, "end"), 3);
+    EXPECT_EQ(seek(fd, 0), 0);
+    EXPECT_TRUE(read_text(fd, 10000) == pattern(2048) + std::string(3 * 2048, '\0') + "end");
+    EXPECT_EQ(close(fd), 0);
+    EXPECT_TRUE(flash_is_consistent());
+  }
+}
+
+TEST_F(operations_interrupted, a_reserved_sector_found_erased_is_zero_filled_before_the_data) {
+  make();
+  const int32_t fd = open("a", open_new);
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(write(fd, pattern(2 * 2048))), EINTR);
+  const flashfs_sctr_ptr reserved = entry(fileid_of("a"))->sctr_list->next->sctr_ptr;
+  memset(image().sector_at(reserved.block_num, reserved.sctr_num), 0xFF, 2);
+  EXPECT_EQ(write(fd, "data"), 4);
+  const uint8_t* at = image().sector_at(reserved.block_num, reserved.sctr_num);
+  EXPECT_EQ(std::string(at + 4, at + 8), "data");
+  EXPECT_EQ(std::string(at + 8, at + 2052), std::string(2044, '\0'));
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(operations_interrupted, the_raw_device_stops_after_a_block) {
+  make();
+  put("a", "text");
+  const std::vector<uint8_t> flash = device().flash().snapshot();
+  const std::string image_text(flash.begin(), flash.end());
+  const int32_t reader = open("...");
+  std::string buffer(flash.size(), '#');
+  polls_until_interrupt = 2;
+  EXPECT_EQ(error_of(read(reader, buffer.data(), static_cast<uint32_t>(buffer.size()))), EINTR);
+  EXPECT_EQ(position_of(reader), 0U);
+  EXPECT_EQ(close(reader), 0);
+
+  const int32_t writer = open("...", open_rw);
+  polls_until_interrupt = 2;
+  EXPECT_EQ(error_of(write(writer, image_text)), EINTR);
+  EXPECT_EQ(position_of(writer), 2 * block_bytes(8));
+  EXPECT_EQ(write(writer, image_text.substr(2 * block_bytes(8))),
+            static_cast<int32_t>(2 * block_bytes(8)));
+  EXPECT_EQ(close(writer), 0);
+  EXPECT_EQ(get("a"), "text");
+}
+
+TEST_F(operations_interrupted, a_check_stops_and_discards_the_state) {
+  make();
+  put("a", "text");
+  uint32_t word = 0;
+  // The check asks at every block of both passes and at every file of two walks.
+  for (int poll = 1;; poll++) {
+    polls_until_interrupt = poll;
+    const int32_t result = ioctl("", 11, &word);
+    if (result == 0) {
+      EXPECT_GT(poll, 8 + 4);
+      break;
+    }
+    EXPECT_EQ(error_of(result), EIO);
+    EXPECT_EQ(output(), "flashfs[0]: filesystem check interrupted!\n");
+    EXPECT_EQ(fs()->ready, 0U);
+    EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
+  }
+  polls_until_interrupt = 0;
+  EXPECT_EQ(get("a"), "text");
+}
+
+// --- memory ---
+
+TEST_F(operations_without_memory, an_open_without_a_record_or_a_descriptor_is_out_of_memory) {
+  make();
+  put("a", "text");
+  for (const char* name : {"a", "..."}) {
+    for (const int n : {1, 2}) {
+      int32_t fd = 0;
+      said([&] {
+        allocations_until_none = n;
+        fd = ifs_open(on_bootflash(name).c_str(), ifs_open_read, 0);
+        allocations_until_none = 0;
+      });
+      EXPECT_EQ(error_of(fd), ENOMEM) << name << n;
+      EXPECT_EQ(open_descriptors(), 0);
+      EXPECT_EQ(fs()->ready, 1U);
+    }
+  }
+  EXPECT_EQ(get("a"), "text");
+}
+
+TEST_F(operations_without_memory, the_raw_device_needs_a_block_of_memory) {
+  make();
+  const int32_t raw = open("...", open_rw);
+  char byte = 0;
+  int32_t result = 0;
+  said([&] {
+    allocations_until_none = 1;
+    result = ifs_read(raw, &byte, 1);
+    allocations_until_none = 0;
+  });
+  EXPECT_EQ(error_of(result), ENOMEM);
+  said([&] {
+    allocations_until_none = 1;
+    result = ifs_write(raw, "x", 1);
+    allocations_until_none = 0;
+  });
+  EXPECT_EQ(error_of(result), ENOMEM);
+  EXPECT_EQ(close(raw), 0);
+}
+
+TEST_F(operations_without_memory, operations_on_names_leave_nothing_out) {
+  ppc_stat status;
+  const std::function<int32_t()> operations[] = {
+      [&] { return ifs_open("bootflash:new", open_new, 0) < 0 ? -1 : 0; },
+      [&] { return ifs_open("bootflash:a", ifs_open_read, 0) < 0 ? -1 : 0; },
+      [&] { return ifs_open("bootflash:a", open_rw | ifs_open_truncate, 0) < 0 ? -1 : 0; },
+      [&] { return ifs_chmod("bootflash:a", 0); },
+      [&] { return ifs_remove("bootflash:a"); },
+      [&] { return ifs_rename("bootflash:a", "bootflash:z"); },
+      [&] { return ifs_rename("bootflash:a", "bootflash:d/z"); },
+      [&] { return ifs_mkdir("bootflash:e", 0); },
+      [&] { return ifs_stat("bootflash:d/b", &status); },
+      [&] { return ifs_istat("bootflash:x", 2, &status); },
+      [&] { return ifs_ioctl("bootflash:a", 7, nullptr); },
+      [&] { return flashfs_vctr_open_by_fileid(fs()->fsid, 0, 2, ifs_open_read, 0) < 0 ? -1 : 0; },
+  };
+  for (size_t i = 0; i < std::size(operations); i++) {
+    SCOPED_TRACE("operation " + std::to_string(i));
+    expect_that_failures_leave_nothing_out(
+        [&] {
+          make();
+          ASSERT_EQ(mkdir("d"), 0);
+          put("a", pattern(5000));
+          put("d/b", "text");
+        },
+        operations[i]);
+  }
+}
+
+TEST_F(operations_without_memory, operations_on_descriptors_leave_nothing_out) {
+  int32_t fd = -1;
+  int32_t directory = -1;
+  ppc_stat status;
+  uint8_t buffer[3000] = {};
+  uint32_t length = 0;
+  flashfs_file_name name_record;
+  flashfs_file_info info_record;
+  const std::function<int32_t()> operations[] = {
+      [&] { return ifs_read(fd, buffer, sizeof buffer); },
+      [&] { return ifs_write(fd, buffer, sizeof buffer); },
+      [&] { return ifs_lseek(fd, 0, ifs_seek_end); },
+      [&] { return ifs_getdents(directory, buffer, sizeof buffer); },
+      [&] { return ifs_fstat(fd, &status); },
+      [&] { return ifs_fioctl(fd, 1, &(length = 1000)); },
+      [&] { return ifs_fioctl(fd, 1, &(length = 0)); },
+      [&] { return ifs_fioctl(fd, 7, nullptr); },
+      [&] { return ifs_fioctl(fd, 12, &name_record); },
+      [&] { return ifs_fioctl(fd, 15, &info_record); },
+  };
+  for (size_t i = 0; i < std::size(operations); i++) {
+    SCOPED_TRACE("operation " + std::to_string(i));
+    expect_that_failures_leave_nothing_out(
+        [&] {
+          make();
+          put("a", pattern(5000));
+          fd = open("a", open_rw);
+          directory = open("/");
+        },
+        operations[i]);
+  }
+}
+
+TEST_F(operations_without_memory, a_dump_prints_what_the_buffer_says) {
+  make();
+  put("a", "text");
+  const std::function<void()> dumps[] = {[&] { flashfs_dump_file_list(fs(), 2); },
+                                         [&] { flashfs_dump_sctr(fs(), 0, 0); },
+                                         [&] { flashfs_dump_slot(fs(), 0, 0, 0); }};
+  for (const auto& one : dumps) {
+    const std::string text = output_of([&] {
+      allocations_until_none = 1;
+      one();
+      allocations_until_none = 0;
+    });
+    EXPECT_EQ(text.rfind("flashfs[0]: unable to allocate sector buffer\n", 0), 0U) << text;
+    EXPECT_EQ(text.find("Contents"), std::string::npos);
+    EXPECT_EQ(text.find("Fileid"), std::string::npos);
+  }
+}
