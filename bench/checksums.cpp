@@ -80,7 +80,7 @@ const std::vector<checksum_way>& checksum_ways() {
       {"4 bytes", 2048, by_slices<4>},
       {"8 bytes", 4096, by_slices<8>},
       {"16 bytes", 8192, by_slices<16>},
-      {"the product's", 4096, generate_seeded_crc},
+      {"folded, then 8 bytes (in use)", 4096, generate_seeded_crc},
   };
   return ways;
 }

@@ -154,7 +154,9 @@ void rig::make_new() {
 
 void rig::unmount() {
   if (registered_) {
-    flashfs_clear_maps(flashfs_get_fsp("bootflash:"));
+    flashfs* fs = flashfs_get_fsp("bootflash:");
+    flashfs_clear_maps(fs);
+    fs->random = 0;  // as a new run has it
   }
 }
 

@@ -16,6 +16,8 @@ constexpr uint32_t usable_sectors = 215 * 63;  // without those of the spare blo
 constexpr uint32_t sector_bytes = 2048;        // of file data
 constexpr int64_t clock_seconds = 1800000000;  // the clock stands still
 
+[[noreturn]] void fail(const std::string& what);
+
 struct measurement {
   sim::access_counts counts;
   double seconds = 0;        // processor time of the operation
@@ -69,6 +71,9 @@ class rig {
     measurement result;
     result.seconds = processor_seconds() - start;
     result.counts = chassis_.counts();
+    if (chassis_.deviations().total() != 0) {
+      fail("the operation drove the hardware wrongly");
+    }
     result.floor_seconds = run_floor(result.counts);
     return result;
   }
@@ -81,7 +86,6 @@ class rig {
   bool registered_ = false;
 };
 
-[[noreturn]] void fail(const std::string& what);
 // "bootflash:" and the path.
 std::string on_device(const std::string& path);
 // Calls a command function with the arguments. Returns its result.

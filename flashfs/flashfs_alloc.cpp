@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr uint32_t slot_bytes_before_checksum = offsetof(flashfs_dir_slot, checksum);
 // A sector's number in its file has 16 bits.
 constexpr int64_t max_file_sectors = 65536;
 

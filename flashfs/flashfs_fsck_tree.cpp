@@ -171,7 +171,8 @@ int remove_existing(flashfs* fs, const char* path) {
   errno = 0;
   const uint16_t fileid = path_lookup(fs, path);
   if (fileid == 0) {
-    return errno == EIO ? 1 : 0;
+    // Any other failure leaves it open whether the name is taken.
+    return errno == ENOENT ? 0 : 1;
   }
   flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
   return entry == nullptr || flashfs_remove_entry(fs, entry) != 0 ? 1 : 0;

@@ -1,8 +1,10 @@
 // CRC-16/GENIBUS: polynomial 0x1021, most significant bit first, register preset to ones, result
 // complemented. The checksum is defined by 16 table entries, one for each nibble; the tables used
-// here are derived from them at compile time and take eight bytes at a step, because mounting a
-// device sums all of it.
+// here are derived from them at compile time and take eight bytes at a step, and long records are
+// made short before that, because checking a device sums all of it.
 #include <array>
+#include <bit>
+#include <cstring>
 
 #include "ifs/ifs_runtime.h"
 
@@ -49,18 +51,79 @@ uint32_t shift_step(uint32_t crc, const uint8_t* bytes) {
                                slices[1][bytes[6]] ^ slices[0][bytes[7]]);
 }
 
-}  // namespace
+// Long records are first folded to one block without any table. The polynomial is x^16 + x^12 +
+// x^5 + 1, and its powers of 2^k have as few terms: modulo the polynomial, 16 machine words further
+// to the left is the same as 12 and 5 words to the left and in place, added. So every word but
+// those of the last block can be added to the words 4, 11 and 16 places behind it and then
+// forgotten. Words are added to words, so the byte order does not matter.
+static_assert(nibble_table[1] == ((1U << 12) | (1U << 5) | 1U));
 
-uint32_t generate_seeded_crc(uint32_t seed, uint32_t length, const void* data) {
-  uint32_t crc = ~seed & 0xFFFF;
-  const auto* bytes = static_cast<const uint8_t*>(data);
+using word = size_t;
+static_assert(std::has_single_bit(sizeof(word)));
+
+constexpr uint32_t block_words = 16;
+constexpr uint32_t block_bytes = block_words * sizeof(word);
+
+// The 16 words before those of the next block, with all that has been added to them.
+using folded_words = std::array<word, block_words>;
+
+word load_word(const uint8_t* bytes, uint32_t index) {
+  word value;
+  std::memcpy(&value, bytes + index * sizeof(word), sizeof(value));
+  return value;
+}
+
+void fold_block(folded_words& folded, const uint8_t* bytes) {
+#pragma GCC unroll 16
+  for (uint32_t i = 0; i < block_words; ++i) {
+    folded[i] ^=
+        load_word(bytes, i) ^ folded[(i + 12) % block_words] ^ folded[(i + 5) % block_words];
+  }
+}
+
+// The words of the last block stay where they are.
+void fold_last_block(folded_words& folded, const uint8_t* bytes) {
+#pragma GCC unroll 16
+  for (uint32_t i = 0; i < block_words; ++i) {
+    folded[i] ^= load_word(bytes, i) ^ (i < 4 ? folded[i + 12] : 0) ^ (i < 11 ? folded[i + 5] : 0);
+  }
+}
+
+// Folds whole blocks, `length` bytes of them, into one.
+folded_words fold(uint32_t crc, uint32_t length, const uint8_t* bytes) {
+  folded_words folded{};
+  const uint8_t start[sizeof(word)] = {static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)};
+  folded[0] = load_word(start, 0);
+  for (; length > block_bytes; length -= block_bytes, bytes += block_bytes) {
+    fold_block(folded, bytes);
+  }
+  fold_last_block(folded, bytes);
+  return folded;
+}
+
+uint32_t shift_bytes(uint32_t crc, uint32_t length, const uint8_t* bytes) {
   for (; length >= step_bytes; length -= step_bytes, bytes += step_bytes) {
     crc = shift_step(crc, bytes);
   }
   for (; length > 0; --length, ++bytes) {
     crc = (slices[0][(crc >> 8) ^ *bytes] ^ (crc << 8)) & 0xFFFF;
   }
-  return ~crc & 0xFFFF;
+  return crc;
+}
+
+}  // namespace
+
+uint32_t generate_seeded_crc(uint32_t seed, uint32_t length, const void* data) {
+  uint32_t crc = ~seed & 0xFFFF;
+  const auto* bytes = static_cast<const uint8_t*>(data);
+  if (length >= 2 * block_bytes) {
+    const uint32_t whole = length - length % block_bytes;
+    const folded_words folded = fold(crc, whole, bytes);
+    crc = shift_bytes(0, block_bytes, reinterpret_cast<const uint8_t*>(folded.data()));
+    bytes += whole;
+    length -= whole;
+  }
+  return ~shift_bytes(crc, length, bytes) & 0xFFFF;
 }
 
 uint32_t generate_crc(uint32_t length, const void* data) {

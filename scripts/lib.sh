@@ -11,6 +11,7 @@ test_packages=(googletest libgtest-dev)
 mips_packages=(g++-mips-linux-gnu qemu-user-static)
 style_packages=(clang-format clang-tidy)
 coverage_packages=(gcovr)
+bench_packages=(libbenchmark-dev)
 
 step() {
   printf '\n== %s\n' "$*"

@@ -181,6 +181,16 @@ TEST_F(second_names, the_last_slot_of_a_sector_counts_as_the_sector) {
   expect_unchanged(before);
 }
 
+TEST_F(second_names, two_in_one_sector_each_see_the_other_as_it_stands_on_flash) {
+  make();
+  name(0, 0, 1, 1, 1, 2, "first");
+  name(1, 0, 0, 2, 1, 2, "second");
+  name(1, 0, 1, 3, 1, 2, "third");
+  delete_slots(1, 0, 2, 32);
+  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(counters_text(), "0/0 0/32 0/0 0/0");
+}
+
 TEST_F(second_names, a_dropped_ones_number_is_given_again_and_the_next_check_keeps_one) {
   make();
   name(0, 0, 1, 1, 1, 2, "first");
@@ -438,6 +448,16 @@ TEST_F(orphans, without_a_root_everything_is_one) {
   data(5, {{0, 0}});
   EXPECT_EQ(check_of_recipe(full), relinked("file", "00005") + quiet_check);
   EXPECT_EQ(path_lookup(fs(), "lost+found/00005"), 5);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(orphans, a_file_that_holds_names_is_relinked_as_a_file_and_not_walked) {
+  make();
+  image().data_sector(0, 1, 5, 0, "data");
+  name(1, 0, 0, 1, 5, 6, "in-a-file");
+  EXPECT_EQ(check_of_recipe(quick), relinked("file", "00005") + quiet_check);
+  EXPECT_EQ(entry(6), nullptr);
+  EXPECT_EQ(list_text(fs(), 5), "0:0.1/255 1:1.0/0");
   EXPECT_TRUE(is_repaired());
 }
 
