@@ -68,7 +68,7 @@ constexpr uint32_t block_bytes = block_words * sizeof(word);
 using folded_words = std::array<word, block_words>;
 
 word load_word(const uint8_t* bytes, uint32_t index) {
-  word value;
+  word value = 0;
   std::memcpy(&value, bytes + index * sizeof(word), sizeof(value));
   return value;
 }

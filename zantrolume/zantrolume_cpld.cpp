@@ -35,7 +35,7 @@ void select_page(uint32_t page) {
 // Reads whole words from an even address on. The selection is looked up once: the stores through
 // `out` could change it for all that the compiler knows.
 void read_words(uint32_t address, uint32_t words, uint8_t* out) {
-  const window_base window = vexmor_mapped_ptr;
+  volatile void* const window = vexmor_mapped_ptr;
   const uint32_t data = cpld_flash_access_selection;
   for (; words > 0; --words) {
     uint32_t page = 0;

@@ -11,6 +11,10 @@
 #include <fstream>
 #include <sstream>
 
+#ifdef ZANTROLUME_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 namespace test_support {
 
 namespace {
@@ -22,7 +26,7 @@ constexpr int assertion_failed_status = 99;
   dup2(output_fd, STDERR_FILENO);
   body();
   fflush(stdout);
-  _exit(testing::Test::HasFailure() ? assertion_failed_status : 0);
+  end_child(testing::Test::HasFailure() ? assertion_failed_status : 0);
 }
 
 std::string contents_of(FILE* file) {
@@ -74,6 +78,13 @@ isolated_result run_isolated(const std::function<void()>& body) {
   }
   fclose(output);
   return result;
+}
+
+void end_child(int status) {
+#ifdef ZANTROLUME_COVERAGE
+  __gcov_dump();
+#endif
+  _exit(status);
 }
 
 }  // namespace test_support

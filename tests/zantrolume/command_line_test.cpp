@@ -68,7 +68,7 @@ isolated_result run(const std::vector<std::string>& words, const chassis_action&
     EXPECT_EQ(chassis.deviations().total(), 0U);
     if (!testing::Test::HasFailure()) {
       fflush(stdout);
-      _exit(status);
+      test_support::end_child(status);
     }
   });
 }

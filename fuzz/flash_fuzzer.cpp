@@ -1,0 +1,253 @@
+// Fuzzes the file system with hostile flash: the input is a recipe for a small flash of good and
+// damaged records, and for what is then done with it. Checksums are right where the recipe says so,
+// so that the code behind them is reached.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "fuzz/input_bytes.h"
+#include "reliability/rig.h"
+#include "sim/sim_chassis.h"
+#include "tests/support/image_builder.h"
+
+namespace {
+
+using reliability::full_path;
+using reliability::rig;
+using test_support::image_builder;
+
+constexpr int64_t standing_clock = 1800000000;
+constexpr uint32_t max_blocks = 7;
+constexpr uint32_t max_sectors = 8;
+constexpr int max_records = 48;
+constexpr int max_operations = 24;
+// Transfers are cut to this: a hole of gigabytes is no more work for the code than one of sectors.
+constexpr uint32_t max_position = 40000;
+
+void require(bool holds, const char* what) {
+  if (!holds) {
+    fprintf(stderr, "broken: %s\n", what);
+    abort();
+  }
+}
+
+// Ids and numbers near which something happens.
+uint16_t interesting_word(input_bytes& input) {
+  constexpr uint16_t words[] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 31, 32, 2047, 2048, 2049, 65533, 65534};
+  const uint8_t choice = input.byte();
+  if (choice < 200) {
+    return words[choice % 16];
+  }
+  return choice < 220 ? 0xFFFF : input.word();
+}
+
+uint16_t interesting_mode(input_bytes& input) {
+  constexpr uint16_t modes[] = {0x8700, 0x4700, 0x4600, 0x8600, 0x0000, 0xFFFF};
+  return modes[input.below(6)];
+}
+
+std::string interesting_name(input_bytes& input) {
+  constexpr const char* names[] = {"a", "b", "c", "lost+found", "00002", "00005", "...", ""};
+  const uint32_t choice = input.below(10);
+  if (choice < 8) {
+    return names[choice];
+  }
+  return choice == 8 ? std::string(46, 'n') : input.text(46);
+}
+
+std::vector<test_support::ram_block> read_geometry(input_bytes& input) {
+  std::vector<test_support::ram_block> blocks(2 + input.below(max_blocks - 1));
+  const bool equal = input.below(2) == 0;
+  const uint32_t sectors = 1 + input.below(max_sectors);
+  for (test_support::ram_block& block : blocks) {
+    const uint32_t count = equal ? sectors : input.below(max_sectors + 1);
+    block.size = reliability::block_of_sectors(count) + (input.below(8) == 0 ? 100 : 0);
+  }
+  return blocks;
+}
+
+void write_header(input_bytes& input, image_builder& image, int block) {
+  constexpr uint8_t states[] = {0xF, 0x7, 0x3, 0x1, 0x0, 0x2};
+  test_support::image_header header;
+  header.state = states[input.below(6)];
+  header.erase_count = input.below(4) == 0 ? 0xFFFFFFFF : input.byte();
+  header.good_checksum = input.below(8) != 0;
+  if (input.below(8) == 0) {
+    header.block_num = input.word();
+  }
+  image.header(block, header);
+}
+
+void write_slot(input_bytes& input, image_builder& image, int block, int sector) {
+  test_support::image_slot slot;
+  const auto slot_no = static_cast<int>(input.below(slots_per_sector));
+  slot.seq_no = interesting_word(input);
+  slot.dir_fileid = interesting_word(input);
+  slot.entry_fileid = interesting_word(input);
+  slot.mode = interesting_mode(input);
+  slot.date = input.word() * 65537U;
+  slot.name = interesting_name(input);
+  slot.good_checksum = input.below(8) != 0;
+  image.slot(block, sector, slot_no, slot);
+}
+
+// One record, or a few bytes of one, somewhere on the flash.
+void write_record(input_bytes& input, image_builder& image) {
+  const auto block = static_cast<int>(input.below(static_cast<uint32_t>(image.block_count())));
+  const uint32_t kind = input.below(8);
+  if (kind == 0 || image.sector_count(block) == 0) {
+    write_header(input, image, block);
+    return;
+  }
+  const auto sector =
+      static_cast<int>(input.below(static_cast<uint32_t>(image.sector_count(block))));
+  switch (kind) {
+    case 1:
+    case 2:
+      image.data_sector(block, sector, interesting_word(input), interesting_word(input),
+                        reliability::pattern(input.byte() * 9U, input.byte()),
+                        input.below(2) == 0 ? -1 : interesting_word(input), input.below(6) != 0);
+      break;
+    case 3: {
+      uint8_t* bytes = image.sector_at(block, sector);
+      bytes[input.word() % sizeof(flashfs_sector)] &= input.byte();
+      break;
+    }
+    case 4: {
+      // What a cut program leaves: the beginning of a record, the rest erased.
+      uint8_t* bytes = image.sector_at(block, sector);
+      const size_t kept = input.word() % sizeof(flashfs_sector);
+      memset(bytes + kept, flash_erased_byte, sizeof(flashfs_sector) - kept);
+      break;
+    }
+    default:
+      write_slot(input, image, block, sector);
+  }
+}
+
+std::string interesting_path(input_bytes& input, const reliability::tree& known) {
+  const uint32_t choice = input.below(4);
+  if (choice <= 1 && !known.empty()) {
+    auto found = known.begin();
+    std::advance(found, input.byte() % known.size());
+    return choice == 0 ? found->first : found->first + "/" + interesting_name(input);
+  }
+  return choice == 2 ? interesting_name(input) : input.text(200);
+}
+
+void use_descriptor(input_bytes& input, rig& flash, int32_t fd) {
+  std::vector<uint8_t> buffer(input.word() % 6000);
+  uint32_t argument = input.word() % max_position;
+  flashfs_file_info info;
+  flashfs_file_name name;
+  ppc_stat status;
+  ifs_lseek(fd, input.word() % static_cast<int>(max_position), static_cast<int>(input.below(3)));
+  ifs_write(fd, buffer.data(), static_cast<uint32_t>(buffer.size()));
+  ifs_lseek(fd, 0, ifs_seek_set);
+  ifs_read(fd, buffer.data(), static_cast<uint32_t>(buffer.size()));
+  ifs_getdents(fd, buffer.data(), static_cast<uint32_t>(buffer.size()));
+  ifs_fstat(fd, &status);
+  ifs_fioctl(fd, 15, &info);
+  ifs_fioctl(fd, 12, &name);
+  ifs_fioctl(fd, 7, nullptr);
+  if (input.below(2) == 0) {
+    ifs_fioctl(fd, 1, &argument);
+  }
+  ifs_close(fd);
+  require(flash.fs()->sctr_bufs_allocated == 0, "a sector buffer is out");
+}
+
+void dump_everything(input_bytes& input, rig& flash) {
+  flashfs_dump_file_map(flash.fs());
+  flashfs_dump_file_list_lock(flash.fs(), interesting_word(input));
+  const auto block = static_cast<int16_t>(interesting_word(input));
+  flashfs_dump_sctr(flash.fs(), block, interesting_word(input));
+  flashfs_dump_slot(flash.fs(), block, interesting_word(input), input.byte());
+}
+
+void operate(input_bytes& input, rig& flash, const reliability::tree& known) {
+  const std::string path = full_path(interesting_path(input, known));
+  constexpr uint32_t flags[] = {0x001, 0x002, 0x003, 0x102, 0x10B, 0x302, 0x702, 0x30A};
+  ppc_statfs space;
+  ppc_stat status;
+  uint32_t argument = 0;
+  switch (input.below(12)) {
+    case 0:
+    case 1:
+    case 2:
+      if (const int32_t fd = ifs_open(path.c_str(), flags[input.below(8)], input.word()); fd >= 0) {
+        use_descriptor(input, flash, fd);
+      }
+      break;
+    case 3:
+      ifs_remove(path.c_str());
+      break;
+    case 4:
+      ifs_rename(path.c_str(), full_path(interesting_path(input, known)).c_str());
+      break;
+    case 5:
+      ifs_mkdir(path.c_str(), input.word());
+      break;
+    case 6:
+      ifs_rmdir(path.c_str());
+      break;
+    case 7:
+      ifs_chmod(path.c_str(), input.word());
+      break;
+    case 8:
+      ifs_stat(path.c_str(), &status);
+      ifs_statfs(path.c_str(), &space);
+      ifs_istat(path.c_str(), interesting_word(input), &status);
+      ifs_ioctl(path.c_str(), 7, nullptr);
+      ifs_ioctl(path.c_str(), 36, &argument);
+      break;
+    case 9:
+      dump_everything(input, flash);
+      break;
+    case 10:
+      if (const int32_t fd =
+              flashfs_vctr_open_by_fileid(flash.fs()->fsid, 0, interesting_word(input), 1, 0);
+          fd >= 0) {
+        ifs_open_file_increment(flash.fs()->fsid);
+        use_descriptor(input, flash, fd);
+      }
+      break;
+    default:
+      flash.check(input.below(4));
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  sim::chassis chassis;
+  chassis.clock_hold(standing_clock);
+  sim::install_chassis(&chassis);
+  {
+    input_bytes input(data, size);
+    rig flash(read_geometry(input));
+    image_builder image(flash.device());
+    image.headers(static_cast<int>(input.below(static_cast<uint32_t>(image.block_count()))));
+    const uint32_t records = input.below(max_records);
+    for (uint32_t i = 0; i < records; i++) {
+      write_record(input, image);
+    }
+    int32_t mounted = flash.mount(input.below(4));
+    const uint32_t operations = 1 + input.below(max_operations);
+    for (uint32_t i = 0; i < operations && !input.empty(); i++) {
+      const reliability::tree known = mounted == 0 ? flash.walk() : reliability::tree{};
+      operate(input, flash, known);
+      require(flash.fs()->sctr_bufs_allocated == 0, "a sector buffer is out");
+      if (flash.fs()->ready == 0) {
+        mounted = flash.mount(input.below(4));
+      }
+    }
+    if (flash.mount(reliability::full_check) == 0) {
+      flash.walk();
+    }
+    require(flash.device().deviations() == 0, "an access that no correct file system makes");
+  }
+  sim::install_chassis(nullptr);
+  return 0;
+}
