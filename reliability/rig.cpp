@@ -121,7 +121,8 @@ int32_t rig::mount(uint32_t check_flags) {
 
 tree rig::walk() {
   tree found;
-  walk_directory("", &found);
+  std::set<uint32_t> entered = {fileid_root};
+  walk_directory("", &found, &entered);
   for (auto& [path, node] : found) {
     if (is_regular_mode(node.mode)) {
       node.content = read_content(path);
@@ -134,7 +135,7 @@ tree rig::walk() {
   return found;
 }
 
-void rig::walk_directory(const std::string& path, tree* found) {
+void rig::walk_directory(const std::string& path, tree* found, std::set<uint32_t>* entered) {
   const int32_t fd = ifs_open(full_path(path + "/").c_str(), ifs_open_read, 0);
   if (fd < 0) {
     return;
@@ -149,13 +150,13 @@ void rig::walk_directory(const std::string& path, tree* found) {
       continue;
     }
     (*found)[child] = {status.mode, status.change_date, ""};
-    if (is_directory_mode(status.mode)) {
+    if (is_directory_mode(status.mode) && entered->insert(status.fileid).second) {
       directories.push_back(child);
     }
   }
   ifs_close(fd);
   for (const std::string& directory : directories) {
-    walk_directory(directory, found);
+    walk_directory(directory, found, entered);
   }
 }
 

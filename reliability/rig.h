@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,7 +64,8 @@ class rig {
     device_.flash().restore(contents);
   }
 
-  // Everything that can be reached from the root.
+  // Everything that can be reached from the root. No directory is entered twice: damaged ones can
+  // contain each other.
   tree walk();
 
   // Whole operations through the switch; 0 or a negative result with errno.
@@ -76,7 +78,7 @@ class rig {
   std::string take_output();
 
  private:
-  void walk_directory(const std::string& path, tree* found);
+  void walk_directory(const std::string& path, tree* found, std::set<uint32_t>* entered);
 
   sim::power supply_;
   test_support::ram_flash device_;
