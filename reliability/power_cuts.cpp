@@ -84,7 +84,7 @@ void judge_moves(const operation& what, const tree& now, const states& expected,
   }
 }
 
-std::set<outcome> judge(const operation& what, const tree& now, const states& expected) {
+std::set<outcome> judge_tree(const operation& what, const tree& now, const states& expected) {
   std::set<outcome> found;
   for (const auto& [path, node] : now) {
     if (path == lost_and_found || path.rfind(std::string(lost_and_found) + "/", 0) == 0) {
@@ -211,7 +211,7 @@ class cut_run {
     if (result != 0) {
       found.insert(outcome::check_refuses);
     } else {
-      found = judge(what_, rig_.walk(), expected_);
+      found = judge_tree(what_, rig_.walk(), expected_);
       rig_.unmount();
       const std::vector<uint8_t> settled = rig_.snapshot();
       if (rig_.mount(flags) != 0 || rig_.snapshot() != settled) {
@@ -277,6 +277,11 @@ const char* outcome_name(outcome kind) {
 
 uint64_t count_mutations(const operation& what) {
   return cut_run(what).mutations();
+}
+
+std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
+                        const tree& after) {
+  return judge_tree(what, now, {before, after});
 }
 
 cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {

@@ -55,6 +55,11 @@ struct cut_counts {
 
 std::vector<operation> power_cut_operations();
 
+// What a user would find wrong in a tree that an interrupted operation left; `before` and `after`
+// are the trees around the uninterrupted one.
+std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
+                        const tree& after);
+
 // The flash mutations of an operation that is not cut.
 uint64_t count_mutations(const operation& what);
 

@@ -1,8 +1,9 @@
-// Prints the tables of docs/reliability.md: power cuts at every mutation of every operation.
+// Prints the tables of docs/reliability.md: power cuts at every mutation of every operation, and
+// every driver call of every operation failing.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
+#include "reliability/faults.h"
 #include "reliability/power_cuts.h"
 #include "sim/sim_chassis.h"
 
@@ -32,23 +33,12 @@ void print_row(const char* name, const reliability::cut_counts& counts) {
   fflush(stdout);
 }
 
-}  // namespace
-
-int main(int argc, char* argv[]) {
-  const uint64_t stride = argc > 1 ? strtoull(argv[1], nullptr, 10) : 1;
-  const uint64_t second_stride = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
-  const char* only = argc > 3 ? argv[3] : "";
-  sim::chassis chassis;
-  chassis.clock_hold(standing_clock);
-  sim::install_chassis(&chassis);
+uint64_t print_power_cuts(uint64_t stride, uint64_t second_stride) {
   printf(
-      "| operation | mutations | cuts | second cuts | clean | quick check | full check | "
-      "unexplained |\n|---|---|---|---|---|---|---|---|\n");
+      "## Power cuts\n\n| operation | mutations | cuts | second cuts | clean | quick check | "
+      "full check | unexplained |\n|---|--:|--:|--:|--:|---|---|--:|\n");
   uint64_t unexplained = 0;
   for (const reliability::operation& each : reliability::power_cut_operations()) {
-    if (strstr(each.name.c_str(), only) == nullptr) {
-      continue;
-    }
     const reliability::cut_counts counts = reliability::try_power_cuts(each, stride, second_stride);
     print_row(each.name.c_str(), counts);
     for (const std::string& sample : counts.unexplained_samples) {
@@ -56,5 +46,40 @@ int main(int argc, char* argv[]) {
     }
     unexplained += counts.unexplained;
   }
-  return unexplained == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  return unexplained;
+}
+
+uint64_t print_faults(uint64_t stride) {
+  printf(
+      "\n## Failing flash\n\n| operation | driver calls | faults | marked down | check fails | "
+      "carries on | unexpected |\n|---|--:|--:|--:|--:|--:|--:|\n");
+  uint64_t unexpected = 0;
+  for (const reliability::operation& each : reliability::fault_operations()) {
+    const reliability::fault_counts counts = reliability::try_faults(each, stride);
+    printf("| %s | %llu | %llu | %llu | %llu | %llu | %llu |\n", each.name.c_str(),
+           static_cast<unsigned long long>(counts.calls),
+           static_cast<unsigned long long>(counts.faults),
+           static_cast<unsigned long long>(counts.marked_down),
+           static_cast<unsigned long long>(counts.check_failed),
+           static_cast<unsigned long long>(counts.carried_on),
+           static_cast<unsigned long long>(counts.unexpected));
+    for (const std::string& sample : counts.unexpected_samples) {
+      fprintf(stderr, "unexpected: %s\n", sample.c_str());
+    }
+    unexpected += counts.unexpected;
+  }
+  return unexpected;
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  const uint64_t stride = argc > 1 ? strtoull(argv[1], nullptr, 10) : 1;
+  const uint64_t second_stride = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
+  sim::chassis chassis;
+  chassis.clock_hold(standing_clock);
+  sim::install_chassis(&chassis);
+  const uint64_t unexplained = print_power_cuts(stride, second_stride);
+  const uint64_t unexpected = print_faults(stride);
+  return unexplained + unexpected == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
