@@ -1,6 +1,8 @@
 // Plays the failing calls and judges what they leave.
 #include "reliability/faults.h"
 
+#include <algorithm>
+
 namespace reliability {
 
 namespace {
@@ -111,17 +113,23 @@ class fault_run {
       wrong += " an access that no correct file system makes;";
     }
     if (rig_.mount(full_check) != 0) {
-      if (what_.explained_full.count(outcome::check_refuses) == 0) {
+      if (!explained(outcome::check_refuses)) {
         wrong += " the next mount fails;";
       }
       return wrong;
     }
     for (const outcome kind : judge(what_, rig_.walk(), before_, after_)) {
-      if (what_.explained_full.count(kind) == 0) {
+      if (!explained(kind)) {
         wrong += std::string(" ") + outcome_name(kind) + ";";
       }
     }
     return wrong;
+  }
+
+  // Whether a full check may find this because the operation ended in its middle.
+  bool explained(outcome kind) const {
+    return std::any_of(what_.own_causes.begin(), what_.own_causes.end(),
+                       [&](cause why) { return outcomes_of(why, false).count(kind) != 0; });
   }
 
   const operation& what_;

@@ -37,6 +37,13 @@ bool is_mixture(const std::string& content, const std::string& before, const std
   return true;
 }
 
+constexpr sim::cut_kind cut_kinds[] = {sim::cut_kind::before, sim::cut_kind::during,
+                                       sim::cut_kind::during_noise};
+
+std::string cut_text(const cut& each) {
+  return std::to_string(each.mutation) + " " + cut_kind_name(each.kind);
+}
+
 struct states {
   tree before;
   tree after;
@@ -113,9 +120,10 @@ std::set<outcome> judge_tree(const operation& what, const tree& now, const state
   return found;
 }
 
-class cut_run {
+// Plays one operation with cuts.
+class cut_player {
  public:
-  explicit cut_run(const operation& what) : what_(what), rig_(what.blocks) {
+  explicit cut_player(const operation& what) : what_(what), rig_(what.blocks) {
     rig_.restore({});
     what.prepare(rig_);
     expected_.before = rig_.walk();
@@ -124,42 +132,24 @@ class cut_run {
       what.damage(rig_);
     }
     start_ = rig_.snapshot();
-    play(0, sim::cut_kind::before);
-    counts_.mutations = rig_.supply().mutations();
+    play({0, sim::cut_kind::before});
+    mutations_ = rig_.supply().mutations();
     expected_.after = rig_.walk();
   }
 
   uint64_t mutations() const {
-    return counts_.mutations;
+    return mutations_;
+  }
+  const states& expected() const {
+    return expected_;
+  }
+  rig& flash() {
+    return rig_;
   }
 
-  cut_counts run(uint64_t stride, uint64_t second_stride) {
-    for (uint64_t n = 1; n <= counts_.mutations; n += stride) {
-      for (const sim::cut_kind kind :
-           {sim::cut_kind::before, sim::cut_kind::during, sim::cut_kind::during_noise}) {
-        play(n, kind);
-        rig_.supply().restore();
-        rig_.unmount();
-        const std::vector<uint8_t> left = rig_.snapshot();
-        if (!seen_.insert(hash_of(left)).second) {
-          continue;
-        }
-        const std::string place = what_.name + ": cut " + std::to_string(n) + " " + kind_name(kind);
-        try_checks(left, place, second_stride);
-      }
-    }
-    return counts_;
-  }
-
- private:
-  static const char* kind_name(sim::cut_kind kind) {
-    return kind == sim::cut_kind::before   ? "before"
-           : kind == sim::cut_kind::during ? "during"
-                                           : "during_noise";
-  }
-
-  // Runs the operation on the prepared flash with the power failing at its n-th mutation.
-  void play(uint64_t n, sim::cut_kind kind) {
+  // Runs the operation on the prepared flash with the power failing at one of its mutations (0: at
+  // none). After a cut the flash is unmounted and has its power back.
+  void play(planned_cut planned) {
     rig_.restore(start_);
     rig_.supply().restore();
     if (what_.damage) {
@@ -168,115 +158,180 @@ class cut_run {
       rig_.mount(full_check);
     }
     rig_.supply().restore();
-    if (n != 0) {
-      rig_.supply().cut_at(n, kind, n);
-    }
-    what_.act(rig_);
+    cut_during(planned, [&] { what_.act(rig_); });
   }
 
-  void try_checks(const std::vector<uint8_t>& left, const std::string& place,
-                  uint64_t second_stride) {
-    for (const uint32_t flags : {quick_check, full_check}) {
-      const std::string check_place = place + (flags == quick_check ? ", quick" : ", full");
-      counts_.cuts++;
-      const uint64_t mutations = try_check(left, flags, check_place);
-      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
-        for (const sim::cut_kind kind : {sim::cut_kind::before, sim::cut_kind::during}) {
-          rig_.restore(left);
-          rig_.register_only();
-          rig_.supply().restore();
-          rig_.supply().cut_at(m, kind, m);
-          rig_.check(flags);
-          rig_.supply().restore();
-          rig_.unmount();
-          const std::vector<uint8_t> second_left = rig_.snapshot();
-          if (!seen_second_.insert(hash_of(second_left) ^ flags).second) {
-            continue;
-          }
-          counts_.second_cuts++;
-          try_check(second_left, flags,
-                    check_place + ", second cut " + std::to_string(m) + " " + kind_name(kind));
-        }
-      }
-    }
-  }
-
-  // Mounts what a cut left, judges it and mounts once more. Returns the mutations of the check.
-  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const std::string& place) {
-    rig_.restore(left);
+  // The same for the check of a flash.
+  void play_check(const std::vector<uint8_t>& contents, uint32_t flags, planned_cut planned) {
+    rig_.restore(contents);
+    rig_.register_only();
     rig_.supply().restore();
-    const int32_t result = rig_.mount(flags);
-    const uint64_t mutations = rig_.supply().mutations();
-    std::set<outcome> found;
-    if (result != 0) {
-      found.insert(outcome::check_refuses);
-    } else {
-      found = judge_tree(what_, rig_.walk(), expected_);
-      rig_.unmount();
-      const std::vector<uint8_t> settled = rig_.snapshot();
-      if (rig_.mount(flags) != 0 || rig_.snapshot() != settled) {
-        found.insert(outcome::not_settled);
-      }
-    }
-    record(found, flags, place);
-    return mutations;
+    cut_during(planned, [&] { rig_.check(flags); });
   }
 
-  void record(const std::set<outcome>& found, uint32_t flags, const std::string& place) {
-    const bool quick = flags == quick_check;
-    auto& counters = quick ? counts_.quick : counts_.full;
-    const auto& explained = quick ? what_.explained_quick : what_.explained_full;
-    counts_.clean += found.empty() ? 1 : 0;
-    bool unexplained = false;
-    std::string kinds;
-    for (const outcome kind : found) {
-      counters[kind]++;
-      if (explained.count(kind) == 0) {
-        unexplained = true;
-        kinds += std::string(" ") + outcome_name(kind);
-      }
+  // Where the latest cut fell.
+  cut made(planned_cut planned) {
+    return look_at_cut(planned.mutation, planned.kind, rig_.device());
+  }
+
+ private:
+  template <typename Act>
+  void cut_during(planned_cut planned, Act act) {
+    if (planned.mutation == 0) {
+      act();
+      return;
     }
-    if (unexplained) {
-      counts_.unexplained++;
-      if (counts_.unexplained_samples.size() < max_samples) {
-        counts_.unexplained_samples.push_back(place + ":" + kinds);
-      }
-    }
+    rig_.supply().cut_at(planned.mutation, planned.kind, planned.mutation);
+    act();
+    rig_.supply().restore();
+    rig_.unmount();
   }
 
   const operation& what_;
   rig rig_;
   std::vector<uint8_t> start_;
   states expected_;
+  uint64_t mutations_ = 0;
+};
+
+// Tries an operation's cuts and counts what they leave.
+class cut_run {
+ public:
+  explicit cut_run(const operation& what) : what_(what), player_(what) {
+    counts_.mutations = player_.mutations();
+  }
+
+  cut_counts run(uint64_t stride, uint64_t second_stride) {
+    for (uint64_t n = 1; n <= counts_.mutations; n += stride) {
+      for (const sim::cut_kind kind : cut_kinds) {
+        if (same_as_before_it(kind)) {
+          continue;
+        }
+        player_.play({n, kind});
+        const cut first = player_.made({n, kind});
+        const std::vector<uint8_t> left = player_.flash().snapshot();
+        if (seen_.insert(hash_of(left)).second) {
+          try_checks(left, first, second_stride);
+        }
+      }
+    }
+    return counts_;
+  }
+
+ private:
+  // A word is torn in one way, an erase in two.
+  bool same_as_before_it(sim::cut_kind kind) {
+    return kind == sim::cut_kind::during_noise &&
+           !player_.flash().device().flash().last_mutation().is_erase;
+  }
+
+  void try_checks(const std::vector<uint8_t>& left, const cut& first, uint64_t second_stride) {
+    for (const uint32_t flags : {quick_check, full_check}) {
+      counts_.cuts++;
+      const uint64_t mutations = try_check(left, flags, first, std::nullopt);
+      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
+        try_second_cuts(left, flags, first, m);
+      }
+    }
+  }
+
+  void try_second_cuts(const std::vector<uint8_t>& left, uint32_t flags, const cut& first,
+                       uint64_t m) {
+    for (const sim::cut_kind kind : cut_kinds) {
+      if (same_as_before_it(kind)) {
+        continue;
+      }
+      player_.play_check(left, flags, {m, kind});
+      const cut second = player_.made({m, kind});
+      const std::vector<uint8_t> second_left = player_.flash().snapshot();
+      if (seen_second_.insert(hash_of(second_left) ^ flags).second) {
+        counts_.second_cuts++;
+        try_check(second_left, flags, first, second);
+      }
+    }
+  }
+
+  // Mounts what a cut left, judges it and mounts once more. Returns the mutations of the check.
+  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const cut& first,
+                     const std::optional<cut>& second) {
+    rig& flash = player_.flash();
+    flash.restore(left);
+    flash.supply().restore();
+    const int32_t result = flash.mount(flags);
+    const uint64_t mutations = flash.supply().mutations();
+    std::set<outcome> found;
+    if (result != 0) {
+      found.insert(outcome::check_refuses);
+    } else {
+      found = judge_tree(what_, flash.walk(), player_.expected());
+      flash.unmount();
+      const std::vector<uint8_t> settled = flash.snapshot();
+      if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
+        found.insert(outcome::not_settled);
+      }
+    }
+    record(found, flags == quick_check, first, second);
+    return mutations;
+  }
+
+  void record(const std::set<outcome>& found, bool quick, const cut& first,
+              const std::optional<cut>& second) {
+    counts_.clean += found.empty() ? 1 : 0;
+    std::string unexplained;
+    for (const outcome kind : found) {
+      (quick ? counts_.quick : counts_.full)[kind]++;
+      const std::optional<cause> why = explain(kind, quick, what_.own_causes, first, second);
+      if (!why) {
+        unexplained += std::string(" ") + outcome_name(kind);
+        continue;
+      }
+      cause_counts& counts = counts_.causes[*why];
+      (quick ? counts.quick : counts.full)[kind]++;
+      if (!second) {
+        counts.window.insert(first.mutation);
+      }
+    }
+    if (!unexplained.empty()) {
+      counts_.unexplained++;
+      if (counts_.unexplained_samples.size() < max_samples) {
+        counts_.unexplained_samples.push_back(arguments_of(quick, first, second) + ":" +
+                                              unexplained);
+      }
+    }
+  }
+
+  std::string arguments_of(bool quick, const cut& first, const std::optional<cut>& second) const {
+    std::string arguments = "play '" + what_.name + "' " + cut_text(first);
+    arguments += quick ? " quick" : " full";
+    return second ? arguments + " " + cut_text(*second) : arguments;
+  }
+
+  const operation& what_;
+  cut_player player_;
   cut_counts counts_;
   std::unordered_set<uint64_t> seen_;
   std::unordered_set<uint64_t> seen_second_;
 };
 
+std::string listing(const tree& nodes) {
+  std::string text;
+  for (const auto& [path, node] : nodes) {
+    text += "    " + path + (is_directory_mode(node.mode) ? "/" : "") + ", " +
+            std::to_string(node.content.size()) + " bytes\n";
+  }
+  return text;
+}
+
 }  // namespace
 
-const char* outcome_name(outcome kind) {
-  switch (kind) {
-    case outcome::check_refuses:
-      return "check refuses";
-    case outcome::other_changed:
-      return "other file changed";
-    case outcome::stray_name:
-      return "stray name";
-    case outcome::touched_lost:
-      return "touched file lost";
-    case outcome::touched_torn:
-      return "touched file torn";
-    case outcome::relinked:
-      return "relinked";
-    case outcome::not_settled:
-      return "not settled";
-  }
-  return "";
+const char* cut_kind_name(sim::cut_kind kind) {
+  return kind == sim::cut_kind::before   ? "before"
+         : kind == sim::cut_kind::during ? "during"
+                                         : "during_noise";
 }
 
 uint64_t count_mutations(const operation& what) {
-  return cut_run(what).mutations();
+  return cut_player(what).mutations();
 }
 
 std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
@@ -286,6 +341,35 @@ std::set<outcome> judge(const operation& what, const tree& now, const tree& befo
 
 cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
   return cut_run(what).run(stride, second_stride);
+}
+
+std::string play_power_cut(const operation& what, planned_cut first, uint32_t check_flags,
+                           std::optional<planned_cut> second) {
+  constexpr int max_mounts = 10;
+  cut_player player(what);
+  rig& flash = player.flash();
+  player.play(first);
+  if (second) {
+    player.play_check(flash.snapshot(), check_flags, *second);
+  }
+  std::string text;
+  for (int i = 1; i <= max_mounts; i++) {
+    const std::vector<uint8_t> left = flash.snapshot();
+    const int32_t result = flash.mount(check_flags);
+    text += "mount " + std::to_string(i) + (result == 0 ? "\n" : " fails\n") + flash.take_output();
+    if (result == 0) {
+      const tree found = flash.walk();
+      text += listing(found);
+      for (const outcome kind : judge_tree(what, found, player.expected())) {
+        text += std::string("  ") + outcome_name(kind) + "\n";
+      }
+    }
+    flash.unmount();
+    if (flash.snapshot() == left) {
+      break;
+    }
+  }
+  return text;
 }
 
 }  // namespace reliability

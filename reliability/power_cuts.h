@@ -5,25 +5,15 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "reliability/cut_causes.h"
 #include "reliability/rig.h"
 
 namespace reliability {
-
-// What a cut can leave that is not the old or the new state, by the check that found it.
-enum class outcome {
-  check_refuses,  // the check fails: nothing is mounted
-  other_changed,  // something that the operation does not touch is gone or different
-  stray_name,     // an entry that nobody made
-  touched_lost,   // a touched file is in neither its old nor its new place
-  touched_torn,   // its content is no mixture of old and new sectors
-  relinked,       // something stands in /lost+found
-  not_settled,    // a further check still changes the flash
-};
-const char* outcome_name(outcome kind);
 
 struct operation {
   std::string name;
@@ -36,21 +26,27 @@ struct operation {
   std::function<void(rig&)> act;
   // Paths that it makes, changes or removes, and whatever lies below them.
   std::set<std::string> touched;
-  // What the order in which records are written brings with it, found by the quick and by the full
-  // check. docs/power-cuts.md says why.
-  std::set<outcome> explained_quick;
-  std::set<outcome> explained_full;
+  // Causes of exceptions that come with what the operation does.
+  std::set<cause> own_causes = {};
+};
+
+// What one cause brought about.
+struct cause_counts {
+  std::set<uint64_t> window;  // mutations at which a single cut shows it
+  std::map<outcome, uint64_t> quick;
+  std::map<outcome, uint64_t> full;
 };
 
 struct cut_counts {
   uint64_t mutations = 0;    // of the operation
-  uint64_t cuts = 0;         // tried: mutations times the kinds of cut, both checks
+  uint64_t cuts = 0;         // tried: different states left, times both checks
   uint64_t second_cuts = 0;  // tried in the checks that follow
   uint64_t clean = 0;        // of both
   std::map<outcome, uint64_t> quick;
   std::map<outcome, uint64_t> full;
+  std::map<cause, cause_counts> causes;
   uint64_t unexplained = 0;
-  std::vector<std::string> unexplained_samples;  // how to play them again
+  std::vector<std::string> unexplained_samples;  // arguments that play them again
 };
 
 std::vector<operation> power_cut_operations();
@@ -66,5 +62,18 @@ uint64_t count_mutations(const operation& what);
 // Tries every `stride`-th mutation (1: all) and every `second_stride`-th of the check that follows
 // (0: none).
 cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride);
+
+// A cut at the n-th mutation, of the operation or of the check that follows.
+struct planned_cut {
+  uint64_t mutation;
+  sim::cut_kind kind;
+};
+
+// Plays an operation with its cut, the check with its own, if any, and then mounts until a mount
+// changes nothing (at most 10 times). Returns what was printed and found.
+std::string play_power_cut(const operation& what, planned_cut first, uint32_t check_flags,
+                           std::optional<planned_cut> second);
+
+const char* cut_kind_name(sim::cut_kind kind);
 
 }  // namespace reliability

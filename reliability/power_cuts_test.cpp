@@ -14,10 +14,10 @@ constexpr int64_t standing_clock = 1800000000;
 // Cuts tried in an operation; an emulated run is many times slower.
 #ifdef ZANTROLUME_EMULATOR
 constexpr uint64_t cuts_in_sample = 12;
-constexpr uint64_t second_stride = 997;
+constexpr uint64_t second_stride = 197;
 #else
 constexpr uint64_t cuts_in_sample = 150;
-constexpr uint64_t second_stride = 97;
+constexpr uint64_t second_stride = 11;
 #endif
 
 class power_cuts : public testing::TestWithParam<size_t> {};

@@ -1,7 +1,8 @@
-// Prints the tables of docs/reliability.md: power cuts at every mutation of every operation, and
-// every driver call of every operation failing.
+// Tries the power cuts and the failing flash calls of one operation and prints its rows of
+// docs/reliability.md, or plays one cut again and tells what every mount after it finds.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
@@ -9,77 +10,167 @@
 
 namespace {
 
-constexpr int64_t standing_clock = 1800000000;
+using reliability::operation;
 
-void print_outcomes(const std::map<reliability::outcome, uint64_t>& outcomes) {
-  const char* separator = "";
+constexpr int64_t standing_clock = 1800000000;
+constexpr int usage_status = 2;
+constexpr size_t max_ranges = 6;
+
+std::string outcomes_text(const std::map<reliability::outcome, uint64_t>& outcomes) {
+  std::string text;
   for (const auto& [kind, count] : outcomes) {
-    printf("%s%s %llu", separator, reliability::outcome_name(kind),
-           static_cast<unsigned long long>(count));
-    separator = ", ";
+    text += text.empty() ? "" : ", ";
+    text += reliability::outcome_name(kind) + (" " + std::to_string(count));
   }
+  return text;
 }
 
-void print_row(const char* name, const reliability::cut_counts& counts) {
-  printf("| %s | %llu | %llu | %llu | %llu | ", name,
+// 1, 2, 3, 7 as "1-3, 7"; many ranges are cut short.
+std::string ranges_text(const std::set<uint64_t>& numbers) {
+  std::string text;
+  size_t ranges = 0;
+  for (auto first = numbers.begin(); first != numbers.end(); ranges++) {
+    auto last = first;
+    while (std::next(last) != numbers.end() && *std::next(last) == *last + 1) {
+      ++last;
+    }
+    if (ranges < max_ranges) {
+      text += (text.empty() ? "" : ", ") + std::to_string(*first);
+      text += first == last ? "" : "-" + std::to_string(*last);
+    }
+    first = std::next(last);
+  }
+  return ranges <= max_ranges ? text
+                              : text + " and " + std::to_string(ranges - max_ranges) + " more";
+}
+
+// A row for each operation, then a row for each of its causes.
+int print_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
+  const reliability::cut_counts counts = reliability::try_power_cuts(what, stride, second_stride);
+  printf("| %s | %llu | %llu | %llu | %llu | %s | %s | %llu |\n", what.name.c_str(),
          static_cast<unsigned long long>(counts.mutations),
          static_cast<unsigned long long>(counts.cuts),
          static_cast<unsigned long long>(counts.second_cuts),
-         static_cast<unsigned long long>(counts.clean));
-  print_outcomes(counts.quick);
-  printf(" | ");
-  print_outcomes(counts.full);
-  printf(" | %llu |\n", static_cast<unsigned long long>(counts.unexplained));
-  fflush(stdout);
+         static_cast<unsigned long long>(counts.clean), outcomes_text(counts.quick).c_str(),
+         outcomes_text(counts.full).c_str(), static_cast<unsigned long long>(counts.unexplained));
+  for (const auto& [why, by_cause] : counts.causes) {
+    printf("| %s | %s | %s | %s | %s |\n", reliability::cause_name(why), what.name.c_str(),
+           ranges_text(by_cause.window).c_str(), outcomes_text(by_cause.quick).c_str(),
+           outcomes_text(by_cause.full).c_str());
+  }
+  for (const std::string& sample : counts.unexplained_samples) {
+    fprintf(stderr, "unexplained: %s\n", sample.c_str());
+  }
+  return counts.unexplained == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-uint64_t print_power_cuts(uint64_t stride, uint64_t second_stride) {
-  printf(
-      "## Power cuts\n\n| operation | mutations | cuts | second cuts | clean | quick check | "
-      "full check | unexplained |\n|---|--:|--:|--:|--:|---|---|--:|\n");
-  uint64_t unexplained = 0;
-  for (const reliability::operation& each : reliability::power_cut_operations()) {
-    const reliability::cut_counts counts = reliability::try_power_cuts(each, stride, second_stride);
-    print_row(each.name.c_str(), counts);
-    for (const std::string& sample : counts.unexplained_samples) {
-      fprintf(stderr, "unexplained: %s\n", sample.c_str());
-    }
-    unexplained += counts.unexplained;
+int print_faults(const operation& what) {
+  const reliability::fault_counts counts = reliability::try_faults(what, 1);
+  printf("| %s | %llu | %llu | %llu | %llu | %llu | %llu |\n", what.name.c_str(),
+         static_cast<unsigned long long>(counts.calls),
+         static_cast<unsigned long long>(counts.faults),
+         static_cast<unsigned long long>(counts.marked_down),
+         static_cast<unsigned long long>(counts.check_failed),
+         static_cast<unsigned long long>(counts.carried_on),
+         static_cast<unsigned long long>(counts.unexpected));
+  for (const std::string& sample : counts.unexpected_samples) {
+    fprintf(stderr, "unexpected: %s\n", sample.c_str());
   }
-  return unexplained;
+  return counts.unexpected == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-uint64_t print_faults(uint64_t stride) {
-  printf(
-      "\n## Failing flash\n\n| operation | driver calls | faults | marked down | check fails | "
-      "carries on | unexpected |\n|---|--:|--:|--:|--:|--:|--:|\n");
-  uint64_t unexpected = 0;
-  for (const reliability::operation& each : reliability::fault_operations()) {
-    const reliability::fault_counts counts = reliability::try_faults(each, stride);
-    printf("| %s | %llu | %llu | %llu | %llu | %llu | %llu |\n", each.name.c_str(),
-           static_cast<unsigned long long>(counts.calls),
-           static_cast<unsigned long long>(counts.faults),
-           static_cast<unsigned long long>(counts.marked_down),
-           static_cast<unsigned long long>(counts.check_failed),
-           static_cast<unsigned long long>(counts.carried_on),
-           static_cast<unsigned long long>(counts.unexpected));
-    for (const std::string& sample : counts.unexpected_samples) {
-      fprintf(stderr, "unexpected: %s\n", sample.c_str());
+int usage() {
+  fprintf(stderr,
+          "usage: reliability list cuts|faults\n"
+          "       reliability cuts OPERATION [STRIDE [STRIDE_OF_SECOND_CUTS]]\n"
+          "       reliability faults OPERATION\n"
+          "       reliability play OPERATION N KIND quick|full [M KIND]\n"
+          "KIND is before, during or during_noise; a stride of second cuts of 0 tries none.\n");
+  return usage_status;
+}
+
+const operation* find(const std::vector<operation>& operations, const char* name) {
+  for (const operation& each : operations) {
+    if (each.name == name) {
+      return &each;
     }
-    unexpected += counts.unexpected;
   }
-  return unexpected;
+  fprintf(stderr, "no operation \"%s\"; see: reliability list cuts|faults\n", name);
+  return nullptr;
+}
+
+bool parse_cut(char* const words[2], reliability::planned_cut* planned) {
+  planned->mutation = strtoull(words[0], nullptr, 10);
+  for (const sim::cut_kind kind :
+       {sim::cut_kind::before, sim::cut_kind::during, sim::cut_kind::during_noise}) {
+    if (strcmp(words[1], reliability::cut_kind_name(kind)) == 0) {
+      planned->kind = kind;
+      return planned->mutation != 0;
+    }
+  }
+  return false;
+}
+
+int play(int argc, char* argv[]) {
+  const bool with_second = argc == 8;
+  reliability::planned_cut first;
+  reliability::planned_cut second;
+  if ((argc != 6 && !with_second) || !parse_cut(argv + 3, &first) ||
+      (with_second && !parse_cut(argv + 6, &second))) {
+    return usage();
+  }
+  const std::vector<operation> operations = reliability::power_cut_operations();
+  const operation* what = find(operations, argv[2]);
+  const bool quick = strcmp(argv[5], "quick") == 0;
+  if (what == nullptr || (!quick && strcmp(argv[5], "full") != 0)) {
+    return usage();
+  }
+  const std::string text = reliability::play_power_cut(
+      *what, first, quick ? reliability::quick_check : reliability::full_check,
+      with_second ? std::optional(second) : std::nullopt);
+  fputs(text.c_str(), stdout);
+  return EXIT_SUCCESS;
+}
+
+int list(const std::vector<operation>& operations) {
+  for (const operation& each : operations) {
+    printf("%s\n", each.name.c_str());
+  }
+  return EXIT_SUCCESS;
+}
+
+int run(int argc, char* argv[]) {
+  const std::string command = argc > 2 ? argv[1] : "";
+  const bool of_faults =
+      command == "faults" || (command == "list" && strcmp(argv[2], "faults") == 0);
+  const std::vector<operation> operations =
+      of_faults ? reliability::fault_operations() : reliability::power_cut_operations();
+  if (command == "list" && argc == 3) {
+    return list(operations);
+  }
+  if (command == "play") {
+    return play(argc, argv);
+  }
+  if ((command != "cuts" || argc > 5) && (command != "faults" || argc != 3)) {
+    return usage();
+  }
+  const operation* what = find(operations, argv[2]);
+  if (what == nullptr) {
+    return usage_status;
+  }
+  const uint64_t stride = argc > 3 ? strtoull(argv[3], nullptr, 10) : 1;
+  const uint64_t second_stride = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1;
+  if (stride == 0) {
+    return usage();
+  }
+  return of_faults ? print_faults(*what) : print_cuts(*what, stride, second_stride);
 }
 
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  const uint64_t stride = argc > 1 ? strtoull(argv[1], nullptr, 10) : 1;
-  const uint64_t second_stride = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1;
   sim::chassis chassis;
   chassis.clock_hold(standing_clock);
   sim::install_chassis(&chassis);
-  const uint64_t unexplained = print_power_cuts(stride, second_stride);
-  const uint64_t unexpected = print_faults(stride);
-  return unexplained + unexpected == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  return run(argc, argv);
 }

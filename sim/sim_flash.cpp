@@ -80,6 +80,8 @@ void nor_flash::program16(uint32_t offset, uint16_t value) {
   if ((high & ~word[0]) != 0 || (low & ~word[1]) != 0) {
     bit_set_requests_++;
   }
+  const auto held = static_cast<uint16_t>((word[0] << 8) | word[1]);
+  last_mutation_ = {.is_erase = false, .offset = offset, .held = held, .wanted = value};
   if (supply_->next_mutation()) {
     tear_word(offset, value);
     return;
@@ -97,6 +99,7 @@ void nor_flash::erase(uint32_t offset, size_t length) {
   }
   length = std::min(length, size_ - offset);
   uint8_t* first = bytes() + offset;
+  last_mutation_ = {.is_erase = true, .offset = offset};
   if (supply_->next_mutation()) {
     tear_erase(offset, length);
     return;

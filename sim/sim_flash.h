@@ -61,6 +61,14 @@ class power {
   bool dead_ = false;
 };
 
+// One programmed word or one erase.
+struct mutation {
+  bool is_erase = false;
+  uint32_t offset = 0;
+  uint16_t held = 0;    // the word before
+  uint16_t wanted = 0;  // what was to be programmed
+};
+
 class nor_flash {
  public:
   // Gives `size` bytes that live as long as the flash. Called at the first touch.
@@ -85,6 +93,10 @@ class nor_flash {
   // Makes bits of one byte read as stuck after every later program or erase that covers it.
   void stick(uint32_t offset, uint8_t stuck_at_zero, uint8_t stuck_at_one);
 
+  // The latest mutation: the one at which the power failed, if it did.
+  const mutation& last_mutation() const {
+    return last_mutation_;
+  }
   // Words whose program asked for a 0 bit to become 1.
   uint64_t bit_set_requests() const {
     return bit_set_requests_;
@@ -142,6 +154,7 @@ class nor_flash {
   std::unique_ptr<uint8_t[]> own_;
   std::vector<stuck_byte> stuck_;
   uint64_t bit_set_requests_ = 0;
+  mutation last_mutation_;
 };
 
 }  // namespace sim

@@ -1,0 +1,244 @@
+// The causes, each with the words in which its cuts fall.
+#include "reliability/cut_causes.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "flashfs/flashfs_format.h"
+
+namespace reliability {
+
+namespace {
+
+using outcomes = std::set<outcome>;
+
+enum class scope {
+  any_operation,  // comes with the word in which the cut falls
+  own,            // comes with what certain operations do
+};
+
+struct cause_facts {
+  cause why;
+  const char* name;
+  std::set<place> places;
+  bool torn_only;  // only while a mutation is half done; not between one and the next
+  scope reach;
+  outcomes quick;
+  outcomes full;
+};
+
+// A quick check trusts what it does not validate, so most are its own. The first that applies
+// counts: those that need most to be known come first.
+const std::vector<cause_facts>& all_causes() {
+  static const std::vector<cause_facts> all = {
+      {cause::data_read_as_slots,
+       "data read as slots",
+       {place::sector_claim, place::sector_invalidation},
+       true,
+       scope::any_operation,
+       {outcome::check_refuses, outcome::other_changed, outcome::stray_name, outcome::touched_lost,
+        outcome::touched_torn, outcome::relinked},
+       {}},
+      {cause::sectors_outlive_name,
+       "sectors outlive their name",
+       {place::slot_deletion, place::sector_invalidation, place::erase, place::header_rest},
+       false,
+       scope::own,
+       {outcome::relinked},
+       {outcome::relinked}},
+      {cause::shortened_first,
+       "shortened sector first",
+       {place::sector_invalidation},
+       false,
+       scope::own,
+       {outcome::touched_torn},
+       {outcome::touched_torn}},
+      {cause::no_spare,
+       "no spare",
+       {place::erase, place::header_state, place::header_rest},
+       false,
+       scope::own,
+       {outcome::check_refuses},
+       {outcome::check_refuses}},
+      {cause::half_written_slot,
+       "half-written slot",
+       {place::slot},
+       false,
+       scope::any_operation,
+       {outcome::check_refuses, outcome::stray_name},
+       {}},
+      {cause::torn_deletion,
+       "torn deletion",
+       {place::slot_deletion},
+       true,
+       scope::any_operation,
+       {outcome::check_refuses, outcome::stray_name},
+       {}},
+      {cause::half_claimed_sector,
+       "half-claimed sector",
+       {place::sector_claim},
+       true,
+       scope::any_operation,
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
+       {}},
+      {cause::unfinished_sector,
+       "unfinished sector",
+       {place::sector_rest},
+       false,
+       scope::any_operation,
+       {outcome::touched_torn},
+       {}},
+      {cause::torn_invalidation,
+       "torn invalidation",
+       {place::sector_invalidation},
+       true,
+       scope::any_operation,
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
+       {}},
+      {cause::checksum_by_chance,
+       "checksum by chance",
+       {place::sector_claim, place::sector_rest, place::sector_invalidation},
+       true,
+       scope::any_operation,
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked}},
+      {cause::torn_header,
+       "torn header",
+       {place::header_state, place::header_rest},
+       true,
+       scope::any_operation,
+       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked},
+       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked}},
+      {cause::number_handed_out_again,
+       "number handed out again",
+       {place::slot},
+       true,
+       scope::any_operation,
+       {outcome::not_settled},
+       {}},
+      {cause::damage_not_seen,
+       "damage not seen",
+       {place::sector_invalidation, place::slot_deletion},
+       false,
+       scope::own,
+       {outcome::touched_torn, outcome::touched_lost, outcome::stray_name, outcome::check_refuses},
+       {}},
+  };
+  return all;
+}
+
+const cause_facts& facts_of(cause why) {
+  return *std::find_if(all_causes().begin(), all_causes().end(),
+                       [why](const cause_facts& each) { return each.why == why; });
+}
+
+bool falls_in(const cut& each, const cause_facts& facts) {
+  if (facts.torn_only && each.kind == sim::cut_kind::before) {
+    return false;
+  }
+  if (facts.why == cause::data_read_as_slots && each.left != fileid_root) {
+    return false;
+  }
+  if (facts.why == cause::checksum_by_chance && !each.checksum_holds) {
+    return false;
+  }
+  // Once the first word of the repair stands, the damage is not there any more.
+  if (facts.why == cause::damage_not_seen && each.mutation != 1) {
+    return false;
+  }
+  return facts.places.count(each.where) != 0;
+}
+
+bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& first,
+             const std::optional<cut>& second) {
+  const bool in_first =
+      falls_in(first, facts) && (facts.reach == scope::any_operation || own.count(facts.why) != 0);
+  const bool in_second = second && falls_in(*second, facts) && facts.reach == scope::any_operation;
+  // One file is named twice by two half-written slots.
+  return facts.why == cause::number_handed_out_again ? in_first && in_second
+                                                     : in_first || in_second;
+}
+
+constexpr uint32_t state_word = 12;  // offset of a header's state
+
+place place_in_sector(const sim::mutation& mutation, const flashfs_sector& sector,
+                      uint32_t in_sector) {
+  if (in_sector == 0) {
+    return mutation.wanted == fileid_invalidated ? place::sector_invalidation : place::sector_claim;
+  }
+  if (sector.fileid != fileid_root) {
+    return place::sector_rest;
+  }
+  const uint32_t in_slot = (in_sector - offsetof(flashfs_sector, slots)) % sizeof(flashfs_dir_slot);
+  const bool deletes = in_slot == offsetof(flashfs_dir_slot, dir_fileid) && mutation.wanted == 0;
+  return deletes ? place::slot_deletion : place::slot;
+}
+
+}  // namespace
+
+const char* outcome_name(outcome kind) {
+  switch (kind) {
+    case outcome::check_refuses:
+      return "check refuses";
+    case outcome::other_changed:
+      return "other file changed";
+    case outcome::stray_name:
+      return "stray name";
+    case outcome::touched_lost:
+      return "touched file lost";
+    case outcome::touched_torn:
+      return "touched file torn";
+    case outcome::relinked:
+      return "relinked";
+    case outcome::not_settled:
+      return "not settled";
+  }
+  return "";
+}
+
+cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device) {
+  const sim::mutation& last = device.flash().last_mutation();
+  cut made = {mutation, kind, place::erase, 0, false};
+  if (last.is_erase) {
+    return made;
+  }
+  made.left = device.flash().read16(last.offset);
+  const auto& blocks = device.blocks();
+  const auto block = std::find_if(blocks.begin(), blocks.end(), [&](const flash_block_info& each) {
+    return last.offset - each.offset < each.size;
+  });
+  const uint32_t in_block = last.offset - block->offset;
+  if (in_block < sizeof(flashfs_blkheader)) {
+    made.where = in_block == state_word ? place::header_state : place::header_rest;
+    return made;
+  }
+  const uint8_t* bytes = device.bytes() + block->offset;
+  const uint32_t in_sector =
+      (in_block - static_cast<uint32_t>(sizeof(flashfs_blkheader))) % sizeof(flashfs_sector);
+  const auto& sector = *reinterpret_cast<const flashfs_sector*>(bytes + in_block - in_sector);
+  const auto* header = reinterpret_cast<const flashfs_blkheader*>(bytes);
+  made.where = blkheader_state(header) == block_in_use ? place_in_sector(last, sector, in_sector)
+                                                       : place::copy;
+  made.checksum_holds = sector_crc(&sector) == flashfs_good_crc;
+  return made;
+}
+
+const char* cause_name(cause why) {
+  return facts_of(why).name;
+}
+
+const std::set<outcome>& outcomes_of(cause why, bool quick) {
+  return quick ? facts_of(why).quick : facts_of(why).full;
+}
+
+std::optional<cause> explain(outcome kind, bool quick, const std::set<cause>& own, const cut& first,
+                             const std::optional<cut>& second) {
+  for (const cause_facts& facts : all_causes()) {
+    if (applies(facts, own, first, second) && (quick ? facts.quick : facts.full).count(kind) != 0) {
+      return facts.why;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace reliability
