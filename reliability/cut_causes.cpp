@@ -37,7 +37,7 @@ const std::vector<cause_facts>& all_causes() {
        true,
        scope::any_operation,
        {outcome::check_refuses, outcome::other_changed, outcome::stray_name, outcome::touched_lost,
-        outcome::touched_torn, outcome::relinked},
+        outcome::touched_torn, outcome::relinked, outcome::touched_dropped},
        {}},
       {cause::sectors_outlive_name,
        "sectors outlive their name",
@@ -79,36 +79,39 @@ const std::vector<cause_facts>& all_causes() {
        {place::sector_claim},
        true,
        scope::any_operation,
-       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked, outcome::touched_dropped},
        {}},
       {cause::unfinished_sector,
        "unfinished sector",
        {place::sector_rest},
        false,
        scope::any_operation,
-       {outcome::touched_torn},
+       {outcome::touched_torn, outcome::touched_dropped},
        {}},
       {cause::torn_invalidation,
        "torn invalidation",
        {place::sector_invalidation},
        true,
        scope::any_operation,
-       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked, outcome::touched_dropped},
        {}},
       {cause::checksum_by_chance,
        "checksum by chance",
        {place::sector_claim, place::sector_rest, place::sector_invalidation},
        true,
        scope::any_operation,
-       {outcome::other_changed, outcome::touched_torn, outcome::relinked},
-       {outcome::other_changed, outcome::touched_torn, outcome::relinked}},
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked, outcome::touched_dropped},
+       {outcome::other_changed, outcome::touched_torn, outcome::relinked,
+        outcome::touched_dropped}},
       {cause::torn_header,
        "torn header",
        {place::header_state, place::header_rest},
        true,
        scope::any_operation,
-       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked},
-       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked}},
+       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked,
+        outcome::touched_dropped},
+       {outcome::other_changed, outcome::touched_lost, outcome::touched_torn, outcome::relinked,
+        outcome::touched_dropped}},
       {cause::number_handed_out_again,
        "number handed out again",
        {place::slot},
@@ -123,6 +126,15 @@ const std::vector<cause_facts>& all_causes() {
        scope::own,
        {outcome::touched_torn, outcome::touched_lost, outcome::stray_name, outcome::check_refuses},
        {}},
+      {cause::image_incomplete,
+       "image incomplete",
+       {place::erase, place::header_state, place::header_rest, place::copy, place::sector_claim,
+        place::sector_rest, place::sector_invalidation, place::slot, place::slot_deletion},
+       false,
+       scope::own,
+       {outcome::check_refuses, outcome::stray_name, outcome::touched_lost, outcome::touched_torn,
+        outcome::relinked, outcome::touched_dropped},
+       {outcome::touched_lost, outcome::touched_torn, outcome::relinked, outcome::touched_dropped}},
   };
   return all;
 }
@@ -146,6 +158,10 @@ bool falls_in(const cut& each, const cause_facts& facts) {
   if (facts.why == cause::damage_not_seen && each.mutation != 1) {
     return false;
   }
+  // It stands from its claim to its last word, whatever else is written meanwhile.
+  if (facts.why == cause::unfinished_sector && each.unfinished) {
+    return true;
+  }
   return facts.places.count(each.where) != 0;
 }
 
@@ -157,6 +173,23 @@ bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& fi
   // One file is named twice by two half-written slots.
   return facts.why == cause::number_handed_out_again ? in_first && in_second
                                                      : in_first || in_second;
+}
+
+bool has_unfinished_sector(test_support::ram_flash& device) {
+  for (const flash_block_info& block : device.blocks()) {
+    const uint8_t* bytes = device.bytes() + block.offset;
+    if (blkheader_state(reinterpret_cast<const flashfs_blkheader*>(bytes)) != block_in_use) {
+      continue;
+    }
+    for (uint32_t at = sizeof(flashfs_blkheader); at + sizeof(flashfs_sector) <= block.size;
+         at += sizeof(flashfs_sector)) {
+      const auto* sector = reinterpret_cast<const flashfs_sector*>(bytes + at);
+      if (is_file_sector(sector->fileid) && sector->checksum == 0xFFFF) {
+        return true;
+      }
+    }
+  }
+  return false;
 }
 
 constexpr uint32_t state_word = 12;  // offset of a header's state
@@ -188,6 +221,8 @@ const char* outcome_name(outcome kind) {
       return "touched file lost";
     case outcome::touched_torn:
       return "touched file torn";
+    case outcome::touched_dropped:
+      return "touched file dropped";
     case outcome::relinked:
       return "relinked";
     case outcome::not_settled:
@@ -198,7 +233,7 @@ const char* outcome_name(outcome kind) {
 
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device) {
   const sim::mutation& last = device.flash().last_mutation();
-  cut made = {mutation, kind, place::erase, 0, false};
+  cut made = {mutation, kind, place::erase, 0, false, has_unfinished_sector(device)};
   if (last.is_erase) {
     return made;
   }

@@ -14,13 +14,14 @@ namespace reliability {
 
 // What a cut can leave that is neither the old nor the new state.
 enum class outcome {
-  check_refuses,  // the check fails: nothing is mounted
-  other_changed,  // something that the operation does not touch is gone or different
-  stray_name,     // an entry that nobody made
-  touched_lost,   // a touched file is in neither its old nor its new place
-  touched_torn,   // its content is no mixture of old and new sectors
-  relinked,       // something stands in /lost+found
-  not_settled,    // a further check still changes the flash
+  check_refuses,    // the check fails: nothing is mounted
+  other_changed,    // something that the operation does not touch is gone or different
+  stray_name,       // an entry that nobody made
+  touched_lost,     // a touched file is in neither its old nor its new place
+  touched_torn,     // its content is no mixture of old and new sectors
+  touched_dropped,  // it has its name but has lost its content
+  relinked,         // something stands in /lost+found
+  not_settled,      // a further check still changes the flash
 };
 const char* outcome_name(outcome kind);
 
@@ -43,6 +44,7 @@ struct cut {
   place where;
   uint16_t left;        // what the word reads as afterwards; of an erase nothing
   bool checksum_holds;  // of the sector around it, by chance if it is torn
+  bool unfinished;      // a data sector of a block in use has no checksum yet
 };
 
 // Where the latest mutation of the device, at which the power was cut, falls.
@@ -62,6 +64,7 @@ enum class cause {
   torn_header,
   number_handed_out_again,
   damage_not_seen,
+  image_incomplete,
 };
 const char* cause_name(cause why);
 

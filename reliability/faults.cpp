@@ -2,6 +2,8 @@
 #include "reliability/faults.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <optional>
 
 namespace reliability {
 
@@ -11,41 +13,53 @@ using test_support::flash_call;
 
 constexpr flash_return_code codes[] = {flash_operation_failed, flash_illegal_operation,
                                        flash_poll_timeout};
-constexpr const char* down_line = "filesystem marked down.  Use \"fsck\" to recover.";
+constexpr const char* down_line = "flashfs[0]: filesystem marked down.  Use \"fsck\" to recover.\n";
 constexpr size_t max_samples = 20;
 
-// One after another, as the commands do; nothing is mounted again in between.
-void read_everything(rig&) {
-  ppc_dirent entry;
-  ppc_stat status;
-  ppc_statfs space;
-  uint8_t buffer[512];
-  int32_t fd = ifs_open("bootflash:/", ifs_open_read, 0);
-  while (fd >= 0 && ifs_getdents(fd, &entry, sizeof(entry)) > 0) {
-    ifs_stat(full_path(entry.name).c_str(), &status);
+struct planned_fault {
+  uint64_t call;  // 0: none
+  flash_return_code code;
+  bool and_after;
+};
+
+const char* message_of(flash_call kind) {
+  switch (kind) {
+    case flash_call::read:
+      return "flashfs[0]: reading from flash handle 0x";
+    case flash_call::write:
+      return "flashfs[0]: writing to flash handle 0x";
+    case flash_call::erase:
+      return "flashfs[0]: erasing block, flash handle 0x";
+    case flash_call::any:
+      break;
   }
-  ifs_close(fd);
-  for (const char* path : {"keep", "d/inner"}) {
-    fd = ifs_open(full_path(path).c_str(), ifs_open_read, 0);
-    while (fd >= 0 && ifs_read(fd, buffer, sizeof(buffer)) > 0) {
-    }
-    ifs_close(fd);
+  return "";
+}
+
+// Whether the text has the line of a driver's failure: what failed, and with which code.
+bool has_message(const std::string& said, flash_call kind, flash_return_code code) {
+  const size_t line = said.find(message_of(kind));
+  if (line == std::string::npos) {
+    return false;
   }
-  ifs_ioctl("bootflash:file", 7, nullptr);
-  ifs_statfs("bootflash:", &space);
+  const std::string rest = said.substr(line, said.find('\n', line) - line);
+  const std::string text = std::string(": ") + flash_return_code_text(static_cast<uint32_t>(code));
+  return rest.size() >= text.size() &&
+         rest.compare(rest.size() - text.size(), text.size(), text) == 0;
 }
 
 class fault_run {
  public:
-  explicit fault_run(const operation& what) : what_(what), rig_(what.blocks) {
-    what.prepare(rig_);
+  explicit fault_run(const fault_operation& each) : each_(each), rig_(each.what.blocks) {
+    rig_.restore({});
+    each.what.prepare(rig_);
     before_ = rig_.walk();
     rig_.unmount();
-    if (what.damage) {
-      what.damage(rig_);
+    if (each.what.damage) {
+      each.what.damage(rig_);
     }
     start_ = rig_.snapshot();
-    play(0, flash_ok);
+    play({0, flash_ok, false});
     counts_.calls = rig_.device().counts().calls();
     after_ = rig_.walk();
   }
@@ -53,15 +67,8 @@ class fault_run {
   fault_counts run(uint64_t stride) {
     for (uint64_t n = 1; n <= counts_.calls; n += stride) {
       for (const flash_return_code code : codes) {
-        counts_.faults++;
-        play(n, code);
-        const std::string wrong = judge_fault(code);
-        if (!wrong.empty()) {
-          counts_.unexpected++;
-          if (counts_.unexpected_samples.size() < max_samples) {
-            counts_.unexpected_samples.push_back(what_.name + ": call " + std::to_string(n) +
-                                                 ", code " + std::to_string(code) + ": " + wrong);
-          }
+        for (const bool and_after : {false, true}) {
+          try_fault({n, code, and_after});
         }
       }
     }
@@ -69,91 +76,147 @@ class fault_run {
   }
 
  private:
-  // Runs the operation on the prepared flash with the n-th of its driver calls failing.
-  void play(uint64_t n, flash_return_code code) {
+  void try_fault(const planned_fault& fault) {
+    counts_.faults++;
+    play(fault);
+    std::string wrong = judge_ending(fault.code);
+    wrong += judge_flash();
+    if (wrong.empty()) {
+      return;
+    }
+    counts_.unexpected++;
+    if (counts_.unexpected_samples.size() < max_samples) {
+      counts_.unexpected_samples.push_back(
+          each_.what.name + ": call " + std::to_string(fault.call) + ", code " +
+          std::to_string(fault.code) + (fault.and_after ? " and all after:" : ":") + wrong);
+    }
+  }
+
+  // Runs the operation on the prepared flash with one of its driver calls failing.
+  void play(const planned_fault& fault) {
     rig_.restore(start_);
-    if (what_.damage) {
+    if (each_.what.damage) {
       rig_.register_only();
     } else {
       rig_.mount(full_check);
     }
     rig_.take_output();
     rig_.device().clear_counts();
-    rig_.device().fail(flash_call::any, n, code);
-    what_.act(rig_);
+    rig_.device().fail(flash_call::any, fault.call, fault.code, fault.and_after);
+    errno = 0;
+    result_ = each_.what.act(rig_);
+    error_ = errno;
     rig_.device().fail(flash_call::any, 0, flash_ok);
   }
 
-  // What is wrong with how the operation ended and with what it left; empty when nothing is.
-  std::string judge_fault(flash_return_code code) {
+  std::optional<ending> ending_of(bool said_down) {
+    const bool up = rig_.fs()->ready != 0;
+    if (result_ >= 0) {
+      return up && !said_down ? std::optional(ending::carries_on) : std::nullopt;
+    }
+    if (error_ == ENOSPC) {
+      return up && !said_down ? std::optional(ending::no_space) : std::nullopt;
+    }
+    if (error_ == 0) {
+      return up && !said_down ? std::optional(ending::step_fails) : std::nullopt;
+    }
+    if (error_ != EIO) {
+      return std::nullopt;
+    }
+    if (said_down) {
+      return up ? ending::up_again : ending::marked_down;
+    }
+    return up ? ending::step_fails : ending::check_fails;
+  }
+
+  // What is wrong with how the operation ended; empty when nothing is.
+  std::string judge_ending(flash_return_code code) {
     const std::string said = rig_.take_output();
     std::string wrong;
-    if (said.find(flash_return_code_text(static_cast<uint32_t>(code))) == std::string::npos) {
+    if (!has_message(said, rig_.device().failed_kind(), code)) {
       wrong += " no message of the driver's failure;";
     }
     if (rig_.fs()->sctr_bufs_allocated != 0) {
       wrong += " a sector buffer is out;";
     }
-    const bool said_down = said.find(down_line) != std::string::npos;
-    if (rig_.fs()->ready != 0) {
-      counts_.carried_on++;
-      wrong += said_down ? " marked down and yet up;" : "";
-    } else if (said_down) {
-      counts_.marked_down++;
-    } else {
-      counts_.check_failed++;
+    const std::optional<ending> how = ending_of(said.find(down_line) != std::string::npos);
+    if (how && each_.endings.count(*how) != 0) {
+      counts_.endings[*how]++;
+      return wrong;
     }
-    return wrong + judge_flash();
+    return wrong + " " + (how ? ending_name(*how) : "an ending of no kind") + ", result " +
+           std::to_string(result_) + ", errno " + std::to_string(error_) + ";";
   }
 
+  // What is wrong with what the operation left; empty when nothing is.
   std::string judge_flash() {
     std::string wrong;
     rig_.unmount();
     if (rig_.device().deviations() != 0) {
       wrong += " an access that no correct file system makes;";
     }
-    if (rig_.mount(full_check) != 0) {
-      if (!explained(outcome::check_refuses)) {
-        wrong += " the next mount fails;";
-      }
-      return wrong;
+    for (const uint32_t flags : {full_check, quick_check}) {
+      const std::vector<uint8_t> left = rig_.snapshot();
+      wrong += judge_mount(flags);
+      rig_.unmount();
+      rig_.restore(left);
     }
-    for (const outcome kind : judge(what_, rig_.walk(), before_, after_)) {
-      if (!explained(kind)) {
+    return wrong;
+  }
+
+  std::string judge_mount(uint32_t flags) {
+    if (rig_.mount(flags) != 0) {
+      return explained(outcome::check_refuses, flags) ? "" : " the next mount fails;";
+    }
+    std::string wrong;
+    for (const outcome kind : judge(each_.what, rig_.walk(), before_, after_)) {
+      if (!explained(kind, flags)) {
         wrong += std::string(" ") + outcome_name(kind) + ";";
       }
     }
     return wrong;
   }
 
-  // Whether a full check may find this because the operation ended in its middle.
-  bool explained(outcome kind) const {
-    return std::any_of(what_.own_causes.begin(), what_.own_causes.end(),
-                       [&](cause why) { return outcomes_of(why, false).count(kind) != 0; });
+  // Whether a check may find this because the operation ended in its middle.
+  bool explained(outcome kind, uint32_t flags) const {
+    const std::set<cause>& own = each_.what.own_causes;
+    return std::any_of(own.begin(), own.end(), [&](cause why) {
+      return outcomes_of(why, flags == quick_check).count(kind) != 0;
+    });
   }
 
-  const operation& what_;
+  const fault_operation& each_;
   rig rig_;
   std::vector<uint8_t> start_;
   tree before_;
   tree after_;
   fault_counts counts_;
+  int32_t result_ = 0;
+  int error_ = 0;
 };
 
 }  // namespace
 
-std::vector<operation> fault_operations() {
-  std::vector<operation> all = power_cut_operations();
-  operation reading = all.front();
-  reading.name = "list, stat, read, verify";
-  reading.touched = {};
-  reading.act = read_everything;
-  all.insert(all.begin(), reading);
-  return all;
+const char* ending_name(ending how) {
+  switch (how) {
+    case ending::marked_down:
+      return "marked down";
+    case ending::check_fails:
+      return "check fails";
+    case ending::up_again:
+      return "up again";
+    case ending::no_space:
+      return "no space";
+    case ending::step_fails:
+      return "step fails";
+    case ending::carries_on:
+      return "carries on";
+  }
+  return "";
 }
 
-fault_counts try_faults(const operation& what, uint64_t stride) {
-  return fault_run(what).run(stride);
+fault_counts try_faults(const fault_operation& each, uint64_t stride) {
+  return fault_run(each).run(stride);
 }
 
 }  // namespace reliability

@@ -14,6 +14,15 @@ using test_support::ram_block;
 
 constexpr uint32_t ioctl_format = 6;
 
+// Reads the whole device and writes it back, as an image that is restored.
+int32_t write_image(rig& flash) {
+  const std::vector<uint8_t> image = flash.snapshot();
+  const int32_t fd = ifs_open("bootflash:...", ifs_open_write, 0);
+  return fd < 0 ? fd
+                : close_after(
+                      fd, ifs_write_until(fd, image.data(), static_cast<uint32_t>(image.size())));
+}
+
 std::vector<ram_block> equal_blocks(size_t count, uint32_t sectors) {
   return test_support::ram_blocks(count, block_of_sectors(sectors));
 }
@@ -51,12 +60,12 @@ void prepare_deleted_slots(rig& flash) {
   }
 }
 
-void overwrite_file_byte(rig& flash) {
-  flash.write("file", "XY", ifs_open_write, 3000);
+int32_t overwrite_file_byte(rig& flash) {
+  return flash.write("file", "XY", ifs_open_write, 3000);
 }
 
 operation on_files(const char* name, const std::set<std::string>& touched,
-                   std::function<void(rig&)> act, const std::set<cause>& own_causes = {}) {
+                   std::function<int32_t(rig&)> act, const std::set<cause>& own_causes = {}) {
   operation made;
   made.name = name;
   made.blocks = equal_blocks(6, 6);
@@ -79,7 +88,7 @@ operation repair(const char* name, const std::set<std::string>& touched,
     image_builder image(flash.device());
     damage(flash, image);
   };
-  made.act = [check_flags](rig& flash) { flash.check(check_flags); };
+  made.act = [check_flags](rig& flash) { return flash.check(check_flags); };
   made.own_causes = {cause::damage_not_seen};
   made.touched = touched;
   return made;
@@ -142,28 +151,30 @@ flashfs_dir_slot* find_slot(image_builder& image, uint16_t entry_fileid) {
 }
 
 void add_file_operations(std::vector<operation>* all) {
-  all->push_back(on_files("create", {"new"}, [](rig& flash) { flash.make_file("new", ""); }));
+  all->push_back(
+      on_files("create", {"new"}, [](rig& flash) { return flash.make_file("new", ""); }));
   all->push_back(on_files("create with content", {"new"},
-                          [](rig& flash) { flash.make_file("new", pattern(5000, 9)); }));
+                          [](rig& flash) { return flash.make_file("new", pattern(5000, 9)); }));
   all->push_back(on_files("append", {"file"}, [](rig& flash) {
-    flash.write("file", pattern(3000, 9), ifs_open_write | ifs_open_append);
+    return flash.write("file", pattern(3000, 9), ifs_open_write | ifs_open_append);
   }));
   all->push_back(on_files("overwrite in the middle", {"file"}, overwrite_file_byte));
-  all->push_back(on_files("extend over a hole", {"file"},
-                          [](rig& flash) { flash.write("file", "tail", ifs_open_write, 11000); }));
-  all->push_back(
-      on_files("truncate to nothing", {"file"}, [](rig& flash) { flash.truncate("file", 0); }));
+  all->push_back(on_files("extend over a hole", {"file"}, [](rig& flash) {
+    return flash.write("file", "tail", ifs_open_write, 11000);
+  }));
+  all->push_back(on_files("truncate to nothing", {"file"},
+                          [](rig& flash) { return flash.truncate("file", 0); }));
   all->push_back(on_files("truncate to a length", {"file"},
-                          [](rig& flash) { flash.truncate("file", 2500); },
+                          [](rig& flash) { return flash.truncate("file", 2500); },
                           {cause::shortened_first}));
   all->push_back(on_files("truncate at open", {"file"}, [](rig& flash) {
-    flash.write("file", "", ifs_open_write | ifs_open_truncate);
+    return flash.write("file", "", ifs_open_write | ifs_open_truncate);
   }));
 }
 
 // An entry of a directory whose id has several bits, any of which may be cleared alone.
 operation in_directory(const char* name, const std::set<std::string>& touched,
-                       std::function<void(rig&)> act, const std::set<cause>& own_causes = {}) {
+                       std::function<int32_t(rig&)> act, const std::set<cause>& own_causes = {}) {
   operation made = on_files(name, touched, std::move(act), own_causes);
   made.prepare = [](rig& flash) {
     prepare_files(flash);
@@ -174,27 +185,29 @@ operation in_directory(const char* name, const std::set<std::string>& touched,
 
 void add_name_operations(std::vector<operation>* all) {
   all->push_back(on_files("rename in place", {"file", "renamed"},
-                          [](rig&) { ifs_rename("bootflash:file", "bootflash:renamed"); }));
+                          [](rig&) { return ifs_rename("bootflash:file", "bootflash:renamed"); }));
   all->push_back(on_files("move across directories", {"file", "d/moved"},
-                          [](rig&) { ifs_rename("bootflash:file", "bootflash:d/moved"); }));
-  all->push_back(on_files("mkdir", {"made"}, [](rig&) { ifs_mkdir("bootflash:made", 0); }));
-  all->push_back(on_files("rmdir", {"e"}, [](rig&) { ifs_rmdir("bootflash:e"); }));
-  all->push_back(on_files("remove", {"file"}, [](rig&) { ifs_remove("bootflash:file"); },
+                          [](rig&) { return ifs_rename("bootflash:file", "bootflash:d/moved"); }));
+  all->push_back(on_files("mkdir", {"made"}, [](rig&) { return ifs_mkdir("bootflash:made", 0); }));
+  all->push_back(on_files("rmdir", {"e"}, [](rig&) { return ifs_rmdir("bootflash:e"); }));
+  all->push_back(on_files("remove", {"file"}, [](rig&) { return ifs_remove("bootflash:file"); },
                           {cause::sectors_outlive_name}));
-  all->push_back(in_directory("rename in a directory", {"e/deep", "e/renamed"},
-                              [](rig&) { ifs_rename("bootflash:e/deep", "bootflash:e/renamed"); }));
+  all->push_back(in_directory("rename in a directory", {"e/deep", "e/renamed"}, [](rig&) {
+    return ifs_rename("bootflash:e/deep", "bootflash:e/renamed");
+  }));
   all->push_back(in_directory("remove in a directory", {"e/deep"},
-                              [](rig&) { ifs_remove("bootflash:e/deep"); },
+                              [](rig&) { return ifs_remove("bootflash:e/deep"); },
                               {cause::sectors_outlive_name}));
-  all->push_back(on_files("chmod", {"file"}, [](rig&) { ifs_chmod("bootflash:file", 0x1FF); }));
+  all->push_back(
+      on_files("chmod", {"file"}, [](rig&) { return ifs_chmod("bootflash:file", 0x1FF); }));
   all->push_back(on_files("date update", {"file"}, [](rig& flash) {
-    flashfs_touch(flash.fs(), filemap_lookup(flash.fs(), fileid_file), 1234567890);
+    return flashfs_touch(flash.fs(), filemap_lookup(flash.fs(), fileid_file), 1234567890);
   }));
 }
 
 void add_space_operations(std::vector<operation>* all) {
   all->push_back(on_files("block into service", {"new"},
-                          [](rig& flash) { flash.make_file("new", pattern(2048 * 8, 9)); }));
+                          [](rig& flash) { return flash.make_file("new", pattern(2048 * 8, 9)); }));
 
   operation reclaim =
       on_files("reclaim a full-size block", {"file"}, overwrite_file_byte, {cause::no_spare});
@@ -212,7 +225,7 @@ void add_space_operations(std::vector<operation>* all) {
   operation compaction = on_files("slot compaction", {"new"},
                                   [](rig& flash) {
                                     flashfs_sctr_ptr pointer;
-                                    flashfs_alloc_sector(flash.fs(), &pointer, 0);
+                                    return -flashfs_alloc_sector(flash.fs(), &pointer, 0);
                                   },
                                   {cause::no_spare});
   compaction.prepare = prepare_deleted_slots;
@@ -223,16 +236,18 @@ void add_whole_device_operations(std::vector<operation>* all) {
   all->push_back(on_files("format", {"keep", "file", "d", "e"},
                           [](rig&) {
                             uint32_t argument = 0;
-                            ifs_ioctl("bootflash:", ioctl_format, &argument);
+                            return ifs_ioctl("bootflash:", ioctl_format, &argument);
                           },
                           {cause::sectors_outlive_name}));
-  all->push_back(on_files("check, quick", {}, [](rig& flash) { flash.check(quick_check); }));
-  all->push_back(on_files("check, full", {}, [](rig& flash) { flash.check(full_check); }));
+  all->push_back(
+      on_files("raw write", {"keep", "file", "d", "e"}, write_image, {cause::image_incomplete}));
+  all->push_back(on_files("check, quick", {}, [](rig& flash) { return flash.check(quick_check); }));
+  all->push_back(on_files("check, full", {}, [](rig& flash) { return flash.check(full_check); }));
   all->push_back(on_files("check, reclaiming all", {},
-                          [](rig& flash) { flash.check(full_check | reclaiming_check); },
+                          [](rig& flash) { return flash.check(full_check | reclaiming_check); },
                           {cause::no_spare}));
   all->push_back(on_files("check, quick, reclaiming all", {},
-                          [](rig& flash) { flash.check(quick_check | reclaiming_check); },
+                          [](rig& flash) { return flash.check(quick_check | reclaiming_check); },
                           {cause::no_spare}));
 }
 

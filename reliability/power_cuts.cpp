@@ -71,9 +71,13 @@ void judge_touched(const tree& now, const states& expected, const std::string& p
   }
   const tree_node nothing;
   const tree_node& reference = before != nullptr ? *before : after != nullptr ? *after : nothing;
-  if (!same_type(*node, reference) ||
-      !is_mixture(node->content, before != nullptr ? before->content : "",
-                  after != nullptr ? after->content : "")) {
+  const std::string& old_content = before != nullptr ? before->content : nothing.content;
+  const std::string& new_content = after != nullptr ? after->content : nothing.content;
+  const size_t least = std::min(old_content.size(), new_content.size());
+  if (node->content.empty() && least != 0) {
+    found->insert(outcome::touched_dropped);
+  } else if (!same_type(*node, reference) || node->content.size() < least ||
+             !is_mixture(node->content, old_content, new_content)) {
     found->insert(outcome::touched_torn);
   }
 }

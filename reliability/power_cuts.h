@@ -22,8 +22,8 @@ struct operation {
   std::function<void(rig&)> prepare;
   // Changes bytes of the unmounted flash; the operation is then the check itself. May be empty.
   std::function<void(rig&)> damage;
-  // Acts on the mounted file system.
-  std::function<void(rig&)> act;
+  // Acts on the mounted file system. Below 0, with errno, when it fails.
+  std::function<int32_t(rig&)> act;
   // Paths that it makes, changes or removes, and whatever lies below them.
   std::set<std::string> touched;
   // Causes of exceptions that come with what the operation does.

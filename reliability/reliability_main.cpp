@@ -64,15 +64,17 @@ int print_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
   return counts.unexplained == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int print_faults(const operation& what) {
-  const reliability::fault_counts counts = reliability::try_faults(what, 1);
-  printf("| %s | %llu | %llu | %llu | %llu | %llu | %llu |\n", what.name.c_str(),
+int print_faults(const reliability::fault_operation& each) {
+  const reliability::fault_counts counts = reliability::try_faults(each, 1);
+  printf("| %s | %llu | %llu |", each.what.name.c_str(),
          static_cast<unsigned long long>(counts.calls),
-         static_cast<unsigned long long>(counts.faults),
-         static_cast<unsigned long long>(counts.marked_down),
-         static_cast<unsigned long long>(counts.check_failed),
-         static_cast<unsigned long long>(counts.carried_on),
-         static_cast<unsigned long long>(counts.unexpected));
+         static_cast<unsigned long long>(counts.faults));
+  for (const reliability::ending how : reliability::all_endings) {
+    const auto found = counts.endings.find(how);
+    printf(" %llu |",
+           found == counts.endings.end() ? 0 : static_cast<unsigned long long>(found->second));
+  }
+  printf(" %llu |\n", static_cast<unsigned long long>(counts.unexpected));
   for (const std::string& sample : counts.unexpected_samples) {
     fprintf(stderr, "unexpected: %s\n", sample.c_str());
   }
@@ -89,14 +91,31 @@ int usage() {
   return usage_status;
 }
 
-const operation* find(const std::vector<operation>& operations, const char* name) {
-  for (const operation& each : operations) {
-    if (each.name == name) {
+const std::string& name_of(const operation& each) {
+  return each.name;
+}
+
+const std::string& name_of(const reliability::fault_operation& each) {
+  return each.what.name;
+}
+
+template <typename Operation>
+const Operation* find(const std::vector<Operation>& operations, const char* name) {
+  for (const Operation& each : operations) {
+    if (name_of(each) == name) {
       return &each;
     }
   }
   fprintf(stderr, "no operation \"%s\"; see: reliability list cuts|faults\n", name);
   return nullptr;
+}
+
+template <typename Operation>
+int list(const std::vector<Operation>& operations) {
+  for (const Operation& each : operations) {
+    printf("%s\n", name_of(each).c_str());
+  }
+  return EXIT_SUCCESS;
 }
 
 bool parse_cut(char* const words[2], reliability::planned_cut* planned) {
@@ -132,38 +151,36 @@ int play(int argc, char* argv[]) {
   return EXIT_SUCCESS;
 }
 
-int list(const std::vector<operation>& operations) {
-  for (const operation& each : operations) {
-    printf("%s\n", each.name.c_str());
+int cuts(int argc, char* argv[]) {
+  const std::vector<operation> operations = reliability::power_cut_operations();
+  const operation* what = find(operations, argv[2]);
+  const uint64_t stride = argc > 3 ? strtoull(argv[3], nullptr, 10) : 1;
+  const uint64_t second_stride = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1;
+  if (what == nullptr || stride == 0) {
+    return usage();
   }
-  return EXIT_SUCCESS;
+  return print_cuts(*what, stride, second_stride);
+}
+
+int faults(char* argv[]) {
+  const std::vector<reliability::fault_operation> operations = reliability::fault_operations();
+  const reliability::fault_operation* each = find(operations, argv[2]);
+  return each == nullptr ? usage() : print_faults(*each);
 }
 
 int run(int argc, char* argv[]) {
   const std::string command = argc > 2 ? argv[1] : "";
-  const bool of_faults =
-      command == "faults" || (command == "list" && strcmp(argv[2], "faults") == 0);
-  const std::vector<operation> operations =
-      of_faults ? reliability::fault_operations() : reliability::power_cut_operations();
   if (command == "list" && argc == 3) {
-    return list(operations);
+    return strcmp(argv[2], "faults") == 0 ? list(reliability::fault_operations())
+                                          : list(reliability::power_cut_operations());
   }
-  if (command == "play") {
-    return play(argc, argv);
+  if (command == "cuts" && argc <= 5) {
+    return cuts(argc, argv);
   }
-  if ((command != "cuts" || argc > 5) && (command != "faults" || argc != 3)) {
-    return usage();
+  if (command == "faults" && argc == 3) {
+    return faults(argv);
   }
-  const operation* what = find(operations, argv[2]);
-  if (what == nullptr) {
-    return usage_status;
-  }
-  const uint64_t stride = argc > 3 ? strtoull(argv[3], nullptr, 10) : 1;
-  const uint64_t second_stride = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1;
-  if (stride == 0) {
-    return usage();
-  }
-  return of_faults ? print_faults(*what) : print_cuts(*what, stride, second_stride);
+  return command == "play" ? play(argc, argv) : usage();
 }
 
 }  // namespace

@@ -160,6 +160,16 @@ void rig::walk_directory(const std::string& path, tree* found, std::set<uint32_t
   }
 }
 
+int32_t close_after(int32_t fd, int32_t result) {
+  const int error = errno;
+  const int32_t closed = ifs_close(fd);
+  if (result >= 0) {
+    return closed;
+  }
+  errno = error;
+  return result;
+}
+
 int32_t rig::write(const std::string& path, const std::string& content, uint32_t oflags,
                    int32_t position) {
   const int32_t fd = ifs_open(full_path(path).c_str(), oflags, 0);
@@ -170,8 +180,7 @@ int32_t rig::write(const std::string& path, const std::string& content, uint32_t
   if (result >= 0 && !content.empty()) {
     result = ifs_write_until(fd, content.data(), static_cast<uint32_t>(content.size()));
   }
-  ifs_close(fd);
-  return result < 0 ? result : 0;
+  return close_after(fd, result);
 }
 
 int32_t rig::make_file(const std::string& path, const std::string& content) {
@@ -181,10 +190,7 @@ int32_t rig::make_file(const std::string& path, const std::string& content) {
 int32_t rig::truncate(const std::string& path, uint32_t length) {
   const int32_t fd = ifs_open(full_path(path).c_str(), ifs_open_write, 0);
   const int32_t result = fd < 0 ? fd : ifs_fioctl(fd, fioctl_truncate, &length);
-  if (fd >= 0) {
-    ifs_close(fd);
-  }
-  return result;
+  return fd < 0 ? fd : close_after(fd, result);
 }
 
 }  // namespace reliability

@@ -89,6 +89,10 @@ class rig {
   size_t text_size_ = 0;
 };
 
+// Closes a descriptor after a step. Below 0, with its errno, when the step failed; else what the
+// closing gives.
+int32_t close_after(int32_t fd, int32_t result);
+
 // The path with the file system's prefix.
 std::string full_path(const std::string& path);
 

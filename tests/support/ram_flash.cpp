@@ -80,7 +80,11 @@ bool ram_flash::planned_failure(flash_call kind, flash_return_code* code) {
   }
   fail_seen_++;
   *code = fail_code_;
-  return fail_n_ != 0 && (fail_seen_ == fail_n_ || (fail_and_after_ && fail_seen_ > fail_n_));
+  if (fail_n_ == 0 || (fail_seen_ != fail_n_ && !(fail_and_after_ && fail_seen_ > fail_n_))) {
+    return false;
+  }
+  failed_kind_ = kind;
+  return true;
 }
 
 flash_return_code ram_flash::refuse() {

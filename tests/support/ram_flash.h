@@ -68,6 +68,10 @@ class ram_flash {
   // The n-th call of the kind from now on (1: the next) fails with the code and leaves the flash
   // alone; `and_after`: all later ones too. n = 0: none fails.
   void fail(flash_call kind, uint64_t n, flash_return_code code, bool and_after = false);
+  // The kind of the latest call that failed as planned.
+  flash_call failed_kind() const {
+    return failed_kind_;
+  }
   // Calls of the planned kind since `fail`.
   uint64_t calls_since_fail() const {
     return fail_seen_;
@@ -105,6 +109,7 @@ class ram_flash {
   ram_flash_counts counts_;
   uint64_t deviations_ = 0;
   flash_call fail_kind_ = flash_call::any;
+  flash_call failed_kind_ = flash_call::any;
   uint64_t fail_n_ = 0;
   uint64_t fail_seen_ = 0;
   flash_return_code fail_code_ = flash_operation_failed;
