@@ -175,23 +175,6 @@ bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& fi
                                                      : in_first || in_second;
 }
 
-bool has_unfinished_sector(test_support::ram_flash& device) {
-  for (const flash_block_info& block : device.blocks()) {
-    const uint8_t* bytes = device.bytes() + block.offset;
-    if (blkheader_state(reinterpret_cast<const flashfs_blkheader*>(bytes)) != block_in_use) {
-      continue;
-    }
-    for (uint32_t at = sizeof(flashfs_blkheader); at + sizeof(flashfs_sector) <= block.size;
-         at += sizeof(flashfs_sector)) {
-      const auto* sector = reinterpret_cast<const flashfs_sector*>(bytes + at);
-      if (is_file_sector(sector->fileid) && sector->checksum == 0xFFFF) {
-        return true;
-      }
-    }
-  }
-  return false;
-}
-
 constexpr uint32_t state_word = 12;  // offset of a header's state
 
 place place_in_sector(const sim::mutation& mutation, const flashfs_sector& sector,
@@ -256,6 +239,23 @@ cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& 
                                                        : place::copy;
   made.checksum_holds = sector_crc(&sector) == flashfs_good_crc;
   return made;
+}
+
+bool has_unfinished_sector(test_support::ram_flash& device) {
+  for (const flash_block_info& block : device.blocks()) {
+    const uint8_t* bytes = device.bytes() + block.offset;
+    if (blkheader_state(reinterpret_cast<const flashfs_blkheader*>(bytes)) != block_in_use) {
+      continue;
+    }
+    for (uint32_t at = sizeof(flashfs_blkheader); at + sizeof(flashfs_sector) <= block.size;
+         at += sizeof(flashfs_sector)) {
+      const auto* sector = reinterpret_cast<const flashfs_sector*>(bytes + at);
+      if (is_file_sector(sector->fileid) && sector->checksum == 0xFFFF) {
+        return true;
+      }
+    }
+  }
+  return false;
 }
 
 const char* cause_name(cause why) {

@@ -50,6 +50,9 @@ struct cut {
 // Where the latest mutation of the device, at which the power was cut, falls.
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device);
 
+// Whether a data sector of a block in use has no checksum yet.
+bool has_unfinished_sector(test_support::ram_flash& device);
+
 enum class cause {
   half_written_slot,
   torn_deletion,

@@ -74,7 +74,8 @@ int print_faults(const reliability::fault_operation& each) {
     printf(" %llu |",
            found == counts.endings.end() ? 0 : static_cast<unsigned long long>(found->second));
   }
-  printf(" %llu |\n", static_cast<unsigned long long>(counts.unexpected));
+  printf(" %llu | %llu |\n", static_cast<unsigned long long>(counts.dropped),
+         static_cast<unsigned long long>(counts.unexpected));
   for (const std::string& sample : counts.unexpected_samples) {
     fprintf(stderr, "unexpected: %s\n", sample.c_str());
   }
