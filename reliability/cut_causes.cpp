@@ -65,7 +65,7 @@ const std::vector<cause_facts>& all_causes() {
        {place::slot},
        false,
        scope::any_operation,
-       {outcome::check_refuses, outcome::stray_name},
+       {outcome::check_refuses, outcome::stray_name, outcome::touched_lost},
        {}},
       {cause::torn_deletion,
        "torn deletion",
@@ -266,8 +266,12 @@ const std::set<outcome>& outcomes_of(cause why, bool quick) {
   return quick ? facts_of(why).quick : facts_of(why).full;
 }
 
-std::optional<cause> explain(outcome kind, bool quick, const std::set<cause>& own, const cut& first,
-                             const std::optional<cut>& second) {
+std::optional<cause> explain(outcome kind, checks_run checks, const std::set<cause>& own,
+                             const cut& first, const std::optional<cut>& second) {
+  // What a quick check has made obsolete or relinked stays so; what it only believed does not.
+  const bool lasts = kind != outcome::check_refuses && kind != outcome::stray_name &&
+                     kind != outcome::touched_lost && kind != outcome::not_settled;
+  const bool quick = checks.quick_last || (checks.quick_cut && lasts);
   for (const cause_facts& facts : all_causes()) {
     if (applies(facts, own, first, second) && (quick ? facts.quick : facts.full).count(kind) != 0) {
       return facts.why;

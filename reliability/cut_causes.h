@@ -74,10 +74,16 @@ const char* cause_name(cause why);
 // The outcomes that a cause has under a check.
 const std::set<outcome>& outcomes_of(cause why, bool quick);
 
+// The checks that ran over what a cut left.
+struct checks_run {
+  bool quick_last;         // the last one, after which one looks, was the quick one
+  bool quick_cut = false;  // the one before it was the quick one, and was cut
+};
+
 // The cause that brings an outcome about, or nothing. `own` are those of the causes that come with
 // what an operation does rather than with a word alone; `second` is the cut of the check that
 // followed, if it was cut.
-std::optional<cause> explain(outcome kind, bool quick, const std::set<cause>& own, const cut& first,
-                             const std::optional<cut>& second);
+std::optional<cause> explain(outcome kind, checks_run checks, const std::set<cause>& own,
+                             const cut& first, const std::optional<cut>& second);
 
 }  // namespace reliability

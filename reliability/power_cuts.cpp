@@ -39,9 +39,12 @@ bool is_mixture(const std::string& content, const std::string& before, const std
 
 constexpr sim::cut_kind cut_kinds[] = {sim::cut_kind::before, sim::cut_kind::during,
                                        sim::cut_kind::during_noise};
+constexpr uint64_t variants_of_torn_words = 8;
 
-std::string cut_text(const cut& each) {
-  return std::to_string(each.mutation) + " " + cut_kind_name(each.kind);
+const char* cut_kind_name(sim::cut_kind kind) {
+  return kind == sim::cut_kind::before   ? "before"
+         : kind == sim::cut_kind::during ? "during"
+                                         : "during_noise";
 }
 
 struct states {
@@ -54,8 +57,8 @@ const tree_node* find(const tree& nodes, const std::string& path) {
   return found == nodes.end() ? nullptr : &found->second;
 }
 
-bool same_type(const tree_node& node, const tree_node& other) {
-  return (node.mode & ppc_mode_type_mask) == (other.mode & ppc_mode_type_mask);
+bool same_attributes(const tree_node& node, const tree_node* other) {
+  return other != nullptr && node.mode == other->mode && node.date == other->date;
 }
 
 void judge_touched(const tree& now, const states& expected, const std::string& path,
@@ -69,29 +72,49 @@ void judge_touched(const tree& now, const states& expected, const std::string& p
     }
     return;
   }
-  const tree_node nothing;
-  const tree_node& reference = before != nullptr ? *before : after != nullptr ? *after : nothing;
-  const std::string& old_content = before != nullptr ? before->content : nothing.content;
-  const std::string& new_content = after != nullptr ? after->content : nothing.content;
+  const std::string old_content = before != nullptr ? before->content : "";
+  const std::string new_content = after != nullptr ? after->content : "";
   const size_t least = std::min(old_content.size(), new_content.size());
   if (node->content.empty() && least != 0) {
     found->insert(outcome::touched_dropped);
-  } else if (!same_type(*node, reference) || node->content.size() < least ||
-             !is_mixture(node->content, old_content, new_content)) {
+  } else if (node->content.size() < least || !is_mixture(node->content, old_content, new_content) ||
+             !(same_attributes(*node, before) || same_attributes(*node, after))) {
     found->insert(outcome::touched_torn);
   }
 }
 
-// A file that moved must be in its old or its new place.
+std::multiset<std::string> touched_contents(const operation& what, const tree& nodes) {
+  std::multiset<std::string> contents;
+  for (const auto& [path, node] : nodes) {
+    if (is_touched(what, path) && is_regular_mode(node.mode)) {
+      contents.insert(node.content);
+    }
+  }
+  return contents;
+}
+
+std::set<std::string> touched_paths(const operation& what, const tree& nodes) {
+  std::set<std::string> paths;
+  for (const auto& [path, node] : nodes) {
+    if (is_touched(what, path)) {
+      paths.insert(path);
+    }
+  }
+  return paths;
+}
+
+// A file that moved must be whole in its old or its new place.
 void judge_moves(const operation& what, const tree& now, const states& expected,
                  std::set<outcome>* found) {
-  const auto counts_touched = [&](const tree& nodes) {
-    return std::count_if(nodes.begin(), nodes.end(),
-                         [&](const auto& each) { return is_touched(what, each.first); });
-  };
-  const auto least = std::min(counts_touched(expected.before), counts_touched(expected.after));
-  if (counts_touched(now) < least) {
-    found->insert(outcome::touched_lost);
+  if (touched_paths(what, expected.before) == touched_paths(what, expected.after)) {
+    return;
+  }
+  const std::multiset<std::string> after = touched_contents(what, expected.after);
+  const std::multiset<std::string> held = touched_contents(what, now);
+  for (const std::string& content : touched_contents(what, expected.before)) {
+    if (after.count(content) != 0 && held.count(content) == 0) {
+      found->insert(outcome::touched_lost);
+    }
   }
 }
 
@@ -185,7 +208,8 @@ class cut_player {
       act();
       return;
     }
-    rig_.supply().cut_at(planned.mutation, planned.kind, planned.mutation);
+    const uint64_t seed = planned.mutation + (planned.variant << 32);
+    rig_.supply().cut_at(planned.mutation, planned.kind, seed);
     act();
     rig_.supply().restore();
     rig_.unmount();
@@ -207,57 +231,74 @@ class cut_run {
 
   cut_counts run(uint64_t stride, uint64_t second_stride) {
     for (uint64_t n = 1; n <= counts_.mutations; n += stride) {
-      for (const sim::cut_kind kind : cut_kinds) {
-        if (same_as_before_it(kind)) {
-          continue;
-        }
-        player_.play({n, kind});
-        const cut first = player_.made({n, kind});
-        const std::vector<uint8_t> left = player_.flash().snapshot();
-        if (seen_.insert(hash_of(left)).second) {
-          try_checks(left, first, second_stride);
-        }
-      }
+      for_each_cut(
+          n, [&](const planned_cut& planned) { player_.play(planned); },
+          [&](const planned_cut& planned, const cut& first) {
+            const std::vector<uint8_t> left = player_.flash().snapshot();
+            if (seen_.insert(hash_of(left)).second) {
+              try_checks(left, {.planned = planned, .where = first}, second_stride);
+            }
+          });
     }
     return counts_;
   }
 
  private:
-  // A word is torn in one way, an erase in two.
-  bool same_as_before_it(sim::cut_kind kind) {
-    return kind == sim::cut_kind::during_noise &&
-           !player_.flash().device().flash().last_mutation().is_erase;
-  }
+  struct made_cut {
+    planned_cut planned;
+    cut where;
+    uint32_t check_flags = quick_check;  // of the check that was cut
+  };
 
-  void try_checks(const std::vector<uint8_t>& left, const cut& first, uint64_t second_stride) {
-    for (const uint32_t flags : {quick_check, full_check}) {
-      counts_.cuts++;
-      const uint64_t mutations = try_check(left, flags, first, std::nullopt);
-      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
-        try_second_cuts(left, flags, first, m);
+  // Plays every cut at one mutation: before it, in the middle of an erase in two ways, and in the
+  // middle of a word that decides what a record is in several.
+  template <typename Play, typename Use>
+  void for_each_cut(uint64_t mutation, Play play, Use use) {
+    place where = place::erase;
+    for (const sim::cut_kind kind : cut_kinds) {
+      if (kind == sim::cut_kind::during_noise && where != place::erase) {
+        continue;
+      }
+      const uint64_t variants =
+          kind == sim::cut_kind::during && decides(where) ? variants_of_torn_words : 1;
+      for (uint64_t variant = 0; variant < variants; variant++) {
+        const planned_cut planned = {mutation, kind, variant};
+        play(planned);
+        const cut made = player_.made(planned);
+        where = made.where;
+        use(planned, made);
       }
     }
   }
 
-  void try_second_cuts(const std::vector<uint8_t>& left, uint32_t flags, const cut& first,
-                       uint64_t m) {
-    for (const sim::cut_kind kind : cut_kinds) {
-      if (same_as_before_it(kind)) {
-        continue;
-      }
-      player_.play_check(left, flags, {m, kind});
-      const cut second = player_.made({m, kind});
-      const std::vector<uint8_t> second_left = player_.flash().snapshot();
-      if (seen_second_.insert(hash_of(second_left) ^ flags).second) {
-        counts_.second_cuts++;
-        try_check(second_left, flags, first, second);
+  static bool decides(place where) {
+    return where == place::header_state || where == place::sector_claim ||
+           where == place::sector_invalidation || where == place::slot_deletion;
+  }
+
+  void try_checks(const std::vector<uint8_t>& left, const made_cut& first, uint64_t second_stride) {
+    for (const uint32_t flags : {quick_check, full_check}) {
+      counts_.cuts++;
+      const uint64_t mutations = try_check(left, flags, first, std::nullopt);
+      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
+        for_each_cut(
+            m, [&](const planned_cut& planned) { player_.play_check(left, flags, planned); },
+            [&](const planned_cut& planned, const cut& second) {
+              const std::vector<uint8_t> second_left = player_.flash().snapshot();
+              if (seen_second_.insert(hash_of(second_left)).second) {
+                counts_.second_cuts += 2;
+                for (const uint32_t last_flags : {quick_check, full_check}) {
+                  try_check(second_left, last_flags, first, made_cut{planned, second, flags});
+                }
+              }
+            });
       }
     }
   }
 
   // Mounts what a cut left, judges it and mounts once more. Returns the mutations of the check.
-  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const cut& first,
-                     const std::optional<cut>& second) {
+  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const made_cut& first,
+                     const std::optional<made_cut>& second) {
     rig& flash = player_.flash();
     flash.restore(left);
     flash.supply().restore();
@@ -278,13 +319,15 @@ class cut_run {
     return mutations;
   }
 
-  void record(const std::set<outcome>& found, bool quick, const cut& first,
-              const std::optional<cut>& second) {
+  void record(const std::set<outcome>& found, bool quick, const made_cut& first,
+              const std::optional<made_cut>& second) {
     counts_.clean += found.empty() ? 1 : 0;
     std::string unexplained;
     for (const outcome kind : found) {
       (quick ? counts_.quick : counts_.full)[kind]++;
-      const std::optional<cause> why = explain(kind, quick, what_.own_causes, first, second);
+      const std::optional<cause> why =
+          explain(kind, {quick, second && second->check_flags == quick_check}, what_.own_causes,
+                  first.where, second ? std::optional(second->where) : std::nullopt);
       if (!why) {
         unexplained += std::string(" ") + outcome_name(kind);
         continue;
@@ -292,7 +335,7 @@ class cut_run {
       cause_counts& counts = counts_.causes[*why];
       (quick ? counts.quick : counts.full)[kind]++;
       if (!second) {
-        counts.window.insert(first.mutation);
+        counts.window.insert(first.planned.mutation);
       }
     }
     if (!unexplained.empty()) {
@@ -304,10 +347,17 @@ class cut_run {
     }
   }
 
-  std::string arguments_of(bool quick, const cut& first, const std::optional<cut>& second) const {
-    std::string arguments = "play '" + what_.name + "' " + cut_text(first);
-    arguments += quick ? " quick" : " full";
-    return second ? arguments + " " + cut_text(*second) : arguments;
+  std::string arguments_of(bool quick, const made_cut& first,
+                           const std::optional<made_cut>& second) const {
+    std::string arguments = "play '" + what_.name + "' " + cut_text(first.planned);
+    if (second) {
+      arguments += check_text(second->check_flags) + cut_text(second->planned);
+    }
+    return arguments + check_text(quick ? quick_check : full_check);
+  }
+
+  static const char* check_text(uint32_t flags) {
+    return flags == quick_check ? " quick " : " full ";
   }
 
   const operation& what_;
@@ -328,10 +378,43 @@ std::string listing(const tree& nodes) {
 
 }  // namespace
 
-const char* cut_kind_name(sim::cut_kind kind) {
-  return kind == sim::cut_kind::before   ? "before"
-         : kind == sim::cut_kind::during ? "during"
-                                         : "during_noise";
+std::string cut_text(const planned_cut& planned) {
+  const std::string text = std::to_string(planned.mutation) + " " + cut_kind_name(planned.kind);
+  return planned.variant == 0 ? text : text + "+" + std::to_string(planned.variant);
+}
+
+bool parse_cut(const char* mutation, const char* kind, planned_cut* planned) {
+  const std::string words(kind);
+  const size_t plus = std::min(words.find('+'), words.size());
+  planned->mutation = strtoull(mutation, nullptr, 10);
+  planned->variant = plus < words.size() ? strtoull(kind + plus + 1, nullptr, 10) : 0;
+  for (const sim::cut_kind each : cut_kinds) {
+    if (words.substr(0, plus) == cut_kind_name(each)) {
+      planned->kind = each;
+      return planned->mutation != 0;
+    }
+  }
+  return false;
+}
+
+std::vector<uint8_t> left_by_power_cut(const operation& what, planned_cut planned) {
+  cut_player player(what);
+  player.play(planned);
+  return player.flash().snapshot();
+}
+
+std::string ranges_text(const std::set<uint64_t>& numbers) {
+  std::string text;
+  for (auto first = numbers.begin(); first != numbers.end();) {
+    auto last = first;
+    while (std::next(last) != numbers.end() && *std::next(last) == *last + 1) {
+      ++last;
+    }
+    text += (text.empty() ? "" : ", ") + std::to_string(*first);
+    text += first == last ? "" : "-" + std::to_string(*last);
+    first = std::next(last);
+  }
+  return text;
 }
 
 uint64_t count_mutations(const operation& what) {
@@ -347,14 +430,14 @@ cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t secon
   return cut_run(what).run(stride, second_stride);
 }
 
-std::string play_power_cut(const operation& what, planned_cut first, uint32_t check_flags,
-                           std::optional<planned_cut> second) {
+std::string play_power_cut(const operation& what, planned_cut first,
+                           std::optional<planned_check> cut_check, uint32_t check_flags) {
   constexpr int max_mounts = 10;
   cut_player player(what);
   rig& flash = player.flash();
   player.play(first);
-  if (second) {
-    player.play_check(flash.snapshot(), check_flags, *second);
+  if (cut_check) {
+    player.play_check(flash.snapshot(), cut_check->flags, cut_check->planned);
   }
   std::string text;
   for (int i = 1; i <= max_mounts; i++) {

@@ -39,8 +39,8 @@ struct cause_counts {
 
 struct cut_counts {
   uint64_t mutations = 0;    // of the operation
-  uint64_t cuts = 0;         // tried: different states left, times both checks
-  uint64_t second_cuts = 0;  // tried in the checks that follow
+  uint64_t cuts = 0;         // tried: different states left, times both checks that follow
+  uint64_t second_cuts = 0;  // the same of the cuts in these checks
   uint64_t clean = 0;        // of both
   std::map<outcome, uint64_t> quick;
   std::map<outcome, uint64_t> full;
@@ -59,21 +59,37 @@ std::set<outcome> judge(const operation& what, const tree& now, const tree& befo
 // The flash mutations of an operation that is not cut.
 uint64_t count_mutations(const operation& what);
 
-// Tries every `stride`-th mutation (1: all) and every `second_stride`-th of the check that follows
-// (0: none).
+// Tries every `stride`-th mutation (1: all) and every `second_stride`-th of either check that
+// follows (0: none), each of which is then followed by either check.
 cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride);
 
-// A cut at the n-th mutation, of the operation or of the check that follows.
+// A cut at the n-th mutation, of the operation or of the check that follows. Variants of a torn
+// word have other bits cleared.
 struct planned_cut {
   uint64_t mutation;
   sim::cut_kind kind;
+  uint64_t variant = 0;
 };
 
-// Plays an operation with its cut, the check with its own, if any, and then mounts until a mount
-// changes nothing (at most 10 times). Returns what was printed and found.
-std::string play_power_cut(const operation& what, planned_cut first, uint32_t check_flags,
-                           std::optional<planned_cut> second);
+// A check that is cut.
+struct planned_check {
+  uint32_t flags;
+  planned_cut planned;
+};
 
-const char* cut_kind_name(sim::cut_kind kind);
+// Plays an operation with its cut, a check with its own, if any, and then mounts until a mount
+// changes nothing (at most 10 times). Returns what was printed and found.
+std::string play_power_cut(const operation& what, planned_cut first,
+                           std::optional<planned_check> cut_check, uint32_t check_flags);
+
+// A cut as text, and back: "12 before", "12 during", "12 during+3", "12 during_noise".
+std::string cut_text(const planned_cut& planned);
+bool parse_cut(const char* mutation, const char* kind, planned_cut* planned);
+
+// What an operation's cut leaves on flash.
+std::vector<uint8_t> left_by_power_cut(const operation& what, planned_cut planned);
+
+// 1, 2, 3, 7 as "1-3, 7".
+std::string ranges_text(const std::set<uint64_t>& numbers);
 
 }  // namespace reliability

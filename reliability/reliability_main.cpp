@@ -1,5 +1,6 @@
 // Tries the power cuts and the failing flash calls of one operation and prints its rows of
 // docs/reliability.md, or plays one cut again and tells what every mount after it finds.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,23 +26,18 @@ std::string outcomes_text(const std::map<reliability::outcome, uint64_t>& outcom
   return text;
 }
 
-// 1, 2, 3, 7 as "1-3, 7"; many ranges are cut short.
-std::string ranges_text(const std::set<uint64_t>& numbers) {
-  std::string text;
-  size_t ranges = 0;
-  for (auto first = numbers.begin(); first != numbers.end(); ranges++) {
-    auto last = first;
-    while (std::next(last) != numbers.end() && *std::next(last) == *last + 1) {
-      ++last;
-    }
-    if (ranges < max_ranges) {
-      text += (text.empty() ? "" : ", ") + std::to_string(*first);
-      text += first == last ? "" : "-" + std::to_string(*last);
-    }
-    first = std::next(last);
+// Many ranges are cut short.
+std::string window_text(const std::set<uint64_t>& window) {
+  const std::string text = reliability::ranges_text(window);
+  size_t end = 0;
+  for (size_t ranges = 0; ranges < max_ranges && end != std::string::npos; ranges++) {
+    end = text.find(", ", end + 1);
   }
-  return ranges <= max_ranges ? text
-                              : text + " and " + std::to_string(ranges - max_ranges) + " more";
+  if (end == std::string::npos) {
+    return text;
+  }
+  const auto more = std::count(text.begin() + static_cast<std::ptrdiff_t>(end), text.end(), ',');
+  return text.substr(0, end) + " and " + std::to_string(more) + " more";
 }
 
 // A row for each operation, then a row for each of its causes.
@@ -55,7 +51,7 @@ int print_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
          outcomes_text(counts.full).c_str(), static_cast<unsigned long long>(counts.unexplained));
   for (const auto& [why, by_cause] : counts.causes) {
     printf("| %s | %s | %s | %s | %s |\n", reliability::cause_name(why), what.name.c_str(),
-           ranges_text(by_cause.window).c_str(), outcomes_text(by_cause.quick).c_str(),
+           window_text(by_cause.window).c_str(), outcomes_text(by_cause.quick).c_str(),
            outcomes_text(by_cause.full).c_str());
   }
   for (const std::string& sample : counts.unexplained_samples) {
@@ -83,12 +79,14 @@ int print_faults(const reliability::fault_operation& each) {
 }
 
 int usage() {
-  fprintf(stderr,
-          "usage: reliability list cuts|faults\n"
-          "       reliability cuts OPERATION [STRIDE [STRIDE_OF_SECOND_CUTS]]\n"
-          "       reliability faults OPERATION\n"
-          "       reliability play OPERATION N KIND quick|full [M KIND]\n"
-          "KIND is before, during or during_noise; a stride of second cuts of 0 tries none.\n");
+  fprintf(
+      stderr,
+      "usage: reliability list cuts|faults\n"
+      "       reliability cuts OPERATION [STRIDE [STRIDE_OF_SECOND_CUTS]]\n"
+      "       reliability faults OPERATION\n"
+      "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
+      "KIND is before, during, during+VARIANT or during_noise, CHECK is quick or full; a stride of "
+      "second cuts of 0 tries none.\n");
   return usage_status;
 }
 
@@ -119,35 +117,31 @@ int list(const std::vector<Operation>& operations) {
   return EXIT_SUCCESS;
 }
 
-bool parse_cut(char* const words[2], reliability::planned_cut* planned) {
-  planned->mutation = strtoull(words[0], nullptr, 10);
-  for (const sim::cut_kind kind :
-       {sim::cut_kind::before, sim::cut_kind::during, sim::cut_kind::during_noise}) {
-    if (strcmp(words[1], reliability::cut_kind_name(kind)) == 0) {
-      planned->kind = kind;
-      return planned->mutation != 0;
-    }
-  }
-  return false;
+bool parse_check(const char* word, uint32_t* flags) {
+  const bool quick = strcmp(word, "quick") == 0;
+  *flags = quick ? reliability::quick_check : reliability::full_check;
+  return quick || strcmp(word, "full") == 0;
 }
 
+// play OPERATION N KIND [CHECK M KIND] CHECK
 int play(int argc, char* argv[]) {
-  const bool with_second = argc == 8;
+  const bool with_second = argc == 9;
   reliability::planned_cut first;
-  reliability::planned_cut second;
-  if ((argc != 6 && !with_second) || !parse_cut(argv + 3, &first) ||
-      (with_second && !parse_cut(argv + 6, &second))) {
+  reliability::planned_check cut_check;
+  uint32_t flags = 0;
+  if ((argc != 6 && !with_second) || !reliability::parse_cut(argv[3], argv[4], &first) ||
+      (with_second && (!parse_check(argv[5], &cut_check.flags) ||
+                       !reliability::parse_cut(argv[6], argv[7], &cut_check.planned))) ||
+      !parse_check(argv[argc - 1], &flags)) {
     return usage();
   }
   const std::vector<operation> operations = reliability::power_cut_operations();
   const operation* what = find(operations, argv[2]);
-  const bool quick = strcmp(argv[5], "quick") == 0;
-  if (what == nullptr || (!quick && strcmp(argv[5], "full") != 0)) {
+  if (what == nullptr) {
     return usage();
   }
   const std::string text = reliability::play_power_cut(
-      *what, first, quick ? reliability::quick_check : reliability::full_check,
-      with_second ? std::optional(second) : std::nullopt);
+      *what, first, with_second ? std::optional(cut_check) : std::nullopt, flags);
   fputs(text.c_str(), stdout);
   return EXIT_SUCCESS;
 }
