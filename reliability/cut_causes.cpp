@@ -72,7 +72,7 @@ const std::vector<cause_facts>& all_causes() {
        {place::slot_deletion},
        true,
        scope::any_operation,
-       {outcome::check_refuses, outcome::stray_name},
+       {outcome::check_refuses, outcome::stray_name, outcome::other_changed},
        {}},
       {cause::half_claimed_sector,
        "half-claimed sector",
