@@ -145,7 +145,7 @@ const cause_facts& facts_of(cause why) {
 }
 
 bool falls_in(const cut& each, const cause_facts& facts) {
-  if (facts.torn_only && each.kind == sim::cut_kind::before) {
+  if (facts.torn_only && !each.torn) {
     return false;
   }
   if (facts.why == cause::data_read_as_slots && each.left != fileid_root) {
@@ -216,11 +216,13 @@ const char* outcome_name(outcome kind) {
 
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device) {
   const sim::mutation& last = device.flash().last_mutation();
-  cut made = {mutation, kind, place::erase, 0, false, has_unfinished_sector(device)};
+  const bool during = kind != sim::cut_kind::before;
+  cut made = {mutation, place::erase, during, 0, false, has_unfinished_sector(device)};
   if (last.is_erase) {
     return made;
   }
   made.left = device.flash().read16(last.offset);
+  made.torn = during && made.left != last.held && made.left != (last.held & last.wanted);
   const auto& blocks = device.blocks();
   const auto block = std::find_if(blocks.begin(), blocks.end(), [&](const flash_block_info& each) {
     return last.offset - each.offset < each.size;

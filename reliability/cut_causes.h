@@ -40,8 +40,8 @@ enum class place {
 
 struct cut {
   uint64_t mutation;  // counted from 1
-  sim::cut_kind kind;
   place where;
+  bool torn;            // half done: neither as it was nor as it was to be
   uint16_t left;        // what the word reads as afterwards; of an erase nothing
   bool checksum_holds;  // of the sector around it, by chance if it is torn
   bool unfinished;      // a data sector of a block in use has no checksum yet

@@ -266,7 +266,10 @@ class cut_run {
         play(planned);
         const cut made = player_.made(planned);
         where = made.where;
-        use(planned, made);
+        // A word that came out whole is the same as a cut before it or before the next one.
+        if (kind == sim::cut_kind::before || made.torn) {
+          use(planned, made);
+        }
       }
     }
   }
