@@ -160,6 +160,9 @@ void cpld::store16(uint32_t offset, uint16_t value) {
   }
   deviations_.while_busy += target.busy ? 1 : 0;
   write_data(target, offset & ((1U << data_window_shift) - 1), value);
+  if (target.cycles_until_never != 0 && --target.cycles_until_never == 0) {
+    target.ready_never = true;
+  }
   target.low_left = target.ready_low;
   target.busy = target.ready_low != 0 || target.ready_never;
   const bool plain = target.state == command_state::idle && !target.busy && !tracing_;
@@ -300,12 +303,14 @@ void cpld::set_running(int index, bool running) {
   bays_[index].running = running;
 }
 
-void cpld::set_ready_never(int index) {
-  bays_[index].ready_never = true;
+void cpld::set_ready_never(int index, uint64_t after_cycles) {
+  bays_[index].ready_never = after_cycles == 0;
+  bays_[index].cycles_until_never = after_cycles;
 }
 
 void cpld::set_ready_low(int index, uint32_t status_reads) {
   bays_[index].ready_never = false;
+  bays_[index].cycles_until_never = 0;
   bays_[index].ready_low = status_reads;
   bays_[index].low_left = status_reads;
 }

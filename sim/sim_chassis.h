@@ -112,7 +112,8 @@ class cpld {
   std::vector<traced_access> stop_trace();
 
   void set_running(int index, bool running);
-  void set_ready_never(int index);
+  // The ready bit does not rise again after so many command, program and erase cycles from now on.
+  void set_ready_never(int index, uint64_t after_cycles = 0);
   // After every command, program and erase cycle, and from now on, the next `status_reads` reads of
   // the status find the flash not ready. 0: always ready.
   void set_ready_low(int index, uint32_t status_reads);
@@ -138,8 +139,9 @@ class cpld {
     command_state state = command_state::idle;
     bool running = false;
     bool ready_never = false;
-    bool busy = false;       // a cycle was taken and the ready bit has not been seen since
-    uint32_t ready_low = 0;  // status reads that each cycle keeps the ready bit low
+    uint64_t cycles_until_never = 0;  // 0: none planned
+    bool busy = false;                // a cycle was taken and the ready bit has not been seen since
+    uint32_t ready_low = 0;           // status reads that each cycle keeps the ready bit low
     uint32_t low_left = 0;
   };
 
@@ -191,8 +193,8 @@ class chassis {
   void set_running(int ppc, bool running) {
     node_of(ppc).set_running(index_of(ppc), running);
   }
-  void set_ready_never(int ppc) {
-    node_of(ppc).set_ready_never(index_of(ppc));
+  void set_ready_never(int ppc, uint64_t after_cycles = 0) {
+    node_of(ppc).set_ready_never(index_of(ppc), after_cycles);
   }
   void set_ready_low(int ppc, uint32_t status_reads) {
     node_of(ppc).set_ready_low(index_of(ppc), status_reads);

@@ -101,10 +101,14 @@ void parse_ready(line_parser& line, folder_settings* settings) {
   const std::string kind = line.word();
   if (kind == "never") {
     complex.ready_never = true;
+    if (!line.at_end()) {
+      complex.cycles_until_never =
+          static_cast<uint64_t>(line.number("a number of cycles", 1, INT64_MAX));
+    }
   } else if (kind == "low") {
     complex.ready_low = static_cast<uint32_t>(line.number("a number of reads", 0, UINT32_MAX));
   } else {
-    line.fail("unknown word '" + kind + "'; use never or low <reads>");
+    line.fail("unknown word '" + kind + "'; use never [<cycles>] or low <reads>");
   }
 }
 
@@ -272,7 +276,7 @@ folder_chassis::folder_chassis(const std::string& folder, const folder_settings&
     chassis_.set_running(ppc, complex.running);
     chassis_.set_ready_low(ppc, complex.ready_low);
     if (complex.ready_never) {
-      chassis_.set_ready_never(ppc);
+      chassis_.set_ready_never(ppc, complex.cycles_until_never);
     }
     supply.cut_at(complex.cut_mutation, complex.kind, complex.seed);
     // At once, as power goes: no destructors, nothing that is still buffered is written.

@@ -6,7 +6,7 @@
 // Lines of chassis.txt ('#' begins a comment):
 //   running <ppc>...              these complexes run; the others are held in reset
 //   clock <seconds>               the clock stands still at this time (seconds since the epoch)
-//   ready <ppc> never             the ready bit never rises
+//   ready <ppc> never [<cycles>]  the ready bit never rises, or not again after so many cycles
 //   ready <ppc> low <reads>       each cycle keeps it low for so many reads of the status
 //   cut <ppc> <kind> <n> [<seed>] the n-th program or erase of a run cuts the power: kind before,
 //                                 during, during-noise or after; the process ends with status 3
@@ -31,6 +31,7 @@ struct folder_settings {
   struct complex_settings {
     bool running = false;
     bool ready_never = false;
+    uint64_t cycles_until_never = 0;
     uint32_t ready_low = 0;
     uint64_t cut_mutation = 0;  // 0: none
     cut_kind kind = cut_kind::before;

@@ -295,6 +295,20 @@ TEST(sim_ready, a_bit_that_never_rises_stays_low) {
   EXPECT_EQ(chassis.node_of(6).load32(status), 0xEU);
 }
 
+TEST(sim_ready, a_bit_that_sticks_after_some_cycles_rises_until_then) {
+  sim::chassis chassis;
+  chassis.set_ready_never(5, 2);
+  sim::cpld& node = chassis.node_of(5);
+  node.store16(0x6AAA, 0xAA);
+  EXPECT_EQ(node.load32(status), 0xEU);
+  node.store16(0x6AAA, 0xAA);
+  for (int read = 0; read < 5000; ++read) {
+    ASSERT_EQ(node.load32(status), 0x6U);
+  }
+  chassis.set_ready_low(5, 0);
+  EXPECT_EQ(node.load32(status), 0xEU);
+}
+
 TEST(sim_power_cut, a_dead_chassis_reads_as_ones_and_its_clock_runs) {
   sim::chassis chassis;
   chassis.clock_hold(1000);

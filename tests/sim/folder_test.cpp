@@ -62,10 +62,11 @@ int status_of_process(callable&& call) {
 
 TEST(sim_settings, every_word_is_understood) {
   sim::folder_settings settings;
-  EXPECT_EQ(sim::parse_settings("# a comment\n\nrunning 5 6  # both\nclock 1800000000\n"
-                                "ready 4 never\nready 3 low 7\ncut 8 during-noise 17 99\n"
-                                "cut 4 before 1\nfail open 13\nfail map 12\nreport",
-                                "x", &settings),
+  EXPECT_EQ(sim::parse_settings(
+                "# a comment\n\nrunning 5 6  # both\nclock 1800000000\n"
+                "ready 4 never\nready 6 never 12\nready 3 low 7\ncut 8 during-noise 17 99\n"
+                "cut 4 before 1\nfail open 13\nfail map 12\nreport",
+                "x", &settings),
             "");
   EXPECT_TRUE(settings.complexes[2].running);
   EXPECT_TRUE(settings.complexes[3].running);
@@ -73,6 +74,9 @@ TEST(sim_settings, every_word_is_understood) {
   EXPECT_TRUE(settings.clock_held);
   EXPECT_EQ(settings.clock_seconds, 1800000000);
   EXPECT_TRUE(settings.complexes[1].ready_never);
+  EXPECT_EQ(settings.complexes[1].cycles_until_never, 0U);
+  EXPECT_TRUE(settings.complexes[3].ready_never);
+  EXPECT_EQ(settings.complexes[3].cycles_until_never, 12U);
   EXPECT_EQ(settings.complexes[0].ready_low, 7U);
   EXPECT_EQ(settings.complexes[5].cut_mutation, 17U);
   EXPECT_EQ(settings.complexes[5].kind, sim::cut_kind::during_noise);
@@ -92,7 +96,9 @@ TEST(sim_settings, errors_name_file_and_line_and_what_to_do) {
             "chassis.txt:1: '-1' is not a number of seconds (0 to 2147483647)");
   EXPECT_EQ(error_of("clock 1 2"), "chassis.txt:1: '2' is too much on this line; remove it");
   EXPECT_EQ(error_of("ready 4 soon"),
-            "chassis.txt:1: unknown word 'soon'; use never or low <reads>");
+            "chassis.txt:1: unknown word 'soon'; use never [<cycles>] or low <reads>");
+  EXPECT_NE(error_of("ready 4 never 0").find("chassis.txt:1: '0' is not a number of cycles (1 to"),
+            std::string::npos);
   EXPECT_EQ(error_of("ready 4 low x"),
             "chassis.txt:1: 'x' is not a number of reads (0 to 4294967295)");
   EXPECT_EQ(error_of("cut 4 amid 3"),
