@@ -52,7 +52,10 @@ class fault_run {
  public:
   explicit fault_run(const fault_operation& each) : each_(each), rig_(each.what.blocks) {
     rig_.restore({});
-    each.what.prepare(rig_);
+    {
+      const rig::capture quiet(rig_);
+      each.what.prepare(rig_);
+    }
     before_ = rig_.walk();
     rig_.unmount();
     if (each.what.damage) {
@@ -103,6 +106,7 @@ class fault_run {
     rig_.take_output();
     rig_.device().clear_counts();
     rig_.device().fail(flash_call::any, fault.call, fault.code, fault.and_after);
+    const rig::capture quiet(rig_);
     errno = 0;
     result_ = each_.what.act(rig_);
     error_ = errno;

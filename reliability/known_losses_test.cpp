@@ -179,6 +179,22 @@ TEST_F(known_losses,
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
 
+TEST_F(known_losses, a_torn_invalidation_that_is_nobodys_comes_back_under_lost_and_found) {
+  // Of sector 0, so that it is the whole of a file.
+  flashfs_sector* copy = erased_sector();
+  memcpy(copy, sector(fileid_file, 0), sizeof(flashfs_sector));
+  copy->fileid = 9;
+  const std::vector<uint8_t> cut = rig_->snapshot();
+  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(content_of("lost+found/00009"), "<errno 5>");  // its checksum was of the other owner
+  EXPECT_EQ(content_of("file"), pattern(5000, 2));
+  rig_->unmount();
+  rig_->restore(cut);
+  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_TRUE(printed("checksum (0x")) << printed_;
+  EXPECT_EQ(content_of("lost+found"), "<absent>");
+}
+
 TEST_F(known_losses, a_committed_spare_with_all_other_blocks_in_use_leaves_no_spare) {
   for (int b = 0; b < image_->block_count(); b++) {
     blkheader_set_state(header(b), header(b)->state == 0xFF ? block_committed : block_in_use);
@@ -192,17 +208,27 @@ TEST_F(known_losses, a_committed_spare_with_all_other_blocks_in_use_leaves_no_sp
 TEST_F(known_losses, a_half_programmed_state_costs_the_block) {
   const int live = block_of(sector(fileid_file, 1));
   header(live)->state = 0xF1;
-  EXPECT_EQ(mount(full_check), 0);
-  EXPECT_TRUE(printed(" with status invalid2[0x1]")) << printed_;
-  EXPECT_NE(content_of("file"), pattern(5000, 2));
+  const std::vector<uint8_t> cut = rig_->snapshot();
+  for (const uint32_t flags : {quick_check, full_check}) {
+    rig_->unmount();
+    rig_->restore(cut);
+    EXPECT_EQ(mount(flags), 0);
+    EXPECT_TRUE(printed(" with status invalid2[0x1]")) << printed_;
+    EXPECT_NE(content_of("file"), pattern(5000, 2));
+  }
 }
 
 TEST_F(known_losses, a_damaged_header_costs_the_block) {
   const int live = block_of(sector(fileid_file, 1));
   header(live)->checksum = 0;
-  EXPECT_EQ(mount(quick_check), 0);
-  EXPECT_TRUE(printed("bad checksum (58096 != ")) << printed_;
-  EXPECT_NE(content_of("file"), pattern(5000, 2));
+  const std::vector<uint8_t> cut = rig_->snapshot();
+  for (const uint32_t flags : {quick_check, full_check}) {
+    rig_->unmount();
+    rig_->restore(cut);
+    EXPECT_EQ(mount(flags), 0);
+    EXPECT_TRUE(printed("bad checksum (58096 != ")) << printed_;
+    EXPECT_NE(content_of("file"), pattern(5000, 2));
+  }
 }
 
 TEST_F(known_losses, sectors_without_a_name_come_back_under_lost_and_found) {

@@ -152,7 +152,10 @@ class cut_player {
  public:
   explicit cut_player(const operation& what) : what_(what), rig_(what.blocks) {
     rig_.restore({});
-    what.prepare(rig_);
+    {
+      const rig::capture quiet(rig_);
+      what.prepare(rig_);
+    }
     expected_.before = rig_.walk();
     rig_.unmount();
     if (what.damage) {
@@ -204,6 +207,7 @@ class cut_player {
  private:
   template <typename Act>
   void cut_during(planned_cut planned, Act act) {
+    const rig::capture quiet(rig_);
     if (planned.mutation == 0) {
       act();
       return;

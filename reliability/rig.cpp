@@ -67,34 +67,30 @@ uint64_t hash_of(const std::vector<uint8_t>& contents) {
   return hash;
 }
 
-// The standard output goes to memory while a rig lives: what the checks print is looked at.
-rig::rig(const std::vector<test_support::ram_block>& blocks)
-    : device_(blocks, &supply_), real_stdout_(stdout) {
-  fflush(stdout);
-  FILE* memory = open_memstream(&text_, &text_size_);
-  if (memory == nullptr) {
+rig::rig(const std::vector<test_support::ram_block>& blocks) : device_(blocks, &supply_) {
+  kept_ = open_memstream(&text_, &text_size_);
+  if (kept_ == nullptr) {
     perror("no memory for the output");
     abort();
   }
-  stdout = memory;
 }
 
 rig::~rig() {
   supply_.restore();
   unmount();
-  fclose(stdout);
-  stdout = real_stdout_;
+  fclose(kept_);
   free(text_);
 }
 
 std::string rig::take_output() {
-  fflush(stdout);
+  fflush(kept_);
   std::string text(text_, text_size_);
-  rewind(stdout);
+  rewind(kept_);
   return text;
 }
 
 void rig::unmount() {
+  const capture quiet(*this);
   test_support::free_flashfs(fs_);
   fs_ = nullptr;
 }
@@ -102,6 +98,7 @@ void rig::unmount() {
 void rig::register_only() {
   unmount();
   take_output();
+  const capture quiet(*this);
   ifs_init();
   const void* handles[] = {device_.handle()};
   const flash_driver_info* records[] = {device_.driver()};
@@ -110,6 +107,7 @@ void rig::register_only() {
 }
 
 int32_t rig::check(uint32_t check_flags) {
+  const capture quiet(*this);
   return ifs_ioctl("bootflash:", ioctl_check, &check_flags);
 }
 
@@ -120,6 +118,7 @@ int32_t rig::mount(uint32_t check_flags) {
 }
 
 tree rig::walk() {
+  const capture quiet(*this);
   tree found;
   std::set<uint32_t> entered = {fileid_root};
   walk_directory("", &found, &entered);
@@ -172,6 +171,7 @@ int32_t close_after(int32_t fd, int32_t result) {
 
 int32_t rig::write(const std::string& path, const std::string& content, uint32_t oflags,
                    int32_t position) {
+  const capture quiet(*this);
   const int32_t fd = ifs_open(full_path(path).c_str(), oflags, 0);
   if (fd < 0) {
     return fd;
@@ -188,6 +188,7 @@ int32_t rig::make_file(const std::string& path, const std::string& content) {
 }
 
 int32_t rig::truncate(const std::string& path, uint32_t length) {
+  const capture quiet(*this);
   const int32_t fd = ifs_open(full_path(path).c_str(), ifs_open_write, 0);
   const int32_t result = fd < 0 ? fd : ifs_fioctl(fd, fioctl_truncate, &length);
   return fd < 0 ? fd : close_after(fd, result);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <set>
@@ -74,8 +75,24 @@ class rig {
   int32_t make_file(const std::string& path, const std::string& content);
   int32_t truncate(const std::string& path, uint32_t length);
 
-  // What the file system has printed since the last mount or call of this.
+  // What the file system has printed in calls of this object since the last mount or call of this.
   std::string take_output();
+
+  // Standard output is kept by the rig while one of these lives.
+  class capture {
+   public:
+    explicit capture(rig& owner) : shown_(stdout) {
+      stdout = owner.kept_;
+    }
+    ~capture() {
+      stdout = shown_;
+    }
+    capture(const capture&) = delete;
+    capture& operator=(const capture&) = delete;
+
+   private:
+    FILE* shown_;
+  };
 
  private:
   void walk_directory(const std::string& path, tree* found, std::set<uint32_t>* entered);
@@ -84,7 +101,7 @@ class rig {
   test_support::ram_flash device_;
   flashfs* fs_ = nullptr;
   uint32_t mount_flags_ = quick_check;
-  FILE* real_stdout_;
+  FILE* kept_ = nullptr;
   char* text_ = nullptr;
   size_t text_size_ = 0;
 };
