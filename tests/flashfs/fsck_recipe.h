@@ -1,0 +1,58 @@
+// The small images that tests of the check begin with, and what the check says.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tests/flashfs/flashfs_recipe.h"
+
+namespace test_support {
+
+// A line of the file system's.
+inline std::string said(const std::string& text) {
+  return "flashfs[0]: " + text + "\n";
+}
+
+inline std::string relinked(const std::string& kind, const std::string& digits) {
+  return said("relinked orphaned " + kind + " into the fs as \"/lost+found/" + digits + "\".");
+}
+
+// A small file system with a file and a directory.
+class check_recipe : public recipe_fixture {
+ protected:
+  // Four blocks of four sectors, the last one the spare. The root has file 2 "f" of two sectors and
+  // directory 3 "d", which holds the empty file 4 "x".
+  void make() {
+    make_blocks({4, 4, 4, 4});
+    image().headers(3);
+    root_slot(0, 0, 0);
+    name(0, 0, 1, 1, 1, 2, "f");
+    directory(0, 0, 2, 2, 1, 3, "d");
+    name(0, 0, 3, 0, 3, 4, "x");
+    data(2, {{0, 1}, {1, 0}});
+  }
+  void image_state(int block, uint8_t state) {
+    image().header(block, {.erase_count = 5, .state = state});
+  }
+  void expect_tree() {
+    EXPECT_EQ(path_lookup(fs(), "f"), 2);
+    EXPECT_EQ(path_lookup(fs(), "d/x"), 4);
+    EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U);
+  }
+};
+
+// A file system that holds nothing yet.
+class tree_recipe : public recipe_fixture {
+ protected:
+  // Four blocks of four sectors, the last one the spare, and the root's own slot.
+  void make() {
+    make_blocks({4, 4, 4, 4});
+    image().headers(3);
+    root_slot(0, 0, 0);
+  }
+  void expect_unchanged(const std::vector<uint8_t>& before) {
+    EXPECT_EQ(device().flash().first_difference(before), before.size());
+  }
+};
+
+}  // namespace test_support
