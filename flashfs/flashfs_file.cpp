@@ -175,7 +175,8 @@ int32_t read_from_sector(flashfs* fs, const flashfs_sctr_list_ordered* entry, ui
   return static_cast<int32_t>(taken);
 }
 
-int32_t read_file(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t length) {
+int32_t read_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* sector, void* buffer,
+                  uint32_t length) {
   if (fs->ready == 0) {
     return flashfs_fail(EINVAL);
   }
@@ -185,10 +186,6 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t l
   if ((open->oflags & ifs_open_read) == 0) {
     return flashfs_fail(EBADF);
   }
-  sector_buffer sector(fs);
-  if (!sector) {
-    return -1;
-  }
   auto* out = static_cast<uint8_t*>(buffer);
   uint32_t total = 0;
   uint32_t offset = open->filepos % sector_data_size;
@@ -196,14 +193,16 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t l
   while (place.entry != nullptr && total < length) {
     const uint32_t room = sector_data_size - offset;
     const uint32_t wanted = length - total < room ? length - total : room;
-    const int32_t taken =
-        read_from_sector(fs, place.entry, offset, wanted, sector.get(), out + total);
+    const int32_t taken = read_from_sector(fs, place.entry, offset, wanted, sector, out + total);
     if (taken < 0) {
       return flashfs_fail_down(fs);
     }
     total += static_cast<uint32_t>(taken);
     offset = 0;
-    open->place = place;
+    // Not one that an interrupted write has left reserved: the next write must meet it.
+    if (place.entry->slot_no != slot_of_reserved_sector) {
+      open->place = place;
+    }
     place = {place.index + 1, place.entry->next};
   }
   if (intr_req() != 0) {
@@ -274,8 +273,12 @@ int32_t flashfs_vctr_read(int32_t fd, void* buffer, uint32_t length) {
     return flashfs_fail(EBADF);
   }
   const flashfs_lock_guard lock(fs);
+  sector_buffer sector(fs);
+  if (!sector) {
+    return -1;
+  }
   return flashfs_is_raw(fs, open) ? flashfs_raw_read(fs, open, buffer, length)
-                                  : read_file(fs, open, buffer, length);
+                                  : read_file(fs, open, sector.get(), buffer, length);
 }
 
 int32_t flashfs_vctr_close(int32_t fd) {

@@ -214,6 +214,7 @@ struct spare_search {
 
 int find_spare(flashfs* fs, spare_search* found) {
   for (int16_t b = 0; b < fs->num_blocks; b++) {
+    process_suspend();
     flashfs_blkheader header;
     if (read_blkheader(fs, b, &header) != 0) {
       return 1;
@@ -256,6 +257,7 @@ struct given_up_block {
 
 int choose_block_to_give_up(flashfs* fs, given_up_block* chosen) {
   for (int16_t b = 0; b < fs->num_blocks; b++) {
+    process_suspend();
     flashfs_blkheader header;
     if (read_blkheader(fs, b, &header) != 0) {
       return 1;
@@ -279,6 +281,7 @@ bool is_live(uint16_t fileid) {
 int count_live_sectors(flashfs* fs, int16_t block_num, flashfs_sector* buffer, uint32_t* count) {
   *count = 0;
   for (uint16_t s = 0; s < fs->flashfs_blocks[block_num].num_sectors; s++) {
+    process_suspend();
     if (read_sector(fs, {block_num, s}, buffer, only_fileid) != 0) {
       return 1;
     }
@@ -301,6 +304,7 @@ void redirect_sector(flashfs* fs, flashfs_sctr_ptr from, flashfs_sctr_ptr to) {
 int pack_live_sectors(flashfs* fs, int16_t from, int16_t to, flashfs_sector* buffer) {
   uint16_t target = 0;
   for (uint16_t s = 0; s < fs->flashfs_blocks[from].num_sectors; s++) {
+    process_suspend();
     if (read_sector(fs, {from, s}, buffer, whole_sector) != 0) {
       return 1;
     }

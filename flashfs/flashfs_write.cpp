@@ -47,6 +47,7 @@ int find_sector_to_write(const write_request& request, uint32_t index, list_plac
     place = open->place;
   }
   while (place.entry != nullptr && place.index < index) {
+    process_may_suspend();
     if (place.entry->slot_no == slot_of_reserved_sector &&
         write_zero_sector(request, place.entry) != 0) {
       return 1;
@@ -99,6 +100,7 @@ int32_t write_sectors(const write_request& request, list_place place) {
   flashfs_open_file* open = request.open;
   uint32_t total = 0;
   while (place.entry != nullptr && total < request.length) {
+    process_may_suspend();
     const uint32_t offset = open->filepos % sector_data_size;
     const uint32_t length = std::min(sector_data_size - offset, request.length - total);
     const bool reserved = place.entry->slot_no == slot_of_reserved_sector;
@@ -119,7 +121,8 @@ int32_t write_sectors(const write_request& request, list_place place) {
   return static_cast<int32_t>(total);
 }
 
-int32_t write_file(flashfs* fs, flashfs_open_file* open, const void* data, uint32_t length) {
+int32_t write_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* buffer, const void* data,
+                   uint32_t length) {
   if (fs->ready == 0) {
     return flashfs_fail(EINVAL);
   }
@@ -128,10 +131,6 @@ int32_t write_file(flashfs* fs, flashfs_open_file* open, const void* data, uint3
   }
   if (length == 0) {
     return 0;
-  }
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return -1;
   }
   uint32_t start = open->filepos;
   if ((open->oflags & ifs_open_append) != 0) {
@@ -155,7 +154,7 @@ int32_t write_file(flashfs* fs, flashfs_open_file* open, const void* data, uint3
   if (reachable < end) {
     length = reachable > open->filepos ? reachable - open->filepos : 0;
   }
-  const write_request request = {fs, open, buffer.get(), static_cast<const uint8_t*>(data), length};
+  const write_request request = {fs, open, buffer, static_cast<const uint8_t*>(data), length};
   list_place place = {};
   if (find_sector_to_write(request, open->filepos / sector_data_size, &place) != 0) {
     return flashfs_fail_down(fs);
@@ -185,13 +184,18 @@ int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_
   ifs_runtime::memset(new_buffer.get(), flash_erased_byte, sizeof(flashfs_sector));
   new_buffer->fileid = old_buffer->fileid;
   new_buffer->count = static_cast<uint16_t>(kept_bytes);
-  new_buffer->seq_no = old_buffer->seq_no;
-  memcpy(new_buffer->data, old_buffer->data, kept_bytes);
+  new_buffer->seq_no = entry->seq_no;
+  if (entry->slot_no == slot_of_reserved_sector) {
+    memset(new_buffer->data, 0, kept_bytes);  // never written: a hole
+  } else {
+    memcpy(new_buffer->data, old_buffer->data, kept_bytes);
+  }
   if (write_data_sector(fs, fresh, new_buffer.get()) != 0 ||
       obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, old_buffer.get()) != 0) {
     return 1;
   }
   entry->sctr_ptr = fresh;
+  entry->slot_no = slot_of_sector;
   return 0;
 }
 
@@ -220,8 +224,12 @@ int32_t flashfs_vctr_write(int32_t fd, const void* buffer, uint32_t length) {
     return flashfs_fail(EBADF);
   }
   const flashfs_lock_guard lock(fs);
+  sector_buffer sector(fs);
+  if (!sector) {
+    return -1;
+  }
   return flashfs_is_raw(fs, open) ? flashfs_raw_write(fs, open, buffer, length)
-                                  : write_file(fs, open, buffer, length);
+                                  : write_file(fs, open, sector.get(), buffer, length);
 }
 
 int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t length) {

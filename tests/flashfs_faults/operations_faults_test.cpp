@@ -151,6 +151,34 @@ TEST_F(operations_interrupted, the_next_write_zeroes_the_reserved_sectors_that_i
   }
 }
 
+TEST_F(operations_interrupted, reading_first_does_not_hide_the_reserved_sectors_from_the_next_write) {
+  make();
+  const int32_t fd = open("a", open_new);
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
+  EXPECT_EQ(seek(fd, 0), 0);
+  EXPECT_TRUE(read_text(fd, 10000) == pattern(2048));
+  EXPECT_EQ(seek(fd, 4 * 2048), 4 * 2048);
+  EXPECT_EQ(write(fd, "end"), 3);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_TRUE(get("a") == pattern(2048) + std::string(3 * 2048, '\0') + "end");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
+TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a_file_to_write_on) {
+  make();
+  const int32_t fd = open("a", open_new);
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
+  uint32_t length = 3000;
+  EXPECT_EQ(ifs_fioctl(fd, 1, &length), 0);
+  EXPECT_EQ(seek(fd, 3000), 3000);
+  EXPECT_EQ(write(fd, "end"), 3);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_TRUE(get("a") == pattern(2048) + std::string(3000 - 2048, '\0') + "end");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
 TEST_F(operations_interrupted, a_reserved_sector_found_erased_is_zero_filled_before_the_data) {
   make();
   const int32_t fd = open("a", open_new);
