@@ -131,6 +131,7 @@ int drop_file(flashfs* fs, flashfs_sctr_map* file, flashfs_sector* buffer) {
   flashfs_log(fs, "inconsistent sector list, fileid %d, parent_fileid %d", file->fileid,
               file->parent_fileid);
   for (const auto* entry = file->sctr_list; entry != nullptr; entry = entry->next) {
+    process_may_suspend();
     if (obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, buffer) != 0) {
       return 1;
     }

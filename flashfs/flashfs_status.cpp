@@ -116,6 +116,7 @@ int skip_entries(flashfs* fs, const flashfs_open_file* open, sector_buffer& buff
   }
   list_place place = {0, open->file->sctr_list};
   for (; place.entry != nullptr && place.index < index; place.entry = place.entry->next) {
+    process_may_suspend();
     if (!is_slot_index(place.entry->slot_no)) {
       continue;
     }
@@ -207,6 +208,7 @@ int32_t flashfs_space_count(flashfs* fs, ppc_statfs* status) {
   uint32_t free_sectors = fs->num_available_sectors;
   uint32_t free_slots = fs->num_available_slots;
   for (int16_t b = 0; b < fs->num_blocks; b++) {
+    process_may_suspend();
     if (b != fs->available_block && count_block(fs, b, &total, &free_sectors, &free_slots) != 0) {
       return -1;
     }

@@ -207,6 +207,7 @@ int cut_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
   }
   while (entry->next != nullptr) {
     flashfs_sctr_list_ordered* dropped = entry->next;
+    process_may_suspend();
     if (obsolete_on_flash(fs, dropped->sctr_ptr, dropped->slot_no, buffer.get()) != 0) {
       return 1;
     }

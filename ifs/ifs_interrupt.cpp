@@ -1,7 +1,12 @@
-// The poll for a request to stop a long operation. It is alone in its object so that a test program
-// can link another one that does ask, and see the operations stop.
+// What long operations call from step to step: the poll for a request to stop, and the offers of the
+// processor to other work. They are alone in their object so that a test program can link others that
+// ask and count, and see the operations stop and yield.
 #include "ifs/ifs_runtime.h"
 
 int intr_req() {
   return 0;
 }
+
+void process_suspend() {}
+
+void process_may_suspend() {}

@@ -77,10 +77,6 @@ void process_wait_for_event() {}
 
 void process_sleep_periodic() {}
 
-void process_suspend() {}
-
-void process_may_suspend() {}
-
 void process_sleep_for(uint32_t /*milliseconds*/) {}
 
 int process_time_exceeded() {

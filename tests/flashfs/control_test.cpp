@@ -293,6 +293,8 @@ TEST_F(control_verify, a_missing_record_is_a_failure) {
   put("a", "text");
   filemap_remove(fs(), entry(fileid_of("a")));
   EXPECT_EQ(error_of(ioctl("a", 7, nullptr)), EIO);
+  EXPECT_EQ(output(), down_line);
+  EXPECT_EQ(fs()->ready, 0U);
 }
 
 TEST_F(control_verify, a_wrong_checksum_marks_down) {

@@ -238,12 +238,22 @@ TEST_F(relinking, a_failing_removal_of_what_has_the_name_is_told) {
   EXPECT_NE(check_output().find(said("error accessing/creating /lost+found/00005")),
             std::string::npos);
   device().fail(flash_call::any, 0, flash_ok);
-  name(0, 0, 1, 1, 1, 2, "lost+found");  // a file now
+}
+
+TEST_F(relinking, a_file_that_has_the_directorys_name_and_cannot_be_removed_whole_ends_it) {
+  make();
+  name(0, 0, 1, 1, 1, 2, "lost+found");
+  data(2, {{1, 0}});
+  data(5, {{2, 0}});
   initialize();
-  device().fail(flash_call::write, 1, flash_operation_failed);
+  // The first write deletes the name, the second would invalidate the sector.
+  device().fail(flash_call::write, 2, flash_operation_failed);
   EXPECT_EQ(check(quick), 0);
-  EXPECT_NE(check_output().find(said("error accessing/creating /lost+found")), std::string::npos);
   device().fail(flash_call::any, 0, flash_ok);
+  const std::string output = check_output();
+  EXPECT_NE(output.find(said("error accessing/creating /lost+found")), std::string::npos);
+  EXPECT_EQ(output.find("relinked"), std::string::npos);
+  EXPECT_EQ(path_lookup(fs(), "lost+found"), 0);
 }
 
 TEST_F(relinking, a_failing_read_is_told_and_the_check_goes_on) {

@@ -235,6 +235,17 @@ TEST_F(committed_spare, a_smaller_block_must_hold_all_live_sectors) {
   EXPECT_EQ(established(), "1");
 }
 
+TEST_F(committed_spare, a_smaller_block_may_have_as_many_sectors_as_there_are_live_ones) {
+  make_blocks({2, 4, 4});
+  image().headers(2);
+  image().header(0, {});
+  root_slot(1, 1, 0);
+  name(1, 1, 4, 1, 1, 2, "f");
+  data(2, {{1, 3}});
+  mount_and_set({0xF, 0x3, 0x1});
+  EXPECT_EQ(established(), "0: 0=invalid1 0.0 0.1 0=in_use 1=invalid2 erase 1 1=available");
+}
+
 TEST_F(committed_spare, the_last_committed_block_is_the_one_that_counts) {
   make_blocks({3, 4, 4, 4});
   image().headers(3);

@@ -55,6 +55,21 @@ TEST_F(namespace_getdents, records_of_a_directory_in_the_order_of_its_list) {
   EXPECT_EQ(close(fd), 0);
 }
 
+TEST_F(namespace_getdents, an_entry_that_names_its_own_directory_is_passed_over) {
+  make();
+  ASSERT_EQ(mkdir("d"), 0);
+  put("d/b", "");
+  put("d/c", "");
+  const uint16_t d = fileid_of("d");
+  const flashfs_sctr_list_ordered* first = entry(d)->sctr_list;
+  auto* slot = reinterpret_cast<flashfs_dir_slot*>(
+      image().slot_at(first->sctr_ptr.block_num, first->sctr_ptr.sctr_num, first->slot_no));
+  slot->entry_fileid = d;
+  const int32_t fd = open("d");
+  EXPECT_EQ(listed(fd, 1000), "c#4@64");
+  EXPECT_EQ(close(fd), 0);
+}
+
 TEST_F(namespace_getdents, a_buffer_gives_as_many_records_as_it_holds_whole) {
   make();
   for (int i = 0; i < 5; i++) {

@@ -313,6 +313,23 @@ TEST_F(raw_device, closing_an_erased_device_makes_an_empty_file_system) {
   EXPECT_TRUE(flash_is_consistent());
 }
 
+TEST_F(raw_device, closing_validates_every_sector_of_an_image) {
+  make();
+  put("a", "text");
+  std::string image = image_on_flash();
+  const flashfs_sctr_ptr at = entry(fileid_of("a"))->sctr_list->sctr_ptr;
+  const auto sector =
+      static_cast<size_t>(this->image().sector_at(at.block_num, at.sctr_num) - device().bytes());
+  image[sector + 5] = static_cast<char>(image[sector + 5] & 0x0F);
+  const int32_t raw = open("...", open_rw);
+  EXPECT_EQ(write(raw, image), static_cast<int32_t>(image.size()));
+  EXPECT_EQ(close(raw), 0);
+  EXPECT_NE(output().find(" checksum (0x"), std::string::npos);
+  EXPECT_EQ(get("a"), "");
+  EXPECT_EQ(device().bytes()[sector], 0);
+  EXPECT_EQ(device().bytes()[sector + 1], 0);
+}
+
 TEST_F(raw_device, closing_after_a_broken_image_fails_and_discards_the_state) {
   make_with_a_tree();
   // Every block in use: nothing can be the spare.

@@ -9,7 +9,9 @@
 
 namespace {
 
-int polls_until_interrupt;   // 0: no request ever comes
+int polls_until_interrupt;  // 0: no request ever comes
+uint32_t offers;            // of the processor, that may be declined
+uint32_t suspensions;
 int allocations_until_none;  // of those that may fail; 0: memory never runs out
 
 // From the planned allocation on there is no memory.
@@ -25,6 +27,14 @@ bool memory_is_gone() {
 
 int intr_req() {
   return polls_until_interrupt > 0 && --polls_until_interrupt == 0 ? 1 : 0;
+}
+
+void process_may_suspend() {
+  offers++;
+}
+
+void process_suspend() {
+  suspensions++;
 }
 
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
@@ -151,7 +161,8 @@ TEST_F(operations_interrupted, the_next_write_zeroes_the_reserved_sectors_that_i
   }
 }
 
-TEST_F(operations_interrupted, reading_first_does_not_hide_the_reserved_sectors_from_the_next_write) {
+TEST_F(operations_interrupted,
+       reading_first_does_not_hide_the_reserved_sectors_from_the_next_write) {
   make();
   const int32_t fd = open("a", open_new);
   polls_until_interrupt = 1;
@@ -235,6 +246,80 @@ TEST_F(operations_interrupted, a_check_stops_and_discards_the_state) {
   }
   polls_until_interrupt = 0;
   EXPECT_EQ(get("a"), "text");
+}
+
+// --- the processor is offered to other work ---
+
+class operations_yield : public operations_fixture {
+ protected:
+  // The offers in a call, with those that may be declined first: "offers/suspensions".
+  std::string yields_of(const std::function<void()>& call) {
+    offers = 0;
+    suspensions = 0;
+    output_of(call);
+    return std::to_string(offers) + "/" + std::to_string(suspensions);
+  }
+};
+
+TEST_F(operations_yield, at_every_sector_read_written_passed_over_cut_or_verified) {
+  make({16, 16, 16, 16});
+  const int32_t fd = open("a", open_new);
+  const std::string text = pattern(4 * 2048);
+  EXPECT_EQ(yields_of([&] { ifs_write(fd, text.data(), 4 * 2048); }), "4/0");
+  EXPECT_EQ(seek(fd, 0), 0);
+  EXPECT_EQ(yields_of([&] { ifs_write(fd, text.data(), 2 * 2048); }), "2/0");
+  EXPECT_EQ(seek(fd, 0), 0);
+  std::string buffer(4 * 2048, ' ');
+  EXPECT_EQ(yields_of([&] { ifs_read(fd, buffer.data(), 4 * 2048); }), "4/0");
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 7, nullptr); }), "4/0");
+  EXPECT_EQ(seek(fd, 6 * 2048), 6 * 2048);
+  // The last sector read, two of a hole, and the one behind it.
+  EXPECT_EQ(yields_of([&] { ifs_write(fd, "end", 3); }), "4/0");
+  uint32_t length = 2048;
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 1, &length); }), "6/0");
+  length = 0;
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 1, &length); }), "1/0");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(operations_yield, at_every_slot_looked_up_and_listed_and_at_every_block_counted) {
+  make();
+  put("a", "");
+  put("b", "");
+  put("c", "");
+  ppc_stat status;
+  EXPECT_EQ(yields_of([&] { ifs_stat("bootflash:a", &status); }), "2/0");  // the root's own slot
+  EXPECT_EQ(yields_of([&] { ifs_stat("bootflash:c", &status); }), "4/0");
+  const int32_t fd = open("/");
+  ppc_dirent entries[5];
+  EXPECT_EQ(yields_of([&] { ifs_getdents(fd, entries, sizeof(entries)); }), "4/0");
+  EXPECT_EQ(close(fd), 0);
+  ppc_statfs space;
+  EXPECT_EQ(yields_of([&] { ifs_statfs("bootflash:", &space); }), "4/0");
+}
+
+TEST_F(operations_yield, at_every_block_of_the_raw_device) {
+  make();
+  const int32_t fd = open("...");
+  std::string buffer(device().flash().size(), ' ');
+  EXPECT_EQ(yields_of([&] { ifs_read(fd, buffer.data(), static_cast<uint32_t>(buffer.size())); }),
+            "4/0");
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(operations_yield, in_a_format_after_every_block_and_in_the_check_at_every_step) {
+  make({4, 4, 4});
+  put("a", pattern(5000));
+  put("b", "text");
+  uint32_t flags = 1;
+  // Three blocks four times: in both passes, for their free space, and counted; the four sectors of
+  // both blocks in use twice. Then three slots, one block up to the spare, the spare's four
+  // sectors.
+  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", 11, &flags); }), "28/8");
+  // The same without a block in use; two blocks are looked at and four sectors of one collected for
+  // the root's slot. Each block is left once, and the four sectors of the spare looked through
+  // twice.
+  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", 6, &flags); }), "18/12");
 }
 
 // --- memory ---
