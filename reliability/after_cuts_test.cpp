@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "reliability/power_cuts.h"
-#include "sim/sim_chassis.h"
+#include "reliability/rig_fixture.h"
 
 namespace {
 
@@ -16,17 +16,8 @@ using reliability::planned_cut;
 using reliability::quick_check;
 using sim::cut_kind;
 
-class after_a_cut : public testing::Test {
+class after_a_cut : public reliability::rig_fixture {
  protected:
-  after_a_cut() {
-    chassis_.clock_hold(1800000000);
-    sim::install_chassis(&chassis_);
-  }
-  ~after_a_cut() override {
-    rig_.reset();
-    sim::install_chassis(nullptr);
-  }
-
   // Cuts the power at a mutation of an operation.
   void cut(const char* name, planned_cut planned) {
     const auto operations = reliability::power_cut_operations();
@@ -52,21 +43,7 @@ class after_a_cut : public testing::Test {
   int32_t mount_left(uint32_t flags) {
     rig_->unmount();
     rig_->restore(left_);
-    return mount_again(flags);
-  }
-  // Mounts what the last mount left.
-  int32_t mount_again(uint32_t flags) {
-    const int32_t result = rig_->mount(flags);
-    printed_ = rig_->take_output();
-    return result;
-  }
-  bool printed(const char* text) const {
-    return printed_.find(text) != std::string::npos;
-  }
-  std::string content_of(const char* path) {
-    const reliability::tree found = rig_->walk();
-    const auto node = found.find(path);
-    return node == found.end() ? "<absent>" : node->second.content;
+    return mount(flags);
   }
   // The content of all others than "file", which the operations change.
   void expect_others_whole() {
@@ -74,10 +51,7 @@ class after_a_cut : public testing::Test {
     EXPECT_EQ(content_of("d/inner"), pattern(3000, 3));
   }
 
-  sim::chassis chassis_;
   std::vector<uint8_t> left_;
-  std::unique_ptr<reliability::rig> rig_;
-  std::string printed_;
 };
 
 TEST_F(after_a_cut, a_slot_with_its_number_alone_is_refused_by_the_quick_check_only) {
@@ -104,7 +78,7 @@ TEST_F(after_a_cut, half_a_name_is_believed_by_the_quick_check_only) {
   EXPECT_EQ(mount_left(quick_check), 0);
   EXPECT_EQ(rig_->walk().count("new"), 0U);
   EXPECT_EQ(rig_->walk().size(), 6U);
-  EXPECT_EQ(mount_again(full_check), 0);
+  EXPECT_EQ(mount(full_check), 0);
   EXPECT_EQ(rig_->walk().size(), 5U);
   expect_others_whole();
 }
@@ -123,7 +97,7 @@ TEST_F(after_a_cut, an_unfinished_sector_costs_the_file_under_the_quick_check_fo
   EXPECT_TRUE(printed("inconsistent sector list, fileid 3, parent_fileid 0")) << printed_;
   EXPECT_EQ(content_of("file"), "");
   expect_others_whole();
-  EXPECT_EQ(mount_again(full_check), 0);
+  EXPECT_EQ(mount(full_check), 0);
   EXPECT_EQ(content_of("file"), "");
 }
 
@@ -139,7 +113,7 @@ TEST_F(after_a_cut, the_incomplete_copy_of_a_sector_wins_under_the_quick_check_f
   cut("overwrite in the middle", {1028, cut_kind::during});
   EXPECT_EQ(mount_left(quick_check), 0);
   EXPECT_EQ(content_of("file"), "<errno 5>");
-  EXPECT_EQ(mount_again(full_check), 0);
+  EXPECT_EQ(mount(full_check), 0);
   EXPECT_EQ(content_of("file"), "");
   EXPECT_EQ(mount_left(full_check), 0);
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
@@ -203,7 +177,7 @@ TEST_F(after_a_cut, with_all_blocks_in_use_a_committed_spare_cannot_be_mounted) 
       EXPECT_EQ(mount_left(flags), -1) << name;
       EXPECT_TRUE(printed("changing status of block 0 from \"committed\" to \"in use\"."));
       EXPECT_TRUE(printed("unable to allocate available block.")) << printed_;
-      EXPECT_EQ(mount_again(flags), -1) << name;
+      EXPECT_EQ(mount(flags), -1) << name;
     }
   }
 }
@@ -228,19 +202,19 @@ TEST_F(after_a_cut, two_half_written_slots_make_lost_and_found_nest_until_a_full
   std::vector<uint8_t> before;
   do {
     before = rig_->snapshot();
-    ASSERT_EQ(mount_again(quick_check), 0);
+    ASSERT_EQ(mount(quick_check), 0);
     rig_->unmount();
     mounts++;
   } while (rig_->snapshot() != before && mounts < 20);
   EXPECT_EQ(mounts, 7);
-  ASSERT_EQ(mount_again(quick_check), 0);
+  ASSERT_EQ(mount(quick_check), 0);
   EXPECT_EQ(content_of("lost+found/00010/00009/00008/00007/00003"), pattern(5000, 2));
 
   ASSERT_EQ(mount_left(full_check), 0);
   EXPECT_EQ(content_of("lost+found/00003"), pattern(5000, 2));
   rig_->unmount();
   before = rig_->snapshot();
-  ASSERT_EQ(mount_again(full_check), 0);
+  ASSERT_EQ(mount(full_check), 0);
   rig_->unmount();
   EXPECT_EQ(rig_->snapshot(), before);
 }

@@ -4,8 +4,7 @@
 
 #include <cstring>
 
-#include "reliability/rig.h"
-#include "sim/sim_chassis.h"
+#include "reliability/rig_fixture.h"
 #include "tests/support/image_builder.h"
 
 namespace {
@@ -19,11 +18,9 @@ constexpr uint16_t fileid_keep = 2;
 constexpr uint16_t fileid_file = 3;
 
 // A flash with two files, unmounted, to be damaged and mounted in either way.
-class known_losses : public testing::Test {
+class known_losses : public reliability::rig_fixture {
  protected:
   known_losses() {
-    chassis_.clock_hold(1800000000);
-    sim::install_chassis(&chassis_);
     rig_ = std::make_unique<reliability::rig>(
         test_support::ram_blocks(4, reliability::block_of_sectors(6)));
     rig_->mount(full_check);
@@ -31,24 +28,6 @@ class known_losses : public testing::Test {
     rig_->make_file("file", pattern(5000, 2));
     rig_->unmount();
     image_ = std::make_unique<image_builder>(rig_->device());
-  }
-  ~known_losses() override {
-    rig_.reset();
-    sim::install_chassis(nullptr);
-  }
-
-  int32_t mount(uint32_t flags) {
-    const int32_t result = rig_->mount(flags);
-    printed_ = rig_->take_output();
-    return result;
-  }
-  bool printed(const char* text) const {
-    return printed_.find(text) != std::string::npos;
-  }
-  std::string content_of(const char* path) {
-    const reliability::tree found = rig_->walk();
-    const auto node = found.find(path);
-    return node == found.end() ? "<absent>" : node->second.content;
   }
   // The first sector with this owner and number, from a place on.
   flashfs_sector* sector(uint16_t fileid, uint16_t seq_no) {
@@ -109,10 +88,7 @@ class known_losses : public testing::Test {
     return -1;
   }
 
-  sim::chassis chassis_;
-  std::unique_ptr<reliability::rig> rig_;
   std::unique_ptr<image_builder> image_;
-  std::string printed_;
 };
 
 TEST_F(known_losses,

@@ -3,42 +3,15 @@
 
 #include <vector>
 
-#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/fsck_recipe.h"
 
 namespace {
 
 using namespace test_support;
 
-std::string said(const std::string& text) {
-  return "flashfs[0]: " + text + "\n";
-}
-
-class recipe : public recipe_fixture {
- protected:
-  // Four blocks of four sectors, the last one the spare. The root has file 2 "f" of two sectors and
-  // directory 3 "d", which holds the empty file 4 "x".
-  void make() {
-    make_blocks({4, 4, 4, 4});
-    image().headers(3);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {1, 0}});
-  }
-  void image_state(int block, uint8_t state) {
-    image().header(block, {.erase_count = 5, .state = state});
-  }
-  void expect_tree() {
-    EXPECT_EQ(path_lookup(fs(), "f"), 2);
-    EXPECT_EQ(path_lookup(fs(), "d/x"), 4);
-    EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U);
-  }
-};
-
-using check_spare = recipe;
-using check_scrub = recipe;
-using check_reclaim = recipe;
+using check_spare = check_recipe;
+using check_scrub = check_recipe;
+using check_reclaim = check_recipe;
 
 // --- the spare ---
 
@@ -143,7 +116,7 @@ TEST_F(check_scrub, without_a_buffer_says_so_on_a_line) {
 
 // --- the spare of a committed block: after the first pass there is none, so it is called ---
 
-class committed_spare : public recipe {
+class committed_spare : public check_recipe {
  protected:
   // Mounts, then gives the blocks these states on flash.
   void mount_and_set(const std::vector<uint8_t>& states) {
