@@ -302,6 +302,7 @@ TEST_F(extend_list, a_claim_that_cannot_be_written_gives_minus_1) {
             "flashfs[0]: writing to flash handle " + handle_text(device()) + ", device 0, offset " +
                 hex(block_bytes(4)) +
                 ", length 0x2: Operation Failed\nflashfs[0]: sector ptr: {0x1, 0x1}\n");
+  EXPECT_EQ(list_text(fs(), 7), "0:1.0/254 1:1.1/254");
 }
 
 TEST_F(extend_list, a_file_ends_where_the_numbers_of_its_sectors_do) {
@@ -561,6 +562,7 @@ TEST(next_slot_seq_no, follows_the_unbroken_run_from_0) {
   EXPECT_EQ(next_slot_after({0, 1, 2}), 3);
   EXPECT_EQ(next_slot_after({0, 1, 3, 4}), 2);
   EXPECT_EQ(next_slot_after({0, 65535}), 1);
+  EXPECT_EQ(next_slot_after({0, 0, 1}), 1);
 }
 
 TEST(next_slot_seq_no, has_16_bits) {

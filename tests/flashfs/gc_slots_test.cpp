@@ -315,6 +315,7 @@ TEST_F(slots, any_failing_flash_call_ends_compaction_without_loss) {
       continue;
     }
     EXPECT_EQ(output.substr(output.size() - 4), "none") << n;
+    EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
     device().fail(flash_call::any, 0, flash_ok);
     if (check_of_recipe(full).find("unable to allocate available block.") != std::string::npos) {
       without_spare++;
@@ -346,6 +347,26 @@ TEST_F(slots, afterwards_only_blocks_in_use_are_reclaimed) {
   EXPECT_EQ(allocate(1), " wS3 wS3 eS2 wS2 wS33.0");
   EXPECT_EQ(fs()->random, 1U);
   EXPECT_EQ(counters_text(), "0/0 1/0 0/0 0/0");
+}
+
+TEST_F(slots, afterwards_the_block_with_the_most_invalid_sectors_goes) {
+  for (const uint32_t random : {0U, 1U}) {
+    make_blocks({3, 3, 3, 3});
+    image().headers(3);
+    root_slot(0, 0, 0);
+    name(0, 0, 1, 1, 1, 2, "f");
+    // One block will have two directory sectors less, the other one.
+    const auto two = static_cast<int16_t>(random == 0 ? 1 : 2);
+    const auto one = static_cast<int16_t>(3 - two);
+    name(one, 0, 0, 2, 1, 3, "g");
+    name(two, 0, 0, 3, 1, 4, "h");
+    name(two, 1, 0, 4, 1, 5, "i");
+    data(2, {{0, 1}, {0, 2}, {one, 1}, {one, 2}, {two, 2}});
+    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    fs()->random = random;
+    EXPECT_NE(allocate(1).find(" eS" + std::to_string(two)), std::string::npos);
+    EXPECT_EQ(fs()->random, random);
+  }
 }
 
 TEST_F(slots, afterwards_a_tie_is_settled_by_random) {
@@ -380,6 +401,34 @@ TEST_F(slots, afterwards_blocks_are_reclaimed_until_the_list_can_give) {
   EXPECT_EQ(allocate(), " wS3 wS3 eS2 wS2 wS3 wS2 wS2 eS1 wS1 wS22.0");
   EXPECT_EQ(sectors_text(fs()), "3.0");
   EXPECT_TRUE(is_repaired());
+}
+
+// A fresh directory sector stands before one that had slots left.
+TEST_F(slots, the_lower_sector_of_a_block_is_filled_first_whatever_the_lists_order) {
+  make_blocks({4, 4, 4});
+  image().headers(2);
+  root_slot(0, 0, 0);
+  name(0, 0, 1, 1, 1, 2, "f");
+  name(0, 1, 0, 2, 1, 3, "g");
+  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  std::vector<uint8_t> lower;
+  while (fs()->available_slots->sctr_ptr.sctr_num == 0) {
+    available_slot_take(fs(), &lower.emplace_back());
+  }
+  std::vector<uint8_t> higher;
+  while (fs()->available_slots != nullptr) {
+    available_slot_take(fs(), &higher.emplace_back());
+  }
+  for (auto slot = lower.rbegin(); slot != lower.rend(); ++slot) {
+    available_slot_push(fs(), {0, 0}, *slot);
+  }
+  for (auto slot = higher.rbegin(); slot != higher.rend(); ++slot) {
+    available_slot_push(fs(), {0, 1}, *slot);
+  }
+  ASSERT_EQ(slots_text(fs()).substr(0, 6), "0.1/31");
+  allocate(1);
+  EXPECT_EQ(list_text(fs(), 1).find(".1/"), std::string::npos);
 }
 
 TEST_F(slots, the_list_is_sorted_by_block_and_sector_and_keeps_the_order_within_a_sector) {

@@ -146,6 +146,7 @@ TEST_F(fresh_blocks, one_without_sectors_that_gives_nothing_is_an_inconsistency)
   take_all();
   EXPECT_EQ(allocate(1), " wS2" + inconsistency + "none");
   EXPECT_EQ(states_text(), "f00");
+  EXPECT_EQ(fs()->random, 0U);  // no tie
 }
 
 TEST_F(fresh_blocks, one_that_adds_nothing_to_one_sector_is_an_inconsistency) {
@@ -432,6 +433,21 @@ TEST_F(one_block, without_a_buffer_stays_as_it_is) {
   fs()->sctr_buf_chunk = pool;
 }
 
+TEST_F(one_block, has_its_pointers_in_the_spare_before_that_is_in_use) {
+  make_blocks({4, 4, 4});
+  image().headers(2);
+  root_slot(0, 0, 0);
+  name(0, 0, 1, 1, 1, 2, "f");
+  data(2, {{0, 1}, {1, 1}});
+  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  // After the spare's invalid1, two sectors, its committed state, and the victim's new header.
+  device().fail(flash_call::write, 6, flash_operation_failed);
+  output_of([&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 0, 0), 1); });
+  device().fail(flash_call::any, 0, flash_ok);
+  EXPECT_EQ(list_text(fs(), 2), "0:2.1/255 1:1.1/255");
+  EXPECT_EQ(fs()->available_block, 2);
+}
+
 TEST_F(one_block, any_failing_flash_call_ends_its_reclamation_without_loss) {
   // With another erased block: a check after a commit needs one for the spare.
   for (const std::vector<int>& sectors :
@@ -450,6 +466,7 @@ TEST_F(one_block, any_failing_flash_call_ends_its_reclamation_without_loss) {
           output_of([&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 0, 0), 1) << n; });
       EXPECT_NE(output.find(": Operation Failed\n"), std::string::npos);
       EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+      EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
       device().fail(flash_call::any, 0, flash_ok);
       EXPECT_EQ(check_of_recipe(full).find("result"), std::string::npos) << n << check_output();
       EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
