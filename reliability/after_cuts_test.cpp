@@ -83,6 +83,25 @@ TEST_F(after_a_cut, half_a_name_is_believed_by_the_quick_check_only) {
   expect_others_whole();
 }
 
+TEST_F(after_a_cut, half_a_slot_of_the_root_hides_everything_from_the_quick_check_only) {
+  cut("repair: no slot of the root", {4, cut_kind::before});
+  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_TRUE(rig_->walk().empty());
+  EXPECT_EQ(mount(full_check), 0);
+  expect_others_whole();
+}
+
+// The check comes to directory 4 by itself and once more from the directory that names it, and
+// takes the names in it for second ones.
+TEST_F(after_a_cut, names_below_two_orphans_are_not_there_until_the_next_check) {
+  cut("relink an orphan directory", {13, cut_kind::before});
+  cut_check(quick_check, {31, cut_kind::before});
+  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(content_of("lost+found/00007/00004/inner"), "<absent>");
+  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(content_of("lost+found/00007/00004/inner"), pattern(3000, 3));
+}
+
 TEST_F(after_a_cut, a_torn_deletion_of_an_available_slot_is_refused_by_the_quick_check_only) {
   cut("repair: dirty available slot", {1, cut_kind::during});
   EXPECT_EQ(mount_left(quick_check), -1);

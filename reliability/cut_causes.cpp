@@ -60,6 +60,20 @@ const std::vector<cause_facts>& all_causes() {
        scope::own,
        {outcome::check_refuses},
        {outcome::check_refuses}},
+      {cause::walked_twice,
+       "orphan walked twice",
+       {place::slot},
+       false,
+       scope::own,
+       {outcome::touched_lost},
+       {outcome::touched_lost}},
+      {cause::half_written_root,
+       "half-written root",
+       {place::slot},
+       false,
+       scope::any_operation,
+       {outcome::other_changed},
+       {}},
       {cause::half_written_slot,
        "half-written slot",
        {place::slot},
@@ -151,6 +165,9 @@ bool falls_in(const cut& each, const cause_facts& facts) {
   if (facts.why == cause::data_read_as_slots && each.left != fileid_root) {
     return false;
   }
+  if (facts.why == cause::half_written_root && !each.of_root) {
+    return false;
+  }
   if (facts.why == cause::checksum_by_chance && !each.checksum_holds) {
     return false;
   }
@@ -176,6 +193,10 @@ bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& fi
 }
 
 constexpr uint32_t state_word = 12;  // offset of a header's state
+
+size_t slot_around(uint32_t in_sector) {
+  return (in_sector - offsetof(flashfs_sector, slots)) / sizeof(flashfs_dir_slot);
+}
 
 place place_in_sector(const sim::mutation& mutation, const flashfs_sector& sector,
                       uint32_t in_sector) {
@@ -217,7 +238,7 @@ const char* outcome_name(outcome kind) {
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device) {
   const sim::mutation& last = device.flash().last_mutation();
   const bool during = kind != sim::cut_kind::before;
-  cut made = {mutation, place::erase, during, 0, false, has_unfinished_sector(device)};
+  cut made = {mutation, place::erase, during, 0, false, has_unfinished_sector(device), false};
   if (last.is_erase) {
     return made;
   }
@@ -240,6 +261,8 @@ cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& 
   made.where = blkheader_state(header) == block_in_use ? place_in_sector(last, sector, in_sector)
                                                        : place::copy;
   made.checksum_holds = sector_crc(&sector) == flashfs_good_crc;
+  made.of_root =
+      made.where == place::slot && sector.slots[slot_around(in_sector)].entry_fileid == fileid_root;
   return made;
 }
 

@@ -45,6 +45,7 @@ struct cut {
   uint16_t left;        // what the word reads as afterwards; of an erase nothing
   bool checksum_holds;  // of the sector around it, by chance if it is torn
   bool unfinished;      // a data sector of a block in use has no checksum yet
+  bool of_root;         // the slot around it names the root
 };
 
 // Where the latest mutation of the device, at which the power was cut, falls.
@@ -55,6 +56,7 @@ bool has_unfinished_sector(test_support::ram_flash& device);
 
 enum class cause {
   half_written_slot,
+  half_written_root,
   torn_deletion,
   data_read_as_slots,
   half_claimed_sector,
@@ -63,6 +65,7 @@ enum class cause {
   checksum_by_chance,
   sectors_outlive_name,
   shortened_first,
+  walked_twice,
   no_spare,
   torn_header,
   number_handed_out_again,

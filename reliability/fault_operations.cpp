@@ -32,7 +32,10 @@ const std::map<std::string, std::set<ending>>& endings_of_changes() {
       {"format", {ending::marked_down, ending::check_fails}},
       {"raw write", {ending::marked_down, ending::check_fails, ending::up_again}},
       {"relink an orphan", relinks},
+      {"relink an orphan directory", relinks},
       {"repair: bad slot checksum", relinks},
+      {"repair: bad file type", relinks},
+      {"repair: illegal name", relinks},
   };
   return endings;
 }

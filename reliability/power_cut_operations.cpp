@@ -134,6 +134,7 @@ void set_state(image_builder& image, int block, block_state state) {
 }
 
 constexpr uint16_t fileid_file = 3;
+constexpr uint16_t fileid_d = 4;
 
 flashfs_dir_slot* find_slot(image_builder& image, uint16_t entry_fileid) {
   for (int b = 0; b < image.block_count(); b++) {
@@ -288,6 +289,21 @@ void add_record_repairs(std::vector<operation>* all) {
   all->push_back(
       repair("repair: bad slot checksum", {"file", "lost+found"},
              [](rig&, image_builder& image) { find_slot(image, fileid_file)->name[0] ^= 1; }));
+  all->push_back(
+      repair("repair: bad file type", {"file", "lost+found"}, [](rig&, image_builder& image) {
+        flashfs_dir_slot* slot = find_slot(image, fileid_file);
+        slot->mode = 0x1700;
+        dir_slot_set_checksum(slot);
+      }));
+  all->push_back(
+      repair("repair: illegal name", {"file", "lost+found"}, [](rig&, image_builder& image) {
+        flashfs_dir_slot* slot = find_slot(image, fileid_file);
+        slot->name[0] = ' ';
+        dir_slot_set_checksum(slot);
+      }));
+  all->push_back(repair("repair: no slot of the root", {}, [](rig&, image_builder& image) {
+    memset(&find_slot(image, fileid_root)->dir_fileid, 0, sizeof(be16));
+  }));
   all->push_back(repair("repair: dirty available sector", {}, [](rig&, image_builder& image) {
     const flashfs_sctr_ptr at = find_erased_sector(image);
     image.sector_at(at.block_num, at.sctr_num)[900] = 0x7F;
@@ -322,6 +338,11 @@ void add_record_repairs(std::vector<operation>* all) {
   all->push_back(repair("relink an orphan", {"file", "lost+found"}, [](rig&, image_builder& image) {
     memset(&find_slot(image, fileid_file)->dir_fileid, 0, sizeof(be16));
   }));
+  all->push_back(
+      repair("relink an orphan directory", {"d", "lost+found"}, [](rig&, image_builder& image) {
+        memset(&find_slot(image, fileid_d)->dir_fileid, 0, sizeof(be16));
+      }));
+  all->back().own_causes.insert(cause::walked_twice);
 }
 
 }  // namespace
