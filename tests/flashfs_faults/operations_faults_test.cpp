@@ -343,24 +343,40 @@ TEST_F(operations_without_memory, an_open_without_a_record_or_a_descriptor_is_ou
   EXPECT_EQ(get("a"), "text");
 }
 
-TEST_F(operations_without_memory, the_raw_device_needs_a_block_of_memory) {
+TEST_F(operations_without_memory, the_raw_device_needs_a_sector_and_a_block_of_memory) {
   make();
   const int32_t raw = open("...", open_rw);
   char byte = 0;
+  const std::string no_sector = "flashfs[0]: unable to allocate sector buffer\n";
+  for (const int n : {1, 2}) {
+    for (const bool writing : {false, true}) {
+      int32_t result = 0;
+      said([&] {
+        allocations_until_none = n;
+        result = writing ? ifs_write(raw, "x", 1) : ifs_read(raw, &byte, 1);
+        allocations_until_none = 0;
+      });
+      EXPECT_EQ(error_of(result), ENOMEM);
+      EXPECT_EQ(output(), n == 1 ? no_sector : "");
+      EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    }
+  }
+  EXPECT_EQ(close(raw), 0);
+}
+
+TEST_F(operations_without_memory, a_transfer_takes_its_buffer_before_it_checks) {
+  make();
+  put("a", "text");
+  const int32_t fd = open("a");
   int32_t result = 0;
   said([&] {
     allocations_until_none = 1;
-    result = ifs_read(raw, &byte, 1);
+    result = ifs_write(fd, "x", 1);
     allocations_until_none = 0;
   });
   EXPECT_EQ(error_of(result), ENOMEM);
-  said([&] {
-    allocations_until_none = 1;
-    result = ifs_write(raw, "x", 1);
-    allocations_until_none = 0;
-  });
-  EXPECT_EQ(error_of(result), ENOMEM);
-  EXPECT_EQ(close(raw), 0);
+  EXPECT_EQ(error_of(write(fd, "x")), EBADF);
+  EXPECT_EQ(close(fd), 0);
 }
 
 TEST_F(operations_without_memory, operations_on_names_leave_nothing_out) {
