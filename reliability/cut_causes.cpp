@@ -55,7 +55,7 @@ const std::vector<cause_facts>& all_causes() {
        {outcome::touched_torn}},
       {cause::no_spare,
        "no spare",
-       {place::erase, place::header_state, place::header_rest},
+       {place::erase, place::header_state, place::header_rest, place::copy},
        false,
        scope::own,
        {outcome::check_refuses},
@@ -184,9 +184,11 @@ bool falls_in(const cut& each, const cause_facts& facts) {
 
 bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& first,
              const std::optional<cut>& second) {
-  const bool in_first =
-      falls_in(first, facts) && (facts.reach == scope::any_operation || own.count(facts.why) != 0);
-  const bool in_second = second && falls_in(*second, facts) && facts.reach == scope::any_operation;
+  const bool is_own = facts.reach == scope::any_operation || own.count(facts.why) != 0;
+  const bool in_first = is_own && falls_in(first, facts);
+  // A check does what comes with words alone, and collects garbage on a full device.
+  const bool in_check = facts.reach == scope::any_operation || facts.why == cause::no_spare;
+  const bool in_second = is_own && in_check && second && falls_in(*second, facts);
   // One file is named twice by two half-written slots.
   return facts.why == cause::number_handed_out_again ? in_first && in_second
                                                      : in_first || in_second;

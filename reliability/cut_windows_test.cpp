@@ -23,7 +23,7 @@ struct window {
 #ifdef ZANTROLUME_EMULATOR
 constexpr uint64_t most_mutations = 40;
 #else
-constexpr uint64_t most_mutations = 3000;
+constexpr uint64_t most_mutations = 8000;
 #endif
 
 const window windows[] = {
@@ -62,12 +62,12 @@ const window windows[] = {
      {outcome::touched_torn}},
     {"reclaim a full-size block",
      cause::no_spare,
-     "3",
+     "3087",
      {outcome::check_refuses},
      {outcome::check_refuses}},
     {"reclaim a smaller block",
      cause::no_spare,
-     "3-12",
+     "3087-6180",
      {outcome::check_refuses},
      {outcome::check_refuses}},
 };

@@ -37,14 +37,19 @@ void prepare_files(rig& flash) {
   ifs_mkdir("bootflash:e", 0);
 }
 
-// Fills the rest of the device with one file's sectors, makes most of it obsolete again and uses up
-// what is free, so that the next allocation must collect garbage.
+// Fills the rest of the device with the sectors of two files by turns, removes one of them and uses
+// up what is free, so that the next allocation must collect a block in which every other sector
+// lives.
 void prepare_full(rig& flash) {
   prepare_files(flash);
-  flash.make_file("filler", pattern(200000, 4));
-  flash.truncate("filler", 2048 * 3);
+  uint32_t written = 0;
+  while (flash.write(written % 2 == 0 ? "odd" : "even", pattern(sector_data_size, written),
+                     ifs_open_write | ifs_open_create | ifs_open_append) == 0) {
+    written++;
+  }
+  ifs_remove("bootflash:even");
   while (flash.fs()->num_available_sectors > 0) {
-    flash.write("filler", "Z", ifs_open_write, 2048);
+    flash.write("odd", "Z", ifs_open_write, 100);
   }
 }
 
