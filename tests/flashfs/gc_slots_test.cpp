@@ -4,39 +4,16 @@
 
 #include <cstring>
 
-#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/gc_recipe.h"
 
 namespace {
 
 using namespace test_support;
 
-const std::string inconsistency = "flashfs[0]: inconsistency during sector reclamation\n";
+// --- compaction of directory slots ---
 
-class collection : public recipe_fixture {
+class slots : public collection_recipe {
  protected:
-  void mount_quietly() {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
-  }
-  // Allocates one sector. Its address, or "none", after what was printed.
-  std::string allocate(uint32_t use_reserve = 0) {
-    flashfs_sctr_ptr pointer = {9, 9};
-    int result = 0;
-    const std::string output =
-        output_of([&] { result = flashfs_alloc_sector(fs(), &pointer, use_reserve); });
-    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-    if (result != 0) {
-      EXPECT_EQ(result, 1);
-      EXPECT_EQ(pointer.block_num, -1);
-      return output + "none";
-    }
-    return output + text_of(pointer);
-  }
-  std::string writes_of_allocation(uint32_t use_reserve = 0) {
-    return writes_of(fs(), [&] { allocate(use_reserve); });
-  }
-  void image_state(int block, uint8_t state) {
-    image().header(block, {.state = state});
-  }
   // The live slots of a directory sector as "slot:entry"; "-" for a free and "x" for a deleted one
   // are left out.
   std::string slots_on_flash(int block, int sector) {
@@ -49,12 +26,6 @@ class collection : public recipe_fixture {
     }
     return joined(words);
   }
-};
-
-// --- compaction of directory slots ---
-
-class slots : public collection {
- protected:
   // The spare is block 2. Directory sectors 0.0 .. with so many live slots each: entries of the
   // root with the ids 10, 11, ... in the first slots, the root's own slot the very first of all.
   // The other slots are deleted; file 2, first of the names, has all other sectors.

@@ -5,46 +5,13 @@
 
 #include <cstring>
 
-#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/gc_recipe.h"
 
 namespace {
 
 using namespace test_support;
 
-class collection : public recipe_fixture {
- protected:
-  void mount_quietly() {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
-  }
-  // Allocates one sector. Its address, or "none", after what was printed.
-  std::string allocate(uint32_t use_reserve = 0) {
-    flashfs_sctr_ptr pointer = {9, 9};
-    int result = 0;
-    const std::string output =
-        output_of([&] { result = flashfs_alloc_sector(fs(), &pointer, use_reserve); });
-    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-    if (result != 0) {
-      EXPECT_EQ(result, 1);
-      EXPECT_EQ(pointer.block_num, -1);
-      return output + "none";
-    }
-    return output + text_of(pointer);
-  }
-  std::string writes_of_allocation(uint32_t use_reserve = 0) {
-    return writes_of(fs(), [&] { allocate(use_reserve); });
-  }
-  // Leaves nothing on the lists of what is available; the flash keeps what was on them erased.
-  void take_all() {
-    available_clear(fs());
-  }
-  void image_state(int block, uint8_t state) {
-    image().header(block, {.state = state});
-  }
-};
-
-using fresh_blocks = collection;
-
-const std::string inconsistency = "flashfs[0]: inconsistency during sector reclamation\n";
+using fresh_blocks = collection_recipe;
 
 // --- blocks never brought into service ---
 
@@ -178,7 +145,7 @@ TEST_F(fresh_blocks, a_failing_flash_call_ends_the_allocation) {
 
 // --- which block is reclaimed ---
 
-class choice_of_victim : public collection {
+class choice_of_victim : public collection_recipe {
  protected:
   // Blocks 0 to 3 in use with so many invalidated sectors each, block 4 the spare. The root's slot
   // lies in block 0.
@@ -273,7 +240,7 @@ TEST_F(choice_of_victim, one_after_the_other_goes_until_two_sectors_are_there) {
 
 // --- reclaiming one block ---
 
-class one_block : public collection {
+class one_block : public collection_recipe {
  protected:
   // Block 0, the victim: a directory sector with live, deleted and free slots, one with deleted and
   // free ones only, an invalidated, an erased and a data sector. Block 1: the rest of the file.
