@@ -22,8 +22,6 @@ constexpr node_address node_addresses[node_count] = {
     {"/dev/vexmor2", 0x10170000},
 };
 
-constexpr int first_descriptor = 3;  // the first that a program finds free
-
 // Status reads in vain that make one second of a clock that stands still.
 constexpr uint32_t waiting_reads_per_second = 1000;
 
@@ -265,8 +263,11 @@ void cpld::write_page(uint32_t value) {
     return;
   }
   deviations_.bad_page += value > last_page ? 1 : 0;
-  for (const bay& one : bays_) {
+  for (bay& one : bays_) {
     deviations_.while_busy += one.busy ? 1 : 0;
+    if (one.pages_until_never != 0 && --one.pages_until_never == 0) {
+      one.ready_never = true;
+    }
   }
   page_ = value & last_page;
 }
@@ -306,6 +307,10 @@ void cpld::set_running(int index, bool running) {
 void cpld::set_ready_never(int index, uint64_t after_cycles) {
   bays_[index].ready_never = after_cycles == 0;
   bays_[index].cycles_until_never = after_cycles;
+}
+
+void cpld::set_ready_never_after_pages(int index, uint64_t pages) {
+  bays_[index].pages_until_never = pages;
 }
 
 void cpld::set_ready_low(int index, uint32_t status_reads) {
@@ -436,7 +441,7 @@ int chassis::open(const char* path) {
     if (std::strcmp(path, node_addresses[node].path) == 0) {
       node_open_[node] = true;
       opens_++;
-      return first_descriptor + node;
+      return first_descriptor_ + node;
     }
   }
   errno = ENOENT;
@@ -449,7 +454,7 @@ window_base chassis::map(int fd, size_t length, off_t offset) {
     errno = map_error_;
     return failed;
   }
-  const int node = fd - first_descriptor;
+  const int node = fd - first_descriptor_;
   if (node < 0 || node >= node_count || !node_open_[node]) {
     errno = EBADF;
     return failed;
@@ -457,6 +462,9 @@ window_base chassis::map(int fd, size_t length, off_t offset) {
   if (length != chassis_window_size || offset != node_addresses[node].offset) {
     errno = EINVAL;
     return failed;
+  }
+  if (map_null_) {
+    return nullptr;
   }
   mapped_++;
   return &nodes_[node];

@@ -114,6 +114,8 @@ class cpld {
   void set_running(int index, bool running);
   // The ready bit does not rise again after so many command, program and erase cycles from now on.
   void set_ready_never(int index, uint64_t after_cycles = 0);
+  // The same after so many writes of the page register.
+  void set_ready_never_after_pages(int index, uint64_t pages);
   // After every command, program and erase cycle, and from now on, the next `status_reads` reads of
   // the status find the flash not ready. 0: always ready.
   void set_ready_low(int index, uint32_t status_reads);
@@ -140,6 +142,7 @@ class cpld {
     bool running = false;
     bool ready_never = false;
     uint64_t cycles_until_never = 0;  // 0: none planned
+    uint64_t pages_until_never = 0;   // 0: none planned
     bool busy = false;                // a cycle was taken and the ready bit has not been seen since
     uint32_t ready_low = 0;           // status reads that each cycle keeps the ready bit low
     uint32_t low_left = 0;
@@ -224,6 +227,14 @@ class chassis {
   void clock_hold(int64_t seconds);
   // Begins at `seconds` and goes on by one second after each `reads` reads of clock or status.
   void clock_step(int64_t seconds, uint32_t reads);
+  // The descriptor that opening the first node gives; the second node's is the next one.
+  void set_first_descriptor(int fd) {
+    first_descriptor_ = fd;
+  }
+  // Mapping gives the null pointer.
+  void map_null() {
+    map_null_ = true;
+  }
   // Seconds; counts as a read.
   int64_t clock();
   uint64_t clock_reads() const {
@@ -261,6 +272,8 @@ class chassis {
   bool node_open_[node_count] = {};
   int open_error_ = 0;
   int map_error_ = 0;
+  int first_descriptor_ = 3;  // the first that a program finds free
+  bool map_null_ = false;
   int mapped_ = 0;
   int opens_ = 0;
   clock_mode clock_mode_ = clock_mode::real;

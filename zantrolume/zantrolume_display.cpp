@@ -21,7 +21,7 @@ constexpr char source_name[] = "zantrolume_cpld";
 
 // In 64 bits: a length close to the largest has no multiple of 32 above it in 32.
 int64_t round_up_to_lines(int32_t length) {
-  return (length + dump_line_size - 1) / dump_line_size * dump_line_size;
+  return (length + dump_line_size - 1) & ~(dump_line_size - 1);
 }
 
 // Null when there is no memory.

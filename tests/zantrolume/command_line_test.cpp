@@ -186,8 +186,12 @@ TEST(command_line, a_wrong_number_is_seen_before_a_missing_command) {
 // --- the device ---
 
 TEST(command_line, a_device_that_cannot_be_opened_ends_with_status_0) {
-  const auto result =
-      run({"-v", "4", "sizes"}, [](sim::chassis& chassis) { chassis.fail_open(ENOENT); });
+  const auto result = run(
+      {"-v", "4", "sizes"}, [](sim::chassis& chassis) { chassis.fail_open(ENOENT); },
+      [](sim::chassis&) {
+        EXPECT_EQ(cpld_flash_access_selection, 0x5000U);
+        EXPECT_EQ(flash_status_bit, 4U);
+      });
   EXPECT_EQ(result.output, "\nZANTROLUME : Failed to open file VEXMOR device driver, errno " +
                                std::to_string(ENOENT));
   EXPECT_EQ(result.status, 0);
@@ -197,6 +201,30 @@ TEST(command_line, a_window_that_cannot_be_mapped_ends_with_status_0) {
   const auto result = run({"4", "sizes"}, [](sim::chassis& chassis) { chassis.fail_map(EINVAL); });
   EXPECT_EQ(result.output, "\nZANTROLUME: mmap failed, errno " + std::to_string(EINVAL) + ".\n");
   EXPECT_EQ(result.status, 0);
+}
+
+TEST(command_line, a_window_mapped_at_null_ends_with_status_0) {
+  const auto result = run({"4", "sizes"}, [](sim::chassis& chassis) {
+    chassis.map_null();
+    errno = 0;
+  });
+  EXPECT_EQ(result.output, "\nZANTROLUME: mmap failed, errno 0.\n");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(command_line, descriptor_0_is_no_failure_but_is_not_told) {
+  const auto result =
+      run({"-v", "4", "copy"}, [](sim::chassis& chassis) { chassis.set_first_descriptor(0); });
+  EXPECT_EQ(result.output, mapped + "Sorry, not supported\n" + unmapped);
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(command_line, a_negative_multiple_of_32_is_told_as_it_is) {
+  expect_run({"-v", "--", "4", "sread", "2", "-64"}, 0,
+             opened + mapped +
+                 "\nZANTROLUME: enter zantrolume_cpld:zantrolume_display_flash"
+                 "sector = 2, flash_offset = 0x40000, length = -64\n" +
+                 unmapped);
 }
 
 TEST(command_line, a_running_complex_is_left_alone_and_the_window_unmapped) {

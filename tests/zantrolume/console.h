@@ -20,6 +20,17 @@ namespace zantrolume_test {
 constexpr int usable_blocks = 216;
 constexpr uint32_t block_size_bytes = 0x20000;
 
+using command = int (*)(int argc, char* argv[]);
+
+inline int result_of(command one, std::vector<std::string> words) {
+  std::vector<char*> argv;
+  for (std::string& word : words) {
+    argv.push_back(word.data());
+  }
+  argv.push_back(nullptr);
+  return one(static_cast<int>(words.size()), argv.data());
+}
+
 class console {
  public:
   console() : complex_(4) {}
@@ -36,17 +47,13 @@ class console {
   }
 
   // Prints a line of words, runs the command on them, prints its result.
-  void run(int (*command)(int argc, char* argv[]), std::vector<std::string> words) {
-    std::vector<char*> argv;
+  void run(command one, const std::vector<std::string>& words) {
     printf("$");
-    for (std::string& word : words) {
+    for (const std::string& word : words) {
       printf(" %s", word.c_str());
-      argv.push_back(word.data());
     }
     printf("\n");
-    argv.push_back(nullptr);
-    const int result = command(static_cast<int>(words.size()), argv.data());
-    printf("= %d\n", result);
+    printf("= %d\n", result_of(one, words));
   }
 
   // Makes a file through the switch, on a started file system.

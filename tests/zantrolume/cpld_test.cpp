@@ -202,6 +202,23 @@ TEST(cpld_ready, another_flash_of_the_node_does_not_count) {
   EXPECT_EQ(zantrolume_wait_on_flash_ready(0x34, c.mask()), 0);
 }
 
+TEST(cpld_ready, the_wait_is_on_the_register_and_the_bits_that_it_is_given) {
+  selected_complex c(3);
+  c.chassis().clock_step(100, 2);
+  c.node().set_running(1, true);
+  c.node().start_trace();
+  EXPECT_EQ(zantrolume_wait_on_flash_ready(0x00, 4), 0);
+  EXPECT_EQ(c.node().stop_trace(), (trace{sim::read32(0x00, 4)}));
+  c.node().start_trace();
+  flash_return_code result = flash_ok;
+  EXPECT_EQ(output_of([&] { result = zantrolume_wait_on_flash_ready(0x00, 0x18); }),
+            "Timeout waiting for flash ready: bit 0x18\n");
+  EXPECT_EQ(result, 7);
+  for (const sim::traced_access& access : c.node().stop_trace()) {
+    EXPECT_EQ(access, sim::read32(0x00, 4));
+  }
+}
+
 // --- read ---
 
 TEST(cpld_read, a_length_of_0_is_refused_without_an_access) {
@@ -244,6 +261,9 @@ TEST(cpld_read, an_odd_length_is_told_once_in_verbose_mode) {
   EXPECT_EQ(output_of([&] { zantrolume_cpld_read(nullptr, 0x1FFE, 5, buffer); }),
             "Need to read one more byte\n");
   EXPECT_EQ(output_of([&] { zantrolume_cpld_read(nullptr, 0x1FFE, 4, buffer); }), "");
+  EXPECT_EQ(output_of([&] { zantrolume_cpld_read(nullptr, 0x1FFD, 5, buffer); }),
+            "Need to read one more byte\n");
+  EXPECT_EQ(output_of([&] { zantrolume_cpld_read(nullptr, 0x1FFD, 4, buffer); }), "");
   verbose_mode = 0;
 }
 
@@ -428,6 +448,23 @@ TEST(cpld_program, a_timeout_at_any_wait_ends_the_write_at_once_and_leaves_the_w
   });
   // After each cycle of the first two words; the flash is not busy after the page is selected.
   EXPECT_TRUE(std::includes(ends.begin(), ends.end(), first_cycles.begin(), first_cycles.end()));
+}
+
+TEST(cpld_program, a_timeout_after_the_page_is_selected_ends_it_before_the_data_cycle) {
+  on_each_complex([](selected_complex& c) {
+    c.node().set_ready_never_after_pages(static_cast<int>(c.index()), 2);
+    c.chassis().clock_step(100, 2);
+    const uint8_t buffer[2] = {1, 2};
+    flash_return_code result = flash_ok;
+    c.node().start_trace();
+    output_of([&] { result = zantrolume_cpld_write(nullptr, 0x1000, 2, buffer); });
+    EXPECT_EQ(result, 7);
+    const trace made = c.node().stop_trace();
+    EXPECT_EQ(c.chassis().counts().page_writes, 2U);
+    EXPECT_EQ(made.back(), c.busy());
+    EXPECT_EQ(c.chassis().counts().programs, 0U);
+    EXPECT_EQ(c.flash().bytes()[0x1000], 0xFF);
+  });
 }
 
 // --- erase ---

@@ -86,6 +86,51 @@ TEST(startup, flashfs_init_takes_no_arguments) {
   });
 }
 
+TEST(startup, and_the_maintenance_commands_register_again) {
+  for (const zantrolume_test::command one : {start_words, fsck_cmd, format_cmd}) {
+    const auto result = test_support::run_isolated([&] {
+      console console;
+      console.make_empty_file_system();
+      register_flashfs();
+      ASSERT_EQ(ifs_add_prefix(0, "other"), 0);
+      console.run(one, {"word"});
+      EXPECT_EQ(ifs_lookup_prefix("bootflash:"), 0);
+      EXPECT_EQ(ifs_lookup_prefix("other:"), -1);
+    });
+    EXPECT_EQ(result.status, 0) << result.output;
+  }
+}
+
+TEST(startup, a_format_counts_as_a_start) {
+  const auto result = test_support::run_isolated([&] {
+    console console;
+    console.make_empty_file_system();
+    console.run(format_cmd, {"format", "bootflash:"});
+    console.complex().chassis().clear_counts();
+    EXPECT_EQ(start_flashfs(), 1);
+    EXPECT_EQ(console.complex().chassis().counts().words_read, 0U);
+  });
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
+TEST(fsck_command, without_f_reads_more) {
+  const auto result = test_support::run_isolated([&] {
+    console console;
+    console.make_empty_file_system();
+    ASSERT_EQ(start_flashfs(), 1);
+    console::write_file("bootflash:file", std::string(5000, 'x'));
+    const auto words_read_by = [&](const std::vector<std::string>& words) {
+      console.complex().chassis().clear_counts();
+      console.run(fsck_cmd, words);
+      return console.complex().chassis().counts().words_read;
+    };
+    const uint64_t quick = words_read_by({"fsck", "-f", "bootflash:"});
+    EXPECT_GT(quick, 0U);
+    EXPECT_GT(words_read_by({"fsck", "bootflash:"}), quick);
+  });
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
 TEST(fsck_command, reads_its_options_and_one_name) {
   expect_session("fsck.txt", [](console& console) {
     console.make_empty_file_system();

@@ -19,6 +19,7 @@ namespace {
 
 bool memory_is_gone;
 uint32_t failing_address = 0xFFFFFFFF;
+int reads;
 
 }  // namespace
 
@@ -63,6 +64,7 @@ uint32_t zantrolume_addr_to_sector(uint32_t address) {
 
 flash_return_code zantrolume_cpld_read(const void*, uint32_t address, uint32_t length,
                                        void* buffer) {
+  ++reads;
   if (address == failing_address) {
     return flash_poll_timeout;
   }
@@ -119,6 +121,12 @@ TEST(failing_read, a_sector_dump_stops) {
   failing_address = 0x20000;
   EXPECT_EQ(output_of([] { zantrolume_display_flash_sector(1, 64); }), "PPC Flash read failed\n");
   failing_address = 0xFFFFFFFF;
+}
+
+TEST(sector_dump, is_one_read) {
+  reads = 0;
+  output_of([] { zantrolume_display_flash_sector(1, 64); });
+  EXPECT_EQ(reads, 1);
 }
 
 TEST(no_memory, both_dumps_say_so) {
