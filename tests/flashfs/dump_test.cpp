@@ -83,6 +83,22 @@ TEST_F(dump, the_slots_of_a_directory_are_triples) {
   EXPECT_EQ(list_of(3), "(0,0,3) Fileid: 3, 1 slots (sequence nos. good) (cksums good)\n");
 }
 
+TEST_F(dump, slots_are_told_by_block_then_sector_then_index) {
+  make_blocks({4, 4, 4});
+  image().headers(2);
+  root_slot(0, 0, 0);
+  directory(0, 0, 1, 1, 1, 3, "dir");
+  name(1, 2, 5, 0, 3, 4, "in.dir");
+  delete_slots(0, 0, 2, 32);
+  delete_slots(1, 2, 0, 5);
+  delete_slots(1, 2, 6, 31);
+  mount_recipe();
+  EXPECT_EQ(list_of(3), "(1,2,5) Fileid: 3, 1 slots (sequence nos. good) (cksums good)\n");
+  EXPECT_NE(dumped([&] { flashfs_dump_file_map(fs()); }).find("Available_slots: (1,2,31) \n"),
+            std::string::npos);
+  EXPECT_EQ(slot(1, 2, 5).substr(0, 42), "Contents of slot 5 in sector 2 in block 1:");
+}
+
 TEST_F(dump, a_file_without_sectors_has_good_verdicts) {
   make_small();
   EXPECT_EQ(list_of(4), "Fileid: 4, 0 sectors (sequence nos. good) (cksums good)\n");

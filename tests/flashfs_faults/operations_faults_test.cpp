@@ -307,6 +307,18 @@ TEST_F(operations_yield, at_every_block_of_the_raw_device) {
   EXPECT_EQ(close(fd), 0);
 }
 
+TEST_F(operations_yield, at_every_sector_and_slot_of_a_dumped_list_and_at_every_row_of_the_map) {
+  make();
+  put("a", pattern(3 * 2048));
+  put("b", "");
+  ppc_stat status;
+  ASSERT_EQ(ifs_stat("bootflash:a", &status), 0);
+  const auto fileid = static_cast<uint16_t>(status.fileid);
+  EXPECT_EQ(yields_of([&] { flashfs_dump_file_list(fs(), fileid); }), "3/0");
+  EXPECT_EQ(yields_of([&] { flashfs_dump_file_list(fs(), fileid_root); }), "3/0");
+  EXPECT_EQ(yields_of([&] { flashfs_dump_file_map(fs()); }), "4/0");
+}
+
 TEST_F(operations_yield, in_a_format_after_every_block_and_in_the_check_at_every_step) {
   make({4, 4, 4});
   put("a", pattern(5000));

@@ -10,11 +10,10 @@ namespace {
 
 using recording_fs::calls;
 using recording_fs::create;
+using recording_fs::no_such_descriptors;
 using recording_fs::open_count;
 using recording_fs::pointer;
 using recording_fs::state;
-
-constexpr int32_t no_such_descriptors[] = {1, 127, 128, 129, -1, INT32_MAX, INT32_MIN};
 
 class descriptor_operations : public recording_fs::switch_fixture {
  protected:
@@ -49,13 +48,14 @@ std::vector<descriptor_operation> common_operations() {
   return {
       {[](int32_t fd) { return ifs_read(fd, buffer, 0xFFFFFFFF); }, "read",
        " " + pointer(buffer) + " 4294967295", EIO},
-      {[](int32_t fd) { return ifs_write(fd, buffer, 6); }, "write", " " + pointer(buffer) + " 6",
-       EIO},
-      {[](int32_t fd) { return ifs_lseek(fd, -8, 2); }, "lseek", " -8 2", EINVAL},
-      {[](int32_t fd) { return ifs_getdents(fd, buffer, 8); }, "getdents",
-       " " + pointer(buffer) + " 8", EIO},
+      {[](int32_t fd) { return ifs_write(fd, buffer, 0xFFFFFFFF); }, "write",
+       " " + pointer(buffer) + " 4294967295", EIO},
+      {[](int32_t fd) { return ifs_lseek(fd, INT32_MIN, -2); }, "lseek", " -2147483648 -2", EINVAL},
+      {[](int32_t fd) { return ifs_getdents(fd, buffer, 0xFFFFFFFF); }, "getdents",
+       " " + pointer(buffer) + " 4294967295", EIO},
       {[](int32_t fd) { return ifs_fstat(fd, &status); }, "fstat", "", EIO},
-      {[](int32_t fd) { return ifs_fioctl(fd, 15, &control_word); }, "fioctl", " 15", EIO},
+      {[](int32_t fd) { return ifs_fioctl(fd, 0xFFFFFFFF, &control_word); }, "fioctl",
+       " 4294967295", EIO},
   };
 }
 
@@ -95,6 +95,14 @@ TEST_F(descriptor_operations, on_a_failed_descriptor_are_eio_but_lseek_is_einval
     EXPECT_EQ(errno, operation.error_of_failed) << operation.name;
   }
   EXPECT_EQ(state.calls, calls{});
+}
+
+TEST_F(descriptor_operations, lseek_leaves_the_eio_of_its_slot_alone) {
+  const int32_t fd = open_file();
+  state.error = EIO;
+  state.results = {-1};
+  EXPECT_EQ(ifs_lseek(fd, 0, 0), -1);
+  EXPECT_EQ(errno, EIO);
 }
 
 TEST_F(descriptor_operations, without_a_slot_are_einval) {
@@ -175,6 +183,13 @@ TEST_F(descriptor_operations, closing_a_failed_descriptor_only_lowers_the_open_c
   EXPECT_EQ(state.calls, calls{});
   EXPECT_EQ(open_count(fsid), 0);
   EXPECT_EQ(ifs_fd_get_fsid(fd), fsid);
+}
+
+TEST_F(descriptor_operations, closing_with_a_positive_flags_word_calls_the_slot) {
+  const int32_t fd = open_file();
+  ifs_fd_get_entry(fd)->flags = 1;
+  EXPECT_EQ(ifs_close(fd), 0);
+  EXPECT_EQ(state.calls, calls{"close 0"});
 }
 
 TEST_F(descriptor_operations, closing_a_failed_descriptor_completes_a_pending_destruction) {

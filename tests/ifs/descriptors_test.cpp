@@ -9,9 +9,8 @@ namespace {
 
 using recording_fs::calls;
 using recording_fs::create;
+using recording_fs::no_such_descriptors;
 using recording_fs::state;
-
-constexpr int32_t no_such_descriptors[] = {1, 127, 128, 129, -1, INT32_MAX, INT32_MIN};
 
 class descriptors : public recording_fs::switch_fixture {};
 
@@ -30,6 +29,11 @@ TEST_F(descriptors, creation_fills_the_entry) {
   EXPECT_EQ(entry->flags, 0);
   EXPECT_EQ(entry->oflags, 0x703);
   EXPECT_EQ(entry->fd_context, &context);
+}
+
+TEST_F(descriptors, the_open_flags_are_kept_in_16_bits) {
+  ASSERT_EQ(ifs_fd_create(0, 0x1FEDC, nullptr), 0);
+  EXPECT_EQ(static_cast<uint16_t>(ifs_fd_get_entry(0)->oflags), 0xFEDC);
 }
 
 TEST_F(descriptors, there_are_128_and_one_more_is_enfile) {
@@ -118,6 +122,7 @@ TEST_F(descriptors, a_negative_flags_word_makes_one_fail_with_eio) {
 TEST_F(descriptors, a_failed_one_still_tells_its_file_system) {
   const int32_t fd = ifs_fd_create(3, 0, nullptr);
   ifs_fd_get_entry(fd)->flags = -32768;
+  EXPECT_EQ(ifs_fd_is_valid(fd), 0);
   EXPECT_EQ(ifs_fd_get_fsid(fd), 3);
 }
 
@@ -162,11 +167,12 @@ TEST_F(descriptors, the_size_is_that_of_the_status_record_or_the_negative_result
   state.calls.clear();
   state.status.size = 4711;
   state.error = EIO;
-  state.results = {0, -2};
+  state.results = {0, 1, -2};
+  EXPECT_EQ(ifs_fd_get_size(fd), 4711);
   EXPECT_EQ(ifs_fd_get_size(fd), 4711);
   EXPECT_EQ(ifs_fd_get_size(fd), -2);
   EXPECT_EQ(errno, EIO);
-  EXPECT_EQ(state.calls, (calls{"fstat 0", "fstat 0"}));
+  EXPECT_EQ(state.calls, (calls{"fstat 0", "fstat 0", "fstat 0"}));
 }
 
 TEST_F(descriptors, the_size_of_a_failed_one_is_eio) {

@@ -45,10 +45,17 @@ TEST_F(filesystem_table, the_accessors_give_the_fields) {
   EXPECT_STREQ(ifs_fsid_get_prefix(0), "bootflash");
 }
 
+TEST_F(filesystem_table, the_fields_keep_all_their_bits) {
+  ifs_create("a", &full_operations, 0xFFFE, 0x9FFFFFFD, 0xFFFC, nullptr);
+  EXPECT_EQ(ifs_fsid_get_type(0), 0xFFFE);
+  EXPECT_EQ(ifs_fsid_get_flags(0), 0x9FFFFFFDu);
+  EXPECT_EQ(ifs_fsid_get_feature(0), 0xFFFC);
+}
+
 TEST_F(filesystem_table, the_flags_word_can_be_replaced) {
   const ppc_fsid_t fsid = create("a", full_operations, 0x3);
-  ifs_fsid_set_flags(fsid, 0x20);
-  EXPECT_EQ(ifs_fsid_get_flags(fsid), 0x20u);
+  ifs_fsid_set_flags(fsid, 0xA0000020);
+  EXPECT_EQ(ifs_fsid_get_flags(fsid), 0xA0000020u);
 }
 
 TEST_F(filesystem_table, an_invalid_fsid_gives_nothing_and_ebadf) {
@@ -70,6 +77,14 @@ TEST_F(filesystem_table, an_invalid_fsid_gives_nothing_and_ebadf) {
   }
   EXPECT_EQ(ifs_fsid_get_flags(0), 0u);
   EXPECT_EQ(open_count(0), 0);
+}
+
+TEST_F(filesystem_table, counting_users_of_an_invalid_fsid_reports_nothing) {
+  for (const ppc_fsid_t fsid : invalid_fsids) {
+    ifs_open_file_increment(fsid);
+    ifs_open_file_decrement(fsid);
+    EXPECT_EQ(errno, 0) << fsid;
+  }
 }
 
 TEST_F(filesystem_table, a_taken_prefix_cannot_be_created_again) {
@@ -141,6 +156,22 @@ TEST_F(filesystem_table, initialising_empties_both_tables) {
   EXPECT_EQ(create("a"), 0);
 }
 
+TEST_F(filesystem_table, initialising_empties_every_slot) {
+  for (int i = 0; i < 16; ++i) {
+    ASSERT_EQ(create(std::to_string(i).c_str()), i);
+  }
+  for (int32_t fd = 0; fd < 128; ++fd) {
+    ASSERT_EQ(ifs_fd_create(0, 0, nullptr), fd);
+  }
+  ifs_init();
+  for (ppc_fsid_t fsid = 0; fsid < 16; ++fsid) {
+    EXPECT_EQ(ifs_fsid_is_valid(fsid), 0) << fsid;
+  }
+  for (int32_t fd = 0; fd < 128; ++fd) {
+    EXPECT_EQ(ifs_fd_is_valid(fd), 0) << fd;
+  }
+}
+
 TEST_F(filesystem_table, initialising_calls_no_slot) {
   create("a", operations_with_destroy);
   ifs_init();
@@ -195,6 +226,15 @@ TEST_F(filesystem_table, forced_destruction_hides_it_at_once_and_removes_it_at_t
   EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
 }
 
+TEST_F(filesystem_table, a_pending_destruction_is_one_more_flag) {
+  const ppc_fsid_t fsid = create("a", full_operations, 0xA0000083);
+  const int32_t fd = ifs_open("a:f", 0, 0);
+  ifs_destroy(fsid, 1);
+  EXPECT_EQ(ifs_fsid_get_flags(fsid), 0xE0000083u);
+  EXPECT_EQ(ifs_close(fd), 0);
+  EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
+}
+
 TEST_F(filesystem_table, open_files_of_a_hidden_file_system_still_work) {
   const ppc_fsid_t fsid = create("a");
   const int32_t fd = ifs_open("a:f", 0, 0);
@@ -226,6 +266,14 @@ TEST_F(filesystem_table, an_operation_in_progress_defers_the_destruction) {
   EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
 }
 
+TEST_F(filesystem_table, a_failed_open_completes_a_destruction_from_within) {
+  const ppc_fsid_t fsid = create("a");
+  state.during = [&] { ifs_destroy(fsid, 1); };
+  state.results = {-1};
+  EXPECT_EQ(ifs_open("a:f", 0, 0), -1);
+  EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
+}
+
 TEST_F(filesystem_table, the_destroy_slot_is_called_with_the_fsid_twice) {
   create("a");
   const ppc_fsid_t fsid = create("b", operations_with_destroy);
@@ -253,6 +301,13 @@ TEST_F(filesystem_table, a_destroy_slot_that_refuses_keeps_everything) {
   EXPECT_EQ(ifs_lookup_prefix("a:"), -1);
   EXPECT_EQ(ifs_destroy(fsid, 0), 0);
   EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
+}
+
+TEST_F(filesystem_table, a_destroy_slot_refuses_with_a_negative_result_too) {
+  const ppc_fsid_t fsid = create("a", operations_with_destroy);
+  state.results = {-1};
+  EXPECT_EQ(ifs_destroy(fsid, 0), 0);
+  EXPECT_EQ(ifs_fsid_is_valid(fsid), 1);
 }
 
 TEST_F(filesystem_table, the_errno_of_the_operation_outlives_the_destroy_slot) {

@@ -30,16 +30,16 @@ struct path_operation {
 // All that go through one common way. The modes have bits above the 16 that are passed on.
 std::vector<path_operation> common_operations() {
   return {
-      {[](const char* path) { return ifs_chmod(path, 0xABC101FF); }, "chmod", " 511"},
+      {[](const char* path) { return ifs_chmod(path, 0xABCDF1FF); }, "chmod", " 61951"},
       {[](const char* path) { return ifs_remove(path); }, "remove", ""},
-      {[](const char* path) { return ifs_mkdir(path, 0xFFFF81C0); }, "mkdir", " 33216"},
+      {[](const char* path) { return ifs_mkdir(path, 0x1234FFFF); }, "mkdir", " 65535"},
       {[](const char* path) { return ifs_rmdir(path); }, "rmdir", ""},
       {[](const char* path) { return ifs_stat(path, &status); }, "stat", ""},
       {[](const char* path) { return ifs_istat(path, 0xFFFFFFFF, &status); }, "istat",
        " 4294967295"},
       {[](const char* path) { return ifs_statfs(path, &filesystem_status); }, "statfs", ""},
-      {[](const char* path) { return ifs_ioctl(path, 11, &argument); }, "ioctl",
-       " 11 " + pointer(&argument)},
+      {[](const char* path) { return ifs_ioctl(path, 0xFFFFFFFF, &argument); }, "ioctl",
+       " 4294967295 " + pointer(&argument)},
   };
 }
 
@@ -149,6 +149,13 @@ TEST_F(path_operations, a_failed_open_lowers_the_open_count_again) {
   EXPECT_EQ(open_count(fsid), 0);
 }
 
+TEST_F(path_operations, every_negative_result_of_the_open_slot_is_a_failed_open) {
+  const ppc_fsid_t fsid = create("boot");
+  state.results = {-7};
+  EXPECT_EQ(ifs_open("boot:f", 0, 0), -7);
+  EXPECT_EQ(open_count(fsid), 0);
+}
+
 TEST_F(path_operations, open_without_a_registered_prefix_is_eacces) {
   create("boot");
   EXPECT_EQ(ifs_open("flash:f", 0, 0), -1);
@@ -248,6 +255,16 @@ TEST_F(path_operations, free_bytes_of_a_failed_statfs_are_its_result_and_free_sp
   EXPECT_EQ(ifs_fs_free_space("flash:"), 0);
 }
 
+TEST_F(path_operations, free_bytes_and_sizes_come_with_positive_results_too) {
+  create("boot");
+  state.filesystem_status = {1, 2048, 100000, 300, 5, 6, 7, 8, 0};
+  state.status.size = 1234;
+  state.results = {1, 1, 1};
+  EXPECT_EQ(ifs_get_free_bytes("boot:"), 614400);
+  EXPECT_EQ(ifs_fs_free_space("boot:"), 614400);
+  EXPECT_EQ(ifs_file_size("boot:f"), 1234);
+}
+
 TEST_F(path_operations, a_files_size_is_that_of_its_status_record) {
   create("boot");
   state.status.size = 1234;
@@ -261,7 +278,8 @@ TEST_F(path_operations, a_size_that_is_not_positive_or_not_known_is_0) {
   state.status.size = 0x80000000;
   EXPECT_EQ(ifs_file_size("boot:f"), 0);
   state.status.size = 1234;
-  state.results = {-1};
+  state.results = {-1, -2};
+  EXPECT_EQ(ifs_file_size("boot:f"), 0);
   EXPECT_EQ(ifs_file_size("boot:f"), 0);
   EXPECT_EQ(ifs_file_size("flash:f"), 0);
 }

@@ -39,6 +39,7 @@ TEST_F(prefix, without_a_colon_behind_it_a_prefix_is_none) {
   EXPECT_STREQ(path, "bootx");
   EXPECT_EQ(ifs_lookup_prefix("boot"), -1);
   EXPECT_EQ(ifs_lookup_prefix("boo:"), -1);
+  EXPECT_EQ(ifs_lookup_prefix("Boot:"), -1);
   EXPECT_EQ(ifs_lookup_prefix(""), -1);
   EXPECT_EQ(ifs_lookup_prefix(":"), -1);
 }
@@ -132,6 +133,17 @@ TEST_F(prefix, stays_on_the_path_of_a_file_system_that_keeps_it) {
   const char* path = "raw:f";
   EXPECT_EQ(ifs_lookup_prefix_and_strip(&path), fsid);
   EXPECT_STREQ(path, "raw:f");
+}
+
+TEST_F(prefix, one_flag_alone_keeps_it_on_the_path_and_no_other_does) {
+  create("keeping", recording_fs::full_operations, 0x93);
+  create("stripped", recording_fs::full_operations, 0xBFFFFFEF);
+  const char* kept = "keeping:f";
+  const char* stripped = "stripped:f";
+  EXPECT_EQ(ifs_lookup_prefix_and_strip(&kept), 0);
+  EXPECT_EQ(ifs_lookup_prefix_and_strip(&stripped), 1);
+  EXPECT_STREQ(kept, "keeping:f");
+  EXPECT_STREQ(stripped, "f");
 }
 
 TEST_F(prefix, further_prefixes_lead_to_the_same_file_system) {

@@ -152,6 +152,9 @@ inline int open_count(ppc_fsid_t fsid) {
   return ifs_fsid_get_entry(fsid)->open_count;
 }
 
+// None of these is open while descriptor 0 is the only one.
+constexpr int32_t no_such_descriptors[] = {1, 127, 128, 129, -1, INT32_MAX, INT32_MIN};
+
 // How the recorder writes a pointer.
 inline std::string pointer(const void* address) {
   std::ostringstream text;

@@ -64,9 +64,10 @@ TEST(watched_boolean, deleting_leaves_the_handle_null) {
   EXPECT_EQ(cell, nullptr);
 }
 
-TEST(watched_semaphore, deleting_leaves_the_handle_null) {
+TEST(watched_semaphore, is_zero_at_first_and_deleting_leaves_the_handle_null) {
   watched_semaphore* semaphore = create_watched_semaphore("name");
   ASSERT_NE(semaphore, nullptr);
+  EXPECT_EQ(semaphore->cell, 0u);
   delete_watched_semaphore(&semaphore);
   EXPECT_EQ(semaphore, nullptr);
 }
