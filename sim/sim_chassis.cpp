@@ -316,6 +316,7 @@ void cpld::set_ready_never_after_pages(int index, uint64_t pages) {
 void cpld::set_ready_low(int index, uint32_t status_reads) {
   bays_[index].ready_never = false;
   bays_[index].cycles_until_never = 0;
+  bays_[index].pages_until_never = 0;
   bays_[index].ready_low = status_reads;
   bays_[index].low_left = status_reads;
 }

@@ -33,8 +33,9 @@ constexpr ifs_operations operations = [] {
 
 // Runs a command on the file system "odd:", whose calls end with `results` in turn, then with 0.
 // The calls are compared without the addresses in them.
-void expect_run(command one, const std::vector<std::string>& words, std::deque<int32_t> results,
-                const std::string& output, const calls& expected, int expected_result) {
+void expect_run(command one, const std::vector<std::string>& words,
+                const std::deque<int32_t>& results, const std::string& output,
+                const calls& expected, int expected_result) {
   const auto result = test_support::run_isolated([&] {
     console console;
     console.make_empty_file_system();
@@ -174,6 +175,7 @@ TEST(command_start, comes_before_the_arguments_are_looked_at) {
       console.make_empty_file_system();
       result_of(one, {"word"});
     });
+    EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "flashfs[0]: flashfs fsck took 0 seconds.\n");
   }
 }

@@ -86,7 +86,7 @@ TEST(startup, flashfs_init_takes_no_arguments) {
   });
 }
 
-TEST(startup, and_the_maintenance_commands_register_again) {
+TEST(startup, and_maintenance_register_the_file_system_anew) {
   for (const zantrolume_test::command one : {start_words, fsck_cmd, format_cmd}) {
     const auto result = test_support::run_isolated([&] {
       console console;
