@@ -1,10 +1,10 @@
 // The checksum by nibbles, by bytes, and by 2 to 16 bytes at a step, with tables derived from the
-// 16 entries that define it. What the product uses is ifs/ifs_crc.cpp.
+// 16 entries that define it. What the product uses is ifs/crc.cpp.
 #include "bench/checksums.h"
 
 #include <array>
 
-#include "ifs/ifs_runtime.h"
+#include "ifs/runtime.h"
 
 namespace bench {
 

@@ -7,7 +7,7 @@
 #include <string>
 
 #include "bench/checksums.h"
-#include "flashfs/flashfs_format.h"
+#include "flashfs/format.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace bench {

@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "bench/checksums.h"
-#include "flashfs/flashfs_format.h"
+#include "flashfs/format.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace {

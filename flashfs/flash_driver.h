@@ -1,5 +1,5 @@
 // How the file system reaches flash: a record per device with the driver's operations and the
-// device's erase blocks. And the clock with which records are stamped.
+// device's erase blocks.
 #pragma once
 
 #include <cstdint>
@@ -37,6 +37,3 @@ struct flash_driver_info {
   uint16_t block_count;
   flash_block_info* blocks;
 };
-
-// The wall clock in whole seconds since the epoch. Defined where the platform is known.
-int32_t unix_time();

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "flashfs/flash_driver.h"
-#include "flashfs/flashfs_format.h"
+#include "flashfs/format.h"
 #include "ifs/ifs.h"
 
 constexpr int flashfs_max_devices = 2;
@@ -146,7 +146,7 @@ struct flashfs_open_file {
 
 extern const ifs_operations flashfs_operations;
 
-// --- mounting and state (flashfs_mount.cpp) ---
+// --- mounting and state (mount.cpp) ---
 
 // Makes one file system of the devices' usable blocks and registers it, not ready, under the
 // prefix. Returns its fsid, or -1 after a message.
@@ -159,7 +159,7 @@ flashfs* flashfs_get_fsp(const char* prefix);
 int32_t flashfs_get_chip_code(const char* prefix);
 const char* flashfs_get_chip_desc(const char* prefix);
 
-// --- diagnostic dumps (flashfs_dump.cpp) ---
+// --- diagnostic dumps (dump.cpp) ---
 
 // Prints a file's list and a verdict on its sequence numbers and checksums. The caller holds the
 // lock.
@@ -190,7 +190,7 @@ int flashfs_check_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* 
 // Puts a block's erased sectors and slots on the available lists.
 int flashfs_scan_block_available(flashfs* fs, int16_t block_num);
 
-// --- block and sector input/output (flashfs_io.cpp) ---
+// --- block and sector input/output (io.cpp) ---
 
 // The text of a code, in one buffer; from 8 on the text of the call before.
 const char* flash_return_code_text(uint32_t code);
@@ -278,7 +278,7 @@ class sector_buffer {
 // Only for walks that change neither the buffer nor the flash in between.
 int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer);
 
-// --- file map and lists (flashfs_filemap.cpp) ---
+// --- file map and lists (filemap.cpp) ---
 
 // The entry, or null.
 flashfs_sctr_map* filemap_lookup(const flashfs* fs, uint16_t fileid);
@@ -330,7 +330,7 @@ inline bool is_slot_index(uint8_t slot_no) {
   return slot_no < slots_per_sector;
 }
 
-// --- allocation and garbage collection (flashfs_alloc.cpp, flashfs_gc.cpp) ---
+// --- allocation and garbage collection (alloc.cpp, gc.cpp) ---
 
 // One erased sector or slot; garbage is collected when needed. Without `use_reserve` the last one
 // stays. On failure the address's block is no_block.
@@ -384,7 +384,7 @@ uint16_t flashfs_next_slot_seq_no(const flashfs_sctr_map* directory);
 // The id for a new file; 0xFFFF when none is left.
 uint16_t flashfs_next_fileid(const flashfs* fs);
 
-// --- paths (flashfs_path.cpp) ---
+// --- paths (path.cpp) ---
 
 constexpr size_t path_size_max = 320;  // paths of this many bytes or more are refused
 
@@ -400,7 +400,7 @@ flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t m
 // Whether a new name is acceptable: 0, or ENAMETOOLONG (after a message) or EINVAL.
 int new_name_error(flashfs* fs, const char* name);
 
-// --- directory entries (flashfs_entry.cpp); 0, or -1 with errno unless they say otherwise ---
+// --- directory entries (entry.cpp); 0, or -1 with errno unless they say otherwise ---
 
 int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* directory,
                              const char* new_name);
@@ -419,12 +419,12 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
                            flashfs_sctr_map* directory, uint16_t entry_fileid, ppc_mode_t mode,
                            const char* name, flashfs_sector* buffer);
 
-// --- file data (flashfs_write.cpp) ---
+// --- file data (write.cpp) ---
 
 // Cuts a file opened for writing to a length in bytes. Returns 0, or -1 with EBADF, EINVAL or EIO.
 int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t length);
 
-// --- status (flashfs_status.cpp) ---
+// --- status (status.cpp) ---
 
 // Fills the status record of an entry. `near`, unless null, is a remembered place of the file's
 // list, from which its end is looked for and which is moved there. Returns 0, or -1 with errno EIO.
@@ -437,7 +437,7 @@ int32_t flashfs_build_path(flashfs* fs, uint16_t fileid, char* path, size_t path
 // file system down with EIO.
 uint16_t flashfs_resolve(flashfs* fs, const char* path);
 
-// --- check (flashfs_fsck.cpp, flashfs_fsck_tree.cpp) ---
+// --- check (fsck.cpp, fsck_tree.cpp) ---
 
 // Rebuilds the in-memory state from flash and repairs what an interruption left.
 int flashfs_fsck(flashfs* fs, uint32_t quick, uint32_t reclaim_all);
@@ -454,7 +454,7 @@ int fsck_relink_orphan(flashfs* fs, uint16_t orphan_fileid);
 
 // --- operations of the vector, by the source that holds them ---
 
-// flashfs_file.cpp, flashfs_write.cpp
+// file.cpp, write.cpp
 int32_t flashfs_vctr_open(ppc_fsid_t fsid, const char* path, uint32_t oflags, ppc_mode_t mode);
 int32_t flashfs_vctr_read(int32_t fd, void* buffer, uint32_t length);
 int32_t flashfs_vctr_write(int32_t fd, const void* buffer, uint32_t length);
@@ -462,18 +462,18 @@ int32_t flashfs_vctr_close(int32_t fd);
 int32_t flashfs_vctr_lseek(int32_t fd, int32_t offset, int32_t whence);
 int32_t flashfs_vctr_open_by_fileid(ppc_fsid_t fsid, uint32_t ignored, uint32_t fileid,
                                     uint32_t oflags, ppc_mode_t mode);
-// flashfs_namespace.cpp
+// namespace.cpp
 int32_t flashfs_vctr_chmod(ppc_fsid_t fsid, const char* path, ppc_mode_t mode);
 int32_t flashfs_vctr_remove(ppc_fsid_t fsid, const char* path);
 int32_t flashfs_vctr_rename(ppc_fsid_t fsid, const char* old_path, const char* new_path);
 int32_t flashfs_vctr_mkdir(ppc_fsid_t fsid, const char* path, ppc_mode_t mode);
 int32_t flashfs_vctr_rmdir(ppc_fsid_t fsid, const char* path);
-// flashfs_status.cpp
+// status.cpp
 int32_t flashfs_vctr_getdents(int32_t fd, void* buffer, uint32_t length);
 int32_t flashfs_vctr_stat(ppc_fsid_t fsid, const char* path, ppc_stat* status);
 int32_t flashfs_vctr_fstat(int32_t fd, ppc_stat* status);
 int32_t flashfs_vctr_istat(ppc_fsid_t fsid, const char* path, uint32_t fileid, ppc_stat* status);
 int32_t flashfs_vctr_statfs(ppc_fsid_t fsid, const char* path, ppc_statfs* status);
-// flashfs_control.cpp
+// control.cpp
 int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, void* argument);
 int32_t flashfs_vctr_fioctl(int32_t fd, uint32_t command, void* argument);

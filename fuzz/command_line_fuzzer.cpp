@@ -9,7 +9,7 @@
 
 #include "flashfs/flashfs.h"
 #include "ifs/ifs.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_main.h"
 

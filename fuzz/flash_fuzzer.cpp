@@ -8,7 +8,7 @@
 
 #include "fuzz/input_bytes.h"
 #include "reliability/rig.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/support/image_builder.h"
 
 namespace {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "ifs/ifs_runtime.h"
+#include "ifs/runtime.h"
 
 using ppc_fsid_t = int16_t;   // index of a registered file system
 using ppc_mode_t = uint16_t;  // file type in bits 15..12, permissions in bits 8..0
@@ -138,7 +138,7 @@ struct ifs_descriptor {
   void* fd_context;  // the file system's per-file state
 };
 
-// --- file systems and prefixes (ifs_fstab.cpp) ---
+// --- file systems and prefixes (fstab.cpp) ---
 
 // Empties the table of file systems and the table of descriptors.
 void ifs_init();
@@ -186,7 +186,7 @@ const char* ifs_fsid_get_prefix(ppc_fsid_t fsid);
 // Free bytes of the file system that holds the path, or statfs's negative result.
 int32_t ifs_get_free_bytes(const char* path);
 
-// --- descriptors (ifs_descriptors.cpp) ---
+// --- descriptors (descriptors.cpp) ---
 
 // Takes the lowest free descriptor. Returns it, or -1 with ENFILE or ENOMEM.
 int32_t ifs_fd_create(ppc_fsid_t fsid, uint32_t oflags, void* fd_context);
@@ -210,7 +210,7 @@ int32_t ifs_fd_get_size(int32_t fd);
 // Prints a descriptor's fields.
 void zantrolume_display_fdent(const ifs_descriptor* entry);
 
-// --- operations (ifs_operations.cpp) ---
+// --- operations (operations.cpp) ---
 
 int32_t ifs_open(const char* path, uint32_t oflags, uint32_t mode);
 int32_t ifs_close(int32_t fd);

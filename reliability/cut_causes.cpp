@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "flashfs/flashfs_format.h"
+#include "flashfs/format.h"
 
 namespace reliability {
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 
 #include "reliability/power_cuts.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 
 namespace {
 

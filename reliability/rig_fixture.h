@@ -7,7 +7,7 @@
 #include <string>
 
 #include "reliability/rig.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 
 namespace reliability {
 

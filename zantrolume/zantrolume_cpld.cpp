@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "window/clock.h"
+
 int verbose_mode;
 uint32_t cpld_flash_access_selection;
 uint32_t flash_status_bit;

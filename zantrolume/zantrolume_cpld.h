@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "flashfs/flash_driver.h"
-#include "zantrolume/zantrolume_window.h"
+#include "window/window.h"
 
 // Register map of the window, byte offsets.
 constexpr uint32_t cpld_run_state = 0x0000;     // 32 bits, read: bit (index + 1) while it runs

@@ -117,10 +117,6 @@ uintptr_t address_of(const void* pointer) {
 
 }  // namespace
 
-int32_t unix_time() {
-  return static_cast<int32_t>(window_clock());
-}
-
 void zantrolume_display_buffer(uint32_t address, const void* buffer, int32_t length) {
   const auto* bytes = static_cast<const uint8_t*>(buffer);
   for (int64_t offset = 0; offset < length; offset += dump_line_size) {

@@ -10,7 +10,7 @@
 #include <initializer_list>
 #include <string>
 
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 
 namespace test_support {

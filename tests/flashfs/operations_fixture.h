@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "flashfs/flashfs_open.h"
+#include "flashfs/operations.h"
 #include "tests/flashfs/flashfs_recipe.h"
 
 namespace test_support {

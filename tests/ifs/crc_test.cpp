@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "ifs/ifs_runtime.h"
+#include "ifs/runtime.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "ifs/ifs_runtime.h"
+#include "ifs/runtime.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

@@ -1,4 +1,6 @@
 // The stand-ins for the embedded system's kernel, and the program's own memset and strtok.
+#include "ifs/runtime.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -6,8 +8,6 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-
-#include "ifs/ifs_runtime.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
 

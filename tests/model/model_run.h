@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "flashfs/flashfs.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/model/fs_model.h"
 #include "tests/model/model_operation.h"
 #include "tests/support/ram_flash.h"

@@ -1,11 +1,13 @@
 // The registers, command sequences, counters, faults and clock of the simulated chassis.
+#include "sim/chassis.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <ctime>
 
-#include "sim/sim_chassis.h"
-#include "zantrolume/zantrolume_window.h"
+#include "window/clock.h"
+#include "window/window.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 // The rules of the simulated NOR flash, its power cuts and its stuck bits.
+#include "sim/flash.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <set>
-
-#include "sim/sim_flash.h"
 
 namespace {
 

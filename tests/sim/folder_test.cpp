@@ -1,4 +1,6 @@
 // The chassis folder: its text file, its flash files, its errors and what survives a run.
+#include "sim/folder.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -7,9 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "sim/sim_folder.h"
 #include "tests/support/run_program.h"
-#include "zantrolume/zantrolume_window.h"
+#include "window/clock.h"
+#include "window/window.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "flashfs/flashfs.h"
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/support/ram_flash.h"
 
 namespace test_support {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "flashfs/flash_driver.h"
-#include "sim/sim_flash.h"
+#include "sim/flash.h"
 
 namespace test_support {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
 #include "zantrolume/zantrolume_cpld.h"

@@ -13,6 +13,7 @@
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
 #include "tests/zantrolume/selected_complex.h"
+#include "window/clock.h"
 
 using test_support::output_of;
 using test_support::run_isolated;

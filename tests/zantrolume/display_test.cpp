@@ -10,6 +10,7 @@
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
 #include "tests/zantrolume/selected_complex.h"
+#include "window/clock.h"
 #include "zantrolume/zantrolume_display.h"
 
 using test_support::expect_golden;

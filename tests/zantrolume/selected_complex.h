@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace zantrolume_test {

@@ -6,7 +6,7 @@
 #include <new>
 
 #include "ifs/ifs.h"
-#include "ifs/ifs_tables.h"
+#include "ifs/tables.h"
 
 ifs_filesystem* ifs_fstab[ifs_max_filesystems];
 

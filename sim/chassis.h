@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/sim_flash.h"
-#include "zantrolume/zantrolume_window.h"
+#include "sim/flash.h"
+#include "window/window.h"
 
 namespace sim {
 
@@ -246,7 +246,7 @@ class chassis {
   deviation_counts deviations() const;
   void clear_counts();
 
-  // --- for the window functions: as those of zantrolume_window.h ---
+  // --- for the window functions: as those of window/window.h ---
 
   int open(const char* path);
   window_base map(int fd, size_t length, off_t offset);
@@ -284,7 +284,7 @@ class chassis {
 };
 
 // Makes a chassis the one that window_open finds; null takes it away. Without one, window_open
-// loads the chassis folder (sim/sim_folder.h).
+// loads the chassis folder (sim/folder.h).
 void install_chassis(chassis* installed);
 chassis* installed_chassis();
 

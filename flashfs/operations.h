@@ -43,7 +43,7 @@ bool flashfs_is_only_user(const flashfs* fs);
 // null, and the index the list's length, when the list is shorter.
 list_place flashfs_find_place(const flashfs_open_file* open, uint32_t index);
 
-// --- the raw device (flashfs_raw.cpp) ---
+// --- the raw device (raw.cpp) ---
 
 bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open);
 // Erases the device for writing, or closes the file system to all others for reading. 1 on failure.

@@ -1,11 +1,11 @@
 // File data: opening, reading, seeking and closing of files through the switch. Writing is
-// flashfs_write.cpp; the raw stream of the whole device, opened as "...", is flashfs_raw.cpp.
+// write.cpp; the raw stream of the whole device, opened as "...", is raw.cpp.
 #include <cerrno>
 #include <cstring>
 #include <new>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/flashfs_open.h"
+#include "flashfs/operations.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The simulated chassis: first the registers and the command sequences of one node, then what the
 // nodes share: the clock, the opening and mapping of devices, and the sums.
-#include "sim/sim_chassis.h"
+#include "sim/chassis.h"
 
 #include <cerrno>
 #include <cstring>

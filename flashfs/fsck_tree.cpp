@@ -1,11 +1,12 @@
 // The check's work on the directory tree: giving every entry its parent, finding the entries that
 // no directory names, and naming those under "/lost+found".
+#include "flashfs/fsck_tree.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <new>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/flashfs_fsck.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Reading and changing the on-flash records in memory: states, checksums, names. What reaches
-// flash, and when, is flashfs_io.cpp.
-#include "flashfs/flashfs_format.h"
+// flash, and when, is io.cpp.
+#include "flashfs/format.h"
 
 #include <cstdio>
 #include <cstring>

@@ -6,7 +6,7 @@
 #include <bit>
 #include <cstring>
 
-#include "ifs/ifs_runtime.h"
+#include "ifs/runtime.h"
 
 namespace {
 

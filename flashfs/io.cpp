@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "flashfs/flashfs.h"
+#include "window/clock.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // The check: rebuilds the in-memory state from flash and repairs what a power cut or an interrupted
 // operation left. Blocks, headers, duplicated and broken sector lists, and the spare are dealt with
-// here; the directory tree and its orphans in flashfs_fsck_tree.cpp.
-#include "flashfs/flashfs_fsck.h"
-
+// here; the directory tree and its orphans in fsck_tree.cpp.
 #include <cerrno>
 #include <cstdio>
 
 #include "flashfs/flashfs.h"
+#include "flashfs/fsck_tree.h"
+#include "window/clock.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The rules of NOR flash and the ways in which a power cut leaves it.
-#include "sim/sim_flash.h"
+#include "sim/flash.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 // Allocation of sectors and slots, the growing of a file and the dating of an entry that are built
 // on it, and the admission of readers, writers and the file system's one caller. Where space comes
-// from when none is left is flashfs_gc.cpp.
+// from when none is left is gc.cpp.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

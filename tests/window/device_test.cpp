@@ -11,8 +11,9 @@
 #include <string>
 
 #include "tests/support/run_program.h"
+#include "window/clock.h"
+#include "window/window.h"
 #include "zantrolume/zantrolume_cpld.h"
-#include "zantrolume/zantrolume_window.h"
 
 namespace {
 

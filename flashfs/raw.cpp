@@ -7,7 +7,7 @@
 #include <new>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/flashfs_open.h"
+#include "flashfs/operations.h"
 
 namespace {
 

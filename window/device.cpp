@@ -4,9 +4,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <ctime>
-
-#include "zantrolume/zantrolume_window.h"
+#include "window/window.h"
 
 namespace {
 
@@ -42,8 +40,4 @@ uint16_t window_load16(window_base base, uint32_t offset) {
 
 void window_store16(window_base base, uint32_t offset, uint16_t value) {
   *reinterpret_cast<volatile uint16_t*>(window_address(base, offset)) = value;
-}
-
-int64_t window_clock() {
-  return time(nullptr);
 }

@@ -1,6 +1,6 @@
-// The one seam between the program and its hardware: the device window and the clock. Two object
-// libraries define these functions, one over the device node, one over the simulated chassis; the
-// linker chooses. Nothing else in the program touches hardware.
+// The one seam between the program and its hardware: the device window; the clock beside it is
+// window/clock.h. Two object libraries define these functions, one over the device node, one over
+// the simulated chassis; the linker chooses. Nothing else in the program touches hardware.
 #pragma once
 
 #include <sys/types.h>
@@ -24,6 +24,3 @@ uint32_t window_load32(window_base base, uint32_t offset);
 void window_store32(window_base base, uint32_t offset, uint32_t value);
 uint16_t window_load16(window_base base, uint32_t offset);
 void window_store16(window_base base, uint32_t offset, uint16_t value);
-
-// The wall clock in whole seconds since the epoch.
-int64_t window_clock();

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/flashfs_open.h"
+#include "flashfs/operations.h"
 
 namespace {
 

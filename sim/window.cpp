@@ -1,8 +1,10 @@
 // The program's seam to its hardware, over the simulated chassis: the installed one, or else that
 // of the chassis folder. The base of a window is the address of its node.
-#include "sim/sim_chassis.h"
-#include "sim/sim_folder.h"
-#include "zantrolume/zantrolume_window.h"
+#include "window/window.h"
+
+#include "sim/chassis.h"
+#include "sim/folder.h"
+#include "window/clock.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <type_traits>
 
 #include "ifs/ifs.h"
-#include "ifs/ifs_tables.h"
+#include "ifs/tables.h"
 
 namespace {
 

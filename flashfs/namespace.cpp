@@ -1,11 +1,11 @@
 // Operations on names: changing modes, removing, renaming, making directories. They check, resolve
-// the name and hand the change to the steps of flashfs_entry.cpp. Status and listing are
-// flashfs_status.cpp.
+// the name and hand the change to the steps of entry.cpp. Status and listing are
+// status.cpp.
 #include <cerrno>
 #include <cstring>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/flashfs_open.h"
+#include "flashfs/operations.h"
 
 namespace {
 

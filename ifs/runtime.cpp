@@ -1,7 +1,7 @@
 // Stand-ins for the embedded system's kernel: pools and cells come from the heap, locks are always
-// obtained, waits return at once. The checksum is in ifs_crc.cpp, the interrupt poll in
-// ifs_interrupt.cpp.
-#include "ifs/ifs_runtime.h"
+// obtained, waits return at once. The checksum is in crc.cpp, the interrupt poll in
+// interrupt.cpp.
+#include "ifs/runtime.h"
 
 #include <cstdlib>
 #include <new>

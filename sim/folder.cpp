@@ -1,5 +1,5 @@
 // Reads and checks a chassis folder, and keeps the chassis that is made of it.
-#include "sim/sim_folder.h"
+#include "sim/folder.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -5,7 +5,7 @@
 #include <new>
 
 #include "ifs/ifs.h"
-#include "ifs/ifs_tables.h"
+#include "ifs/tables.h"
 
 ifs_descriptor* ifs_fdtab[ifs_max_descriptors];
 
