@@ -3,24 +3,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/control_codes.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
 
 namespace {
-
-constexpr uint32_t ioctl_format = 6;
-constexpr uint32_t ioctl_verify = 7;
-constexpr uint32_t ioctl_format_too = 10;
-constexpr uint32_t ioctl_check = 11;
-constexpr uint32_t ioctl_highest_fileid = 36;
-
-constexpr uint32_t check_quick = 1;
-constexpr uint32_t check_reclaim_all = 2;
-
-constexpr uint32_t fioctl_truncate = 1;
-constexpr uint32_t fioctl_verify = 7;
-constexpr uint32_t fioctl_name = 12;
-constexpr uint32_t fioctl_path_and_size = 15;
 
 int format_block(flashfs* fs, int16_t block_num) {
   flashfs_blkheader header;
@@ -33,7 +21,7 @@ int format_block(flashfs* fs, int16_t block_num) {
 
 // The check, after which a failure leaves nothing in memory. 0, or -1 with EIO.
 int32_t check_or_discard(flashfs* fs, uint32_t flags) {
-  if (flashfs_fsck(fs, flags & check_quick, flags & check_reclaim_all) != 0) {
+  if (flashfs_fsck(fs, flags & flashfs_check_quick, flags & flashfs_check_reclaim_all) != 0) {
     flashfs_clear_maps(fs);
     return flashfs_fail(EIO);
   }
@@ -129,9 +117,10 @@ int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, 
   if (fs == nullptr) {
     return -1;
   }
-  const bool makes_ready =
-      command == ioctl_format || command == ioctl_format_too || command == ioctl_check;
-  const bool needs_argument = command == ioctl_check || command == ioctl_highest_fileid;
+  const bool makes_ready = command == flashfs_ioctl_format || command == flashfs_ioctl_format_too ||
+                           command == flashfs_ioctl_check;
+  const bool needs_argument =
+      command == flashfs_ioctl_check || command == flashfs_ioctl_highest_fileid;
   if ((fs->ready == 0 && !makes_ready) || (needs_argument && argument == nullptr)) {
     return flashfs_fail(EINVAL);
   }
@@ -140,15 +129,15 @@ int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, 
     return flashfs_fail(EBUSY);
   }
   switch (command) {
-    case ioctl_format:
-    case ioctl_format_too:
+    case flashfs_ioctl_format:
+    case flashfs_ioctl_format_too:
       return format(fs);
-    case ioctl_check:
+    case flashfs_ioctl_check:
       flashfs_clear_maps(fs);
       return check_or_discard(fs, *static_cast<const uint32_t*>(argument));
-    case ioctl_verify:
+    case flashfs_ioctl_verify:
       return verify_path(fs, path);
-    case ioctl_highest_fileid:
+    case flashfs_ioctl_highest_fileid:
       return highest_fileid(fs, static_cast<uint32_t*>(argument));
     default:
       return flashfs_fail(EINVAL);
@@ -161,18 +150,18 @@ int32_t flashfs_vctr_fioctl(int32_t fd, uint32_t command, void* argument) {
     return flashfs_fail(EBADF);
   }
   if (fs->ready == 0 || flashfs_is_raw(fs, open) ||
-      (argument == nullptr && command != fioctl_verify)) {
+      (argument == nullptr && command != flashfs_fioctl_verify)) {
     return flashfs_fail(EINVAL);
   }
   const flashfs_lock_guard lock(fs);
   switch (command) {
-    case fioctl_truncate:
+    case flashfs_fioctl_truncate:
       return flashfs_truncate_to(fs, open, *static_cast<const uint32_t*>(argument));
-    case fioctl_verify:
+    case flashfs_fioctl_verify:
       return flashfs_finish(fs, flashfs_verify_entry(fs, open->file));
-    case fioctl_name:
+    case flashfs_fioctl_name:
       return get_name(fs, open, static_cast<flashfs_file_name*>(argument));
-    case fioctl_path_and_size:
+    case flashfs_fioctl_path_and_size:
       return get_path_and_size(fs, open, static_cast<flashfs_file_info*>(argument));
     default:
       return flashfs_fail(EINVAL);

@@ -86,19 +86,6 @@ struct flashfs_file_list {
   uint16_t fileid;
 };
 
-// What fioctl 15 fills.
-struct flashfs_file_info {
-  char path[320];
-  uint32_t size;  // bytes
-  uint32_t reserved;
-};
-
-// What fioctl 12 fills.
-struct flashfs_file_name {
-  uint32_t reserved;
-  char name[64];
-};
-
 // A mounted file system.
 struct flashfs {
   int32_t (*magic)(const void* const handles[], const flash_driver_info* const records[],
@@ -152,6 +139,9 @@ extern const ifs_operations flashfs_operations;
 // prefix. Returns its fsid, or -1 after a message.
 int32_t flashfs_initialize(const void* const handles[], const flash_driver_info* const records[],
                            int32_t num_devices, const char* prefix);
+// Gives back all memory of a registered file system, closing what is open on it, and takes it out
+// of the switch. The program never does: its one file system lives as long as the process.
+void flashfs_release(flashfs* fs);
 // The state of the file system that a path's prefix names; null with ENODEV when there is none.
 flashfs* flashfs_get_fsp(const char* prefix);
 // A row of the table of flash chips, found by the file system's fsid; 0 or null when there is none,

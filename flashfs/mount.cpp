@@ -81,13 +81,9 @@ void fill_blocks(flashfs* fs) {
 }
 
 void free_state(flashfs* fs) {
-  if (fs == nullptr) {
-    return;
-  }
   delete[] fs->flashfs_blocks;
-  if (fs->lock != nullptr) {
-    delete_watched_semaphore(&fs->lock);
-  }
+  delete_watched_semaphore(&fs->lock);
+  chunk_destroy(fs->sctr_buf_chunk);
   delete fs;
 }
 
@@ -247,6 +243,20 @@ int32_t flashfs_initialize(const void* const handles[], const flash_driver_info*
     return -1;
   }
   return fs->fsid;
+}
+
+void flashfs_release(flashfs* fs) {
+  for (int32_t fd = 0; fd < ifs_max_descriptors; fd++) {
+    if (ifs_fd_get_fsid(fd) == fs->fsid) {
+      ifs_close(fd);
+    }
+  }
+  flashfs_clear_maps(fs);
+  if (ifs_filesystem* entry = ifs_fsid_get_entry(fs->fsid); entry != nullptr) {
+    entry->open_count = 0;  // whatever was counted for descriptors that have failed
+    ifs_destroy(fs->fsid, 1);
+  }
+  free_state(fs);
 }
 
 flashfs* flashfs_get_fsp(const char* prefix) {

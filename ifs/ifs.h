@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "ifs/open_flags.h"
 #include "ifs/runtime.h"
 
 using ppc_fsid_t = int16_t;   // index of a registered file system
@@ -13,14 +14,6 @@ using ppc_mode_t = uint16_t;  // file type in bits 15..12, permissions in bits 8
 constexpr int ifs_max_filesystems = 16;
 constexpr int ifs_max_descriptors = 128;
 constexpr uint32_t ifs_prefix_size = 32;  // bytes of a stored prefix, terminator included
-
-// Open flags; the switch passes them through unchanged.
-constexpr uint32_t ifs_open_read = 0x001;
-constexpr uint32_t ifs_open_write = 0x002;
-constexpr uint32_t ifs_open_append = 0x008;
-constexpr uint32_t ifs_open_create = 0x100;
-constexpr uint32_t ifs_open_truncate = 0x200;
-constexpr uint32_t ifs_open_exclusive = 0x400;
 
 constexpr int32_t ifs_seek_set = 0;
 constexpr int32_t ifs_seek_current = 1;

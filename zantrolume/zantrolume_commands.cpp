@@ -8,12 +8,12 @@
 #include <cstring>
 #include <string>
 
+#include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
 #include "zantrolume/zantrolume_command_support.h"
 
 namespace {
 
-constexpr uint32_t fioctl_verify = 7;
 constexpr uint32_t cat_piece_size = 512;  // bytes
 constexpr int end_of_string = 0;
 constexpr int end_of_text = 26;  // Ctrl-Z
@@ -216,7 +216,7 @@ int32_t verify_file(const char* path) {
   if (fd < 0) {
     return fd;
   }
-  const int32_t result = ifs_fioctl(fd, fioctl_verify, nullptr);
+  const int32_t result = ifs_fioctl(fd, flashfs_fioctl_verify, nullptr);
   const int error = errno;
   ifs_close(fd);
   errno = error;

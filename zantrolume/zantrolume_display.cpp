@@ -9,6 +9,7 @@
 #include <memory>
 #include <new>
 
+#include "flashfs/control_codes.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace {

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
 #include "zantrolume/zantrolume_command_support.h"
 #include "zantrolume/zantrolume_commands.h"
@@ -14,11 +16,6 @@
 namespace {
 
 constexpr char bootflash_prefix[] = "bootflash:";
-
-constexpr uint32_t ioctl_format = 6;
-constexpr uint32_t ioctl_check = 11;
-constexpr uint32_t check_force = 1;
-constexpr uint32_t check_test = 2;
 
 bool registered;
 bool file_system_started;
@@ -72,8 +69,8 @@ int start_flashfs() {
     return 1;
   }
   register_again();
-  uint32_t flags = check_force;
-  if (ifs_ioctl(bootflash_prefix, ioctl_check, &flags) != 0) {
+  uint32_t flags = flashfs_check_quick;
+  if (ifs_ioctl(bootflash_prefix, flashfs_ioctl_check, &flags) != 0) {
     printf("%s file system initialization failed\n", bootflash_prefix);
     return 0;
   }
@@ -92,7 +89,7 @@ int format_cmd(int argc, char* argv[]) {
   }
   puts("Formatting filesystem, please wait 150 seconds");
   uint32_t argument = 0;
-  if (ifs_ioctl(filesystem, ioctl_format, &argument) != 0) {
+  if (ifs_ioctl(filesystem, flashfs_ioctl_format, &argument) != 0) {
     const int error = errno;
     printf("Filesystem \"%s\" not formatted -- ", filesystem);
     report_error("", error);
@@ -109,9 +106,9 @@ int fsck_cmd(int argc, char* argv[]) {
   int index = 1;
   for (; index < argc && argv[index][0] == '-'; ++index) {
     if (strcmp(argv[index], "-f") == 0) {
-      flags |= check_force;
+      flags |= flashfs_check_quick;
     } else if (strcmp(argv[index], "-test") == 0) {
-      flags |= check_test;
+      flags |= flashfs_check_reclaim_all;
     } else {
       return -1;
     }
@@ -123,7 +120,7 @@ int fsck_cmd(int argc, char* argv[]) {
   if (!cut_to_prefix(filesystem)) {
     return 1;
   }
-  if (ifs_ioctl(filesystem, ioctl_check, &flags) != 0) {
+  if (ifs_ioctl(filesystem, flashfs_ioctl_check, &flags) != 0) {
     const int error = errno;
     printf("Filesystem \"%s\" not checked -- ", filesystem);
     report_error("", error);

@@ -2,6 +2,7 @@
 // names and paths - and the operations vector. Truncation is in truncate_test.cpp.
 #include <gtest/gtest.h>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

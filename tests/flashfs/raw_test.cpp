@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

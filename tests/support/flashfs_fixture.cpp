@@ -61,21 +61,7 @@ void free_flashfs(flashfs* fs) {
   if (fs == nullptr) {
     return;
   }
-  const ppc_fsid_t fsid = fs->fsid;
-  for (int32_t fd = 0; fd < ifs_max_descriptors; ++fd) {
-    if (ifs_fd_get_fsid(fd) == fsid) {
-      ifs_close(fd);
-    }
-  }
-  flashfs_clear_maps(fs);
-  if (ifs_filesystem* entry = ifs_fsid_get_entry(fsid); entry != nullptr) {
-    entry->open_count = 0;
-    ifs_destroy(fsid, 1);
-  }
-  chunk_destroy(fs->sctr_buf_chunk);
-  delete_watched_semaphore(&fs->lock);
-  delete[] fs->flashfs_blocks;
-  delete fs;
+  flashfs_release(fs);
 }
 
 flashfs_fixture::flashfs_fixture() {
