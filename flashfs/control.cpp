@@ -1,12 +1,25 @@
-// The control codes - format, verify, check, truncation, names and paths - and the operations
-// vector.
+// The control codes: format, verify, check, truncation, names and paths.
+#include "flashfs/control.h"
+
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/buffer.h"
 #include "flashfs/check_flags.h"
+#include "flashfs/claim.h"
 #include "flashfs/control_codes.h"
-#include "flashfs/flashfs.h"
+#include "flashfs/entry.h"
+#include "flashfs/erase.h"
+#include "flashfs/filemap.h"
+#include "flashfs/fsck.h"
+#include "flashfs/fsck_blocks.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
 #include "flashfs/operations.h"
+#include "flashfs/raw.h"
+#include "flashfs/slots.h"
+#include "flashfs/status.h"
+#include "flashfs/write.h"
 
 namespace {
 
@@ -28,28 +41,32 @@ int32_t check_or_discard(flashfs* fs, uint32_t flags) {
   return 0;
 }
 
-int32_t format(flashfs* fs) {
-  flashfs_clear_maps(fs);
+int32_t erase_all_blocks(flashfs* fs) {
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     if (format_block(fs, b) != 0) {
-      return flashfs_fail_down(fs);
+      return flashfs_fail(EIO);
     }
     process_suspend();
   }
-  return check_or_discard(fs, 0);
+  return 0;
+}
+
+int32_t format(flashfs* fs) {
+  flashfs_clear_maps(fs);
+  return flashfs_finish(fs, erase_all_blocks(fs)) == 0 ? check_or_discard(fs, flashfs_check_full)
+                                                       : -1;
 }
 
 int32_t verify_path(flashfs* fs, const char* path) {
-  const uint16_t fileid =
-      path == nullptr || *path == '\0' ? fileid_root : flashfs_resolve(fs, path);
-  if (fileid == 0) {
-    return -1;
+  name_search found = {fileid_root, 0};
+  if (path != nullptr && *path != '\0') {
+    found = flashfs_resolve(fs, path);
   }
-  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-  if (entry == nullptr) {
-    return flashfs_fail_down(fs);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
   }
-  return flashfs_finish(fs, flashfs_verify_entry(fs, entry));
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  return entry == nullptr ? flashfs_fail(EIO) : flashfs_verify_entry(fs, entry);
 }
 
 int32_t highest_fileid(const flashfs* fs, uint32_t* fileid) {
@@ -66,10 +83,9 @@ int32_t get_name(flashfs* fs, const flashfs_open_file* open, flashfs_file_name* 
   if (!buffer) {
     return -1;
   }
-  bool failed = false;
-  const auto* reference = filemap_find_slot_in(fs, open->file, buffer, &failed);
+  const auto* reference = filemap_find_slot_in(fs, open->file, buffer).entry;
   if (reference == nullptr) {
-    return flashfs_fail_down(fs);
+    return flashfs_fail(EIO);
   }
   char name[filename_buffer_size];
   dir_slot_get_name(&buffer->slots[reference->slot_no], name);
@@ -81,36 +97,29 @@ int32_t get_path_and_size(flashfs* fs, const flashfs_open_file* open, flashfs_fi
   ppc_stat status;
   if (flashfs_build_path(fs, open->file->fileid, record->path, sizeof(record->path)) != 0 ||
       flashfs_status(fs, open->file, &status, nullptr) != 0) {
-    return flashfs_finish(fs, -1);
+    return -1;
   }
   record->size = status.size;
   record->reserved = 0;
   return 0;
 }
 
-}  // namespace
+int32_t control_open_file(flashfs* fs, flashfs_open_file* open, uint32_t command, void* argument) {
+  switch (command) {
+    case flashfs_fioctl_truncate:
+      return flashfs_truncate_to(fs, open, *static_cast<const uint32_t*>(argument));
+    case flashfs_fioctl_verify:
+      return flashfs_verify_entry(fs, open->file);
+    case flashfs_fioctl_name:
+      return get_name(fs, open, static_cast<flashfs_file_name*>(argument));
+    case flashfs_fioctl_path_and_size:
+      return get_path_and_size(fs, open, static_cast<flashfs_file_info*>(argument));
+    default:
+      return flashfs_fail(EINVAL);
+  }
+}
 
-const ifs_operations flashfs_operations = {
-    .read = flashfs_vctr_read,
-    .write = flashfs_vctr_write,
-    .open = flashfs_vctr_open,
-    .close = flashfs_vctr_close,
-    .lseek = flashfs_vctr_lseek,
-    .chmod = flashfs_vctr_chmod,
-    .remove = flashfs_vctr_remove,
-    .rename = flashfs_vctr_rename,
-    .mkdir = flashfs_vctr_mkdir,
-    .rmdir = flashfs_vctr_rmdir,
-    .getdents = flashfs_vctr_getdents,
-    .stat = flashfs_vctr_stat,
-    .fstat = flashfs_vctr_fstat,
-    .istat = flashfs_vctr_istat,
-    .statfs = flashfs_vctr_statfs,
-    .destroy = nullptr,
-    .ioctl = flashfs_vctr_ioctl,
-    .fioctl = flashfs_vctr_fioctl,
-    .open_by_fileid = flashfs_vctr_open_by_fileid,
-};
+}  // namespace
 
 int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, void* argument) {
   flashfs* fs = flashfs_of(fsid);
@@ -136,7 +145,7 @@ int32_t flashfs_vctr_ioctl(ppc_fsid_t fsid, const char* path, uint32_t command, 
       flashfs_clear_maps(fs);
       return check_or_discard(fs, *static_cast<const uint32_t*>(argument));
     case flashfs_ioctl_verify:
-      return verify_path(fs, path);
+      return flashfs_finish(fs, verify_path(fs, path));
     case flashfs_ioctl_highest_fileid:
       return highest_fileid(fs, static_cast<uint32_t*>(argument));
     default:
@@ -154,16 +163,5 @@ int32_t flashfs_vctr_fioctl(int32_t fd, uint32_t command, void* argument) {
     return flashfs_fail(EINVAL);
   }
   const flashfs_lock_guard lock(fs);
-  switch (command) {
-    case flashfs_fioctl_truncate:
-      return flashfs_truncate_to(fs, open, *static_cast<const uint32_t*>(argument));
-    case flashfs_fioctl_verify:
-      return flashfs_finish(fs, flashfs_verify_entry(fs, open->file));
-    case flashfs_fioctl_name:
-      return get_name(fs, open, static_cast<flashfs_file_name*>(argument));
-    case flashfs_fioctl_path_and_size:
-      return get_path_and_size(fs, open, static_cast<flashfs_file_info*>(argument));
-    default:
-      return flashfs_fail(EINVAL);
-  }
+  return flashfs_finish(fs, control_open_file(fs, open, command, argument));
 }

@@ -2,7 +2,12 @@
 // flash or in memory. No command prints them.
 #include <cstdio>
 
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
 
 namespace {
 
@@ -20,16 +25,18 @@ void print_checksum(uint32_t crc) {
   }
 }
 
-// Prints one pointer of a list and returns the CRC of what it points at.
-uint32_t print_reference(const flashfs_sctr_list_ordered* entry, bool directory,
-                         const flashfs_sector* sector) {
+// Prints one pointer of a list. False when the checksum of what it points at is bad. A data sector
+// astray in a directory's list has no slot to judge: its index lies outside the record.
+bool print_reference(const flashfs_sctr_list_ordered* entry, bool directory,
+                     const flashfs_sector* sector) {
   const flashfs_sctr_ptr& pointer = entry->sctr_ptr;
   if (!directory) {
     printf("(%d,%d) ", pointer.block_num, pointer.sctr_num);
-    return sector_crc(sector);
+    return sector_crc(sector) == flashfs_good_crc;
   }
   printf("(%d,%d,%d) ", pointer.block_num, pointer.sctr_num, entry->slot_no);
-  return dir_slot_crc(&sector->slots[entry->slot_no]);
+  return !is_slot_index(entry->slot_no) ||
+         dir_slot_crc(&sector->slots[entry->slot_no]) == flashfs_good_crc;
 }
 
 void print_available(const flashfs_sctr_list_unordered* entry, bool slots) {
@@ -82,14 +89,11 @@ void flashfs_dump_file_list(flashfs* fs, uint16_t fileid) {
     }
     for (const auto* entry = file->sctr_list; entry != nullptr; entry = entry->next) {
       process_may_suspend();
-      if (directory && !is_slot_index(entry->slot_no)) {
-        continue;
-      }
       if (read_sector(fs, entry->sctr_ptr, buffer.get(), whole_sector) != 0) {
         read_failed = true;
         break;
       }
-      if (print_reference(entry, directory, buffer.get()) != flashfs_good_crc) {
+      if (!print_reference(entry, directory, buffer.view())) {
         checksums_good = false;
       }
       count++;
@@ -137,7 +141,7 @@ void flashfs_dump_sctr(flashfs* fs, int16_t block_num, uint16_t sctr_num) {
          static_cast<uint16_t>(buffer->count), static_cast<uint16_t>(buffer->seq_no),
          flashfs_log_suffix);
   if (is_file_sector(fileid)) {
-    print_checksum(sector_crc(buffer.get()));
+    print_checksum(sector_crc(buffer.view()));
   }
   printf("\n");
 }

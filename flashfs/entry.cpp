@@ -1,79 +1,85 @@
-// Directory entries: the steps that write, rewrite, remove and verify directory slots and the files
-// behind them. A slot is changed by writing a fresh one before the old one is marked obsolete, so
-// that a power cut leaves at least one valid slot for the entry. The callers hold the lock and mark
-// the file system down on EIO.
-#include <cerrno>
-#include <cstring>
+// Directory entries: the steps on slots and on the files behind them.
+#include "flashfs/entry.h"
 
-#include "flashfs/flashfs.h"
+#include <cerrno>
+
+#include "flashfs/alloc.h"
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/slots.h"
 
 namespace {
 
 constexpr ppc_mode_t mode_of_root = 0x4600;
 constexpr ppc_mode_t mode_kept_bits = 0xFE00;
 
-int32_t fail_with(int error) {
-  errno = error;
-  return -1;
-}
-
 ppc_mode_t with_permissions(ppc_mode_t mode, ppc_mode_t permissions) {
   return static_cast<ppc_mode_t>((mode & mode_kept_bits) | (permissions & ppc_mode_permissions));
 }
 
-// Where a rewritten slot lies now, and the list entry that still points at the old one.
-struct rewritten_slot {
+// A slot that has been taken for an entry, and the list entry that still points at the old one.
+struct fresh_slot {
   flashfs_sctr_list_ordered* reference;
   flashfs_sctr_ptr pointer;
   uint8_t slot_no;
 };
 
+void redirect_reference(const fresh_slot& fresh) {
+  fresh.reference->sctr_ptr = fresh.pointer;
+  fresh.reference->slot_no = fresh.slot_no;
+}
+
+// Writes the slot's contents to its place and only then makes the old slot obsolete. The reference
+// is left to the caller. 0, or 1 when the flash fails.
+int replace_slot(flashfs* fs, const fresh_slot& fresh, const flashfs_dir_slot& contents,
+                 flashfs_sector* fresh_buffer, flashfs_sector* old_buffer) {
+  fresh_buffer->slots[fresh.slot_no] = contents;
+  if (write_sector(fs, fresh.pointer, fresh_buffer, whole_sector) != 0) {
+    return 1;
+  }
+  return obsolete_on_flash(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_buffer);
+}
+
 // Writes a fresh copy of the entry's slot, changed by `change`, and then obsoletes the old one. The
 // reference is left to the caller. Returns 0, or -1 with errno.
 template <typename Change>
-int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, rewritten_slot* result,
-                     Change change) {
+int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh, Change change) {
   sector_buffer old_buffer(fs);
-  sector_buffer new_buffer(fs);
-  if (!old_buffer || !new_buffer) {
+  sector_buffer fresh_buffer(fs);
+  if (!old_buffer || !fresh_buffer) {
     return -1;
   }
-  bool failed = false;
-  result->reference = filemap_find_slot_in(fs, entry, old_buffer, &failed);
-  if (result->reference == nullptr) {
-    return fail_with(failed ? EIO : ENOENT);
+  const slot_search found = filemap_find_slot_in(fs, entry, old_buffer);
+  if (found.entry == nullptr) {
+    return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
-  const flashfs_sctr_list_ordered& old = *result->reference;
-  if (flashfs_alloc_slot(fs, &result->pointer, &result->slot_no, 1) != 0 ||
-      read_sector(fs, old.sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
-      read_sector(fs, result->pointer, new_buffer.get(), whole_sector) != 0) {
-    return fail_with(EIO);
+  fresh->reference = found.entry;
+  if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
+      read_sector(fs, found.entry->sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
+      read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
+    return flashfs_fail(EIO);
   }
-  flashfs_dir_slot& fresh = new_buffer->slots[result->slot_no];
-  fresh = old_buffer->slots[old.slot_no];
-  change(fresh);
-  dir_slot_set_checksum(&fresh);
-  if (write_sector(fs, result->pointer, new_buffer.get(), whole_sector) != 0 ||
-      obsolete_on_flash(fs, old.sctr_ptr, old.slot_no, old_buffer.get()) != 0) {
-    return fail_with(EIO);
+  flashfs_dir_slot contents = old_buffer->slots[found.entry->slot_no];
+  change(contents);
+  dir_slot_set_checksum(&contents);
+  if (replace_slot(fs, *fresh, contents, fresh_buffer.get(), old_buffer.get()) != 0) {
+    return flashfs_fail(EIO);
   }
   return 0;
-}
-
-void redirect_reference(const rewritten_slot& rewritten) {
-  rewritten.reference->sctr_ptr = rewritten.pointer;
-  rewritten.reference->slot_no = rewritten.slot_no;
 }
 
 int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* directory,
                    const char* new_name) {
   flashfs_sctr_map* old_directory = filemap_lookup(fs, entry->parent_fileid);
   if (old_directory == nullptr) {
-    return fail_with(ENOENT);
+    return flashfs_fail(ENOENT);
   }
-  rewritten_slot rewritten;
-  if (rewrite_slot(fs, entry, &rewritten, [&](flashfs_dir_slot& slot) {
+  fresh_slot fresh;
+  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         dir_slot_set_name(&slot, new_name);
         slot.dir_fileid = directory->fileid;
         slot.seq_no = flashfs_next_slot_seq_no(directory);
@@ -84,13 +90,13 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
   if (!buffer) {
     return -1;
   }
-  if (read_sector(fs, rewritten.pointer, buffer.get(), whole_sector) != 0) {
-    return fail_with(EIO);
+  if (read_sector(fs, fresh.pointer, buffer.get(), whole_sector) != 0) {
+    return flashfs_fail(EIO);
   }
-  if (filemap_add_sector(fs, rewritten.pointer, buffer.get(), rewritten.slot_no) != 0) {
-    return fail_with(ENOMEM);
+  if (filemap_add_sector(fs, fresh.pointer, buffer.get(), fresh.slot_no) != 0) {
+    return flashfs_fail(ENOMEM);
   }
-  sctr_list_remove(fs, old_directory, rewritten.reference);
+  sctr_list_remove(fs, old_directory, fresh.reference);
   entry->parent_fileid = directory->fileid;
   return 0;
 }
@@ -102,9 +108,7 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
   if (!buffer) {
     return 1;
   }
-  bool failed = false;
-  flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer, &failed);
-  buffer.forget();
+  flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
   if (reference == nullptr ||
       obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
     return 1;
@@ -120,18 +124,32 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
   return 0;
 }
 
-int verify_reference(flashfs* fs, const flashfs_sctr_list_ordered* reference, bool in_directory,
-                     sector_buffer& buffer) {
-  if (in_directory && !is_slot_index(reference->slot_no)) {
-    return 0;
+// Whether everything that a directory's list names has a good checksum. The first that has not, or
+// cannot be read, ends it.
+bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffer& buffer) {
+  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::no);
+  while (walk.next()) {
+    const bool good = dir_slot_crc(&walk.slot()) == flashfs_good_crc;
+    process_may_suspend();
+    if (!good) {
+      return false;
+    }
   }
-  if (read_sector_once(fs, reference->sctr_ptr, buffer) != 0) {
-    return 1;
+  return !walk.failed();
+}
+
+bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, flashfs_sector* buffer) {
+  for (const auto* each = file->sctr_list; each != nullptr; each = each->next) {
+    if (read_sector(fs, each->sctr_ptr, buffer, whole_sector) != 0) {
+      return false;
+    }
+    const bool good = sector_crc(buffer) == flashfs_good_crc;
+    process_may_suspend();
+    if (!good) {
+      return false;
+    }
   }
-  const uint32_t crc =
-      in_directory ? dir_slot_crc(&buffer->slots[reference->slot_no]) : sector_crc(buffer.get());
-  process_may_suspend();
-  return crc == flashfs_good_crc ? 0 : 1;
+  return true;
 }
 
 }  // namespace
@@ -156,28 +174,53 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   return filemap_add_sector(fs, pointer, buffer, slot_no) == 0 ? 0 : ENOMEM;
 }
 
+int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
+  sector_buffer old_buffer(fs);
+  sector_buffer fresh_buffer(fs);
+  if (!old_buffer || !fresh_buffer) {
+    return -1;
+  }
+  fresh_slot fresh = {};
+  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
+  if (fresh.reference == nullptr) {
+    flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
+    return flashfs_fail(EIO);
+  }
+  // Taken before the allocation, which may collect garbage and move the slot.
+  flashfs_dir_slot dated = old_buffer->slots[fresh.reference->slot_no];
+  dated.date = time != 0 ? time : flashfs_timestamp();
+  dir_slot_set_checksum(&dated);
+  if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
+      read_sector(fs, fresh.pointer, fresh_buffer.get(), whole_sector) != 0 ||
+      replace_slot(fs, fresh, dated, fresh_buffer.get(), old_buffer.get()) != 0) {
+    return flashfs_fail(EIO);
+  }
+  redirect_reference(fresh);
+  return 0;
+}
+
 int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* directory,
                              const char* new_name) {
   if (entry->parent_fileid != directory->fileid) {
     return move_entry(fs, entry, directory, new_name);
   }
-  rewritten_slot rewritten;
-  if (rewrite_slot(fs, entry, &rewritten,
+  fresh_slot fresh;
+  if (rewrite_slot(fs, entry, &fresh,
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
-  redirect_reference(rewritten);
+  redirect_reference(fresh);
   return 0;
 }
 
 int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mode) {
-  rewritten_slot rewritten;
-  if (rewrite_slot(fs, entry, &rewritten, [&](flashfs_dir_slot& slot) {
+  fresh_slot fresh;
+  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         slot.mode = with_permissions(slot.mode, mode);
       }) != 0) {
     return -1;
   }
-  redirect_reference(rewritten);
+  redirect_reference(fresh);
   entry->mode = with_permissions(entry->mode, mode);
   return 0;
 }
@@ -199,24 +242,23 @@ int flashfs_truncate_entry(flashfs* fs, flashfs_sctr_map* file) {
 }
 
 int32_t flashfs_remove_entry(flashfs* fs, flashfs_sctr_map* entry) {
-  if (entry->fileid == fileid_root || flashfs_file_acquire(entry, acquire_write) != 0) {
-    return fail_with(EBUSY);
+  file_claim entry_claim;
+  if (entry->fileid == fileid_root || !entry_claim.take(entry, acquire_write)) {
+    return flashfs_fail(EBUSY);
   }
   flashfs_sctr_map* directory = filemap_lookup(fs, entry->parent_fileid);
-  if (directory != nullptr && flashfs_file_acquire(directory, acquire_write) != 0) {
-    flashfs_file_release(entry);
-    return fail_with(EBUSY);
+  if (directory == nullptr) {
+    return flashfs_fail(EIO);
   }
-  if (directory == nullptr || erase_entry(fs, entry, directory) != 0) {
-    flashfs_file_release(entry);
-    if (directory != nullptr) {
-      flashfs_file_release(directory);
-    }
-    return fail_with(EIO);
+  file_claim directory_claim;
+  if (!directory_claim.take(directory, acquire_write)) {
+    return flashfs_fail(EBUSY);
   }
-  const int32_t result = flashfs_touch(fs, directory, 0);
-  flashfs_file_release(directory);
-  return result;
+  if (erase_entry(fs, entry, directory) != 0) {
+    return flashfs_fail(EIO);
+  }
+  entry_claim.keep();  // it went with the entry
+  return flashfs_touch(fs, directory, 0);
 }
 
 int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry) {
@@ -224,18 +266,13 @@ int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry) {
   if (!buffer) {
     return -1;
   }
-  bool failed = false;
-  if (filemap_find_slot_in(fs, entry, buffer, &failed) == nullptr) {
+  if (filemap_find_slot_in(fs, entry, buffer).entry == nullptr) {
     flashfs_log(fs, "doverify, unable to lookup filemap for fileid %d", entry->parent_fileid);
-    return fail_with(EIO);
+    return flashfs_fail(EIO);
   }
-  const bool in_directory = is_directory_mode(entry->mode);
-  for (const auto* each = entry->sctr_list; each != nullptr; each = each->next) {
-    if (verify_reference(fs, each, in_directory, buffer) != 0) {
-      return fail_with(EIO);
-    }
-  }
-  return 0;
+  const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry, buffer)
+                                                   : sectors_are_good(fs, entry, buffer.get());
+  return good ? 0 : flashfs_fail(EIO);
 }
 
 int flashfs_ensure_root_slot(flashfs* fs) {
@@ -248,14 +285,13 @@ int flashfs_ensure_root_slot(flashfs* fs) {
     return 1;
   }
   root->parent_fileid = fileid_root;
-  bool failed = false;
-  if (filemap_find_slot_in(fs, root, buffer, &failed) != nullptr) {
+  const slot_search found = filemap_find_slot_in(fs, root, buffer);
+  if (found.entry != nullptr) {
     return 0;
   }
-  buffer.forget();
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
-  if (failed || flashfs_alloc_slot(fs, &pointer, &slot_no, 1) != 0) {
+  if (found.failed || flashfs_alloc_slot(fs, &pointer, &slot_no, 1) != 0) {
     return 1;
   }
   return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "",

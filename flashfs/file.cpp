@@ -1,11 +1,21 @@
-// File data: opening, reading, seeking and closing of files through the switch. Writing is
-// write.cpp; the raw stream of the whole device, opened as "...", is raw.cpp.
+// Opening, reading, seeking and closing of files.
+#include "flashfs/file.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "flashfs/flashfs.h"
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
 #include "flashfs/operations.h"
+#include "flashfs/path.h"
+#include "flashfs/raw.h"
+#include "flashfs/status.h"
 
 namespace {
 
@@ -40,9 +50,6 @@ class open_attempt {
     }
   }
   ~open_attempt() {
-    if (claimed_ != nullptr) {
-      flashfs_file_release(claimed_);
-    }
     give_back_descriptor();
     delete record_;
   }
@@ -52,18 +59,14 @@ class open_attempt {
   bool has_descriptor() const {
     return fd_ >= 0;
   }
-  bool claim(flashfs_sctr_map* file, uint32_t mode) {
-    if (flashfs_file_acquire(file, mode) != 0) {
-      return false;
-    }
-    claimed_ = file;
-    return true;
+  [[nodiscard]] bool claim(flashfs_sctr_map* file, uint32_t mode) {
+    return claim_.take(file, mode);
   }
   int32_t keep(flashfs_sctr_map* file) {
     record_->file = file;
     const int32_t fd = fd_;
     record_ = nullptr;
-    claimed_ = nullptr;
+    claim_.keep();
     fd_ = -1;
     return fd;
   }
@@ -80,51 +83,37 @@ class open_attempt {
 
   flashfs_open_file* record_;
   int32_t fd_ = -1;
-  flashfs_sctr_map* claimed_ = nullptr;
+  file_claim claim_;
 };
 
-// The file that a path names, claimed; made when the flags ask for that. Null with errno.
-flashfs_sctr_map* open_named_file(flashfs* fs, const char* path, uint32_t oflags, ppc_mode_t mode,
-                                  open_attempt& attempt, bool* created) {
-  *created = false;
-  errno = 0;
-  const uint16_t fileid = flashfs_resolve(fs, path);
-  flashfs_sctr_map* file = filemap_lookup(fs, fileid);
-  if (fileid == 0 && errno != ENOENT) {
-    return nullptr;
+bool is_for_writing(uint32_t oflags) {
+  return (oflags & flashfs_opened_for_writing) != 0;
+}
+
+// Claims a file that is there. 0, or the error.
+int claim_existing(flashfs_sctr_map* file, uint32_t oflags, open_attempt& attempt) {
+  if (is_for_writing(oflags) && is_directory_mode(file->mode)) {
+    return EISDIR;
   }
-  if (file != nullptr) {
-    const bool for_writing = (oflags & flashfs_opened_for_writing) != 0;
-    if (for_writing && is_directory_mode(file->mode)) {
-      errno = EISDIR;
-      return nullptr;
-    }
-    if (!attempt.claim(file, for_writing ? acquire_write : acquire_read)) {
-      errno = EBUSY;
-      return nullptr;
-    }
-    constexpr uint32_t must_be_new = ifs_open_create | ifs_open_exclusive;
-    if ((oflags & must_be_new) == must_be_new) {
-      errno = EEXIST;
-      return nullptr;
-    }
-    return file;
+  if (!attempt.claim(file, is_for_writing(oflags) ? acquire_write : acquire_read)) {
+    return EBUSY;
   }
+  constexpr uint32_t must_be_new = ifs_open_create | ifs_open_exclusive;
+  return (oflags & must_be_new) == must_be_new ? EEXIST : 0;
+}
+
+// Makes a file that is not there, if the flags ask for that, and claims it. 0, or the error.
+int create_and_claim(flashfs* fs, const char* path, uint32_t oflags, ppc_mode_t mode,
+                     open_attempt& attempt, flashfs_sctr_map** file) {
   if ((oflags & ifs_open_create) == 0) {
-    errno = ENOENT;
-    return nullptr;
+    return ENOENT;
   }
-  file = flashfs_create_entry(fs, path, (mode & ppc_mode_permissions) | uint32_t{ppc_mode_regular});
-  if (file == nullptr) {
-    flashfs_finish(fs, -1);
-    return nullptr;
+  *file =
+      flashfs_create_entry(fs, path, (mode & ppc_mode_permissions) | uint32_t{ppc_mode_regular});
+  if (*file == nullptr) {
+    return errno;
   }
-  *created = true;
-  if (!attempt.claim(file, acquire_write)) {
-    errno = EBUSY;
-    return nullptr;
-  }
-  return file;
+  return attempt.claim(*file, acquire_write) ? 0 : EBUSY;
 }
 
 int32_t open_file(flashfs* fs, const char* path, uint32_t oflags, ppc_mode_t mode) {
@@ -132,14 +121,20 @@ int32_t open_file(flashfs* fs, const char* path, uint32_t oflags, ppc_mode_t mod
   if (!attempt.has_descriptor()) {
     return -1;
   }
-  bool created = false;
-  flashfs_sctr_map* file = open_named_file(fs, path, oflags, mode, attempt, &created);
-  if (file == nullptr) {
-    return -1;
+  const name_search found = flashfs_resolve(fs, path);
+  if (found.fileid == 0 && found.error != ENOENT) {
+    return flashfs_fail(found.error);
+  }
+  flashfs_sctr_map* file = filemap_lookup(fs, found.fileid);
+  const bool existed = file != nullptr;
+  const int error = existed ? claim_existing(file, oflags, attempt)
+                            : create_and_claim(fs, path, oflags, mode, attempt, &file);
+  if (error != 0) {
+    return flashfs_fail(error);
   }
   if ((oflags & ifs_open_truncate) != 0 &&
-      (flashfs_truncate_entry(fs, file) != 0 || (!created && flashfs_touch(fs, file, 0) != 0))) {
-    return flashfs_fail_down(fs);
+      (flashfs_truncate_entry(fs, file) != 0 || (existed && flashfs_touch(fs, file, 0) != 0))) {
+    return flashfs_fail(EIO);
   }
   return attempt.keep(file);
 }
@@ -150,7 +145,7 @@ int32_t open_raw_device(flashfs* fs, uint32_t oflags) {
     return -1;
   }
   if (flashfs_raw_prepare(fs, oflags) != 0) {
-    return flashfs_fail_down(fs);
+    return flashfs_fail(EIO);
   }
   return attempt.keep(&fs->raw_file_map);
 }
@@ -189,21 +184,16 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* sector, 
   auto* out = static_cast<uint8_t*>(buffer);
   uint32_t total = 0;
   uint32_t offset = open->filepos % sector_data_size;
-  list_place place = flashfs_find_place(open, open->filepos / sector_data_size);
-  while (place.entry != nullptr && total < length) {
-    const uint32_t room = sector_data_size - offset;
-    const uint32_t wanted = length - total < room ? length - total : room;
-    const int32_t taken = read_from_sector(fs, place.entry, offset, wanted, sector, out + total);
+  list_place place = open->place.find(open->file, open->filepos / sector_data_size);
+  for (; place.entry() != nullptr && total < length; place.advance()) {
+    const uint32_t wanted = std::min(length - total, sector_data_size - offset);
+    const int32_t taken = read_from_sector(fs, place.entry(), offset, wanted, sector, out + total);
     if (taken < 0) {
-      return flashfs_fail_down(fs);
+      return flashfs_fail(EIO);
     }
     total += static_cast<uint32_t>(taken);
     offset = 0;
-    // Not one that an interrupted write has left reserved: the next write must meet it.
-    if (place.entry->slot_no != slot_of_reserved_sector) {
-      open->place = place;
-    }
-    place = {place.index + 1, place.entry->next};
+    open->place.remember(place);
   }
   if (intr_req() != 0) {
     return flashfs_fail(EINTR);
@@ -212,49 +202,33 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* sector, 
   return static_cast<int32_t>(total);
 }
 
+// Where a seek counts from. 0, or -1 with errno.
+int32_t seek_start(flashfs* fs, flashfs_open_file* open, int32_t whence, int64_t* start) {
+  switch (whence) {
+    case ifs_seek_set:
+      *start = 0;
+      return 0;
+    case ifs_seek_current:
+      *start = open->filepos;
+      return 0;
+    case ifs_seek_end: {
+      ppc_stat status;
+      const int32_t result = flashfs_status(fs, open->file, &status, &open->place);
+      *start = status.size;
+      return flashfs_finish(fs, result, marks_down::always);
+    }
+    default:
+      return flashfs_fail(EINVAL);
+  }
+}
+
 }  // namespace
-
-int32_t flashfs_pass_down(flashfs* fs, int32_t result) {
-  const int error = errno;
-  flashfs_mark_down(fs);
-  errno = error;
-  return result;
-}
-
-flashfs* flashfs_of(ppc_fsid_t fsid) {
-  const int error = errno;
-  const ifs_filesystem* entry = ifs_fsid_get_entry(fsid);
-  errno = error;
-  return entry == nullptr ? nullptr : static_cast<flashfs*>(entry->context);
-}
-
-opened_descriptor flashfs_of_descriptor(int32_t fd) {
-  const ifs_descriptor* entry = ifs_fd_get_entry(fd);
-  if (entry == nullptr) {
-    return {};
-  }
-  return {flashfs_of(entry->fsid), static_cast<flashfs_open_file*>(entry->fd_context)};
-}
-
-list_place flashfs_find_place(const flashfs_open_file* open, uint32_t index) {
-  list_place place = {0, open->file->sctr_list};
-  if (open->place.entry != nullptr && open->place.index <= index) {
-    place = open->place;
-  }
-  while (place.entry != nullptr && place.index < index) {
-    place = {place.index + 1, place.entry->next};
-  }
-  return place;
-}
 
 int32_t flashfs_vctr_open(ppc_fsid_t fsid, const char* path, uint32_t oflags, ppc_mode_t mode) {
   path = without_leading_slashes(path);
-  flashfs* fs = flashfs_of(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
-  }
-  if (fs->ready == 0) {
-    return flashfs_fail(EINVAL);
   }
   if (*path == '\0') {
     return flashfs_fail(ENOENT);
@@ -264,7 +238,7 @@ int32_t flashfs_vctr_open(ppc_fsid_t fsid, const char* path, uint32_t oflags, pp
     return flashfs_fail(EBUSY);
   }
   const flashfs_lock_guard lock(fs);
-  return raw ? open_raw_device(fs, oflags) : open_file(fs, path, oflags, mode);
+  return flashfs_finish(fs, raw ? open_raw_device(fs, oflags) : open_file(fs, path, oflags, mode));
 }
 
 int32_t flashfs_vctr_read(int32_t fd, void* buffer, uint32_t length) {
@@ -277,8 +251,9 @@ int32_t flashfs_vctr_read(int32_t fd, void* buffer, uint32_t length) {
   if (!sector) {
     return -1;
   }
-  return flashfs_is_raw(fs, open) ? flashfs_raw_read(fs, open, buffer, length)
-                                  : read_file(fs, open, sector.get(), buffer, length);
+  return flashfs_finish(fs, flashfs_is_raw(fs, open)
+                                ? flashfs_raw_read(fs, open, buffer, length)
+                                : read_file(fs, open, sector.get(), buffer, length));
 }
 
 int32_t flashfs_vctr_close(int32_t fd) {
@@ -308,16 +283,8 @@ int32_t flashfs_vctr_lseek(int32_t fd, int32_t offset, int32_t whence) {
     return flashfs_fail(EINVAL);
   }
   int64_t start = 0;
-  if (whence == ifs_seek_current) {
-    start = open->filepos;
-  } else if (whence == ifs_seek_end) {
-    ppc_stat status;
-    if (flashfs_status(fs, open->file, &status, &open->place) != 0) {
-      return flashfs_pass_down(fs, -1);
-    }
-    start = status.size;
-  } else if (whence != ifs_seek_set) {
-    return flashfs_fail(EINVAL);
+  if (seek_start(fs, open, whence, &start) != 0) {
+    return -1;
   }
   const int64_t position = start + offset;
   if (position < 0 || position > INT32_MAX) {
@@ -329,12 +296,9 @@ int32_t flashfs_vctr_lseek(int32_t fd, int32_t offset, int32_t whence) {
 
 int32_t flashfs_vctr_open_by_fileid(ppc_fsid_t fsid, uint32_t /*ignored*/, uint32_t fileid,
                                     uint32_t oflags, ppc_mode_t mode) {
-  flashfs* fs = flashfs_of(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
-  }
-  if (fs->ready == 0) {
-    return flashfs_fail(EINVAL);
   }
   char path[path_by_fileid_size] = {};
   {
@@ -342,8 +306,10 @@ int32_t flashfs_vctr_open_by_fileid(ppc_fsid_t fsid, uint32_t /*ignored*/, uint3
     if (fileid > fileid_last) {
       return flashfs_fail(EBADF);
     }
-    if (flashfs_build_path(fs, static_cast<uint16_t>(fileid), path, sizeof(path)) != 0) {
-      return flashfs_finish(fs, -1);
+    const int32_t result =
+        flashfs_build_path(fs, static_cast<uint16_t>(fileid), path, sizeof(path));
+    if (flashfs_finish(fs, result) != 0) {
+      return -1;
     }
   }
   return flashfs_vctr_open(fsid, path, oflags, mode);

@@ -1,8 +1,9 @@
-// The file map and the lists of sectors and slots: what the mounted file system knows of where
-// things lie. Nothing here is on flash; mounting rebuilds it from every sector read.
+// The file map, its index, and the lists of its entries.
+#include "flashfs/filemap.h"
+
 #include <new>
 
-#include "flashfs/flashfs.h"
+#include "flashfs/available.h"
 #include "flashfs/list_sort.h"
 
 namespace {
@@ -102,40 +103,6 @@ int collect_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* 
   return 0;
 }
 
-flashfs_sctr_list_unordered* push_unordered(flashfs* fs, flashfs_sctr_list_unordered* head,
-                                            flashfs_sctr_ptr pointer, uint8_t slot_no) {
-  auto* entry = static_cast<flashfs_sctr_list_unordered*>(chunk_malloc(fs->sctr_ptr_chunk));
-  if (entry != nullptr) {
-    entry->next = head;
-    entry->slot_no = slot_no;
-    entry->sctr_ptr = pointer;
-  }
-  return entry;
-}
-
-uint32_t drop_block(flashfs* fs, flashfs_sctr_list_unordered** link, int16_t block_num) {
-  uint32_t dropped = 0;
-  while (*link != nullptr) {
-    flashfs_sctr_list_unordered* entry = *link;
-    if (entry->sctr_ptr.block_num == block_num) {
-      *link = entry->next;
-      chunk_free(fs->sctr_ptr_chunk, entry);
-      dropped++;
-    } else {
-      link = &entry->next;
-    }
-  }
-  return dropped;
-}
-
-flashfs_sctr_list_unordered unlink_head(flashfs* fs, flashfs_sctr_list_unordered** head) {
-  flashfs_sctr_list_unordered* entry = *head;
-  const flashfs_sctr_list_unordered held = *entry;
-  *head = entry->next;
-  chunk_free(fs->sctr_ptr_chunk, entry);
-  return held;
-}
-
 }  // namespace
 
 flashfs_sctr_map* filemap_lookup(const flashfs* fs, uint16_t fileid) {
@@ -193,6 +160,40 @@ void filemap_clear(flashfs* fs) {
   fs->num_files = 0;
 }
 
+void flashfs_clear_maps(flashfs* fs) {
+  for (int16_t b = 0; b < fs->num_blocks; b++) {
+    fs->flashfs_blocks[b].invalid_sectors = 0;
+    fs->flashfs_blocks[b].invalid_slots = 0;
+  }
+  if (fs->sctr_ptr_chunk != nullptr) {
+    filemap_clear(fs);
+    available_clear(fs);
+    chunk_destroy(fs->sctr_ptr_chunk);
+    fs->sctr_ptr_chunk = nullptr;
+  }
+  fs->ready = 0;
+}
+
+uint16_t flashfs_next_slot_seq_no(const flashfs_sctr_map* directory) {
+  uint16_t next = 0;
+  for (const flashfs_sctr_list_ordered* entry = directory->sctr_list;
+       entry != nullptr && entry->seq_no == next; entry = entry->next) {
+    next++;
+  }
+  return next;
+}
+
+uint16_t flashfs_next_fileid(const flashfs* fs) {
+  const flashfs_sctr_map* entry = fs->file_map;
+  if (entry == nullptr) {
+    return fileid_first;
+  }
+  while (entry->next != nullptr && entry->next->fileid == entry->fileid + 1) {
+    entry = entry->next;
+  }
+  return static_cast<uint16_t>(entry->fileid + 1);
+}
+
 int filemap_add_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
                        uint8_t slot_no) {
   flashfs_sctr_map* owner = nullptr;
@@ -226,34 +227,6 @@ void filemap_sort_lists(flashfs* fs) {
   }
 }
 
-flashfs_sctr_list_ordered* filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry,
-                                                sector_buffer& buffer, bool* failed) {
-  *failed = false;
-  const flashfs_sctr_map* parent = filemap_lookup(fs, entry->parent_fileid);
-  if (parent == nullptr) {
-    return nullptr;
-  }
-  for (flashfs_sctr_list_ordered* each = parent->sctr_list; each != nullptr; each = each->next) {
-    if (!is_slot_index(each->slot_no)) {
-      continue;
-    }
-    if (read_sector_once(fs, each->sctr_ptr, buffer) != 0) {
-      *failed = true;
-      return nullptr;
-    }
-    if (buffer->slots[each->slot_no].entry_fileid == entry->fileid) {
-      return each;
-    }
-  }
-  return nullptr;
-}
-
-flashfs_sctr_list_ordered* filemap_find_slot(flashfs* fs, const flashfs_sctr_map* entry) {
-  sector_buffer buffer(fs);
-  bool failed = false;
-  return buffer ? filemap_find_slot_in(fs, entry, buffer, &failed) : nullptr;
-}
-
 flashfs_sctr_list_ordered* sctr_list_find(flashfs_sctr_list_ordered* head, int16_t block_num,
                                           uint16_t sctr_num, uint8_t slot_no) {
   const flashfs_sctr_ptr pointer = {block_num, sctr_num};
@@ -283,6 +256,12 @@ void sctr_list_remove(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ord
   chunk_free(fs->sctr_ptr_chunk, entry);
 }
 
+void sctr_list_remove_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
+  flashfs_sctr_list_ordered* removed = entry->next;
+  entry->next = removed->next;
+  chunk_free(fs->sctr_ptr_chunk, removed);
+}
+
 void sctr_list_clear(flashfs* fs, flashfs_sctr_map* file) {
   while (file->sctr_list != nullptr) {
     flashfs_sctr_list_ordered* entry = file->sctr_list;
@@ -297,53 +276,6 @@ uint32_t sctr_list_length(const flashfs_sctr_list_ordered* head) {
     length++;
   }
   return length;
-}
-
-int available_sector_push(flashfs* fs, flashfs_sctr_ptr pointer) {
-  auto* entry = push_unordered(fs, fs->available_sectors, pointer, slot_of_sector);
-  if (entry == nullptr) {
-    return 1;
-  }
-  fs->available_sectors = entry;
-  fs->num_available_sectors++;
-  return 0;
-}
-
-int available_slot_push(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
-  auto* entry = push_unordered(fs, fs->available_slots, pointer, slot_no);
-  if (entry == nullptr) {
-    return 1;
-  }
-  fs->available_slots = entry;
-  fs->num_available_slots++;
-  return 0;
-}
-
-flashfs_sctr_ptr available_sector_take(flashfs* fs) {
-  fs->num_available_sectors--;
-  return unlink_head(fs, &fs->available_sectors).sctr_ptr;
-}
-
-flashfs_sctr_ptr available_slot_take(flashfs* fs, uint8_t* slot_no) {
-  fs->num_available_slots--;
-  const flashfs_sctr_list_unordered held = unlink_head(fs, &fs->available_slots);
-  *slot_no = held.slot_no;
-  return held.sctr_ptr;
-}
-
-void available_drop_block(flashfs* fs, int16_t block_num) {
-  fs->num_available_sectors -= drop_block(fs, &fs->available_sectors, block_num);
-  fs->num_available_slots -= drop_block(fs, &fs->available_slots, block_num);
-}
-
-void available_clear(flashfs* fs) {
-  uint8_t slot_no = 0;
-  while (fs->available_sectors != nullptr) {
-    available_sector_take(fs);
-  }
-  while (fs->available_slots != nullptr) {
-    available_slot_take(fs, &slot_no);
-  }
 }
 
 int dir_sector_clear_deleted(flashfs_sector* sector) {

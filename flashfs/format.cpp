@@ -112,6 +112,10 @@ bool is_file_sector(uint16_t fileid) {
   return fileid >= fileid_first && fileid <= fileid_last;
 }
 
+bool is_live(uint16_t fileid) {
+  return fileid != fileid_invalidated && fileid != fileid_available;
+}
+
 bool is_directory_mode(ppc_mode_t mode) {
   return (mode & ppc_mode_type_mask) == ppc_mode_directory;
 }

@@ -7,43 +7,11 @@
 //   sector:       fileid | count | data or 32 slots (2048) | seq_no | checksum
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 
+#include "flashfs/big_endian.h"
 #include "ifs/ifs.h"
-
-// Big-endian fields of alignment 1: what is read from flash has these types, what is computed with
-// is an integer of the host.
-struct be16 {
-  uint8_t bytes[2];
-
-  constexpr operator uint16_t() const {
-    const auto stored = std::bit_cast<uint16_t>(*this);
-    return std::endian::native == std::endian::big ? stored : __builtin_bswap16(stored);
-  }
-  constexpr be16& operator=(uint16_t value) {
-    const uint16_t stored =
-        std::endian::native == std::endian::big ? value : __builtin_bswap16(value);
-    return *this = std::bit_cast<be16>(stored);
-  }
-};
-
-struct be32 {
-  uint8_t bytes[4];
-
-  constexpr operator uint32_t() const {
-    const auto stored = std::bit_cast<uint32_t>(*this);
-    return std::endian::native == std::endian::big ? stored : __builtin_bswap32(stored);
-  }
-  constexpr be32& operator=(uint32_t value) {
-    const uint32_t stored =
-        std::endian::native == std::endian::big ? value : __builtin_bswap32(value);
-    return *this = std::bit_cast<be32>(stored);
-  }
-};
-static_assert(sizeof(be16) == 2 && alignof(be16) == 1);
-static_assert(sizeof(be32) == 4 && alignof(be32) == 1);
 
 constexpr uint8_t flash_erased_byte = 0xFF;
 
@@ -140,6 +108,8 @@ bool is_erased(const void* record, size_t size_bytes);
 // Bytes of data in use; a damaged count is cut to the data area.
 uint32_t sector_bytes_used(const flashfs_sector* sector);
 bool is_file_sector(uint16_t fileid);
+// Whether a sector with this owner holds anything: it is neither invalidated nor available.
+bool is_live(uint16_t fileid);
 bool is_directory_mode(ppc_mode_t mode);
 bool is_regular_mode(ppc_mode_t mode);
 // Zeroes a slot's name field and copies at most 45 characters of the name into it.

@@ -1,12 +1,17 @@
-// The check's work on the directory tree: giving every entry its parent, finding the entries that
-// no directory names, and naming those under "/lost+found".
+// The check's work on the directory tree.
 #include "flashfs/fsck_tree.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <new>
 
-#include "flashfs/flashfs.h"
+#include "flashfs/alloc.h"
+#include "flashfs/buffer.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/path.h"
 
 namespace {
 
@@ -88,15 +93,17 @@ class tree_walk {
     return enter(slot.entry_fileid);
   }
 
+  enum class placing { placed, second_name, failed };
+
   // Gives everything named in a directory its parent and mode.
   int place_all(flashfs_sctr_map* directory) {
     for (auto** link = &directory->sctr_list; *link != nullptr;) {
       process_suspend();
-      bool second_name = false;
-      if (is_slot_index((*link)->slot_no) && place(**link, &second_name) != 0) {
+      const placing result = is_slot_index((*link)->slot_no) ? place(**link) : placing::placed;
+      if (result == placing::failed) {
         return 1;
       }
-      if (second_name) {
+      if (result == placing::second_name) {
         drop_second_name(directory, link);
       } else {
         link = &(*link)->next;
@@ -105,23 +112,23 @@ class tree_walk {
     return 0;
   }
 
-  int place(const flashfs_sctr_list_ordered& reference, bool* second_name) {
+  placing place(const flashfs_sctr_list_ordered& reference) {
     if (read_sector_once(fs_, reference.sctr_ptr, buffer_) != 0) {
-      return 1;
+      return placing::failed;
     }
     const flashfs_dir_slot& slot = buffer_->slots[reference.slot_no];
     flashfs_sctr_map* entry = filemap_lookup(fs_, slot.entry_fileid);
     if (entry == nullptr) {
       // An entry without sectors is known by its name alone.
-      return filemap_insert(fs_, slot.entry_fileid, slot.dir_fileid, slot.mode) == nullptr ? 1 : 0;
+      entry = filemap_insert(fs_, slot.entry_fileid, slot.dir_fileid, slot.mode);
+      return entry == nullptr ? placing::failed : placing::placed;
     }
     if (entry->parent_fileid != 0) {
-      *second_name = true;
-      return 0;
+      return placing::second_name;
     }
     entry->parent_fileid = slot.dir_fileid;
     entry->mode = slot.mode;
-    return 0;
+    return placing::placed;
   }
 
   // A second name of an entry that has its place is dropped from memory and from the counters only:
@@ -129,7 +136,6 @@ class tree_walk {
   void drop_second_name(const flashfs_sctr_map* directory, flashfs_sctr_list_ordered** link) {
     flashfs_sctr_list_ordered* dropped = *link;
     delete_slot_buf(fs_, dropped->sctr_ptr, buffer_.get(), dropped->slot_no);
-    buffer_.forget();
     *link = dropped->next;
     // Only the directory that the walk began with can be met again while it is being walked: every
     // other one has its parent, so a slot that names it is dropped before it could be entered.
@@ -147,18 +153,17 @@ class tree_walk {
 
 // Returns the id of "/lost+found" as a directory, made if need be, or 0.
 uint16_t open_lost_and_found(flashfs* fs) {
-  errno = 0;
-  const uint16_t fileid = path_lookup(fs, lost_and_found);
-  if (fileid == 0 && errno == EIO) {
+  const name_search found = path_find(fs, lost_and_found);
+  if (found.fileid == 0 && found.error == EIO) {
     return 0;
   }
-  if (fileid != 0) {
-    flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
+  if (found.fileid != 0) {
+    flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
     if (entry == nullptr) {
       return 0;
     }
     if (is_directory_mode(entry->mode)) {
-      return fileid;
+      return found.fileid;
     }
     if (flashfs_remove_entry(fs, entry) != 0) {
       return 0;
@@ -169,13 +174,12 @@ uint16_t open_lost_and_found(flashfs* fs) {
 }
 
 int remove_existing(flashfs* fs, const char* path) {
-  errno = 0;
-  const uint16_t fileid = path_lookup(fs, path);
-  if (fileid == 0) {
+  const name_search found = path_find(fs, path);
+  if (found.fileid == 0) {
     // Any other failure leaves it open whether the name is taken.
-    return errno == ENOENT ? 0 : 1;
+    return found.error == ENOENT ? 0 : 1;
   }
-  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
   return entry == nullptr || flashfs_remove_entry(fs, entry) != 0 ? 1 : 0;
 }
 
@@ -193,12 +197,12 @@ int name_orphan(flashfs* fs, uint16_t orphan_fileid, flashfs_sctr_map* directory
   }
   char name_work[path_size_max];
   if (flashfs_write_new_slot(fs, pointer, slot_no, directory, orphan_fileid, orphan->mode,
-                             path_basename(path, name_work), buffer.get()) != 0 ||
-      flashfs_touch(fs, directory, 0) != 0) {
+                             path_basename(path, name_work), buffer.get()) != 0) {
     return 1;
   }
+  // The name stands. Whatever becomes of the directory's date, the orphan is where it says.
   orphan->parent_fileid = directory->fileid;
-  return 0;
+  return flashfs_touch(fs, directory, 0) == 0 ? 0 : 1;
 }
 
 }  // namespace
@@ -250,7 +254,7 @@ void fsck_relink_orphans(flashfs* fs, const orphan_list& orphans) {
   for (const flashfs_file_list* each = orphans.first(); each != nullptr; each = each->next) {
     const flashfs_sctr_map* orphan = filemap_lookup(fs, each->fileid);
     if (orphan != nullptr && orphan->parent_fileid == 0) {
-      fsck_relink_orphan(fs, each->fileid);
+      static_cast<void>(fsck_relink_orphan(fs, each->fileid));
     }
   }
 }

@@ -4,10 +4,15 @@
 //
 //   spare:   available -> invalid1 -> (copy) -> committed -> (victim erased) -> in_use
 //   smaller victims are copied back and the spare goes committed -> invalid2 -> erased
-#include <cstring>
+#include "flashfs/gc.h"
 
-#include "flashfs/flashfs.h"
-#include "flashfs/list_sort.h"
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
+#include "flashfs/erase.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/scan.h"
 
 namespace {
 
@@ -32,11 +37,11 @@ int choose_fresh_block(flashfs* fs, block_choice* best) {
       continue;
     }
     process_may_suspend();
-    flashfs_blkheader header;
-    if (read_blkheader(fs, b, &header) != 0) {
+    uint8_t state = 0;
+    if (read_block_state(fs, b, &state) != 0) {
       return 1;
     }
-    if (blkheader_state(&header) == block_available) {
+    if (state == block_available) {
       consider_block(fs, best, b, fs->flashfs_blocks[b].num_sectors);
     }
   }
@@ -59,11 +64,11 @@ int choose_victim_in_use(flashfs* fs, block_choice* best) {
     if (b == fs->available_block) {
       continue;
     }
-    flashfs_blkheader header;
-    if (read_blkheader(fs, b, &header) != 0) {
+    uint8_t state = 0;
+    if (read_block_state(fs, b, &state) != 0) {
       return 1;
     }
-    if (blkheader_state(&header) == block_in_use && fs->flashfs_blocks[b].invalid_sectors != 0) {
+    if (state == block_in_use && fs->flashfs_blocks[b].invalid_sectors != 0) {
       consider_block(fs, best, b, fs->flashfs_blocks[b].invalid_sectors);
     }
   }
@@ -77,33 +82,37 @@ int bring_into_service(flashfs* fs, int16_t block_num) {
   return flashfs_scan_block_available(fs, block_num);
 }
 
+// --- phase 1: fresh blocks, then blocks with invalid sectors ---
+
 enum class phase_end { failed, collected, nothing_to_collect };
 
-// Brings fresh blocks into service, or reclaims the blocks with the most invalid sectors, until the
-// list can give.
-phase_end collect_sectors(flashfs* fs, uint32_t use_reserve) {
+// Brings the largest fresh block into service, or, when there is none, reclaims the block with the
+// most invalid sectors.
+phase_end open_or_reclaim_one_block(flashfs* fs) {
+  block_choice fresh;
+  if (choose_fresh_block(fs, &fresh) != 0) {
+    return phase_end::failed;
+  }
+  if (fresh.block_num != no_block) {
+    return bring_into_service(fs, fresh.block_num) == 0 ? phase_end::collected : phase_end::failed;
+  }
+  const block_choice victim = choose_victim(fs);
+  if (victim.block_num == no_block) {
+    return phase_end::nothing_to_collect;
+  }
+  return flashfs_reclaim_block(fs, victim.block_num, 0) == 0 ? phase_end::collected
+                                                             : phase_end::failed;
+}
+
+// One block after the other until the list can give.
+phase_end open_or_reclaim_blocks(flashfs* fs, uint32_t use_reserve) {
   for (;;) {
     const bool had_sectors = fs->available_sectors != nullptr;
-    block_choice fresh;
-    if (choose_fresh_block(fs, &fresh) != 0) {
-      return phase_end::failed;
+    const phase_end end = open_or_reclaim_one_block(fs);
+    if (end != phase_end::collected || available_can_give(fs->available_sectors, use_reserve)) {
+      return end;
     }
-    if (fresh.block_num != no_block) {
-      if (bring_into_service(fs, fresh.block_num) != 0) {
-        return phase_end::failed;
-      }
-    } else {
-      const block_choice victim = choose_victim(fs);
-      if (victim.block_num == no_block) {
-        return phase_end::nothing_to_collect;
-      }
-      if (flashfs_reclaim_block(fs, victim.block_num, 0) != 0) {
-        return phase_end::failed;
-      }
-    }
-    if (available_can_give(fs->available_sectors, use_reserve)) {
-      return phase_end::collected;
-    }
+    // A block has been gained, but no sector, or not the one that was missing.
     if (had_sectors || fs->available_sectors == nullptr) {
       flashfs_log(fs, "inconsistency during sector reclamation");
       return phase_end::collected;
@@ -111,24 +120,7 @@ phase_end collect_sectors(flashfs* fs, uint32_t use_reserve) {
   }
 }
 
-// Reclaims blocks with invalid sectors until the list can give or none is left.
-int reclaim_invalid_sectors(flashfs* fs, uint32_t use_reserve) {
-  do {
-    block_choice victim;
-    if (choose_victim_in_use(fs, &victim) != 0) {
-      return 1;
-    }
-    if (victim.block_num == no_block) {
-      return 0;
-    }
-    if (flashfs_reclaim_block(fs, victim.block_num, 0) != 0) {
-      return 1;
-    }
-  } while (!available_can_give(fs->available_sectors, use_reserve));
-  return 0;
-}
-
-// --- compaction of directory slots ---
+// --- phase 2: compaction of directory slots ---
 
 uint32_t reclaimable_slots(const flashfs* fs) {
   uint32_t count = fs->num_available_slots;
@@ -147,29 +139,6 @@ int drop_deleted_slots(flashfs* fs) {
     }
   }
   return 0;
-}
-
-bool lies_before(const flashfs_sctr_list_unordered& entry,
-                 const flashfs_sctr_list_unordered& other) {
-  return entry.sctr_ptr.block_num < other.sctr_ptr.block_num ||
-         (entry.sctr_ptr.block_num == other.sctr_ptr.block_num &&
-          entry.sctr_ptr.sctr_num < other.sctr_ptr.sctr_num);
-}
-
-// Stable, by block and sector. One pass of neighbour exchanges is all that a list needs that is in
-// order but for a few entries; repeated passes would take the square of the length on others.
-void sort_available_slots(flashfs* fs) {
-  bool exchanged = false;
-  for (flashfs_sctr_list_unordered* entry = fs->available_slots;
-       entry != nullptr && entry->next != nullptr; entry = entry->next) {
-    if (lies_before(*entry->next, *entry)) {
-      swap_sctr_ptr(entry);
-      exchanged = true;
-    }
-  }
-  if (exchanged) {
-    fs->available_slots = list_sort(fs->available_slots, lies_before);
-  }
 }
 
 // The live slots that must move, in a list that is given back whatever happens.
@@ -314,7 +283,7 @@ int compact_slots(flashfs* fs) {
   if (drop_deleted_slots(fs) != 0) {
     return 1;
   }
-  sort_available_slots(fs);
+  available_sort_slots(fs);
   slot_moves moves(fs);
   if (schedule_moves(fs, &moves) != 0) {
     return 1;
@@ -333,6 +302,24 @@ int compact_slots(flashfs* fs) {
   return 0;
 }
 
+// --- phase 3: the blocks from which compaction has taken what was live ---
+
+int reclaim_emptied_blocks(flashfs* fs, uint32_t use_reserve) {
+  do {
+    block_choice victim;
+    if (choose_victim_in_use(fs, &victim) != 0) {
+      return 1;
+    }
+    if (victim.block_num == no_block) {
+      return 0;
+    }
+    if (flashfs_reclaim_block(fs, victim.block_num, 0) != 0) {
+      return 1;
+    }
+  } while (!available_can_give(fs->available_sectors, use_reserve));
+  return 0;
+}
+
 // --- reclamation of one block ---
 
 // Whether a copy would hold anything: a directory sector may have nothing but free slots.
@@ -343,10 +330,6 @@ bool has_live_slot(const flashfs_sector* sector) {
     }
   }
   return false;
-}
-
-bool is_live(uint16_t fileid) {
-  return fileid != fileid_invalidated && fileid != fileid_available;
 }
 
 // Copies the victim's live sectors to the same places of the spare.
@@ -429,7 +412,7 @@ int copy_back(flashfs* fs, int16_t victim, int16_t spare, flashfs_sector* buffer
 }  // namespace
 
 int flashfs_collect_garbage(flashfs* fs, uint32_t use_reserve) {
-  switch (collect_sectors(fs, use_reserve)) {
+  switch (open_or_reclaim_blocks(fs, use_reserve)) {
     case phase_end::failed:
       return 1;
     case phase_end::collected:
@@ -443,7 +426,7 @@ int flashfs_collect_garbage(flashfs* fs, uint32_t use_reserve) {
   if (compact_slots(fs) != 0) {
     return 1;
   }
-  return reclaim_invalid_sectors(fs, use_reserve);
+  return reclaim_emptied_blocks(fs, use_reserve);
 }
 
 int flashfs_reclaim_block(flashfs* fs, int16_t victim, uint32_t verify) {
@@ -470,4 +453,9 @@ int flashfs_reclaim_block(flashfs* fs, int16_t victim, uint32_t verify) {
     return exchange_with_spare(fs, victim, spare, &header);
   }
   return copy_back(fs, victim, spare, buffer.get());
+}
+
+uint32_t flashfs_toggle_random(flashfs* fs) {
+  fs->random = fs->random == 0 ? 1 : 0;
+  return fs->random;
 }

@@ -1,19 +1,14 @@
-// Block and sector input/output: the only way in which the file system touches flash. Turns block
-// and sector numbers into device offsets and driver failures into messages. Nothing is retried.
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
+// Block and sector input/output. Every step that changes flash makes the sector buffers forget.
+#include "flashfs/io.h"
 
-#include "flashfs/flashfs.h"
+#include <cstdio>
+
+#include "flashfs/log.h"
 #include "window/clock.h"
 
 namespace {
 
 constexpr uint32_t flash_return_codes = 8;
-
-unsigned printed_handle(const flashfs* fs, int device) {
-  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(fs->handle[device]));
-}
 
 bool block_in_range(const flashfs* fs, int16_t block_num) {
   return block_num >= 0 && block_num < fs->num_blocks;
@@ -34,23 +29,31 @@ flashfs_block& require_block(const flashfs* fs, const char* what, int16_t block_
   return fs->flashfs_blocks[block_num];
 }
 
-flash_return_code read_device(const flashfs* fs, const flashfs_block& block, uint32_t offset,
-                              uint32_t length, void* buffer) {
-  return fs->fdi[block.device].read(fs->handle[block.device], offset, length, buffer);
-}
-
-flash_return_code write_device(const flashfs* fs, const flashfs_block& block, uint32_t offset,
-                               uint32_t length, const void* buffer) {
-  return fs->fdi[block.device].write(fs->handle[block.device], offset, length, buffer);
-}
-
-int finish_read(const flashfs* fs, const flashfs_block& block, uint32_t offset,
-                flash_return_code code) {
+int read_device(const flashfs* fs, const flashfs_block& block, uint32_t offset, uint32_t length,
+                void* buffer) {
+  const flash_return_code code =
+      fs->fdi[block.device].read(fs->handle[block.device], offset, length, buffer);
   if (code == flash_ok) {
     return 0;
   }
   flashfs_log(fs, "reading from flash handle 0x%x, device %d, offset 0x%x: %s",
-              printed_handle(fs, block.device), block.device, static_cast<unsigned>(offset),
+              printed_handle(fs, block), block.device, static_cast<unsigned>(offset),
+              flash_return_code_text(static_cast<uint32_t>(code)));
+  return 1;
+}
+
+// The offset printed is the block's, also when a sector was to be written.
+int write_device(const flashfs* fs, const flashfs_block& block, uint32_t offset, uint32_t length,
+                 const void* buffer, const char* length_word) {
+  sector_buffers_forget();
+  const flash_return_code code =
+      fs->fdi[block.device].write(fs->handle[block.device], offset, length, buffer);
+  if (code == flash_ok) {
+    return 0;
+  }
+  flashfs_log(fs, "writing to flash handle 0x%x, device %d, offset 0x%x, %s 0x%x: %s",
+              printed_handle(fs, block), block.device, static_cast<unsigned>(block.offset),
+              length_word, static_cast<unsigned>(length),
               flash_return_code_text(static_cast<uint32_t>(code)));
   return 1;
 }
@@ -84,85 +87,6 @@ bool check_sector_address(const flashfs* fs, flashfs_sctr_ptr pointer, const cha
   return true;
 }
 
-int erase_device(const flashfs* fs, int16_t block_num) {
-  const flashfs_block& block = fs->flashfs_blocks[block_num];
-  printf(" eS%d", block_num);
-  const flash_return_code code =
-      fs->fdi[block.device].erase(fs->handle[block.device], block.offset);
-  if (code == flash_ok) {
-    return 0;
-  }
-  flashfs_log(fs, "erasing block, flash handle 0x%x, device %d, offset 0x%x: %s",
-              printed_handle(fs, block.device), block.device, static_cast<unsigned>(block.offset),
-              flash_return_code_text(static_cast<uint32_t>(code)));
-  return 1;
-}
-
-int test_block_is_erased(flashfs* fs, int16_t block_num, flashfs_sector* buffer) {
-  const flashfs_block& block = fs->flashfs_blocks[block_num];
-  const auto* bytes = reinterpret_cast<const uint8_t*>(buffer);
-  for (uint16_t s = 0; s < block.num_sectors; s++) {
-    if (read_sector(fs, {block_num, s}, buffer, whole_sector) != 0) {
-      return 1;
-    }
-    if (is_erased(buffer, sizeof(*buffer))) {
-      continue;
-    }
-    size_t j = 0;
-    while (bytes[j] == flash_erased_byte) {
-      j++;
-    }
-    flashfs_log(fs,
-                "testing block, 0x%x != 0xff, flash handle 0x%x, device %d, block %d, sector %d, "
-                "byte %d",
-                bytes[j], printed_handle(fs, block.device), block.device, block_num, s,
-                static_cast<int>(j));
-    return 1;
-  }
-  return 0;
-}
-
-uint8_t checkerboard(uint32_t pass, uint32_t sctr_num, uint32_t byte) {
-  return ((byte ^ sctr_num ^ pass) & 1) == 0 ? 0x5A : 0xA5;
-}
-
-int test_block_write_pattern(flashfs* fs, int16_t block_num, uint32_t pass,
-                             flashfs_sector* buffer) {
-  auto* bytes = reinterpret_cast<uint8_t*>(buffer);
-  for (uint16_t s = 0; s < fs->flashfs_blocks[block_num].num_sectors; s++) {
-    for (uint32_t j = 0; j < sizeof(*buffer); j++) {
-      bytes[j] = checkerboard(pass, s, j);
-    }
-    if (write_sector(fs, {block_num, s}, buffer, whole_sector) != 0) {
-      return 1;
-    }
-  }
-  return 0;
-}
-
-int test_block_compare_pattern(flashfs* fs, int16_t block_num, uint32_t pass,
-                               flashfs_sector* buffer) {
-  const flashfs_block& block = fs->flashfs_blocks[block_num];
-  const auto* bytes = reinterpret_cast<const uint8_t*>(buffer);
-  for (uint16_t s = 0; s < block.num_sectors; s++) {
-    if (read_sector(fs, {block_num, s}, buffer, whole_sector) != 0) {
-      return 1;
-    }
-    for (uint32_t j = 0; j < sizeof(*buffer); j++) {
-      const uint8_t expected = checkerboard(pass, s, j);
-      if (bytes[j] != expected) {
-        flashfs_log(fs,
-                    "testing block, 0x%x != 0x%x, flash handle 0x%x, device %d, block %d, "
-                    "sector %d, byte %d",
-                    expected, bytes[j], printed_handle(fs, block.device), block.device, block_num,
-                    s, static_cast<int>(j));
-        return 1;
-      }
-    }
-  }
-  return 0;
-}
-
 }  // namespace
 
 const char* flash_return_code_text(uint32_t code) {
@@ -184,36 +108,12 @@ const char* flash_return_code_text(uint32_t code) {
   return text;
 }
 
-flashfs_sector* sector_buffer_alloc(flashfs* fs) {
-  if (fs->sctr_buf_chunk == nullptr) {
-    flashfs_log(fs, "unable to allocate sector buffer -- chunk not initialized");
-    errno = EINVAL;
-    return nullptr;
-  }
-  auto* buffer = static_cast<flashfs_sector*>(chunk_malloc(fs->sctr_buf_chunk));
-  if (buffer == nullptr) {
-    flashfs_log(fs, "unable to allocate sector buffer");
-    errno = ENOMEM;
-    return nullptr;
-  }
-  fs->sctr_bufs_allocated++;
-  return buffer;
-}
-
-void sector_buffer_free(flashfs* fs, flashfs_sector* buffer) {
-  if (fs->sctr_buf_chunk == nullptr) {
-    flashfs_log(fs, "unable to free sector buffer -- chunk not initialized");
-    return;
-  }
-  if (buffer == nullptr) {
-    return;
-  }
-  chunk_free(fs->sctr_buf_chunk, buffer);
-  fs->sctr_bufs_allocated--;
-}
-
 sys_timestamp flashfs_timestamp() {
   return static_cast<sys_timestamp>(unix_time());
+}
+
+unsigned printed_handle(const flashfs* fs, const flashfs_block& block) {
+  return static_cast<unsigned>(reinterpret_cast<uintptr_t>(fs->handle[block.device]));
 }
 
 uint16_t block_sector_count(uint32_t block_size_bytes) {
@@ -241,8 +141,7 @@ uint32_t block_size(const flashfs* fs, int16_t block_num) {
 int read_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
-  return finish_read(fs, block, block.offset,
-                     read_device(fs, block, block.offset, sizeof(*header), header));
+  return read_device(fs, block, block.offset, sizeof(*header), header);
 }
 
 int write_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
@@ -250,37 +149,46 @@ int write_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
       require_block(fs, "Trying to write a block header not in the  flash device!.", block_num);
   header->block_num = static_cast<uint16_t>(block_num);
   printf(" wS%d", block_num);
-  const flash_return_code code = write_device(fs, block, block.offset, sizeof(*header), header);
-  if (code == flash_ok) {
-    return 0;
-  }
-  flashfs_log(fs, "writing to flash handle 0x%x, device %d, offset 0x%x, length: 0x%x: %s",
-              printed_handle(fs, block.device), block.device, static_cast<unsigned>(block.offset),
-              static_cast<unsigned>(sizeof(*header)),
-              flash_return_code_text(static_cast<uint32_t>(code)));
-  return 1;
+  // The one write whose message has a colon there.
+  return write_device(fs, block, block.offset, sizeof(*header), header, "length:");
 }
 
 int read_block(flashfs* fs, int16_t block_num, void* buffer) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block not in the  flash device!.", block_num);
-  return finish_read(fs, block, block.offset,
-                     read_device(fs, block, block.offset, block_size(fs, block_num), buffer));
+  return read_device(fs, block, block.offset, block_size(fs, block_num), buffer);
 }
 
 int write_block(flashfs* fs, int16_t block_num, const void* buffer) {
   const flashfs_block& block =
       require_block(fs, "Trying to write a block not in the  flash device!.", block_num);
-  const uint32_t length = block_size(fs, block_num);
   printf(" wS%d", block_num);
-  const flash_return_code code = write_device(fs, block, block.offset, length, buffer);
+  return write_device(fs, block, block.offset, block_size(fs, block_num), buffer, "length");
+}
+
+int erase_whole_block(flashfs* fs, int16_t block_num) {
+  const flashfs_block& block =
+      require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
+  printf(" eS%d", block_num);
+  sector_buffers_forget();
+  const flash_return_code code =
+      fs->fdi[block.device].erase(fs->handle[block.device], block.offset);
   if (code == flash_ok) {
     return 0;
   }
-  flashfs_log(fs, "writing to flash handle 0x%x, device %d, offset 0x%x, length 0x%x: %s",
-              printed_handle(fs, block.device), block.device, static_cast<unsigned>(block.offset),
-              static_cast<unsigned>(length), flash_return_code_text(static_cast<uint32_t>(code)));
+  flashfs_log(fs, "erasing block, flash handle 0x%x, device %d, offset 0x%x: %s",
+              printed_handle(fs, block), block.device, static_cast<unsigned>(block.offset),
+              flash_return_code_text(static_cast<uint32_t>(code)));
   return 1;
+}
+
+int read_block_state(flashfs* fs, int16_t block_num, uint8_t* state) {
+  flashfs_blkheader header;
+  if (read_blkheader(fs, block_num, &header) != 0) {
+    return 1;
+  }
+  *state = blkheader_state(&header);
+  return 0;
 }
 
 int set_block_state(flashfs* fs, int16_t block_num, block_state state) {
@@ -297,9 +205,8 @@ int read_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector, u
     return 1;
   }
   const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
-  const uint32_t offset = sector_offset(block, pointer.sctr_num);
-  return finish_read(fs, block, offset,
-                     read_device(fs, block, offset, transfer_length(length), sector));
+  return read_device(fs, block, sector_offset(block, pointer.sctr_num), transfer_length(length),
+                     sector);
 }
 
 int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
@@ -308,16 +215,10 @@ int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* se
     crashpoint();
   }
   const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
-  length = transfer_length(length);
-  const flash_return_code code =
-      write_device(fs, block, sector_offset(block, pointer.sctr_num), length, sector);
-  if (code == flash_ok) {
+  if (write_device(fs, block, sector_offset(block, pointer.sctr_num), transfer_length(length),
+                   sector, "length") == 0) {
     return 0;
   }
-  // The offset printed is the block's, not the sector's.
-  flashfs_log(fs, "writing to flash handle 0x%x, device %d, offset 0x%x, length 0x%x: %s",
-              printed_handle(fs, block.device), block.device, static_cast<unsigned>(block.offset),
-              static_cast<unsigned>(length), flash_return_code_text(static_cast<uint32_t>(code)));
   flashfs_log(fs, "sector ptr: {0x%0x, 0x%x}", static_cast<unsigned>(pointer.block_num),
               static_cast<unsigned>(pointer.sctr_num));
   return 1;
@@ -327,7 +228,6 @@ int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffe
   if (buffer.holds(pointer)) {
     return 0;
   }
-  buffer.forget();
   if (read_sector(fs, pointer, buffer.get(), whole_sector) != 0) {
     return 1;
   }
@@ -373,68 +273,4 @@ int obsolete_on_flash(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
     invalidate_sector_buf(fs, pointer, buffer);
   }
   return write_sector(fs, pointer, buffer, whole_sector);
-}
-
-int erase_block(flashfs* fs, int16_t block_num, bool keep_header, bool test) {
-  flashfs_block& block =
-      require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
-  flashfs_blkheader header;
-  uint32_t erase_count = 0;
-  if (keep_header) {
-    if (read_blkheader(fs, block_num, &header) != 0) {
-      return 1;
-    }
-    erase_count = header.erase_count;
-  }
-  if (erase_device(fs, block_num) != 0) {
-    return 1;
-  }
-  if (test && test_block(fs, block_num, keep_header ? &erase_count : nullptr) != 0) {
-    return 1;
-  }
-  if (keep_header) {
-    if (read_blkheader(fs, block_num, &header) != 0) {
-      return 1;
-    }
-    header.erase_count = erase_count + 1;
-    header.timestamp = flashfs_timestamp();
-    blkheader_set_checksum(&header);
-    if (write_blkheader(fs, block_num, &header) != 0) {
-      return 1;
-    }
-  }
-  block.invalid_sectors = 0;
-  block.invalid_slots = 0;
-  return 0;
-}
-
-int test_block(flashfs* fs, int16_t block_num, uint32_t* erase_count) {
-  constexpr uint32_t passes = 2;
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
-  char erased_text[sizeof("...erased 0x12345678 times")] = "";
-  if (erase_count != nullptr) {
-    snprintf(erased_text, sizeof(erased_text), "...erased 0x%x times",
-             static_cast<unsigned>(*erase_count));
-  }
-  flashfs_log(fs, "testing block %d%s", block_num, erased_text);
-  if (test_block_is_erased(fs, block_num, buffer.get()) != 0) {
-    return 1;
-  }
-  for (uint32_t pass = 0; pass < passes; pass++) {
-    if (test_block_write_pattern(fs, block_num, pass, buffer.get()) != 0 ||
-        test_block_compare_pattern(fs, block_num, pass, buffer.get()) != 0 ||
-        erase_device(fs, block_num) != 0) {
-      return 1;
-    }
-    if (erase_count != nullptr) {
-      (*erase_count)++;
-    }
-    if (test_block_is_erased(fs, block_num, buffer.get()) != 0) {
-      return 1;
-    }
-  }
-  return 0;
 }

@@ -1,16 +1,15 @@
-// The mounted file system's state: its making from the devices' driver records, its registration
-// with the switch, the validation and collection of what lies on flash, and its teardown. The maps
-// themselves are built by the check.
+// Making a file system of the devices' driver records, registering it with the switch, and giving
+// it back. The maps are built by the check.
 #include <cerrno>
 #include <climits>
-#include <cstdarg>
 #include <cstdio>
 #include <new>
 
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
-
-const char* const flashfs_log_prefix = "";
-const char* const flashfs_log_suffix = "\n";
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/vector.h"
 
 namespace {
 
@@ -29,12 +28,6 @@ struct mfg_dev_code {
 };
 constexpr int mfg_dev_codes = 16;
 const mfg_dev_code flashfs_mfg_dev_code[mfg_dev_codes] = {};
-
-void log_line(const flashfs* fs, const char* format, va_list arguments, const char* suffix) {
-  printf("%sflashfs[%d]: ", flashfs_log_prefix, fs->fsid);
-  vprintf(format, arguments);
-  printf("%s", suffix);
-}
 
 bool driver_is_usable(const flash_driver_info* record) {
   return record != nullptr && record->read != nullptr && record->write != nullptr &&
@@ -135,94 +128,7 @@ const mfg_dev_code* find_chip(const char* prefix) {
   return nullptr;
 }
 
-// What is wrong with a slot, after its message; false when it is good.
-bool slot_is_bad(const flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_dir_slot* slot,
-                 uint32_t slot_no) {
-  if (slot->dir_fileid == fileid_invalidated) {
-    return false;
-  }
-  if (slot->dir_fileid == fileid_available) {
-    if (is_erased(slot, sizeof(*slot))) {
-      return false;
-    }
-    flashfs_log(fs, "bad available_slot.");
-    return true;
-  }
-  const uint32_t crc = dir_slot_crc(slot);
-  if (crc != flashfs_good_crc) {
-    flashfs_log(fs, "Dir slot %ld, sector %d, block %d, checksum (0x%x != 0x%x)",
-                static_cast<long>(slot_no), pointer.sctr_num, pointer.block_num,
-                static_cast<unsigned>(crc), static_cast<unsigned>(flashfs_good_crc));
-    return true;
-  }
-  if (!is_directory_mode(slot->mode) && !is_regular_mode(slot->mode)) {
-    flashfs_log(fs, "Dir slot %ld, sector %d, block %d, bad file type in mode: 0x%x",
-                static_cast<long>(slot_no), pointer.sctr_num, pointer.block_num,
-                static_cast<unsigned>(slot->mode & ppc_mode_type_mask));
-    return true;
-  }
-  char name[filename_buffer_size];
-  dir_slot_get_name(slot, name);
-  const int illegal = filename_illegal_char(name);
-  if (illegal != 0) {
-    flashfs_log(fs, "Illegal character 0x%x in filename: \"%s\"", static_cast<unsigned>(illegal),
-                name);
-    return true;
-  }
-  return false;
-}
-
-int check_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
-  bool deleted = false;
-  for (uint32_t k = 0; k < slots_per_sector; k++) {
-    if (!slot_is_bad(fs, pointer, &sector->slots[k], k)) {
-      continue;
-    }
-    delete_slot_buf(fs, pointer, sector, k);
-    deleted = true;
-    if (sector->fileid == fileid_invalidated) {
-      break;
-    }
-  }
-  return deleted ? write_sector(fs, pointer, sector, whole_sector) : 0;
-}
-
-int push_available_slots(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return 1;
-  }
-  for (uint8_t k = 0; k < slots_per_sector; k++) {
-    const flashfs_dir_slot& slot = buffer->slots[k];
-    if (slot.dir_fileid != fileid_available) {
-      continue;
-    }
-    if (!is_erased(&slot, sizeof(slot))) {
-      flashfs_log(fs, "Inconsistency found in directory slot %d in sector %d in block %d", k,
-                  pointer.sctr_num, pointer.block_num);
-      return 1;
-    }
-    if (available_slot_push(fs, pointer, k) != 0) {
-      return 1;
-    }
-  }
-  return 0;
-}
-
 }  // namespace
-
-void flashfs_log(const flashfs* fs, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  log_line(fs, format, arguments, flashfs_log_suffix);
-  va_end(arguments);
-}
-
-void flashfs_log_open(const flashfs* fs, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  log_line(fs, format, arguments, "");
-  va_end(arguments);
-}
 
 int32_t flashfs_initialize(const void* const handles[], const flash_driver_info* const records[],
                            int32_t num_devices, const char* prefix) {
@@ -277,70 +183,4 @@ int32_t flashfs_get_chip_code(const char* prefix) {
 const char* flashfs_get_chip_desc(const char* prefix) {
   const mfg_dev_code* chip = find_chip(prefix);
   return chip == nullptr ? nullptr : chip->description;
-}
-
-void flashfs_clear_maps(flashfs* fs) {
-  for (int16_t b = 0; b < fs->num_blocks; b++) {
-    fs->flashfs_blocks[b].invalid_sectors = 0;
-    fs->flashfs_blocks[b].invalid_slots = 0;
-  }
-  if (fs->sctr_ptr_chunk != nullptr) {
-    filemap_clear(fs);
-    available_clear(fs);
-    chunk_destroy(fs->sctr_ptr_chunk);
-    fs->sctr_ptr_chunk = nullptr;
-  }
-  fs->ready = 0;
-}
-
-void flashfs_mark_down(flashfs* fs) {
-  flashfs_log(fs, "filesystem marked down.  Use \"fsck\" to recover.");
-  fs->ready = 0;
-}
-
-int flashfs_check_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
-  switch (static_cast<uint16_t>(sector->fileid)) {
-    case fileid_invalidated:
-      return 0;
-    case fileid_root:
-      return check_directory_sector(fs, pointer, sector);
-    case fileid_available:
-      if (is_erased(sector, sizeof(*sector))) {
-        return 0;
-      }
-      break;
-    default: {
-      const uint32_t crc = sector_crc(sector);
-      if (crc == flashfs_good_crc) {
-        return 0;
-      }
-      flashfs_log(fs, "sector %d, block %d checksum (0x%x != 0x%x)", pointer.sctr_num,
-                  pointer.block_num, static_cast<unsigned>(crc),
-                  static_cast<unsigned>(flashfs_good_crc));
-    }
-  }
-  invalidate_sector_buf(fs, pointer, sector);
-  return write_sector(fs, pointer, sector, whole_sector);
-}
-
-int flashfs_scan_block_available(flashfs* fs, int16_t block_num) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
-  for (uint16_t s = fs->flashfs_blocks[block_num].num_sectors; s-- > 0;) {
-    const flashfs_sctr_ptr pointer = {block_num, s};
-    process_may_suspend();
-    if (read_sector(fs, pointer, buffer.get(), only_fileid) != 0) {
-      return 1;
-    }
-    const uint16_t fileid = buffer->fileid;
-    if (fileid == fileid_available && available_sector_push(fs, pointer) != 0) {
-      return 1;
-    }
-    if (fileid == fileid_root && push_available_slots(fs, pointer, buffer.get()) != 0) {
-      return 1;
-    }
-  }
-  return 0;
 }

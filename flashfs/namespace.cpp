@@ -1,32 +1,24 @@
-// Operations on names: changing modes, removing, renaming, making directories. They check, resolve
-// the name and hand the change to the steps of entry.cpp. Status and listing are
-// status.cpp.
-#include <cerrno>
-#include <cstring>
+// The operations on names: they check, resolve the name and hand the change to the steps of
+// entry.cpp.
+#include "flashfs/namespace.h"
 
-#include "flashfs/flashfs.h"
+#include <cerrno>
+
+#include "flashfs/claim.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/log.h"
 #include "flashfs/operations.h"
+#include "flashfs/path.h"
 
 namespace {
 
-// The ready state behind an fsid; null with EINVAL, or with errno untouched when there is none.
-flashfs* ready_flashfs(ppc_fsid_t fsid) {
-  flashfs* fs = flashfs_of(fsid);
-  if (fs != nullptr && fs->ready == 0) {
-    errno = EINVAL;
-    return nullptr;
-  }
-  return fs;
-}
-
-// The id that a path leads to; 0 with ENOENT also for an empty path.
-uint16_t resolve_named(flashfs* fs, const char* path) {
-  if (*path == '\0') {
-    errno = ENOENT;
-    return 0;
-  }
-  return flashfs_resolve(fs, path);
-}
+// A missing directory is answered like an existing name.
+constexpr name_rules rules_of_renaming = {
+    .name_before_directory = false,
+    .missing_directory = EEXIST,
+    .directory_without_record = EIO,
+};
 
 // Whether `ancestor` is the directory itself or stands above it. Damaged parents can form a loop,
 // which the number of files bounds.
@@ -43,75 +35,71 @@ bool is_below(const flashfs* fs, const flashfs_sctr_map* directory, uint16_t anc
   return false;
 }
 
-struct rename_request {
-  flashfs_sctr_map* entry;
-  flashfs_sctr_map* old_directory;
-  flashfs_sctr_map* new_directory;
-  const char* name;
-};
-
-// What is to be renamed. 0, or -1 with errno.
-int32_t find_renamed(flashfs* fs, const char* old_path, rename_request* request) {
-  const uint16_t fileid = flashfs_resolve(fs, old_path);
-  if (fileid == 0) {
-    return -1;
-  }
-  if (fileid == fileid_root) {
+int32_t move_between_directories(flashfs* fs, flashfs_sctr_map* entry,
+                                 flashfs_sctr_map* old_directory, const name_place& target) {
+  if (is_directory_mode(entry->mode) && target.directory->fileid != fileid_root &&
+      is_below(fs, target.directory, entry->fileid)) {
     return flashfs_fail(EINVAL);
   }
-  request->entry = filemap_lookup(fs, fileid);
-  request->old_directory =
-      request->entry == nullptr ? nullptr : filemap_lookup(fs, request->entry->parent_fileid);
-  return request->old_directory == nullptr ? flashfs_fail(ENOENT) : 0;
+  file_claim new_claim;
+  file_claim old_claim;
+  if (!new_claim.take(target.directory, acquire_write) ||
+      !old_claim.take(old_directory, acquire_write)) {
+    return flashfs_fail(EBUSY);
+  }
+  return flashfs_rename_entry(fs, entry, target.directory, target.name);
 }
 
-// Where it goes. `work` holds the name afterwards. 0, or -1 with errno.
-int32_t find_target(flashfs* fs, const char* new_path, char (&work)[path_size_max],
-                    rename_request* request) {
-  const uint16_t existing = flashfs_resolve(fs, new_path);
-  if (existing != 0) {
-    return flashfs_fail(EEXIST);
+int32_t rename_named(flashfs* fs, const char* old_path, const char* new_path) {
+  if (*old_path == '\0' || *new_path == '\0') {
+    return flashfs_fail(ENOENT);
   }
-  if (errno != ENOENT) {
-    return -1;
+  const name_search found = flashfs_resolve(fs, old_path);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
   }
-  if (strlen(new_path) >= path_size_max) {
-    return flashfs_fail(ENAMETOOLONG);
-  }
-  const uint16_t dir_fileid = flashfs_resolve(fs, path_dirname(new_path, work));
-  if (dir_fileid == 0) {
-    // A missing directory is answered like an existing name.
-    return errno == ENOENT ? flashfs_fail(EEXIST) : -1;
-  }
-  request->new_directory = filemap_lookup(fs, dir_fileid);
-  if (request->new_directory == nullptr) {
-    return flashfs_fail_down(fs);
-  }
-  if (!is_directory_mode(request->new_directory->mode)) {
-    return flashfs_fail(ENOTDIR);
-  }
-  request->name = path_basename(new_path, work);
-  const int name_error = new_name_error(fs, request->name);
-  return name_error == 0 ? 0 : flashfs_fail(name_error);
-}
-
-int32_t move_between_directories(flashfs* fs, const rename_request& request) {
-  if (is_directory_mode(request.entry->mode) && request.new_directory->fileid != fileid_root &&
-      is_below(fs, request.new_directory, request.entry->fileid)) {
+  if (found.fileid == fileid_root) {
     return flashfs_fail(EINVAL);
   }
-  if (flashfs_file_acquire(request.new_directory, acquire_write) != 0) {
-    return flashfs_fail(EBUSY);
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  flashfs_sctr_map* old_directory =
+      entry == nullptr ? nullptr : filemap_lookup(fs, entry->parent_fileid);
+  if (old_directory == nullptr) {
+    return flashfs_fail(ENOENT);
   }
-  if (flashfs_file_acquire(request.old_directory, acquire_write) != 0) {
-    flashfs_file_release(request.new_directory);
-    return flashfs_fail(EBUSY);
+  char work[path_size_max];
+  const name_place target =
+      find_place_for_name(fs, new_path, path_find(fs, new_path), work, rules_of_renaming);
+  if (target.error != 0) {
+    return flashfs_fail(target.error);
   }
-  const int32_t result =
-      flashfs_rename_entry(fs, request.entry, request.new_directory, request.name);
-  flashfs_file_release(request.old_directory);
-  flashfs_file_release(request.new_directory);
-  return flashfs_finish(fs, result);
+  return target.directory == old_directory
+             ? flashfs_rename_entry(fs, entry, old_directory, target.name)
+             : move_between_directories(fs, entry, old_directory, target);
+}
+
+int32_t change_mode_of_named(flashfs* fs, const char* path, ppc_mode_t mode) {
+  const name_search found = flashfs_resolve(fs, path);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
+  }
+  if (found.fileid == fileid_root) {
+    return flashfs_fail(EINVAL);
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  return entry == nullptr ? flashfs_fail(ENOENT) : flashfs_change_mode(fs, entry, mode);
+}
+
+int32_t remove_named_file(flashfs* fs, const char* path) {
+  const name_search found = flashfs_resolve(fs, path);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  if (entry == nullptr) {
+    return flashfs_fail(EIO);
+  }
+  return is_directory_mode(entry->mode) ? flashfs_fail(EISDIR) : flashfs_remove_entry(fs, entry);
 }
 
 bool has_entries(const flashfs_sctr_map* directory) {
@@ -123,100 +111,52 @@ bool has_entries(const flashfs_sctr_map* directory) {
   return false;
 }
 
+int32_t remove_named_directory(flashfs* fs, const char* path) {
+  const name_search found = flashfs_resolve(fs, path);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  if (entry == nullptr) {
+    return flashfs_fail(ENOENT);
+  }
+  if (!is_directory_mode(entry->mode)) {
+    return flashfs_fail(ENOTDIR);
+  }
+  return has_entries(entry) ? flashfs_fail(ENOTEMPTY) : flashfs_remove_entry(fs, entry);
+}
+
 }  // namespace
 
-int32_t flashfs_finish(flashfs* fs, int32_t result) {
-  if (result < 0 && errno == EIO) {
-    flashfs_mark_down(fs);
-    errno = EIO;
-  }
-  return result;
-}
-
-bool flashfs_is_only_user(const flashfs* fs) {
-  const ifs_filesystem* entry = ifs_fsid_get_entry(fs->fsid);
-  return entry != nullptr && entry->open_count == 1;
-}
-
-uint16_t flashfs_resolve(flashfs* fs, const char* path) {
-  errno = 0;
-  const uint16_t fileid = path_lookup(fs, path);
-  if (fileid != 0) {
-    return fileid;
-  }
-  if (errno == EIO) {
-    flashfs_mark_down(fs);
-    errno = EIO;
-  } else if (errno != ENOMEM && errno != EINVAL) {
-    // Also for a component on the way that is a file, and for a path too long to be looked up.
-    errno = ENOENT;
-  }
-  return 0;
-}
-
 int32_t flashfs_vctr_chmod(ppc_fsid_t fsid, const char* path, ppc_mode_t mode) {
-  flashfs* fs = ready_flashfs(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
   }
   const flashfs_lock_guard lock(fs);
-  const uint16_t fileid = resolve_named(fs, path);
-  if (fileid == 0) {
-    return -1;
-  }
-  if (fileid == fileid_root) {
-    return flashfs_fail(EINVAL);
-  }
-  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-  if (entry == nullptr) {
-    return flashfs_fail(ENOENT);
-  }
-  return flashfs_finish(fs, flashfs_change_mode(fs, entry, mode));
+  return flashfs_finish(fs, change_mode_of_named(fs, path, mode));
 }
 
 int32_t flashfs_vctr_remove(ppc_fsid_t fsid, const char* path) {
-  flashfs* fs = ready_flashfs(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
   }
   const flashfs_lock_guard lock(fs);
-  const uint16_t fileid = resolve_named(fs, path);
-  if (fileid == 0) {
-    return -1;
-  }
-  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-  if (entry == nullptr) {
-    return flashfs_fail_down(fs);
-  }
-  if (is_directory_mode(entry->mode)) {
-    return flashfs_fail(EISDIR);
-  }
-  return flashfs_finish(fs, flashfs_remove_entry(fs, entry));
+  return flashfs_finish(fs, remove_named_file(fs, path));
 }
 
 int32_t flashfs_vctr_rename(ppc_fsid_t fsid, const char* old_path, const char* new_path) {
-  flashfs* fs = ready_flashfs(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
   }
   const flashfs_lock_guard lock(fs);
-  if (*old_path == '\0' || *new_path == '\0') {
-    return flashfs_fail(ENOENT);
-  }
-  rename_request request = {};
-  char work[path_size_max];
-  if (find_renamed(fs, old_path, &request) != 0 || find_target(fs, new_path, work, &request) != 0) {
-    return -1;
-  }
-  if (request.new_directory != request.old_directory) {
-    return move_between_directories(fs, request);
-  }
-  return flashfs_finish(
-      fs, flashfs_rename_entry(fs, request.entry, request.new_directory, request.name));
+  return flashfs_finish(fs, rename_named(fs, old_path, new_path));
 }
 
 int32_t flashfs_vctr_mkdir(ppc_fsid_t fsid, const char* path, ppc_mode_t mode) {
-  flashfs* fs = ready_flashfs(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
   }
@@ -227,24 +167,10 @@ int32_t flashfs_vctr_mkdir(ppc_fsid_t fsid, const char* path, ppc_mode_t mode) {
 }
 
 int32_t flashfs_vctr_rmdir(ppc_fsid_t fsid, const char* path) {
-  flashfs* fs = ready_flashfs(fsid);
+  flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
     return -1;
   }
   const flashfs_lock_guard lock(fs);
-  const uint16_t fileid = resolve_named(fs, path);
-  if (fileid == 0) {
-    return -1;
-  }
-  flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-  if (entry == nullptr) {
-    return flashfs_fail(ENOENT);
-  }
-  if (!is_directory_mode(entry->mode)) {
-    return flashfs_fail(ENOTDIR);
-  }
-  if (has_entries(entry)) {
-    return flashfs_fail(ENOTEMPTY);
-  }
-  return flashfs_finish(fs, flashfs_remove_entry(fs, entry));
+  return flashfs_finish(fs, remove_named_directory(fs, path));
 }

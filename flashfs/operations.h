@@ -1,10 +1,19 @@
-// What the operations of the vector share: finding the state behind an fsid or a descriptor,
-// failing, and remembered places in a file's list.
+// What the operations of the vector share: the state behind an fsid or a descriptor, what an open
+// file is, and how an operation fails.
 #pragma once
 
-#include <cerrno>
-
 #include "flashfs/flashfs.h"
+#include "flashfs/path.h"
+#include "flashfs/place.h"
+
+// One descriptor's state.
+struct flashfs_open_file {
+  uint32_t filepos;  // bytes
+  flashfs_sctr_map* file;
+  uint32_t oflags;
+  // In the file's list, or, for a directory, the entry behind the last listing and its position.
+  list_place place;
+};
 
 // The flags that make an open one for writing.
 constexpr uint32_t flashfs_opened_for_writing = ifs_open_write | ifs_open_truncate;
@@ -12,22 +21,10 @@ constexpr uint32_t flashfs_opened_for_writing = ifs_open_write | ifs_open_trunca
 // The reserved name of the whole device.
 constexpr const char* flashfs_raw_name = "...";
 
-// Set errno and return -1; flashfs_fail_down also marks the file system down, with EIO.
-inline int32_t flashfs_fail(int error) {
-  errno = error;
-  return -1;
-}
-inline int32_t flashfs_fail_down(flashfs* fs) {
-  flashfs_mark_down(fs);
-  return flashfs_fail(EIO);
-}
-// Marks down whatever errno is and passes a step's result on.
-int32_t flashfs_pass_down(flashfs* fs, int32_t result);
-// Marks down when errno is EIO and passes a step's negative result on.
-int32_t flashfs_finish(flashfs* fs, int32_t result);
-
 // The state of a file system, or null with errno untouched.
 flashfs* flashfs_of(ppc_fsid_t fsid);
+// The same when it is ready; null with EINVAL when it is not.
+flashfs* flashfs_of_ready(ppc_fsid_t fsid);
 
 struct opened_descriptor {
   flashfs* fs = nullptr;
@@ -39,17 +36,12 @@ opened_descriptor flashfs_of_descriptor(int32_t fd);
 // Whether the operation in progress is the only use of the file system.
 bool flashfs_is_only_user(const flashfs* fs);
 
-// The file's list entry with this index, from the remembered place when that helps. The entry is
-// null, and the index the list's length, when the list is shorter.
-list_place flashfs_find_place(const flashfs_open_file* open, uint32_t index);
+// As path_find; everything that is not there, for whatever reason, is ENOENT, also an empty path.
+name_search flashfs_resolve(flashfs* fs, const char* path);
 
-// --- the raw device (raw.cpp) ---
-
-bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open);
-// Erases the device for writing, or closes the file system to all others for reading. 1 on failure.
-int flashfs_raw_prepare(flashfs* fs, uint32_t oflags);
-int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer, uint32_t length);
-int32_t flashfs_raw_write(flashfs* fs, flashfs_open_file* open, const void* buffer,
-                          uint32_t length);
-// Brings the file system back. 0, or -1 with EIO.
-int32_t flashfs_raw_finish(flashfs* fs, const flashfs_open_file* open);
+// When a failure marks the file system down.
+enum class marks_down { when_flash_failed, always };
+// Ends an operation: passes its result on, and marks the file system down when it is negative and
+// the flash has failed (errno is EIO). The only place that does so.
+[[nodiscard]] int32_t flashfs_finish(flashfs* fs, int32_t result,
+                                     marks_down when = marks_down::when_flash_failed);

@@ -1,10 +1,18 @@
 // Paths: a directory is only a list of slots, so a name is found by reading the slots one after
-// another. And the making of new names. Paths come without their device prefix and start at the
-// root.
+// another. And the making of new names.
+#include "flashfs/path.h"
+
 #include <cerrno>
 #include <cstring>
 
-#include "flashfs/flashfs.h"
+#include "flashfs/alloc.h"
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/log.h"
+#include "flashfs/slots.h"
 
 namespace {
 
@@ -13,6 +21,12 @@ constexpr uint32_t mode_of_new_entries = 0x0700;
 
 constexpr const char* path_separator = "/";
 
+constexpr name_rules rules_of_creation = {
+    .name_before_directory = true,
+    .missing_directory = ENOENT,
+    .directory_without_record = ENOTDIR,
+};
+
 void cut_trailing_slashes(char* path) {
   size_t length = strlen(path);
   while (length > 0 && path[length - 1] == '/') {
@@ -20,90 +34,144 @@ void cut_trailing_slashes(char* path) {
   }
 }
 
-flashfs_sctr_map* fail_with(int error) {
-  errno = error;
-  return nullptr;
+// Why a new name cannot stand where this search has looked; 0 when it can.
+int taken_error(const name_search& existing) {
+  if (existing.fileid != 0) {
+    return EEXIST;
+  }
+  return is_absent(existing) && existing.error != ENAMETOOLONG ? 0 : existing.error;
 }
 
-// The error of a look-up that could not tell whether the name exists; 0 when it could.
-int lookup_failure(int error) {
-  return error == ENOENT || error == ENOTDIR ? 0 : error;
+// Whether a new name is acceptable: 0, or ENAMETOOLONG (after a message) or EINVAL.
+int name_error(flashfs* fs, const char* name) {
+  if (strlen(name) > filename_max) {
+    flashfs_log(fs, "Cannot accept filenames longer than %u characters.",
+                static_cast<unsigned>(filename_max));
+    return ENAMETOOLONG;
+  }
+  return filename_illegal_char(name) != 0 ? EINVAL : 0;
 }
 
-// Makes the entry in a directory that is claimed for writing.
-flashfs_sctr_map* create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* name,
-                                      uint32_t mode, flashfs_sector* buffer) {
+// The directory that a path leads to. 0, or why it is none.
+int find_directory(flashfs* fs, const char* dir_path, const name_rules& rules,
+                   flashfs_sctr_map** directory) {
+  const name_search found = path_find(fs, dir_path);
+  if (found.fileid == 0) {
+    return is_absent(found) ? rules.missing_directory : found.error;
+  }
+  *directory = filemap_lookup(fs, found.fileid);
+  if (*directory == nullptr) {
+    return rules.directory_without_record;
+  }
+  return is_directory_mode((*directory)->mode) ? 0 : ENOTDIR;
+}
+
+// Makes the entry in a directory that is claimed for writing. 0, or the error.
+int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* name, uint32_t mode,
+                        flashfs_sector* buffer, flashfs_sctr_map** entry) {
   const uint16_t fileid = flashfs_next_fileid(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
   if (fileid == fileid_available || fileid == fileid_invalidated ||
       flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
-    return fail_with(ENOSPC);
+    return ENOSPC;
   }
   const auto entry_mode = static_cast<ppc_mode_t>(mode | mode_of_new_entries);
-  flashfs_sctr_map* entry = filemap_insert(fs, fileid, directory->fileid, entry_mode);
-  if (entry == nullptr) {
-    available_slot_push(fs, pointer, slot_no);
-    return fail_with(ENOMEM);
+  *entry = filemap_insert(fs, fileid, directory->fileid, entry_mode);
+  if (*entry == nullptr) {
+    // The slot is still erased; should there be no memory to list it, the next check finds it.
+    static_cast<void>(available_slot_push(fs, pointer, slot_no));
+    return ENOMEM;
   }
   // The directory's list knows the slot before the directory is dated: that may collect garbage,
   // which must find the slot's reference when it moves it.
   const int error =
       flashfs_write_new_slot(fs, pointer, slot_no, directory, fileid, entry_mode, name, buffer);
   if (error == EIO || flashfs_touch(fs, directory, 0) != 0) {
-    return fail_with(EIO);
+    return EIO;
   }
-  return error == 0 ? entry : fail_with(error);
+  return error;
+}
+
+// 0, or the error.
+int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map** entry) {
+  const name_search existing = path == nullptr ? name_search{0, ENOENT} : path_find(fs, path);
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return errno;
+  }
+  if (path == nullptr || *path == '\0') {
+    return ENOENT;
+  }
+  char work[path_size_max];
+  const name_place place = find_place_for_name(fs, path, existing, work, rules_of_creation);
+  if (place.error != 0) {
+    return place.error;
+  }
+  file_claim claim;
+  if (!claim.take(place.directory, acquire_write)) {
+    return EBUSY;
+  }
+  return create_in_directory(fs, place.directory, place.name, mode, buffer.get(), entry);
 }
 
 }  // namespace
 
-uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name) {
+bool is_absent(const name_search& search) {
+  return search.error == ENOENT || search.error == ENOTDIR || search.error == ENAMETOOLONG;
+}
+
+name_search dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   const flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
   sector_buffer buffer(fs);
   if (!buffer) {
-    return 0;
+    return {0, errno};
   }
   if (directory == nullptr) {
-    errno = ENOENT;
-    return 0;
+    return {0, ENOENT};
   }
   if (!is_directory_mode(directory->mode)) {
-    errno = ENOTDIR;
-    return 0;
+    return {0, ENOTDIR};
   }
-  for (const auto* entry = directory->sctr_list; entry != nullptr; entry = entry->next) {
-    process_may_suspend();
-    if (!is_slot_index(entry->slot_no)) {
-      continue;
-    }
-    if (read_sector_once(fs, entry->sctr_ptr, buffer) != 0) {
-      // Not "no such name": nobody may create the name because of it.
-      errno = EIO;
-      return 0;
-    }
-    const flashfs_dir_slot& slot = buffer->slots[entry->slot_no];
-    if (dir_slot_name_equals(&slot, name)) {
-      return slot.entry_fileid;
+  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::yes);
+  while (walk.next()) {
+    if (dir_slot_name_equals(&walk.slot(), name)) {
+      return {walk.slot().entry_fileid, 0};
     }
   }
-  errno = ENOENT;
-  return 0;
+  // A failing flash is not "no such name": nobody may create the name because of it.
+  return {0, walk.failed() ? EIO : ENOENT};
 }
 
-uint16_t path_lookup(flashfs* fs, const char* path) {
+name_search path_find(flashfs* fs, const char* path) {
   char components[path_size_max];
   const size_t length = strlen(path);
   if (length >= sizeof(components)) {
-    return 0;
+    return {0, ENAMETOOLONG};
   }
   memcpy(components, path, length + 1);
-  uint16_t fileid = fileid_root;
+  name_search found = {fileid_root, 0};
   for (const char* name = ifs_runtime::strtok(components, path_separator);
-       name != nullptr && fileid != 0; name = ifs_runtime::strtok(nullptr, path_separator)) {
-    fileid = dir_lookup(fs, fileid, name);
+       name != nullptr && found.fileid != 0; name = ifs_runtime::strtok(nullptr, path_separator)) {
+    found = dir_find(fs, found.fileid, name);
   }
-  return fileid;
+  return found;
+}
+
+uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name) {
+  const name_search found = dir_find(fs, dir_fileid, name);
+  if (found.fileid == 0) {
+    errno = found.error;
+  }
+  return found.fileid;
+}
+
+uint16_t path_lookup(flashfs* fs, const char* path) {
+  const name_search found = path_find(fs, path);
+  if (found.fileid == 0 && found.error != ENAMETOOLONG) {
+    errno = found.error;
+  }
+  return found.fileid;
 }
 
 char* path_basename(const char* path, char* work) {
@@ -119,56 +187,32 @@ char* path_dirname(const char* path, char* work) {
   return work;
 }
 
-int new_name_error(flashfs* fs, const char* name) {
-  if (strlen(name) > filename_max) {
-    flashfs_log(fs, "Cannot accept filenames longer than %u characters.",
-                static_cast<unsigned>(filename_max));
-    return ENAMETOOLONG;
+name_place find_place_for_name(flashfs* fs, const char* path, const name_search& existing,
+                               char (&work)[path_size_max], const name_rules& rules) {
+  name_place place = {};
+  place.error = taken_error(existing);
+  if (place.error != 0) {
+    return place;
   }
-  return filename_illegal_char(name) != 0 ? EINVAL : 0;
+  if (rules.name_before_directory) {
+    place.error = name_error(fs, path_basename(path, work));
+  }
+  if (place.error == 0) {
+    place.error = find_directory(fs, path_dirname(path, work), rules, &place.directory);
+  }
+  place.name = path_basename(path, work);
+  if (place.error == 0 && !rules.name_before_directory) {
+    place.error = name_error(fs, place.name);
+  }
+  return place;
 }
 
 flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t mode) {
-  errno = 0;
-  const uint16_t existing = path == nullptr ? uint16_t{0} : path_lookup(fs, path);
-  const int unknown = existing == 0 ? lookup_failure(errno) : 0;
-  sector_buffer buffer(fs);
-  if (!buffer) {
+  flashfs_sctr_map* entry = nullptr;
+  const int error = create_entry(fs, path, mode, &entry);
+  if (error != 0) {
+    errno = error;
     return nullptr;
   }
-  if (path == nullptr || *path == '\0') {
-    return fail_with(ENOENT);
-  }
-  if (existing != 0) {
-    return fail_with(EEXIST);
-  }
-  if (unknown != 0) {
-    return fail_with(unknown);
-  }
-  // Too long for the look-up to have told whether it exists.
-  if (strlen(path) >= path_size_max) {
-    return fail_with(ENAMETOOLONG);
-  }
-  char name_work[path_size_max];
-  const char* name = path_basename(path, name_work);
-  const int name_error = new_name_error(fs, name);
-  if (name_error != 0) {
-    return fail_with(name_error);
-  }
-  char directory_work[path_size_max];
-  const uint16_t dir_fileid = path_lookup(fs, path_dirname(path, directory_work));
-  if (dir_fileid == 0) {
-    const int failure = lookup_failure(errno);
-    return fail_with(failure != 0 ? failure : ENOENT);
-  }
-  flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
-  if (directory == nullptr || !is_directory_mode(directory->mode)) {
-    return fail_with(ENOTDIR);
-  }
-  if (flashfs_file_acquire(directory, acquire_write) != 0) {
-    return fail_with(EBUSY);
-  }
-  flashfs_sctr_map* entry = create_in_directory(fs, directory, name, mode, buffer.get());
-  flashfs_file_release(directory);
   return entry;
 }

@@ -1,13 +1,17 @@
-// The raw device handle: the whole device as one stream of erase blocks, for reading and writing
-// images. While it is open no other operation is served.
+// The raw device handle.
+#include "flashfs/raw.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <new>
 
-#include "flashfs/flashfs.h"
-#include "flashfs/operations.h"
+#include "flashfs/erase.h"
+#include "flashfs/filemap.h"
+#include "flashfs/fsck.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
 
 namespace {
 
@@ -73,7 +77,7 @@ int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer, uin
   while (place.block_num < fs->num_blocks && total < length) {
     process_may_suspend();
     if (read_block(fs, place.block_num, raw.get()) != 0) {
-      return flashfs_fail_down(fs);
+      return flashfs_fail(EIO);
     }
     const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
     memcpy(out + total, raw.get() + place.offset, taken);
@@ -103,11 +107,11 @@ int32_t flashfs_raw_write(flashfs* fs, flashfs_open_file* open, const void* buff
     process_may_suspend();
     const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
     if (read_block(fs, place.block_num, raw.get()) != 0) {
-      return flashfs_fail_down(fs);
+      return flashfs_fail(EIO);
     }
     memcpy(raw.get() + place.offset, in + total, taken);
     if (write_block(fs, place.block_num, raw.get()) != 0) {
-      return flashfs_fail_down(fs);
+      return flashfs_fail(EIO);
     }
     total += taken;
     open->filepos += taken;

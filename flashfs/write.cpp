@@ -1,12 +1,21 @@
 // Writing to a file, and cutting it short. A sector that holds data is never changed in place: a
 // fresh copy is written first, then the old one is marked obsolete, and only then does the list
 // point at the copy, so that a power cut leaves one of the two.
+#include "flashfs/write.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
-#include "flashfs/flashfs.h"
-#include "flashfs/operations.h"
+#include "flashfs/alloc.h"
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/raw.h"
+#include "flashfs/status.h"
 
 namespace {
 
@@ -38,23 +47,18 @@ int write_zero_sector(const write_request& request, flashfs_sctr_list_ordered* e
   return write_reserved(request, entry, sector_data_size);
 }
 
-// The sector's list entry; reserved ones that are passed over become zeros, so that a hole reads
-// as such. 1 when the flash fails.
-int find_sector_to_write(const write_request& request, uint32_t index, list_place* found) {
-  flashfs_open_file* open = request.open;
-  list_place place = {0, open->file->sctr_list};
-  if (open->place.entry != nullptr && open->place.index <= index) {
-    place = open->place;
-  }
-  while (place.entry != nullptr && place.index < index) {
+// Goes to the sector with an index. Reserved ones on the way become zeros, so that a hole reads as
+// such. 1 when the flash fails.
+int fill_holes_before(const write_request& request, uint32_t index, list_place* reached) {
+  list_place place = request.open->place.start(request.open->file, index);
+  for (; place.entry() != nullptr && place.index() < index; place.advance()) {
     process_may_suspend();
-    if (place.entry->slot_no == slot_of_reserved_sector &&
-        write_zero_sector(request, place.entry) != 0) {
+    if (place.entry()->slot_no == slot_of_reserved_sector &&
+        write_zero_sector(request, place.entry()) != 0) {
       return 1;
     }
-    place = {place.index + 1, place.entry->next};
   }
-  *found = place;
+  *reached = place;
   return 0;
 }
 
@@ -99,21 +103,20 @@ int overwrite_written(const write_request& request, flashfs_sctr_list_ordered* e
 int32_t write_sectors(const write_request& request, list_place place) {
   flashfs_open_file* open = request.open;
   uint32_t total = 0;
-  while (place.entry != nullptr && total < request.length) {
+  for (; place.entry() != nullptr && total < request.length; place.advance()) {
     process_may_suspend();
     const uint32_t offset = open->filepos % sector_data_size;
     const uint32_t length = std::min(sector_data_size - offset, request.length - total);
-    const bool reserved = place.entry->slot_no == slot_of_reserved_sector;
+    const bool reserved = place.entry()->slot_no == slot_of_reserved_sector;
     const int failure =
-        reserved ? overwrite_reserved(request, place.entry, offset, request.data + total, length)
-                 : overwrite_written(request, place.entry, offset, request.data + total, length);
+        reserved ? overwrite_reserved(request, place.entry(), offset, request.data + total, length)
+                 : overwrite_written(request, place.entry(), offset, request.data + total, length);
     if (failure != 0) {
-      return flashfs_fail_down(request.fs);
+      return flashfs_fail(EIO);
     }
     open->filepos += length;
     total += length;
-    open->place = place;
-    place = {place.index + 1, place.entry->next};
+    open->place.remember(place);
     if (intr_req() != 0) {
       return flashfs_fail(EINTR);
     }
@@ -121,53 +124,63 @@ int32_t write_sectors(const write_request& request, list_place place) {
   return static_cast<int32_t>(total);
 }
 
-int32_t write_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* buffer, const void* data,
-                   uint32_t length) {
+// Moves the position to where the write begins: for an append, the file's end. 0, or -1 with errno,
+// and then the operation has ended.
+int32_t begin_write(flashfs* fs, flashfs_open_file* open, uint32_t length) {
   if (fs->ready == 0) {
     return flashfs_fail(EINVAL);
   }
   if ((open->oflags & ifs_open_write) == 0) {
     return flashfs_fail(EBADF);
   }
-  if (length == 0) {
-    return 0;
-  }
   uint32_t start = open->filepos;
-  if ((open->oflags & ifs_open_append) != 0) {
+  if (length != 0 && (open->oflags & ifs_open_append) != 0) {
     ppc_stat status;
-    if (flashfs_status(fs, open->file, &status, &open->place) != 0) {
-      return flashfs_pass_down(fs, -1);
+    const int32_t result = flashfs_status(fs, open->file, &status, &open->place);
+    if (result != 0) {
+      return flashfs_finish(fs, result, marks_down::always);
     }
     start = status.size;
   }
-  const uint64_t end = uint64_t{start} + length;
-  if (end > INT32_MAX) {
+  if (uint64_t{start} + length > INT32_MAX) {
     return flashfs_fail(EINVAL);
   }
   open->filepos = start;
-  const int32_t reach =
-      extend_sctr_list_from(fs, open->file, open->place, static_cast<int32_t>(end));
-  if (reach < 0) {
-    return flashfs_fail_down(fs);
+  return 0;
+}
+
+// Writes at the position, as far as the list could be made to reach, and dates the file.
+int32_t write_within_reach(const write_request& request, uint32_t reach) {
+  flashfs_open_file* open = request.open;
+  list_place place;
+  if (fill_holes_before(request, open->filepos / sector_data_size, &place) != 0) {
+    return flashfs_fail(EIO);
   }
-  const auto reachable = static_cast<uint32_t>(reach);
-  if (reachable < end) {
-    length = reachable > open->filepos ? reachable - open->filepos : 0;
-  }
-  const write_request request = {fs, open, buffer, static_cast<const uint8_t*>(data), length};
-  list_place place = {};
-  if (find_sector_to_write(request, open->filepos / sector_data_size, &place) != 0) {
-    return flashfs_fail_down(fs);
-  }
-  if (place.entry == nullptr) {
-    open->filepos = reachable;
-    return flashfs_touch(fs, open->file, 0) == 0 ? flashfs_fail(ENOSPC) : flashfs_fail_down(fs);
+  if (place.entry() == nullptr) {
+    open->filepos = reach;
+    return flashfs_touch(request.fs, open->file, 0) == 0 ? flashfs_fail(ENOSPC) : flashfs_fail(EIO);
   }
   const int32_t total = write_sectors(request, place);
   if (total < 0) {
     return -1;
   }
-  return flashfs_touch(fs, open->file, 0) == 0 ? total : flashfs_fail_down(fs);
+  return flashfs_touch(request.fs, open->file, 0) == 0 ? total : flashfs_fail(EIO);
+}
+
+int32_t write_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* buffer, const void* data,
+                   uint32_t length) {
+  const uint32_t end = open->filepos + length;
+  const int32_t reach =
+      extend_sctr_list_from(fs, open->file, open->place, static_cast<int32_t>(end));
+  if (reach < 0) {
+    return flashfs_fail(EIO);
+  }
+  const auto reachable = static_cast<uint32_t>(reach);
+  if (reachable < end) {
+    length = reachable > open->filepos ? reachable - open->filepos : 0;
+  }
+  return write_within_reach({fs, open, buffer, static_cast<const uint8_t*>(data), length},
+                            reachable);
 }
 
 // Rewrites the last sector that a cut leaves with its first bytes only.
@@ -181,16 +194,17 @@ int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_
       old_buffer->fileid != file->fileid) {
     return 1;
   }
-  ifs_runtime::memset(new_buffer.get(), flash_erased_byte, sizeof(flashfs_sector));
-  new_buffer->fileid = old_buffer->fileid;
-  new_buffer->count = static_cast<uint16_t>(kept_bytes);
-  new_buffer->seq_no = entry->seq_no;
+  flashfs_sector* shortened = new_buffer.get();
+  ifs_runtime::memset(shortened, flash_erased_byte, sizeof(*shortened));
+  shortened->fileid = old_buffer->fileid;
+  shortened->count = static_cast<uint16_t>(kept_bytes);
+  shortened->seq_no = entry->seq_no;
   if (entry->slot_no == slot_of_reserved_sector) {
-    memset(new_buffer->data, 0, kept_bytes);  // never written: a hole
+    memset(shortened->data, 0, kept_bytes);  // never written: a hole
   } else {
-    memcpy(new_buffer->data, old_buffer->data, kept_bytes);
+    memcpy(shortened->data, old_buffer->data, kept_bytes);
   }
-  if (write_data_sector(fs, fresh, new_buffer.get()) != 0 ||
+  if (write_data_sector(fs, fresh, shortened) != 0 ||
       obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, old_buffer.get()) != 0) {
     return 1;
   }
@@ -206,13 +220,12 @@ int cut_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
     return 1;
   }
   while (entry->next != nullptr) {
-    flashfs_sctr_list_ordered* dropped = entry->next;
+    const flashfs_sctr_list_ordered* dropped = entry->next;
     process_may_suspend();
     if (obsolete_on_flash(fs, dropped->sctr_ptr, dropped->slot_no, buffer.get()) != 0) {
       return 1;
     }
-    entry->next = dropped->next;
-    chunk_free(fs->sctr_ptr_chunk, dropped);
+    sctr_list_remove_behind(fs, entry);
   }
   return 0;
 }
@@ -229,8 +242,13 @@ int32_t flashfs_vctr_write(int32_t fd, const void* buffer, uint32_t length) {
   if (!sector) {
     return -1;
   }
-  return flashfs_is_raw(fs, open) ? flashfs_raw_write(fs, open, buffer, length)
-                                  : write_file(fs, open, sector.get(), buffer, length);
+  if (flashfs_is_raw(fs, open)) {
+    return flashfs_finish(fs, flashfs_raw_write(fs, open, buffer, length));
+  }
+  if (begin_write(fs, open, length) != 0) {
+    return -1;
+  }
+  return length == 0 ? 0 : flashfs_finish(fs, write_file(fs, open, sector.get(), buffer, length));
 }
 
 int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t length) {
@@ -239,7 +257,7 @@ int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t lengt
   }
   ppc_stat status;
   if (flashfs_status(fs, open->file, &status, nullptr) != 0) {
-    return flashfs_finish(fs, -1);
+    return -1;
   }
   if (length > status.size) {
     return flashfs_fail(EINVAL);
@@ -248,15 +266,15 @@ int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t lengt
     return 0;
   }
   const list_place last =
-      flashfs_find_place(open, (length == 0 ? 0 : length - 1) / sector_data_size);
-  open->place = {};
+      open->place.find(open->file, (length == 0 ? 0 : length - 1) / sector_data_size);
+  open->place.forget();
   if (length == 0) {
-    return flashfs_truncate_entry(fs, open->file) == 0 ? 0 : flashfs_fail_down(fs);
+    return flashfs_truncate_entry(fs, open->file) == 0 ? 0 : flashfs_fail(EIO);
   }
-  const uint32_t kept = length - last.index * sector_data_size;
-  if ((kept < sector_data_size && shorten_sector(fs, open->file, last.entry, kept) != 0) ||
-      cut_behind(fs, last.entry) != 0) {
-    return flashfs_fail_down(fs);
+  const uint32_t kept = length - last.index() * sector_data_size;
+  if ((kept < sector_data_size && shorten_sector(fs, open->file, last.entry(), kept) != 0) ||
+      cut_behind(fs, last.entry()) != 0) {
+    return flashfs_fail(EIO);
   }
   return 0;
 }

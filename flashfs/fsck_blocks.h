@@ -1,0 +1,14 @@
+// The check's work on blocks: their headers, erased blocks that are not, and the spare. Steps
+// return 0, or 1 after a message.
+#pragma once
+
+#include "flashfs/flashfs.h"
+
+// Judges a header that has been read. A bad one is erased with its block when `fix` is set, and
+// read again; otherwise it is a failure.
+[[nodiscard]] int fsck_check_header(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
+                                    bool fix);
+// Erases the block unless all of its sectors are erased.
+[[nodiscard]] int fsck_scrub_block(flashfs* fs, int16_t block_num);
+// Finds the spare, or makes one.
+[[nodiscard]] int fsck_establish_spare(flashfs* fs);

@@ -1,0 +1,51 @@
+// Paths: the search for names, and the making of new ones. Paths come without their device prefix
+// and start at the root; empty components are skipped.
+#pragma once
+
+#include <cstddef>
+
+#include "flashfs/flashfs.h"
+
+constexpr size_t path_size_max = 320;  // paths of this many bytes or more are refused
+
+// What a search for a name or path found: the id, or 0 and why there is none: ENOENT, ENOTDIR,
+// ENAMETOOLONG for a path that is too long to be looked up, EIO when the flash fails, or the error
+// of a buffer that cannot be had.
+struct name_search {
+  uint16_t fileid;
+  int error;
+};
+name_search dir_find(flashfs* fs, uint16_t dir_fileid, const char* name);
+name_search path_find(flashfs* fs, const char* path);
+// Whether the search has shown that nothing is there; otherwise it could not tell.
+bool is_absent(const name_search& search);
+
+// The same searches with the error in errno; a path of 320 bytes or more leaves it alone.
+uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name);
+uint16_t path_lookup(flashfs* fs, const char* path);
+
+// The last component, or the part before it, of a path; the buffer holds the whole path.
+char* path_basename(const char* path, char* work);
+char* path_dirname(const char* path, char* work);
+
+// What the two operations that place a name do differently.
+struct name_rules {
+  bool name_before_directory;    // which of the two is looked at first
+  int missing_directory;         // the error of a directory that is not there
+  int directory_without_record;  // of one that the file map does not know
+};
+// A place for a new name, or the first thing that is in its way.
+struct name_place {
+  int error;  // 0: there is a place
+  flashfs_sctr_map* directory;
+  const char* name;  // in the work buffer
+};
+// Looks, in this order, whether the path is taken (EEXIST; `existing` is what was found under it),
+// and, in the order of the rules, whether the name is acceptable (ENAMETOOLONG after a message,
+// EINVAL) and its directory is one (ENOTDIR).
+name_place find_place_for_name(flashfs* fs, const char* path, const name_search& existing,
+                               char (&work)[path_size_max], const name_rules& rules);
+
+// Makes a file or directory with a fresh id and slot. Null with errno: ENOENT, the errors of
+// find_place_for_name, EBUSY, ENOSPC, ENOMEM or EIO.
+[[nodiscard]] flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t mode);

@@ -1,0 +1,6 @@
+// The operations with which the file system is registered.
+#pragma once
+
+#include "ifs/ifs.h"
+
+extern const ifs_operations flashfs_operations;
