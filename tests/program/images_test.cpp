@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <iterator>
 #include <ostream>
@@ -14,11 +13,13 @@
 #include <vector>
 
 #include "tests/support/run_program.h"
+#include "tests/support/stored_image.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using test_support::read_whole_file;
+using test_support::shell_output;
 using test_support::write_whole_file;
 
 struct image_case {
@@ -33,19 +34,6 @@ void PrintTo(const image_case& tested, std::ostream* out) {
 std::vector<std::string> words_of(const std::string& line) {
   std::istringstream stream(line);
   return {std::istream_iterator<std::string>(stream), {}};
-}
-
-// Runs a host command and returns what it printed.
-std::string shell_output(const std::string& command) {
-  FILE* const pipe = popen(command.c_str(), "r");
-  EXPECT_NE(pipe, nullptr);
-  std::string output;
-  char part[256];
-  while (fgets(part, sizeof(part), pipe) != nullptr) {
-    output += part;
-  }
-  EXPECT_EQ(pclose(pipe), 0) << command;
-  return output;
 }
 
 std::vector<image_case> all_cases() {
