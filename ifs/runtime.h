@@ -1,6 +1,5 @@
 // Runtime support: the services of the embedded system's kernel that the switch and the file system
-// are written against, reduced to what one process with one thread needs, and the CRC-16 that
-// checksums every record on flash.
+// are written against, reduced to what one process with one thread needs.
 #pragma once
 
 #include <cstddef>
@@ -8,13 +7,6 @@
 
 using boolean = uint32_t;
 using sys_timestamp = uint32_t;  // seconds since the epoch
-
-// CRC-16/GENIBUS of `length` bytes, continuing from the result `seed` of the bytes before them
-// (0: from the start). Returns the 16-bit result; for no bytes the low 16 bits of the seed.
-uint32_t generate_seeded_crc(uint32_t seed, uint32_t length, const void* data);
-
-// CRC-16/GENIBUS of `length` bytes.
-uint32_t generate_crc(uint32_t length, const void* data);
 
 struct chunk_pool {
   uint32_t element_size;  // bytes
@@ -49,18 +41,14 @@ uint32_t process_get_boolean(const watched_boolean* cell);
 int process_lock_semaphore(watched_semaphore* semaphore);
 void process_unlock_semaphore(watched_semaphore* semaphore);
 
-// Scheduling points of the embedded system; one thread has nobody to give way to.
+// Scheduling points of the embedded system (two more, which tests replace, are in interrupt.h); one
+// thread has nobody to give way to.
 void process_watch_boolean(watched_boolean* cell);
 void process_wait_for_event();
 void process_sleep_periodic();
-void process_suspend();
-void process_may_suspend();
 void process_sleep_for(uint32_t milliseconds);
 // Returns 0: no time slice is ever exceeded.
 int process_time_exceeded();
-
-// Returns 0: nobody can request an interruption of this process's work.
-int intr_req();
 
 // Ends the process with status 1: the in-memory state is corrupt and going on could destroy data.
 [[noreturn]] void crashpoint();

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "ifs/runtime.h"
+#include "ifs/crc.h"
 
 namespace {
 
