@@ -36,6 +36,7 @@ void prepare() {
     if (freopen("/dev/null", "w", stdout) == nullptr) {
       perror("/dev/null");
     }
+    opterr = 0;  // the C library's line about each unknown option is of no use here
     chassis = new sim::chassis;
     chassis->clock_hold(standing_clock);
     sim::install_chassis(chassis);
