@@ -1,4 +1,6 @@
 // Reads the command line. Nothing here touches the device.
+#include "zantrolume/zantrolume_command_line.h"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -6,7 +8,6 @@
 #include <cstring>
 
 #include "zantrolume/zantrolume_cpld.h"
-#include "zantrolume/zantrolume_main.h"
 #include "zantrolume/zantrolume_number.h"
 
 namespace {

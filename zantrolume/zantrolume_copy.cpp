@@ -1,5 +1,7 @@
 // The copy command: one file to another path, buffer by buffer, through the file-system switch.
 // The command line does not reach it.
+#include "zantrolume/zantrolume_copy.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -8,9 +10,8 @@
 #include <new>
 
 #include "ifs/ifs.h"
-#include "zantrolume/zantrolume_command_support.h"
-#include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_number.h"
+#include "zantrolume/zantrolume_startup.h"
 
 namespace {
 

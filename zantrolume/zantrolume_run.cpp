@@ -1,12 +1,15 @@
 // One run of the program: selects the complex, maps its window, makes sure that it is held in
 // reset, carries out one command and unmaps. What the command line means is decided elsewhere.
+#include "zantrolume/zantrolume_run.h"
+
 #include <cerrno>
 #include <cstdio>
 
+#include "window/window.h"
+#include "zantrolume/zantrolume_command_line.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_display.h"
-#include "zantrolume/zantrolume_main.h"
 
 namespace {
 

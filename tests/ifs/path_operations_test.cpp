@@ -125,7 +125,9 @@ TEST_F(path_operations, a_status_record_comes_back_filled) {
 
 TEST_F(path_operations, open_passes_flags_unchanged_and_the_modes_low_16_bits) {
   create("boot");
-  EXPECT_EQ(ifs_open("boot:dir/f", 0xFFFF0703, 0x123481FF), 0);
+  const uint32_t oflags = 0xFFFF0000 | ifs_open_read | ifs_open_write | ifs_open_create |
+                          ifs_open_truncate | ifs_open_exclusive;
+  EXPECT_EQ(ifs_open("boot:dir/f", oflags, 0x123481FF), 0);
   EXPECT_EQ(state.calls, calls{"open 0 dir/f 4294903555 33279"});
 }
 
@@ -224,64 +226,6 @@ TEST_F(path_operations, rename_without_a_slot_is_einval) {
   EXPECT_EQ(ifs_rename("boot:a", "boot:b"), -1);
   EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(open_count(fsid), 0);
-}
-
-TEST_F(path_operations, free_bytes_are_block_size_times_free_blocks) {
-  create("boot");
-  state.filesystem_status = {1, 2048, 100000, 300, 5, 6, 7, 8, 0};
-  EXPECT_EQ(ifs_get_free_bytes("boot:"), 614400);
-  EXPECT_EQ(ifs_fs_free_space("boot:"), 614400);
-  EXPECT_EQ(state.calls, (calls{"statfs 0 ", "statfs 0 "}));
-}
-
-TEST_F(path_operations, free_bytes_are_cut_to_32_bits) {
-  create("boot");
-  state.filesystem_status.block_size = 0x20000;
-  state.filesystem_status.free_blocks = 0x8001;
-  EXPECT_EQ(ifs_get_free_bytes("boot:"), 0x20000);
-  state.filesystem_status.free_blocks = 0x7FFF;
-  EXPECT_EQ(ifs_get_free_bytes("boot:"), -0x20000);
-  EXPECT_EQ(ifs_fs_free_space("boot:"), -0x20000);
-}
-
-TEST_F(path_operations, free_bytes_of_a_failed_statfs_are_its_result_and_free_space_is_0) {
-  create("boot");
-  state.filesystem_status = {1, 2048, 100000, 300, 5, 6, 7, 8, 0};
-  state.results = {-2, -2};
-  EXPECT_EQ(ifs_get_free_bytes("boot:"), -2);
-  EXPECT_EQ(ifs_fs_free_space("boot:"), 0);
-  EXPECT_EQ(ifs_get_free_bytes("flash:"), -1);
-  EXPECT_EQ(errno, EACCES);
-  EXPECT_EQ(ifs_fs_free_space("flash:"), 0);
-}
-
-TEST_F(path_operations, free_bytes_and_sizes_come_with_positive_results_too) {
-  create("boot");
-  state.filesystem_status = {1, 2048, 100000, 300, 5, 6, 7, 8, 0};
-  state.status.size = 1234;
-  state.results = {1, 1, 1};
-  EXPECT_EQ(ifs_get_free_bytes("boot:"), 614400);
-  EXPECT_EQ(ifs_fs_free_space("boot:"), 614400);
-  EXPECT_EQ(ifs_file_size("boot:f"), 1234);
-}
-
-TEST_F(path_operations, a_files_size_is_that_of_its_status_record) {
-  create("boot");
-  state.status.size = 1234;
-  EXPECT_EQ(ifs_file_size("boot:f"), 1234);
-  EXPECT_EQ(state.calls, calls{"stat 0 f"});
-}
-
-TEST_F(path_operations, a_size_that_is_not_positive_or_not_known_is_0) {
-  create("boot");
-  EXPECT_EQ(ifs_file_size("boot:f"), 0);
-  state.status.size = 0x80000000;
-  EXPECT_EQ(ifs_file_size("boot:f"), 0);
-  state.status.size = 1234;
-  state.results = {-1, -2};
-  EXPECT_EQ(ifs_file_size("boot:f"), 0);
-  EXPECT_EQ(ifs_file_size("boot:f"), 0);
-  EXPECT_EQ(ifs_file_size("flash:f"), 0);
 }
 
 }  // namespace
