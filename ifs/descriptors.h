@@ -25,15 +25,15 @@ struct ifs_descriptor {
 void ifs_init();
 
 // Takes the lowest free descriptor. Returns it, or -1 with ENFILE or ENOMEM.
-int32_t ifs_fd_create(ppc_fsid_t fsid, uint32_t oflags, void* fd_context);
+[[nodiscard]] int32_t ifs_fd_create(ppc_fsid_t fsid, uint32_t oflags, void* fd_context);
 // Frees a valid descriptor and returns 1; else 0.
 int ifs_fd_destroy(int32_t fd);
 // 1, or 0 with EIO (failed descriptor) or EBADF (none).
-int ifs_fd_is_valid(int32_t fd);
+[[nodiscard]] int ifs_fd_is_valid(int32_t fd);
 // The entry of a valid descriptor, else null.
-ifs_descriptor* ifs_fd_get_entry(int32_t fd);
+[[nodiscard]] ifs_descriptor* ifs_fd_get_entry(int32_t fd);
 // The file system of a descriptor, or -1 when there is none.
-ppc_fsid_t ifs_fd_get_fsid(int32_t fd);
+[[nodiscard]] ppc_fsid_t ifs_fd_get_fsid(int32_t fd);
 
 // Prints a descriptor's fields.
 void zantrolume_display_fdent(const ifs_descriptor* entry);

@@ -34,11 +34,11 @@ struct ifs_filesystem {
 
 // Registers a file system under a prefix of at most 31 characters. Returns its fsid, or -1 when the
 // prefix is taken or too long, the table is full or there is no memory.
-int32_t ifs_create(const char* prefix, const ifs_operations* operations, uint16_t type,
-                   uint32_t flags, uint16_t feature, void* context);
+[[nodiscard]] int32_t ifs_create(const char* prefix, const ifs_operations* operations,
+                                 uint16_t type, uint32_t flags, uint16_t feature, void* context);
 
 // Registers a further prefix, cut to 31 characters. Returns 0 or -1.
-int32_t ifs_add_prefix(ppc_fsid_t fsid, const char* prefix);
+[[nodiscard]] int32_t ifs_add_prefix(ppc_fsid_t fsid, const char* prefix);
 
 // Marks a file system for destruction; it goes with its last open file. Without `force` an open one
 // is refused with -1.
@@ -47,21 +47,21 @@ int32_t ifs_destroy(ppc_fsid_t fsid, int force);
 // Finds the file system whose prefix is the whole name (`exact`) or begins it, the longest one
 // winning. `need_colon`: a ':' must follow the prefix. Stores the matching record in `*record`
 // unless that is null. Returns the fsid or -1.
-int32_t ifs_lookup_prefix_internal(const char* name, const ifs_prefix** record, int exact,
-                                   int need_colon);
-int32_t ifs_lookup_prefix(const char* name);
+[[nodiscard]] int32_t ifs_lookup_prefix_internal(const char* name, const ifs_prefix** record,
+                                                 int exact, int need_colon);
+[[nodiscard]] int32_t ifs_lookup_prefix(const char* name);
 
 // As ifs_lookup_prefix; moves `*name` behind the prefix and its colon.
-int32_t ifs_lookup_prefix_and_strip(const char** name);
+[[nodiscard]] int32_t ifs_lookup_prefix_and_strip(const char** name);
 
 void ifs_open_file_increment(ppc_fsid_t fsid);
 // May complete a pending destruction.
 void ifs_open_file_decrement(ppc_fsid_t fsid);
 
 // 1, or 0 with errno EBADF.
-int ifs_fsid_is_valid(ppc_fsid_t fsid);
+[[nodiscard]] int ifs_fsid_is_valid(ppc_fsid_t fsid);
 // The entry, or null.
-ifs_filesystem* ifs_fsid_get_entry(ppc_fsid_t fsid);
+[[nodiscard]] ifs_filesystem* ifs_fsid_get_entry(ppc_fsid_t fsid);
 // These give the entry's field, or 0.
 void* ifs_fsid_get_fs_context(ppc_fsid_t fsid);
 uint16_t ifs_fsid_get_type(ppc_fsid_t fsid);

@@ -22,7 +22,7 @@ constexpr uint32_t ifs_fioctl_get_type = 3;
 constexpr uint32_t ifs_fioctl_set_verbose = 5;
 
 // Opens with flags of open_flags.h; returns the descriptor. `mode` is cut to ppc_mode_t.
-int32_t ifs_open(const char* path, uint32_t oflags, uint32_t mode);
+[[nodiscard]] int32_t ifs_open(const char* path, uint32_t oflags, uint32_t mode);
 // A failed descriptor is closed without asking the file system, and its entry stays.
 int32_t ifs_close(int32_t fd);
 // At most `length` bytes; how many a call transfers is the file system's choice.

@@ -14,11 +14,11 @@ struct chunk_pool {
 
 // Makes a pool of elements of `element_size` bytes; the count is a hint that the heap does not
 // need. Null when there is no memory.
-chunk_pool* chunk_create(uint32_t element_size, uint32_t count);
+[[nodiscard]] chunk_pool* chunk_create(uint32_t element_size, uint32_t count);
 // Frees the pool's handle, not its elements. Returns 1.
 int chunk_destroy(chunk_pool* pool);
 // Returns one uninitialised element, or null when there is no memory.
-void* chunk_malloc(chunk_pool* pool);
+[[nodiscard]] void* chunk_malloc(chunk_pool* pool);
 void chunk_free(chunk_pool* pool, void* element);
 
 struct watched_semaphore {
@@ -29,8 +29,8 @@ struct watched_boolean {
 };
 
 // Both return a new cell, zeroed, or null when there is no memory.
-watched_semaphore* create_watched_semaphore(const char* name);
-watched_boolean* create_watched_boolean();
+[[nodiscard]] watched_semaphore* create_watched_semaphore(const char* name);
+[[nodiscard]] watched_boolean* create_watched_boolean();
 // Free the cell that the handle points to and set the handle to null.
 void delete_watched_semaphore(watched_semaphore** handle);
 void delete_watched_boolean(watched_boolean** handle);

@@ -10,4 +10,4 @@ void ifs_clear_filesystems();
 
 // The entry in a slot of the table of descriptors, failed or not; null with errno EBADF when the
 // slot is empty or there is no such slot.
-ifs_descriptor* ifs_fd_find_entry(int32_t fd);
+[[nodiscard]] ifs_descriptor* ifs_fd_find_entry(int32_t fd);

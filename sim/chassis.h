@@ -106,9 +106,9 @@ class chassis {
 
   // --- for the window functions: as those of window/window.h ---
 
-  int open(const char* path);
-  window_base map(int fd, size_t length, off_t offset);
-  int unmap(window_base base, size_t length);
+  [[nodiscard]] int open(const char* path);
+  [[nodiscard]] window_base map(int fd, size_t length, off_t offset);
+  [[nodiscard]] int unmap(window_base base, size_t length);
   // Windows mapped and not unmapped.
   int mapped() const {
     return mapped_;

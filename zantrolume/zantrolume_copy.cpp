@@ -107,7 +107,8 @@ int copy_between(const copy_request& request, int32_t source_fd, int32_t destina
   ifs_close(source_fd);
   ifs_close(destination_fd);
   if (!copied) {
-    ifs_remove(request.destination);
+    // What failed has been told; a destination that cannot be removed either stays.
+    (void)ifs_remove(request.destination);
     return 1;
   }
   // The descriptors are closed by now, so that a type is never found. That order is kept.

@@ -111,7 +111,8 @@ int zantrolume_run(int argc, char* argv[]) {
     printf("\nZANTROLUME : PPC Flashfs access requires PPC %d to be in reset.\n",
            request.ppc_number);
   }
-  window_unmap(vexmor_mapped_ptr, cpld_window_size);
+  // The run is over, and its end unmaps the window anyway.
+  (void)window_unmap(vexmor_mapped_ptr, cpld_window_size);
   print_verbose("\nZANTROLUME : unmapped vexmor device driver");
   return 0;
 }

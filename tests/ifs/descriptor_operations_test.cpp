@@ -133,8 +133,8 @@ TEST_F(descriptor_operations, fstat_and_fioctl_hand_over_the_callers_record) {
   state.status.size = 321;
   state.control_answer = 654;
   control_word = 87;
-  ifs_fstat(fd, &status);
-  ifs_fioctl(fd, ifs_fioctl_get_type, &control_word);
+  EXPECT_EQ(ifs_fstat(fd, &status), 0);
+  EXPECT_EQ(ifs_fioctl(fd, ifs_fioctl_get_type, &control_word), 0);
   EXPECT_EQ(status.size, 321u);
   EXPECT_EQ(state.control_word, 87u);
   EXPECT_EQ(control_word, 654u);

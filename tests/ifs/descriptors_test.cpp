@@ -19,7 +19,7 @@ static_assert(some_oflags == 0x703);
 
 TEST_F(descriptors, creation_fills_the_entry) {
   int context = 0;
-  ifs_fd_create(0, 0, nullptr);
+  ASSERT_EQ(ifs_fd_create(0, 0, nullptr), 0);
   ASSERT_EQ(ifs_fd_create(5, some_oflags, &context), 1);
   const ifs_descriptor* entry = ifs_fd_get_entry(1);
   ASSERT_NE(entry, nullptr);
@@ -62,7 +62,7 @@ TEST_F(descriptors, the_129th_open_fails_with_enfile_and_is_not_counted) {
 TEST_F(descriptors, the_lowest_free_one_is_reused_first) {
   create("a");
   for (int i = 0; i < 6; ++i) {
-    ifs_open("a:f", 0, 0);
+    ASSERT_GE(ifs_open("a:f", 0, 0), 0);
   }
   ifs_close(4);
   ifs_close(1);
