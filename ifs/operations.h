@@ -26,25 +26,25 @@ constexpr uint32_t ifs_fioctl_set_verbose = 5;
 // A failed descriptor is closed without asking the file system, and its entry stays.
 int32_t ifs_close(int32_t fd);
 // At most `length` bytes; how many a call transfers is the file system's choice.
-int32_t ifs_read(int32_t fd, void* buffer, uint32_t length);
-int32_t ifs_write(int32_t fd, const void* buffer, uint32_t length);
+[[nodiscard]] int32_t ifs_read(int32_t fd, void* buffer, uint32_t length);
+[[nodiscard]] int32_t ifs_write(int32_t fd, const void* buffer, uint32_t length);
 // Moves by `offset` bytes from ifs_seek_set, ifs_seek_current or ifs_seek_end.
-int32_t ifs_lseek(int32_t fd, int32_t offset, int32_t whence);
+[[nodiscard]] int32_t ifs_lseek(int32_t fd, int32_t offset, int32_t whence);
 // Fills ppc_dirent records, at most `length` bytes of them; 0: no more entries.
-int32_t ifs_getdents(int32_t fd, void* buffer, uint32_t length);
+[[nodiscard]] int32_t ifs_getdents(int32_t fd, void* buffer, uint32_t length);
 
-int32_t ifs_chmod(const char* path, uint32_t mode);
-int32_t ifs_rename(const char* old_path, const char* new_path);
-int32_t ifs_remove(const char* path);
-int32_t ifs_mkdir(const char* path, uint32_t mode);
-int32_t ifs_rmdir(const char* path);
+[[nodiscard]] int32_t ifs_chmod(const char* path, uint32_t mode);
+[[nodiscard]] int32_t ifs_rename(const char* old_path, const char* new_path);
+[[nodiscard]] int32_t ifs_remove(const char* path);
+[[nodiscard]] int32_t ifs_mkdir(const char* path, uint32_t mode);
+[[nodiscard]] int32_t ifs_rmdir(const char* path);
 
-int32_t ifs_stat(const char* path, ppc_stat* status);
-int32_t ifs_fstat(int32_t fd, ppc_stat* status);
+[[nodiscard]] int32_t ifs_stat(const char* path, ppc_stat* status);
+[[nodiscard]] int32_t ifs_fstat(int32_t fd, ppc_stat* status);
 // Of the file with an id, on the file system of the path.
-int32_t ifs_istat(const char* path, uint32_t fileid, ppc_stat* status);
-int32_t ifs_statfs(const char* path, ppc_statfs* status);
+[[nodiscard]] int32_t ifs_istat(const char* path, uint32_t fileid, ppc_stat* status);
+[[nodiscard]] int32_t ifs_statfs(const char* path, ppc_statfs* status);
 
 // Controls: what a command means, and what its argument points to, is the file system's affair.
-int32_t ifs_ioctl(const char* path, uint32_t command, void* argument);
-int32_t ifs_fioctl(int32_t fd, uint32_t command, void* argument);
+[[nodiscard]] int32_t ifs_ioctl(const char* path, uint32_t command, void* argument);
+[[nodiscard]] int32_t ifs_fioctl(int32_t fd, uint32_t command, void* argument);
