@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "ifs/runtime.h"
+#include "ifs/crc.h"
 
 namespace bench {
 

@@ -2,11 +2,11 @@
 // complemented. The checksum is defined by 16 table entries, one for each nibble; the tables used
 // here are derived from them at compile time and take eight bytes at a step, and long records are
 // made short before that, because checking a device sums all of it.
+#include "ifs/crc.h"
+
 #include <array>
 #include <bit>
 #include <cstring>
-
-#include "ifs/runtime.h"
 
 namespace {
 

@@ -1,25 +1,31 @@
 // The table of open files: creation and destruction of entries (by the file systems, in their open
-// and close), their validity, and the small controls that go through a descriptor.
+// and close) and their validity.
+#include "ifs/descriptors.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <new>
 
-#include "ifs/ifs.h"
 #include "ifs/tables.h"
-
-ifs_descriptor* ifs_fdtab[ifs_max_descriptors];
 
 namespace {
 
-int32_t set_word(int32_t fd, uint32_t command, uint32_t value) {
-  return ifs_fioctl(fd, command, &value);
-}
+// Index: descriptor. Null: free.
+ifs_descriptor* ifs_fdtab[ifs_max_descriptors];
 
 uint32_t low_address_bits(const void* pointer) {
   return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(pointer));
 }
 
 }  // namespace
+
+void ifs_init() {
+  ifs_clear_filesystems();
+  for (ifs_descriptor*& entry : ifs_fdtab) {
+    delete entry;
+    entry = nullptr;
+  }
+}
 
 ifs_descriptor* ifs_fd_find_entry(int32_t fd) {
   const auto index = static_cast<uint32_t>(fd);
@@ -80,33 +86,6 @@ ifs_descriptor* ifs_fd_get_entry(int32_t fd) {
 ppc_fsid_t ifs_fd_get_fsid(int32_t fd) {
   const ifs_descriptor* entry = ifs_fd_find_entry(fd);
   return entry != nullptr ? entry->fsid : ppc_fsid_t{-1};
-}
-
-int32_t ifs_fd_set_size(int32_t fd, uint32_t size_bytes) {
-  return set_word(fd, ifs_fioctl_set_size, size_bytes);
-}
-
-int32_t ifs_fd_set_type(int32_t fd, uint32_t type) {
-  return set_word(fd, ifs_fioctl_set_type, type);
-}
-
-int32_t ifs_fd_get_type(int32_t fd) {
-  uint32_t type = 0;
-  const int32_t result = ifs_fioctl(fd, ifs_fioctl_get_type, &type);
-  return result < 0 ? result : static_cast<int32_t>(type);
-}
-
-int32_t ifs_fd_set_verbose(int32_t fd, uint32_t on) {
-  return set_word(fd, ifs_fioctl_set_verbose, on);
-}
-
-int32_t ifs_fd_get_size(int32_t fd) {
-  if (ifs_fd_find_entry(fd) == nullptr) {
-    return -1;
-  }
-  ppc_stat status{};
-  const int32_t result = ifs_fstat(fd, &status);
-  return result < 0 ? result : static_cast<int32_t>(status.size);
 }
 
 void zantrolume_display_fdent(const ifs_descriptor* entry) {

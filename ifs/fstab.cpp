@@ -1,16 +1,17 @@
 // The table of registered file systems: prefixes and their look-up, registration, destruction that
-// waits for the last user, and the accessors by fsid. Descriptors and the dispatch of operations
-// are elsewhere.
+// waits for the last user, and the accessors by fsid.
+#include "ifs/fstab.h"
+
 #include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "ifs/ifs.h"
 #include "ifs/tables.h"
 
-ifs_filesystem* ifs_fstab[ifs_max_filesystems];
-
 namespace {
+
+// Index: fsid. Null: free.
+ifs_filesystem* ifs_fstab[ifs_max_filesystems];
 
 constexpr uint32_t longest_prefix = ifs_prefix_size - 1;
 
@@ -72,16 +73,12 @@ bool agrees_to_destruction(ppc_fsid_t fsid, const ifs_filesystem* entry) {
 
 }  // namespace
 
-void ifs_init() {
+void ifs_clear_filesystems() {
   for (ifs_filesystem*& entry : ifs_fstab) {
     if (entry != nullptr) {
       delete_filesystem(entry);
       entry = nullptr;
     }
-  }
-  for (ifs_descriptor*& entry : ifs_fdtab) {
-    delete entry;
-    entry = nullptr;
   }
 }
 
@@ -254,10 +251,4 @@ void ifs_fsid_set_flags(ppc_fsid_t fsid, uint32_t flags) {
 const char* ifs_fsid_get_prefix(ppc_fsid_t fsid) {
   const ifs_filesystem* entry = ifs_fsid_get_entry(fsid);
   return entry != nullptr ? entry->prefixes->name : nullptr;
-}
-
-int32_t ifs_get_free_bytes(const char* path) {
-  ppc_statfs status{};
-  const int32_t result = ifs_statfs(path, &status);
-  return result < 0 ? result : ifs_statfs_free_bytes(status);
 }

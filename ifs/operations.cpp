@@ -1,11 +1,13 @@
 // The switch's file operations: each finds the file system by the path's prefix or by the
 // descriptor and calls its slot of the operations vector. What a slot does is the file system's
 // affair; nothing is printed here.
-#include <algorithm>
+#include "ifs/operations.h"
+
 #include <cerrno>
 #include <type_traits>
 
-#include "ifs/ifs.h"
+#include "ifs/descriptors.h"
+#include "ifs/fstab.h"
 #include "ifs/tables.h"
 
 namespace {
@@ -63,12 +65,6 @@ int32_t call_by_descriptor(descriptor_slot<argument_types...> slot, int32_t fd,
     return fail(EINVAL);
   }
   return operation(fd, arguments...);
-}
-
-// The position behind `count` further bytes, never behind `length`, whatever a file system claims
-// to have transferred.
-uint32_t advance(uint32_t done, int32_t count, uint32_t length) {
-  return done + std::min(static_cast<uint32_t>(count), length - done);
 }
 
 ppc_mode_t low_mode_bits(uint32_t mode) {
@@ -189,48 +185,4 @@ int32_t ifs_ioctl(const char* path, uint32_t command, void* argument) {
 
 int32_t ifs_fioctl(int32_t fd, uint32_t command, void* argument) {
   return call_by_descriptor(&ifs_operations::fioctl, fd, command, argument);
-}
-
-int32_t ifs_read_until(int32_t fd, void* buffer, uint32_t length) {
-  auto* to = static_cast<unsigned char*>(buffer);
-  uint32_t done = 0;
-  while (done < length) {
-    const int32_t count = ifs_read(fd, to + done, length - done);
-    if (count < 0) {
-      return -1;
-    }
-    if (count == 0) {
-      break;
-    }
-    done = advance(done, count, length);
-  }
-  return static_cast<int32_t>(done);
-}
-
-// A write that takes nothing would be tried for ever, so it is a failure, unlike the end of a file.
-int32_t ifs_write_until(int32_t fd, const void* buffer, uint32_t length) {
-  const auto* from = static_cast<const unsigned char*>(buffer);
-  uint32_t done = 0;
-  while (done < length) {
-    const int32_t count = ifs_write(fd, from + done, length - done);
-    if (count < 1) {
-      return -1;
-    }
-    done = advance(done, count, length);
-  }
-  return static_cast<int32_t>(done);
-}
-
-int32_t ifs_file_size(const char* path) {
-  ppc_stat status{};
-  if (ifs_stat(path, &status) < 0) {
-    return 0;
-  }
-  const auto size = static_cast<int32_t>(status.size);
-  return size > 0 ? size : 0;
-}
-
-int32_t ifs_fs_free_space(const char* path) {
-  ppc_statfs status{};
-  return ifs_statfs(path, &status) < 0 ? 0 : ifs_statfs_free_bytes(status);
 }

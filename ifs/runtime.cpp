@@ -1,6 +1,5 @@
 // Stand-ins for the embedded system's kernel: pools and cells come from the heap, locks are always
-// obtained, waits return at once. The checksum is in crc.cpp, the interrupt poll in
-// interrupt.cpp.
+// obtained, waits return at once.
 #include "ifs/runtime.h"
 
 #include <cstdlib>

@@ -1,6 +1,5 @@
 // Runtime support: the services of the embedded system's kernel that the switch and the file system
-// are written against, reduced to what one process with one thread needs, and the CRC-16 that
-// checksums every record on flash.
+// are written against, reduced to what one process with one thread needs.
 #pragma once
 
 #include <cstddef>
@@ -9,24 +8,17 @@
 using boolean = uint32_t;
 using sys_timestamp = uint32_t;  // seconds since the epoch
 
-// CRC-16/GENIBUS of `length` bytes, continuing from the result `seed` of the bytes before them
-// (0: from the start). Returns the 16-bit result; for no bytes the low 16 bits of the seed.
-uint32_t generate_seeded_crc(uint32_t seed, uint32_t length, const void* data);
-
-// CRC-16/GENIBUS of `length` bytes.
-uint32_t generate_crc(uint32_t length, const void* data);
-
 struct chunk_pool {
   uint32_t element_size;  // bytes
 };
 
 // Makes a pool of elements of `element_size` bytes; the count is a hint that the heap does not
 // need. Null when there is no memory.
-chunk_pool* chunk_create(uint32_t element_size, uint32_t count);
+[[nodiscard]] chunk_pool* chunk_create(uint32_t element_size, uint32_t count);
 // Frees the pool's handle, not its elements. Returns 1.
 int chunk_destroy(chunk_pool* pool);
 // Returns one uninitialised element, or null when there is no memory.
-void* chunk_malloc(chunk_pool* pool);
+[[nodiscard]] void* chunk_malloc(chunk_pool* pool);
 void chunk_free(chunk_pool* pool, void* element);
 
 struct watched_semaphore {
@@ -37,8 +29,8 @@ struct watched_boolean {
 };
 
 // Both return a new cell, zeroed, or null when there is no memory.
-watched_semaphore* create_watched_semaphore(const char* name);
-watched_boolean* create_watched_boolean();
+[[nodiscard]] watched_semaphore* create_watched_semaphore(const char* name);
+[[nodiscard]] watched_boolean* create_watched_boolean();
 // Free the cell that the handle points to and set the handle to null.
 void delete_watched_semaphore(watched_semaphore** handle);
 void delete_watched_boolean(watched_boolean** handle);
@@ -49,18 +41,14 @@ uint32_t process_get_boolean(const watched_boolean* cell);
 int process_lock_semaphore(watched_semaphore* semaphore);
 void process_unlock_semaphore(watched_semaphore* semaphore);
 
-// Scheduling points of the embedded system; one thread has nobody to give way to.
+// Scheduling points of the embedded system (two more, which tests replace, are in interrupt.h); one
+// thread has nobody to give way to.
 void process_watch_boolean(watched_boolean* cell);
 void process_wait_for_event();
 void process_sleep_periodic();
-void process_suspend();
-void process_may_suspend();
 void process_sleep_for(uint32_t milliseconds);
 // Returns 0: no time slice is ever exceeded.
 int process_time_exceeded();
-
-// Returns 0: nobody can request an interruption of this process's work.
-int intr_req();
 
 // Ends the process with status 1: the in-memory state is corrupt and going on could destroy data.
 [[noreturn]] void crashpoint();

@@ -47,12 +47,12 @@ struct folder_settings {
 
 // Parses the text of a chassis.txt; `name` is the file's name for errors. Returns an empty string,
 // or the error.
-std::string parse_settings(const std::string& text, const std::string& name,
-                           folder_settings* settings);
+[[nodiscard]] std::string parse_settings(const std::string& text, const std::string& name,
+                                         folder_settings* settings);
 
 // Checks the folder and reads its text file; changes nothing. Returns an empty string, or the
 // error.
-std::string read_folder(const std::string& folder, folder_settings* settings);
+[[nodiscard]] std::string read_folder(const std::string& folder, folder_settings* settings);
 
 // The folder's chassis; it must have been read before. A flash file that cannot be made or mapped
 // later ends the process with status 2.

@@ -12,11 +12,12 @@
 using window_base = volatile void*;
 
 // Opens a device node for reading and writing. Returns a descriptor, or -1 with errno.
-int window_open(const char* path);
+[[nodiscard]] int window_open(const char* path);
 // Maps `length` bytes of the device at `offset`, readable and writable, shared. Returns the base,
 // or the failure value of mmap (all bits set) with errno.
-window_base window_map(int fd, size_t length, off_t offset);
-int window_unmap(window_base base, size_t length);
+[[nodiscard]] window_base window_map(int fd, size_t length, off_t offset);
+// Returns 0, or -1 with errno.
+[[nodiscard]] int window_unmap(window_base base, size_t length);
 
 // One access of the given width at a byte offset into the window. Values are integers of the host;
 // the high byte of a 16-bit data register is the byte at the lower flash address.

@@ -1,4 +1,6 @@
 // Reads the command line. Nothing here touches the device.
+#include "zantrolume/zantrolume_command_line.h"
+
 #include <unistd.h>
 
 #include <cstdio>
@@ -6,7 +8,6 @@
 #include <cstring>
 
 #include "zantrolume/zantrolume_cpld.h"
-#include "zantrolume/zantrolume_main.h"
 #include "zantrolume/zantrolume_number.h"
 
 namespace {
@@ -28,11 +29,10 @@ int refuse(const char* reason) {
   return EXIT_FAILURE;
 }
 
-// Returns 0, or the exit status after a message.
+// Returns 0, or the exit status after a message. What getopt does by itself stays as it is: its
+// line on standard error about an unknown option, and options behind operands unless
+// POSIXLY_CORRECT is in the environment.
 int parse_options(int argc, char* argv[]) {
-  // getopt would stop at the first operand if this were set; the environment decides nothing here.
-  unsetenv("POSIXLY_CORRECT");
-  opterr = 0;
   for (;;) {
     switch (getopt(argc, argv, "hv")) {
       case -1:

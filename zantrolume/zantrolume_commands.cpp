@@ -10,7 +10,7 @@
 
 #include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
-#include "zantrolume/zantrolume_command_support.h"
+#include "zantrolume/zantrolume_startup.h"
 
 namespace {
 

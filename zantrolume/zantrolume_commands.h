@@ -1,17 +1,12 @@
 // The commands. argv[0] is the command word. They return 0, 1 after a message, or -1 for bad usage.
+// Copying, start-up and maintenance have sources of their own.
 #pragma once
 
-// Registers the file system unless that has been done. Returns 1.
-int register_flashfs();
-// Registers and checks the file system once per run. Returns 1, or 0 after a message.
-int start_flashfs();
+// IWYU pragma: begin_exports
+#include "zantrolume/zantrolume_copy.h"
+#include "zantrolume/zantrolume_startup.h"
+// IWYU pragma: end_exports
 
-int format_cmd(int argc, char* argv[]);
-int fsck_cmd(int argc, char* argv[]);
-int flashfs_init_cmd(int argc);
-int set_bs_cmd();
-
-int copy_cmd(int argc, char* argv[]);
 int rename_cmd(int argc, char* argv[]);
 int dir_cmd(int argc, char* argv[]);
 int cat_cmd(int argc, char* argv[]);

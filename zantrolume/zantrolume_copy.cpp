@@ -1,5 +1,7 @@
 // The copy command: one file to another path, buffer by buffer, through the file-system switch.
 // The command line does not reach it.
+#include "zantrolume/zantrolume_copy.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -8,9 +10,8 @@
 #include <new>
 
 #include "ifs/ifs.h"
-#include "zantrolume/zantrolume_command_support.h"
-#include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_number.h"
+#include "zantrolume/zantrolume_startup.h"
 
 namespace {
 
@@ -106,7 +107,8 @@ int copy_between(const copy_request& request, int32_t source_fd, int32_t destina
   ifs_close(source_fd);
   ifs_close(destination_fd);
   if (!copied) {
-    ifs_remove(request.destination);
+    // What failed has been told; a destination that cannot be removed either stays.
+    (void)ifs_remove(request.destination);
     return 1;
   }
   // The descriptors are closed by now, so that a type is never found. That order is kept.

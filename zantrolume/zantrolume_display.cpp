@@ -1,5 +1,5 @@
-// Dumps of raw flash, the sizes of the program's types, two printers of in-memory lists, and the
-// clock that stamps flash records. Nothing here goes through the file system.
+// Dumps of raw flash, the sizes of the program's types, and two printers of in-memory lists.
+// Nothing here goes through the file system.
 #include "zantrolume/zantrolume_display.h"
 
 #include <sys/types.h>
@@ -10,6 +10,8 @@
 #include <new>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/flash_driver.h"
+#include "ifs/ifs.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace {

@@ -1,12 +1,15 @@
 // One run of the program: selects the complex, maps its window, makes sure that it is held in
 // reset, carries out one command and unmaps. What the command line means is decided elsewhere.
+#include "zantrolume/zantrolume_run.h"
+
 #include <cerrno>
 #include <cstdio>
 
+#include "window/window.h"
+#include "zantrolume/zantrolume_command_line.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_display.h"
-#include "zantrolume/zantrolume_main.h"
 
 namespace {
 
@@ -108,7 +111,8 @@ int zantrolume_run(int argc, char* argv[]) {
     printf("\nZANTROLUME : PPC Flashfs access requires PPC %d to be in reset.\n",
            request.ppc_number);
   }
-  window_unmap(vexmor_mapped_ptr, cpld_window_size);
+  // The run is over, and its end unmaps the window anyway.
+  (void)window_unmap(vexmor_mapped_ptr, cpld_window_size);
   print_verbose("\nZANTROLUME : unmapped vexmor device driver");
   return 0;
 }

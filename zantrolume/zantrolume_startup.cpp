@@ -1,5 +1,7 @@
 // Start-up of the file system on demand, and the maintenance commands beside it: format, check, and
 // two that do little. The file commands are elsewhere.
+#include "zantrolume/zantrolume_startup.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -9,8 +11,6 @@
 #include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
-#include "zantrolume/zantrolume_command_support.h"
-#include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_flashfs.h"
 
 namespace {

@@ -1,11 +1,11 @@
 // The checksum: known values, continuation, and agreement with the definition, bit by bit.
+#include "ifs/crc.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <random>
 #include <vector>
-
-#include "ifs/runtime.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The operations that take a descriptor: which slot they call, with what, what they report when
-// there is nothing to call, close, and the loops over partial transfers.
+// there is nothing to call, and close.
 #include <functional>
 #include <string>
 #include <vector>
@@ -133,8 +133,8 @@ TEST_F(descriptor_operations, fstat_and_fioctl_hand_over_the_callers_record) {
   state.status.size = 321;
   state.control_answer = 654;
   control_word = 87;
-  ifs_fstat(fd, &status);
-  ifs_fioctl(fd, 15, &control_word);
+  EXPECT_EQ(ifs_fstat(fd, &status), 0);
+  EXPECT_EQ(ifs_fioctl(fd, ifs_fioctl_get_type, &control_word), 0);
   EXPECT_EQ(status.size, 321u);
   EXPECT_EQ(state.control_word, 87u);
   EXPECT_EQ(control_word, 654u);
@@ -225,82 +225,6 @@ TEST_F(descriptor_operations, close_without_a_slot_is_ebadf_even_on_a_failed_des
 TEST_F(descriptor_operations, closing_a_descriptor_whose_file_system_is_gone_is_ebadf) {
   const int32_t fd = ifs_fd_create(9, 0, nullptr);
   EXPECT_EQ(ifs_close(fd), -1);
-  EXPECT_EQ(errno, EBADF);
-}
-
-TEST_F(descriptor_operations, read_until_reads_on_after_short_reads) {
-  const int32_t fd = open_file();
-  state.results = {3, 6, 1};
-  EXPECT_EQ(ifs_read_until(fd, buffer, 10), 10);
-  EXPECT_EQ(state.calls,
-            (calls{"read 0 " + pointer(buffer) + " 10", "read 0 " + pointer(buffer + 3) + " 7",
-                   "read 0 " + pointer(buffer + 9) + " 1"}));
-}
-
-TEST_F(descriptor_operations, read_until_returns_the_partial_count_at_the_end_of_the_file) {
-  const int32_t fd = open_file();
-  state.results = {4, 0};
-  EXPECT_EQ(ifs_read_until(fd, buffer, 10), 4);
-  state.results = {0};
-  EXPECT_EQ(ifs_read_until(fd, buffer, 10), 0);
-}
-
-TEST_F(descriptor_operations, read_until_gives_up_on_an_error) {
-  const int32_t fd = open_file();
-  state.error = EINTR;
-  state.results = {4, -5};
-  EXPECT_EQ(ifs_read_until(fd, buffer, 10), -1);
-  EXPECT_EQ(errno, EINTR);
-  EXPECT_EQ(state.calls.size(), 2u);
-}
-
-TEST_F(descriptor_operations, write_until_writes_on_after_short_writes) {
-  const int32_t fd = open_file();
-  state.results = {3, 6, 1};
-  EXPECT_EQ(ifs_write_until(fd, buffer, 10), 10);
-  EXPECT_EQ(state.calls,
-            (calls{"write 0 " + pointer(buffer) + " 10", "write 0 " + pointer(buffer + 3) + " 7",
-                   "write 0 " + pointer(buffer + 9) + " 1"}));
-}
-
-TEST_F(descriptor_operations, write_until_fails_when_the_file_system_takes_nothing) {
-  const int32_t fd = open_file();
-  state.results = {4, 0};
-  EXPECT_EQ(ifs_write_until(fd, buffer, 10), -1);
-  EXPECT_EQ(state.calls.size(), 2u);
-}
-
-TEST_F(descriptor_operations, write_until_gives_up_on_an_error) {
-  const int32_t fd = open_file();
-  state.error = ENOSPC;
-  state.results = {4, -5};
-  EXPECT_EQ(ifs_write_until(fd, buffer, 10), -1);
-  EXPECT_EQ(errno, ENOSPC);
-}
-
-TEST_F(descriptor_operations, the_loops_end_when_a_slot_claims_more_than_it_was_given) {
-  const int32_t fd = open_file();
-  state.results = {4, 100};
-  EXPECT_EQ(ifs_read_until(fd, buffer, 10), 10);
-  state.results = {100};
-  EXPECT_EQ(ifs_write_until(fd, buffer, 10), 10);
-  EXPECT_EQ(state.calls.size(), 3u);
-}
-
-TEST_F(descriptor_operations, the_loops_do_nothing_for_length_0) {
-  const int32_t fd = open_file();
-  EXPECT_EQ(ifs_read_until(fd, nullptr, 0), 0);
-  EXPECT_EQ(ifs_write_until(fd, nullptr, 0), 0);
-  EXPECT_EQ(ifs_read_until(-1, nullptr, 0), 0);
-  EXPECT_EQ(ifs_write_until(-1, nullptr, 0), 0);
-  EXPECT_EQ(state.calls, calls{});
-}
-
-TEST_F(descriptor_operations, the_loops_on_a_bad_descriptor_fail) {
-  EXPECT_EQ(ifs_read_until(0, buffer, 1), -1);
-  EXPECT_EQ(errno, EBADF);
-  errno = 0;
-  EXPECT_EQ(ifs_write_until(128, buffer, 1), -1);
   EXPECT_EQ(errno, EBADF);
 }
 

@@ -36,7 +36,7 @@ TEST_F(filesystem_table, creation_stores_what_it_is_given) {
 
 TEST_F(filesystem_table, the_accessors_give_the_fields) {
   int context = 0;
-  ifs_create("bootflash", &full_operations, 131, 0x20000001, 1734, &context);
+  ASSERT_EQ(ifs_create("bootflash", &full_operations, 131, 0x20000001, 1734, &context), 0);
   EXPECT_EQ(ifs_fsid_is_valid(0), 1);
   EXPECT_EQ(ifs_fsid_get_fs_context(0), &context);
   EXPECT_EQ(ifs_fsid_get_type(0), 131);
@@ -46,7 +46,7 @@ TEST_F(filesystem_table, the_accessors_give_the_fields) {
 }
 
 TEST_F(filesystem_table, the_fields_keep_all_their_bits) {
-  ifs_create("a", &full_operations, 0xFFFE, 0x9FFFFFFD, 0xFFFC, nullptr);
+  ASSERT_EQ(ifs_create("a", &full_operations, 0xFFFE, 0x9FFFFFFD, 0xFFFC, nullptr), 0);
   EXPECT_EQ(ifs_fsid_get_type(0), 0xFFFE);
   EXPECT_EQ(ifs_fsid_get_flags(0), 0x9FFFFFFDu);
   EXPECT_EQ(ifs_fsid_get_feature(0), 0xFFFC);
@@ -95,7 +95,7 @@ TEST_F(filesystem_table, a_taken_prefix_cannot_be_created_again) {
 }
 
 TEST_F(filesystem_table, a_prefix_added_later_is_taken_too) {
-  ifs_add_prefix(create("a"), "b");
+  ASSERT_EQ(ifs_add_prefix(create("a"), "b"), 0);
   EXPECT_EQ(create("b"), -1);
 }
 
@@ -143,7 +143,7 @@ TEST_F(filesystem_table, the_open_count_goes_up_and_down_and_below_0) {
 
 TEST_F(filesystem_table, initialising_empties_both_tables) {
   create("a");
-  ifs_add_prefix(0, "b");
+  ASSERT_EQ(ifs_add_prefix(0, "b"), 0);
   create("c");
   ASSERT_EQ(ifs_open("a:f", 0, 0), 0);
   ASSERT_EQ(ifs_open("c:f", 0, 0), 1);
@@ -180,7 +180,7 @@ TEST_F(filesystem_table, initialising_calls_no_slot) {
 
 TEST_F(filesystem_table, an_unused_file_system_is_destroyed_at_once) {
   const ppc_fsid_t fsid = create("a");
-  ifs_add_prefix(fsid, "b");
+  ASSERT_EQ(ifs_add_prefix(fsid, "b"), 0);
   EXPECT_EQ(ifs_destroy(fsid, 0), 0);
   EXPECT_EQ(ifs_fsid_is_valid(fsid), 0);
   EXPECT_EQ(ifs_lookup_prefix("a:"), -1);
@@ -209,7 +209,7 @@ TEST_F(filesystem_table, a_negative_open_count_also_refuses_unforced_destruction
 
 TEST_F(filesystem_table, forced_destruction_hides_it_at_once_and_removes_it_at_the_last_close) {
   const ppc_fsid_t fsid = create("a");
-  ifs_add_prefix(fsid, "b");
+  ASSERT_EQ(ifs_add_prefix(fsid, "b"), 0);
   const int32_t first = ifs_open("a:f", 0, 0);
   const int32_t second = ifs_open("a:g", 0, 0);
   EXPECT_EQ(ifs_destroy(fsid, -5), 0);
@@ -245,7 +245,7 @@ TEST_F(filesystem_table, open_files_of_a_hidden_file_system_still_work) {
 
 TEST_F(filesystem_table, the_prefix_of_a_hidden_file_system_is_free_again) {
   const ppc_fsid_t hidden = create("a");
-  ifs_open("a:f", 0, 0);
+  ASSERT_GE(ifs_open("a:f", 0, 0), 0);
   ifs_destroy(hidden, 1);
   EXPECT_EQ(create("a"), 1);
   EXPECT_EQ(ifs_lookup_prefix("a:"), 1);

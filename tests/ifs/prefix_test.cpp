@@ -120,9 +120,9 @@ TEST_F(prefix, stripping_takes_the_prefix_and_one_colon) {
   const char* directory = "bootflash:dir/f";
   const char* two_colons = "bootflash::f";
   const char* nothing = "bootflash:";
-  ifs_lookup_prefix_and_strip(&directory);
-  ifs_lookup_prefix_and_strip(&two_colons);
-  ifs_lookup_prefix_and_strip(&nothing);
+  EXPECT_EQ(ifs_lookup_prefix_and_strip(&directory), 0);
+  EXPECT_EQ(ifs_lookup_prefix_and_strip(&two_colons), 0);
+  EXPECT_EQ(ifs_lookup_prefix_and_strip(&nothing), 0);
   EXPECT_STREQ(directory, "dir/f");
   EXPECT_STREQ(two_colons, ":f");
   EXPECT_STREQ(nothing, "");
@@ -194,7 +194,7 @@ TEST_F(prefix, a_long_one_is_compared_before_it_is_cut_and_so_can_be_added_twice
 TEST_F(prefix, the_one_added_last_is_the_file_systems_first) {
   const ppc_fsid_t fsid = create("a");
   EXPECT_STREQ(ifs_fsid_get_prefix(fsid), "a");
-  ifs_add_prefix(fsid, "b");
+  ASSERT_EQ(ifs_add_prefix(fsid, "b"), 0);
   EXPECT_STREQ(ifs_fsid_get_prefix(fsid), "b");
 }
 

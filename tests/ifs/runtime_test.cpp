@@ -9,6 +9,8 @@
 #include <cstring>
 #include <string>
 
+#include "ifs/interrupt.h"
+
 namespace {
 
 static_assert(sizeof(boolean) == 4);

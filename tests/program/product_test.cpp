@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -26,22 +27,31 @@ const std::string usage =
     "   rm - delete a file\n"
     "   sread - read flashfs sector and length\n";
 
-program_result run_product(const std::vector<std::string>& words) {
+program_result run_product(const std::vector<std::string>& words,
+                           const std::map<std::string, std::string>& environment = {}) {
   test_support::program_call call;
+  call.environment = environment;
   call.path = ZANTROLUME_PROGRAM;
   call.arguments = words;
   return test_support::run_program(call);
 }
 
-void expect_usage_error(const std::vector<std::string>& words, const std::string& message) {
+void expect_usage_error(const std::vector<std::string>& words, const std::string& message,
+                        const std::string& error_line = "") {
   const program_result result = run_product(words);
   EXPECT_EQ(result.out, message + usage) << testing::PrintToString(words);
-  EXPECT_EQ(result.err, "") << testing::PrintToString(words);
+  EXPECT_EQ(result.err, error_line) << testing::PrintToString(words);
   EXPECT_EQ(result.status, 1) << testing::PrintToString(words);
 }
 
-void expect_device_is_missing(const std::vector<std::string>& words) {
-  const program_result result = run_product(words);
+// The C library's own line about an option.
+std::string invalid_option(char option) {
+  return std::string(ZANTROLUME_PROGRAM) + ": invalid option -- '" + option + "'\n";
+}
+
+void expect_device_is_missing(const std::vector<std::string>& words,
+                              const std::map<std::string, std::string>& environment = {}) {
+  const program_result result = run_product(words, environment);
   EXPECT_EQ(result.out, "\nZANTROLUME : Failed to open file VEXMOR device driver, errno 2")
       << testing::PrintToString(words);
   EXPECT_EQ(result.err, "") << testing::PrintToString(words);
@@ -79,10 +89,17 @@ TEST(product, help_prints_the_usage_and_fails) {
   expect_usage_error({"4", "dir", "-h"}, "\nDisplay help message.");
 }
 
-TEST(product, an_unknown_option_prints_the_usage) {
-  expect_usage_error({"-x", "4", "dir"}, "\nzantrolume: Unknown parameter.");
-  expect_usage_error({"4", "dir", "-x"}, "\nzantrolume: Unknown parameter.");
-  expect_usage_error({"--verbose", "4", "dir"}, "\nzantrolume: Unknown parameter.");
+TEST(product, an_unknown_option_is_told_on_standard_error_and_prints_the_usage) {
+  const std::string message = "\nzantrolume: Unknown parameter.";
+  expect_usage_error({"-x", "4", "dir"}, message, invalid_option('x'));
+  expect_usage_error({"4", "dir", "-x"}, message, invalid_option('x'));
+  expect_usage_error({"--verbose", "4", "dir"}, message, invalid_option('-'));
+}
+
+TEST(product, an_option_behind_the_first_operand_is_none_when_the_environment_asks_for_it) {
+  const std::map<std::string, std::string> environment = {{"POSIXLY_CORRECT", "1"}};
+  expect_device_is_missing({"4", "dir", "-h"}, environment);
+  expect_device_is_missing({"4", "dir", "-x"}, environment);
 }
 
 TEST(product, a_complex_outside_3_to_8_is_refused_with_its_number) {

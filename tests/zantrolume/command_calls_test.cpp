@@ -97,7 +97,7 @@ TEST_F(command_calls, a_type_of_its_own_is_listed_as_s) {
       state.status.mode = 0xC200;
     }
   };
-  state.status.mode = 0x4000;
+  state.status.mode = ppc_mode_directory;
   expect_run(dir_cmd, {"dir", "odd:"}, {0, 0, 76, 0, 0, 0, 0},
              heading + "7    s-w-  10        <date>               name\n" +
                  "\n10 bytes available (40 bytes used)\n",

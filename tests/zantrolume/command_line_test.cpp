@@ -43,6 +43,11 @@ const std::string opened = "\nZANTROLUME : vexmor device driver opened";
 const std::string mapped = "\nZANTROLUME : vexmor device driver memory mapped";
 const std::string unmapped = "\nZANTROLUME : unmapped vexmor device driver";
 
+// What the C library says of an option that it was not told of.
+std::string invalid_option(char option) {
+  return std::string("zantrolume: invalid option -- '") + option + "'\n";
+}
+
 using chassis_action = std::function<void(sim::chassis& chassis)>;
 
 void nothing(sim::chassis&) {}
@@ -135,21 +140,33 @@ TEST(command_line, help_prints_the_usage_and_fails) {
   expect_refused({"-v", "-h", "4", "dir"}, "\nDisplay help message." + usage);
 }
 
-TEST(command_line, an_unknown_option_prints_the_usage_and_nothing_else) {
-  expect_refused({"-x"}, unknown);
-  expect_refused({"-vx", "4", "dir"}, unknown);
-  expect_refused({"--help"}, unknown);
+// Standard error is not buffered, so the C library's line comes first.
+TEST(command_line, an_unknown_option_is_told_by_the_c_library_and_prints_the_usage) {
+  expect_refused({"-x"}, invalid_option('x') + unknown);
+  expect_refused({"-vx", "4", "dir"}, invalid_option('x') + unknown);
+  expect_refused({"--help"}, invalid_option('-') + unknown);
+  expect_refused({"4", "dir", "-x"}, invalid_option('x') + unknown);
 }
 
 TEST(command_line, a_negative_operand_is_an_option_unless_it_stands_behind_two_dashes) {
-  expect_refused({"4", "sread", "2", "-5"}, unknown);
+  expect_refused({"4", "sread", "2", "-5"}, invalid_option('5') + unknown);
   expect_run({"--", "4", "sread", "2", "-5"}, 0, "");
 }
 
-TEST(command_line, options_may_follow_operands_whatever_the_environment_says) {
+TEST(command_line, options_may_follow_operands) {
+  unsetenv("POSIXLY_CORRECT");
   expect_refused({"4", "sizes", "-h"}, "\nDisplay help message." + usage);
+  expect_run({"4", "copy", "-v"}, 0, opened + mapped + "Sorry, not supported\n" + unmapped);
+}
+
+TEST(command_line, options_end_at_the_first_operand_when_the_environment_asks_for_it) {
   setenv("POSIXLY_CORRECT", "1", 1);
-  expect_refused({"4", "sizes", "-h"}, "\nDisplay help message." + usage);
+  expect_run({"4", "copy", "-h"}, 0, "Sorry, not supported\n");
+  expect_run({"4", "copy", "-v"}, 0, "Sorry, not supported\n");
+  expect_run({"4", "copy", "-x"}, 0, "Sorry, not supported\n");
+  expect_run({"4", "sread", "2", "-5"}, 0, "");
+  expect_run({"-v", "4", "copy"}, 0, opened + mapped + "Sorry, not supported\n" + unmapped);
+  expect_refused({"-h", "4", "copy"}, "\nDisplay help message." + usage);
   unsetenv("POSIXLY_CORRECT");
 }
 

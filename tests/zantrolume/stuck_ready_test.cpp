@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/control_codes.h"
 #include "flashfs/flashfs.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/zantrolume/selected_complex.h"
@@ -18,10 +20,6 @@ using test_support::free_flashfs;
 using test_support::output_of;
 using zantrolume_test::selected_complex;
 
-constexpr uint32_t quick_check = 1;
-constexpr uint32_t full_check = 0;
-constexpr uint32_t ioctl_format = 6;
-constexpr uint32_t ioctl_check = 11;
 constexpr uint16_t block_count = 4;
 constexpr uint32_t block_size_bytes = 0x20000;
 // All words are programmed in the same four cycles, so after those of the first ones a step that is
@@ -49,7 +47,7 @@ class stuck_ready : public testing::Test {
     for (uint32_t i = 0; i < block_count; i++) {
       blocks_[i] = {i * block_size_bytes, block_size_bytes, 0};
     }
-    EXPECT_EQ(mount(full_check), 0);
+    EXPECT_EQ(mount(flashfs_check_full), 0);
     write("bootflash:keep", kept_content);
     write("bootflash:file", std::string(100, 'f'));
     start_.assign(complex_.flash().bytes(),
@@ -68,7 +66,7 @@ class stuck_ready : public testing::Test {
       const flash_driver_info* const records[] = {&driver_};
       flashfs_initialize(handles, records, 1, "bootflash");
       fs_ = flashfs_get_fsp("bootflash:");
-      result = ifs_ioctl("bootflash:", ioctl_check, &check_flags);
+      result = ifs_ioctl("bootflash:", flashfs_ioctl_check, &check_flags);
     });
     return result;
   }
@@ -94,7 +92,7 @@ class stuck_ready : public testing::Test {
   }
   void restart() {
     std::copy(start_.begin(), start_.end(), complex_.flash().bytes());
-    ASSERT_EQ(mount(quick_check), 0);
+    ASSERT_EQ(mount(flashfs_check_quick), 0);
   }
   void power_on() {
     complex_.node().set_ready_low(static_cast<int>(complex_.index()), 0);
@@ -129,7 +127,7 @@ class stuck_ready : public testing::Test {
       EXPECT_EQ(fs_->ready, 0U);
       EXPECT_EQ(fs_->sctr_bufs_allocated, 0U);
       power_on();
-      ASSERT_EQ(mount(full_check), 0);
+      ASSERT_EQ(mount(flashfs_check_full), 0);
       if (keeps_files) {
         EXPECT_EQ(read("bootflash:keep"), kept_content);
       }
@@ -159,7 +157,7 @@ TEST_F(stuck_ready, formatting_fails_and_the_next_start_takes_the_flash) {
   expect_reported_at_each_wait(
       [] {
         uint32_t argument = 0;
-        return ifs_ioctl("bootflash:", ioctl_format, &argument);
+        return ifs_ioctl("bootflash:", flashfs_ioctl_format, &argument);
       },
       false);
 }
@@ -173,11 +171,11 @@ TEST_F(stuck_ready, checking_an_erased_flash_fails_and_the_next_start_takes_the_
     fs_ = nullptr;
     std::copy(start_.begin(), start_.end(), complex_.flash().bytes());
     complex_.node().set_ready_never(static_cast<int>(complex_.index()), n);
-    EXPECT_EQ(mount(full_check), -1);
+    EXPECT_EQ(mount(flashfs_check_full), -1);
     EXPECT_EQ(fs_->ready, 0U);
     EXPECT_EQ(fs_->sctr_bufs_allocated, 0U);
     power_on();
-    EXPECT_EQ(mount(full_check), 0);
+    EXPECT_EQ(mount(flashfs_check_full), 0);
   }
 }
 
