@@ -58,7 +58,7 @@ int32_t format(flashfs* fs) {
 }
 
 int32_t verify_path(flashfs* fs, const char* path) {
-  name_search found = {fileid_root, 0};
+  found_name found = {fileid_root, 0};
   if (path != nullptr && *path != '\0') {
     found = flashfs_resolve(fs, path);
   }

@@ -52,7 +52,7 @@ int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fre
   if (!old_buffer || !fresh_buffer) {
     return -1;
   }
-  const slot_search found = filemap_find_slot_in(fs, entry, old_buffer);
+  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
@@ -285,7 +285,7 @@ int flashfs_ensure_root_slot(flashfs* fs) {
     return 1;
   }
   root->parent_fileid = fileid_root;
-  const slot_search found = filemap_find_slot_in(fs, root, buffer);
+  const found_slot found = filemap_find_slot_in(fs, root, buffer);
   if (found.entry != nullptr) {
     return 0;
   }

@@ -121,7 +121,7 @@ int32_t open_file(flashfs* fs, const char* path, uint32_t oflags, ppc_mode_t mod
   if (!attempt.has_descriptor()) {
     return -1;
   }
-  const name_search found = flashfs_resolve(fs, path);
+  const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0 && found.error != ENOENT) {
     return flashfs_fail(found.error);
   }

@@ -153,7 +153,7 @@ class tree_walk {
 
 // Returns the id of "/lost+found" as a directory, made if need be, or 0.
 uint16_t open_lost_and_found(flashfs* fs) {
-  const name_search found = path_find(fs, lost_and_found);
+  const found_name found = path_find(fs, lost_and_found);
   if (found.fileid == 0 && found.error == EIO) {
     return 0;
   }
@@ -174,7 +174,7 @@ uint16_t open_lost_and_found(flashfs* fs) {
 }
 
 int remove_existing(flashfs* fs, const char* path) {
-  const name_search found = path_find(fs, path);
+  const found_name found = path_find(fs, path);
   if (found.fileid == 0) {
     // Any other failure leaves it open whether the name is taken.
     return found.error == ENOENT ? 0 : 1;

@@ -89,7 +89,7 @@ int32_t list_directory(flashfs* fs, flashfs_open_file* open, uint8_t* out, uint3
 }
 
 int32_t status_of_named(flashfs* fs, const char* path, ppc_stat* status) {
-  const name_search found = flashfs_resolve(fs, path);
+  const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0) {
     return flashfs_fail(found.error);
   }

@@ -54,7 +54,7 @@ int32_t rename_named(flashfs* fs, const char* old_path, const char* new_path) {
   if (*old_path == '\0' || *new_path == '\0') {
     return flashfs_fail(ENOENT);
   }
-  const name_search found = flashfs_resolve(fs, old_path);
+  const found_name found = flashfs_resolve(fs, old_path);
   if (found.fileid == 0) {
     return flashfs_fail(found.error);
   }
@@ -79,7 +79,7 @@ int32_t rename_named(flashfs* fs, const char* old_path, const char* new_path) {
 }
 
 int32_t change_mode_of_named(flashfs* fs, const char* path, ppc_mode_t mode) {
-  const name_search found = flashfs_resolve(fs, path);
+  const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0) {
     return flashfs_fail(found.error);
   }
@@ -91,7 +91,7 @@ int32_t change_mode_of_named(flashfs* fs, const char* path, ppc_mode_t mode) {
 }
 
 int32_t remove_named_file(flashfs* fs, const char* path) {
-  const name_search found = flashfs_resolve(fs, path);
+  const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0) {
     return flashfs_fail(found.error);
   }
@@ -112,7 +112,7 @@ bool has_entries(const flashfs_sctr_map* directory) {
 }
 
 int32_t remove_named_directory(flashfs* fs, const char* path) {
-  const name_search found = flashfs_resolve(fs, path);
+  const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0) {
     return flashfs_fail(found.error);
   }

@@ -34,12 +34,12 @@ bool flashfs_is_only_user(const flashfs* fs) {
   return entry != nullptr && entry->open_count == 1;
 }
 
-name_search flashfs_resolve(flashfs* fs, const char* path) {
+found_name flashfs_resolve(flashfs* fs, const char* path) {
   if (*path == '\0') {
     return {0, ENOENT};
   }
-  const name_search found = path_find(fs, path);
-  return found.fileid == 0 && is_absent(found) ? name_search{0, ENOENT} : found;
+  const found_name found = path_find(fs, path);
+  return found.fileid == 0 && is_absent(found) ? found_name{0, ENOENT} : found;
 }
 
 int32_t flashfs_finish(flashfs* fs, int32_t result, marks_down when) {

@@ -37,7 +37,7 @@ opened_descriptor flashfs_of_descriptor(int32_t fd);
 bool flashfs_is_only_user(const flashfs* fs);
 
 // As path_find; everything that is not there, for whatever reason, is ENOENT, also an empty path.
-name_search flashfs_resolve(flashfs* fs, const char* path);
+found_name flashfs_resolve(flashfs* fs, const char* path);
 
 // When a failure marks the file system down.
 enum class marks_down { when_flash_failed, always };

@@ -35,7 +35,7 @@ void cut_trailing_slashes(char* path) {
 }
 
 // Why a new name cannot stand where this search has looked; 0 when it can.
-int taken_error(const name_search& existing) {
+int taken_error(const found_name& existing) {
   if (existing.fileid != 0) {
     return EEXIST;
   }
@@ -55,7 +55,7 @@ int name_error(flashfs* fs, const char* name) {
 // The directory that a path leads to. 0, or why it is none.
 int find_directory(flashfs* fs, const char* dir_path, const name_rules& rules,
                    flashfs_sctr_map** directory) {
-  const name_search found = path_find(fs, dir_path);
+  const found_name found = path_find(fs, dir_path);
   if (found.fileid == 0) {
     return is_absent(found) ? rules.missing_directory : found.error;
   }
@@ -95,7 +95,7 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
 
 // 0, or the error.
 int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map** entry) {
-  const name_search existing = path == nullptr ? name_search{0, ENOENT} : path_find(fs, path);
+  const found_name existing = path == nullptr ? found_name{0, ENOENT} : path_find(fs, path);
   sector_buffer buffer(fs);
   if (!buffer) {
     return errno;
@@ -117,11 +117,11 @@ int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map*
 
 }  // namespace
 
-bool is_absent(const name_search& search) {
+bool is_absent(const found_name& search) {
   return search.error == ENOENT || search.error == ENOTDIR || search.error == ENAMETOOLONG;
 }
 
-name_search dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
+found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   const flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
   sector_buffer buffer(fs);
   if (!buffer) {
@@ -143,14 +143,14 @@ name_search dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   return {0, walk.failed() ? EIO : ENOENT};
 }
 
-name_search path_find(flashfs* fs, const char* path) {
+found_name path_find(flashfs* fs, const char* path) {
   char components[path_size_max];
   const size_t length = strlen(path);
   if (length >= sizeof(components)) {
     return {0, ENAMETOOLONG};
   }
   memcpy(components, path, length + 1);
-  name_search found = {fileid_root, 0};
+  found_name found = {fileid_root, 0};
   for (const char* name = ifs_runtime::strtok(components, path_separator);
        name != nullptr && found.fileid != 0; name = ifs_runtime::strtok(nullptr, path_separator)) {
     found = dir_find(fs, found.fileid, name);
@@ -159,7 +159,7 @@ name_search path_find(flashfs* fs, const char* path) {
 }
 
 uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name) {
-  const name_search found = dir_find(fs, dir_fileid, name);
+  const found_name found = dir_find(fs, dir_fileid, name);
   if (found.fileid == 0) {
     errno = found.error;
   }
@@ -167,7 +167,7 @@ uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name) {
 }
 
 uint16_t path_lookup(flashfs* fs, const char* path) {
-  const name_search found = path_find(fs, path);
+  const found_name found = path_find(fs, path);
   if (found.fileid == 0 && found.error != ENAMETOOLONG) {
     errno = found.error;
   }
@@ -187,7 +187,7 @@ char* path_dirname(const char* path, char* work) {
   return work;
 }
 
-name_place find_place_for_name(flashfs* fs, const char* path, const name_search& existing,
+name_place find_place_for_name(flashfs* fs, const char* path, const found_name& existing,
                                char (&work)[path_size_max], const name_rules& rules) {
   name_place place = {};
   place.error = taken_error(existing);

@@ -11,14 +11,14 @@ constexpr size_t path_size_max = 320;  // paths of this many bytes or more are r
 // What a search for a name or path found: the id, or 0 and why there is none: ENOENT, ENOTDIR,
 // ENAMETOOLONG for a path that is too long to be looked up, EIO when the flash fails, or the error
 // of a buffer that cannot be had.
-struct name_search {
+struct found_name {
   uint16_t fileid;
   int error;
 };
-name_search dir_find(flashfs* fs, uint16_t dir_fileid, const char* name);
-name_search path_find(flashfs* fs, const char* path);
+found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name);
+found_name path_find(flashfs* fs, const char* path);
 // Whether the search has shown that nothing is there; otherwise it could not tell.
-bool is_absent(const name_search& search);
+bool is_absent(const found_name& search);
 
 // The same searches with the error in errno; a path of 320 bytes or more leaves it alone.
 uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name);
@@ -43,7 +43,7 @@ struct name_place {
 // Looks, in this order, whether the path is taken (EEXIST; `existing` is what was found under it),
 // and, in the order of the rules, whether the name is acceptable (ENAMETOOLONG after a message,
 // EINVAL) and its directory is one (ENOTDIR).
-name_place find_place_for_name(flashfs* fs, const char* path, const name_search& existing,
+name_place find_place_for_name(flashfs* fs, const char* path, const found_name& existing,
                                char (&work)[path_size_max], const name_rules& rules);
 
 // Makes a file or directory with a fresh id and slot. Null with errno: ENOENT, the errors of

@@ -22,8 +22,7 @@ bool slot_walk::next() {
   return false;
 }
 
-slot_search filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry,
-                                 sector_buffer& buffer) {
+found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry, sector_buffer& buffer) {
   const flashfs_sctr_map* parent = filemap_lookup(fs, entry->parent_fileid);
   if (parent == nullptr) {
     return {nullptr, false};

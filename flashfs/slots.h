@@ -47,12 +47,12 @@ class slot_walk {
 
 // What a search for a slot found: the list entry, or null, and then whether because the flash
 // failed.
-struct slot_search {
+struct found_slot {
   flashfs_sctr_list_ordered* entry;
   bool failed;
 };
 
 // The entry of the parent's list that names this file. The buffer holds the slot's sector then.
-slot_search filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry, sector_buffer& buffer);
+found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry, sector_buffer& buffer);
 // The same with a buffer of its own; null for whatever reason.
 flashfs_sctr_list_ordered* filemap_find_slot(flashfs* fs, const flashfs_sctr_map* entry);

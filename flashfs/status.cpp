@@ -155,7 +155,7 @@ int32_t flashfs_build_path(flashfs* fs, uint16_t fileid, char* path, size_t path
   path[start] = '\0';
   while (fileid != fileid_root) {
     const flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-    const slot_search found = filemap_find_slot_in(fs, entry, buffer);
+    const found_slot found = filemap_find_slot_in(fs, entry, buffer);
     if (found.entry == nullptr) {
       return flashfs_fail(found.failed ? EIO : EBADF);
     }
