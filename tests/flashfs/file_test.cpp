@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -123,7 +124,7 @@ TEST_F(file_read, a_descriptor_from_outside_the_table_is_bad) {
     EXPECT_EQ(error_of(flashfs_vctr_lseek(fd, 0, 0)), EBADF) << fd;
     EXPECT_EQ(error_of(flashfs_vctr_getdents(fd, &byte, 1)), EBADF) << fd;
     EXPECT_EQ(error_of(flashfs_vctr_fstat(fd, &status)), EBADF) << fd;
-    EXPECT_EQ(error_of(flashfs_vctr_fioctl(fd, 7, nullptr)), EBADF) << fd;
+    EXPECT_EQ(error_of(flashfs_vctr_fioctl(fd, flashfs_fioctl_verify, nullptr)), EBADF) << fd;
   }
 }
 

@@ -15,9 +15,6 @@ namespace test_support {
 
 constexpr uint32_t recipe_time = 1900000000;
 constexpr uint32_t image_time = 1800000000;  // of what the image builder dates
-constexpr uint32_t quick = 1;
-constexpr uint32_t full = 0;
-constexpr uint32_t reclaim_all = 2;
 
 inline const std::string quiet_check = "flashfs[0]: flashfs fsck took 0 seconds.\n";
 
@@ -292,7 +289,7 @@ class recipe_fixture : public flashfs_fixture {
   // Whether quick and full checks now find nothing: no word but the time line, not one byte
   // changed.
   testing::AssertionResult is_repaired() {
-    for (const uint32_t flags : {quick, full}) {
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       std::vector<std::vector<uint8_t>> before = snapshots();
       const std::string output = check_of_recipe(flags);
       if (output != quiet_check) {

@@ -58,12 +58,12 @@ TEST_F(tree, a_slot_that_names_no_possible_entry_is_an_error) {
   for (const uint16_t fileid : {uint16_t{0}, uint16_t{65535}}) {
     make();
     name(0, 0, 1, 1, 1, fileid, "n");
-    for (const uint32_t flags : {quick, full}) {
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       EXPECT_EQ(check_of_recipe(flags), "result -1: " + said("dir struct error[1]."));
     }
     make();
     name(0, 0, 1, 1, 9, fileid, "n");
-    EXPECT_EQ(check_of_recipe(quick), "result -1: " + said("dir struct error[2]."));
+    EXPECT_EQ(check_of_recipe(flashfs_check_quick), "result -1: " + said("dir struct error[2]."));
   }
 }
 
@@ -72,7 +72,7 @@ TEST_F(tree, a_name_in_a_directory_that_is_a_file_is_known_by_the_file) {
   name(0, 0, 1, 1, 1, 2, "f");
   name(0, 0, 2, 0, 2, 7, "inside");
   // 7 is known to nobody: the walk does not enter a file.
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(map_text(fs()), "1<1 2<1");
   EXPECT_EQ(list_text(fs(), 2), "0:0.0/2");
 }
@@ -89,7 +89,7 @@ TEST_F(tree, the_root_named_below_itself_keeps_its_place) {
   delete_slot(0, 0, 0);
   directory(0, 0, 1, 1, 1, 3, "d");
   directory(0, 0, 2, 0, 3, 1, "root-again");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(map_text(fs()), "1<1 3<1");
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 1:0.0/1");
   EXPECT_EQ(list_text(fs(), 3), "0:0.0/2");
@@ -98,7 +98,7 @@ TEST_F(tree, the_root_named_below_itself_keeps_its_place) {
 
 TEST_F(tree, a_directory_that_is_not_known_cannot_be_walked) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(fsck_check_dir(fs(), 1234), 1);
   EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
 }
@@ -106,7 +106,7 @@ TEST_F(tree, a_directory_that_is_not_known_cannot_be_walked) {
 TEST_F(tree, a_walk_without_a_buffer_or_a_readable_sector_fails) {
   make();
   directory(0, 0, 1, 1, 1, 3, "d");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().fail(flash_call::read, 1, flash_operation_failed);
   output_of([&] { EXPECT_EQ(fsck_check_dir(fs(), 1), 1); });
   chunk_pool* pool = fs()->sctr_buf_chunk;
@@ -124,7 +124,7 @@ TEST_F(second_names, are_dropped_from_memory_and_from_the_counters_only) {
   name(0, 0, 3, 3, 1, 2, "second");
   name(0, 0, 4, 0, 3, 2, "third");
   const std::vector<uint8_t> before = device().flash().snapshot();
-  for (const uint32_t flags : {quick, full, quick}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full, flashfs_check_quick}) {
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
     EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.0/2");
     EXPECT_EQ(list_text(fs(), 3), "");
@@ -140,7 +140,7 @@ TEST_F(second_names, the_name_nearer_to_the_root_is_the_first) {
   directory(0, 0, 1, 1, 1, 3, "d");
   name(0, 0, 2, 0, 3, 2, "inner");
   name(0, 0, 3, 9, 1, 2, "outer");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(entry(2)->parent_fileid, 1);
   EXPECT_EQ(list_text(fs(), 3), "");
 }
@@ -151,7 +151,7 @@ TEST_F(second_names, the_last_slot_of_a_sector_counts_as_the_sector) {
   name(1, 0, 0, 2, 1, 2, "second");
   delete_slots(1, 0, 1, 32);
   const std::vector<uint8_t> before = device().flash().snapshot();
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(counters_text(), "0/0 1/0 0/0 0/0");
   EXPECT_EQ(block_text(1), "1 - - -");
   expect_unchanged(before);
@@ -163,7 +163,7 @@ TEST_F(second_names, two_in_one_sector_each_see_the_other_as_it_stands_on_flash)
   name(1, 0, 0, 2, 1, 2, "second");
   name(1, 0, 1, 3, 1, 2, "third");
   delete_slots(1, 0, 2, 32);
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(counters_text(), "0/0 0/32 0/0 0/0");
 }
 
@@ -171,11 +171,11 @@ TEST_F(second_names, a_dropped_ones_number_is_given_again_and_the_next_check_kee
   make();
   name(0, 0, 1, 1, 1, 2, "first");
   name(0, 0, 2, 2, 1, 2, "second");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   const flashfs_sctr_map* made = flashfs_create_entry(fs(), "new", 0x8000);
   ASSERT_NE(made, nullptr);
   EXPECT_EQ(made->fileid, 3);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(path_lookup(fs(), "new"), 3);
   EXPECT_EQ(path_lookup(fs(), "first"), 2);
   EXPECT_EQ(slot_on_flash(0, 0, 2).dir_fileid, 0);
@@ -279,7 +279,7 @@ TEST_F(circles, an_operation_in_one_ends) {
   make();
   directory(0, 0, 1, 0, 5, 6, "to-6");
   directory(0, 0, 2, 0, 6, 5, "to-5");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   char path[path_size_max];
   EXPECT_EQ(flashfs_build_path(fs(), 5, path, sizeof(path)), -1);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_verify_entry(fs(), entry(6)), -1); }),
@@ -336,7 +336,7 @@ class deep_nesting : public recipe_fixture {
 
 TEST_F(deep_nesting, below_the_root) {
   make_chain(1);
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(check_on_little_stack(flags), quiet_check);
     EXPECT_EQ(fs()->num_files, 1U + depth);
     EXPECT_EQ(parent_of(0), 1);
@@ -346,14 +346,15 @@ TEST_F(deep_nesting, below_the_root) {
 
 TEST_F(deep_nesting, below_an_orphan) {
   make_chain(9);
-  EXPECT_EQ(check_on_little_stack(quick), relinked("directory", "00009") + quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_quick),
+            relinked("directory", "00009") + quiet_check);
   EXPECT_EQ(parent_of(0), 9);
   EXPECT_EQ(parent_of(depth - 1), 10 + depth - 2);
 }
 
 TEST_F(deep_nesting, of_a_circle) {
   make_chain(static_cast<uint16_t>(10 + depth - 1));
-  EXPECT_EQ(check_on_little_stack(full), quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_full), quiet_check);
   EXPECT_EQ(parent_of(0), 10 + depth - 1);
   EXPECT_EQ(parent_of(depth - 1), 10 + depth - 2);
 }
@@ -369,7 +370,8 @@ TEST_F(deep_nesting, of_orphans_that_come_before_what_holds_them) {
               static_cast<uint16_t>(11 + i), static_cast<uint16_t>(10 + i), "d");
   }
   const std::string digits = "0" + std::to_string(10 + depth);
-  EXPECT_EQ(check_on_little_stack(quick), relinked("directory", digits) + quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_quick),
+            relinked("directory", digits) + quiet_check);
 }
 
 }  // namespace

@@ -13,7 +13,7 @@ inline const std::string inconsistency = "flashfs[0]: inconsistency during secto
 class collection_recipe : public recipe_fixture {
  protected:
   void mount_quietly() {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   }
   // Allocates one sector. Its address, or "none", after what was printed.
   std::string allocate(uint32_t use_reserve = 0) {

@@ -288,7 +288,8 @@ TEST_F(slots, any_failing_flash_call_ends_compaction_without_loss) {
     EXPECT_EQ(output.substr(output.size() - 4), "none") << n;
     EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
     device().fail(flash_call::any, 0, flash_ok);
-    if (check_of_recipe(full).find("unable to allocate available block.") != std::string::npos) {
+    if (check_of_recipe(flashfs_check_full).find("unable to allocate available block.") !=
+        std::string::npos) {
       without_spare++;
       continue;
     }
@@ -333,7 +334,7 @@ TEST_F(slots, afterwards_the_block_with_the_most_invalid_sectors_goes) {
     name(two, 0, 0, 3, 1, 4, "h");
     name(two, 1, 0, 4, 1, 5, "i");
     data(2, {{0, 1}, {0, 2}, {one, 1}, {one, 2}, {two, 2}});
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     fs()->random = random;
     EXPECT_NE(allocate(1).find(" eS" + std::to_string(two)), std::string::npos);
     EXPECT_EQ(fs()->random, random);
@@ -382,7 +383,7 @@ TEST_F(slots, the_lower_sector_of_a_block_is_filled_first_whatever_the_lists_ord
   name(0, 0, 1, 1, 1, 2, "f");
   name(0, 1, 0, 2, 1, 3, "g");
   data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   std::vector<uint8_t> lower;
   while (fs()->available_slots->sctr_ptr.sctr_num == 0) {
     available_slot_take(fs(), &lower.emplace_back());

@@ -406,7 +406,7 @@ TEST_F(one_block, has_its_pointers_in_the_spare_before_that_is_in_use) {
   root_slot(0, 0, 0);
   name(0, 0, 1, 1, 1, 2, "f");
   data(2, {{0, 1}, {1, 1}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   // After the spare's invalid1, two sectors, its committed state, and the victim's new header.
   device().fail(flash_call::write, 6, flash_operation_failed);
   output_of([&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 0, 0), 1); });
@@ -435,7 +435,8 @@ TEST_F(one_block, any_failing_flash_call_ends_its_reclamation_without_loss) {
       EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
       EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
       device().fail(flash_call::any, 0, flash_ok);
-      EXPECT_EQ(check_of_recipe(full).find("result"), std::string::npos) << n << check_output();
+      EXPECT_EQ(check_of_recipe(flashfs_check_full).find("result"), std::string::npos)
+          << n << check_output();
       EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
       EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U) << n;
     }

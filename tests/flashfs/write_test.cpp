@@ -432,7 +432,7 @@ TEST_F(file_write, a_power_cut_in_an_overwrite_leaves_the_old_or_the_new_bytes) 
       const bool cut = supply().dead();
       supply().restore();
       unmount();
-      mount(full);
+      mount(flashfs_check_full);
       const std::string found = get("a");
       EXPECT_TRUE(found == before || found == after) << n;
       EXPECT_TRUE(flash_is_consistent()) << n;

@@ -65,7 +65,7 @@ class faulty : public recipe_fixture {
   }
   void make_and_mount() {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   }
   std::string check_with_failure(uint32_t flags, int number) {
     initialize();
@@ -87,7 +87,7 @@ TEST_F(interrupted_check, stops_at_every_block_of_both_passes_and_every_file_of_
   // Three blocks twice, and the entries 1 to 3 at the duplicates and at the broken lists. Entry 4
   // is known by its name alone, which is read later.
   const int expected_polls = 3 + 3 + 3 + 3;
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     for (int n = 1; n <= expected_polls; n++) {
       make();
       initialize();
@@ -111,13 +111,13 @@ TEST_F(interrupted_check, stops_at_every_block_of_both_passes_and_every_file_of_
 
 TEST_F(check_without_memory, the_pool_of_list_entries_comes_first) {
   make();
-  EXPECT_EQ(check_with_failure(quick, 1),
+  EXPECT_EQ(check_with_failure(flashfs_check_quick, 1),
             "result -1: flashfs[0]: unable to allocate chunk of memory.\n");
 }
 
 TEST_F(check_without_memory, then_the_sector_buffer) {
   make();
-  EXPECT_EQ(check_with_failure(quick, 2),
+  EXPECT_EQ(check_with_failure(flashfs_check_quick, 2),
             "result -1: flashfs[0]: unable to allocate sector buffer\n");
 }
 
@@ -125,7 +125,8 @@ TEST_F(check_without_memory, the_file_map_and_its_lists_are_told_as_out_of_memor
   make();
   // The root's list entry, its page of the index and its map entry.
   for (const int n : {3, 4, 5}) {
-    EXPECT_EQ(check_with_failure(quick, n), "result -1: flashfs[0]: out of memory\n") << n;
+    EXPECT_EQ(check_with_failure(flashfs_check_quick, n), "result -1: flashfs[0]: out of memory\n")
+        << n;
   }
 }
 
@@ -135,7 +136,7 @@ TEST_F(check_without_memory, an_orphan_that_cannot_be_listed_fails_the_check) {
   std::string told;
   for (int n = 1; told.find("out of memory error.") == std::string::npos; n++) {
     ASSERT_LT(n, 60);
-    told = check_with_failure(quick, n);
+    told = check_with_failure(flashfs_check_quick, n);
   }
   EXPECT_EQ(told, "result -1: flashfs[0]: out of memory error.\n");
 }
@@ -149,7 +150,7 @@ TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_c
     directory(0, 0, 4, 0, 8, 7, "below-an-orphan");
     initialize();
     fail_allocation(n);
-    const int32_t result = check(full);
+    const int32_t result = check(flashfs_check_full);
     reached = allocations >= n;
     fail_allocation(0);
     if (reached && result == 0) {
@@ -159,7 +160,7 @@ TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_c
                   check_output().find("unable to allocate sector buffer") != std::string::npos)
           << n << check_output();
     }
-    ASSERT_EQ(check(full), 0) << n << check_output();
+    ASSERT_EQ(check(flashfs_check_full), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
     EXPECT_EQ(path_lookup(fs(), "d/x"), 4) << n;
     // Everything has a path, though not always the same one: a "/lost+found" that was written and
@@ -183,10 +184,10 @@ TEST_F(check_without_memory, a_name_that_could_not_be_looked_up_is_not_given_twi
     data(9, {{1, 1}});
     initialize();
     fail_allocation(n);
-    check(quick);
+    check(flashfs_check_quick);
     reached = allocations >= n;
     fail_allocation(0);
-    ASSERT_EQ(check(quick), 0) << n << check_output();
+    ASSERT_EQ(check(flashfs_check_quick), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "lost+found/00009"), 9) << n;
     EXPECT_EQ(sctr_list_length(entry(5)->sctr_list), 1U) << n;
   }
@@ -256,7 +257,7 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
     name(0, 1, 1, 2, 1, 3, "g");
     delete_slots(0, 1, 2, 32);
     data(2, {{1, 0}, {1, 1}});
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   };
   std::string told;
   int failures = 0;
@@ -279,7 +280,7 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
     if (output.find("garbage") != std::string::npos) {
       told += output;
     }
-    EXPECT_EQ(check(full), 0) << n << check_output();
+    EXPECT_EQ(check(flashfs_check_full), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
   }
   EXPECT_GT(failures, 60);
@@ -309,7 +310,7 @@ TEST_F(steps_without_memory, a_moved_entry_that_cannot_be_listed_is_enomem) {
     const int error = errno;
     EXPECT_TRUE(error == ENOMEM || error == EIO);
     // The fresh slot stays on flash, and the next check finds the entry under its new name.
-    ASSERT_EQ(check(quick), 0);
+    ASSERT_EQ(check(flashfs_check_quick), 0);
     if (path_lookup(fs(), "d/g") == 2) {
       of_lists++;
       EXPECT_EQ(error, ENOMEM);

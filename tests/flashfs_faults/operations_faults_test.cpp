@@ -5,6 +5,7 @@
 #include <climits>
 #include <new>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -182,7 +183,7 @@ TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a
   polls_until_interrupt = 1;
   EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
   uint32_t length = 3000;
-  EXPECT_EQ(ifs_fioctl(fd, 1, &length), 0);
+  EXPECT_EQ(ifs_fioctl(fd, flashfs_fioctl_truncate, &length), 0);
   EXPECT_EQ(seek(fd, 3000), 3000);
   EXPECT_EQ(write(fd, "end"), 3);
   EXPECT_EQ(close(fd), 0);
@@ -230,11 +231,11 @@ TEST_F(operations_interrupted, the_raw_device_stops_after_a_block) {
 TEST_F(operations_interrupted, a_check_stops_and_discards_the_state) {
   make();
   put("a", "text");
-  uint32_t word = 0;
+  uint32_t word = flashfs_check_full;
   // The check asks at every block of both passes and at every file of two walks.
   for (int poll = 1;; poll++) {
     polls_until_interrupt = poll;
-    const int32_t result = ioctl("", 11, &word);
+    const int32_t result = ioctl("", flashfs_ioctl_check, &word);
     if (result == 0) {
       EXPECT_GT(poll, 8 + 4);
       break;
@@ -271,14 +272,14 @@ TEST_F(operations_yield, at_every_sector_read_written_passed_over_cut_or_verifie
   EXPECT_EQ(seek(fd, 0), 0);
   std::string buffer(4 * 2048, ' ');
   EXPECT_EQ(yields_of([&] { ifs_read(fd, buffer.data(), 4 * 2048); }), "4/0");
-  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 7, nullptr); }), "4/0");
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, flashfs_fioctl_verify, nullptr); }), "4/0");
   EXPECT_EQ(seek(fd, 6 * 2048), 6 * 2048);
   // The last sector read, two of a hole, and the one behind it.
   EXPECT_EQ(yields_of([&] { ifs_write(fd, "end", 3); }), "4/0");
   uint32_t length = 2048;
-  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 1, &length); }), "6/0");
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, flashfs_fioctl_truncate, &length); }), "6/0");
   length = 0;
-  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, 1, &length); }), "1/0");
+  EXPECT_EQ(yields_of([&] { ifs_fioctl(fd, flashfs_fioctl_truncate, &length); }), "1/0");
   EXPECT_EQ(close(fd), 0);
 }
 
@@ -323,15 +324,15 @@ TEST_F(operations_yield, in_a_format_after_every_block_and_in_the_check_at_every
   make({4, 4, 4});
   put("a", pattern(5000));
   put("b", "text");
-  uint32_t flags = 1;
+  uint32_t flags = flashfs_check_quick;
   // Three blocks four times: in both passes, for their free space, and counted; the four sectors of
   // both blocks in use twice. Then three slots, one block up to the spare, the spare's four
   // sectors.
-  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", 11, &flags); }), "28/8");
+  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", flashfs_ioctl_check, &flags); }), "28/8");
   // The same without a block in use; two blocks are looked at and four sectors of one collected for
   // the root's slot. Each block is left once, and the four sectors of the spare looked through
   // twice.
-  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", 6, &flags); }), "18/12");
+  EXPECT_EQ(yields_of([&] { ifs_ioctl("bootflash:", flashfs_ioctl_format, &flags); }), "18/12");
 }
 
 // --- memory ---
@@ -404,7 +405,7 @@ TEST_F(operations_without_memory, operations_on_names_leave_nothing_out) {
       [&] { return ifs_mkdir("bootflash:e", 0); },
       [&] { return ifs_stat("bootflash:d/b", &status); },
       [&] { return ifs_istat("bootflash:x", 2, &status); },
-      [&] { return ifs_ioctl("bootflash:a", 7, nullptr); },
+      [&] { return ifs_ioctl("bootflash:a", flashfs_ioctl_verify, nullptr); },
       [&] { return flashfs_vctr_open_by_fileid(fs()->fsid, 0, 2, ifs_open_read, 0) < 0 ? -1 : 0; },
   };
   for (size_t i = 0; i < std::size(operations); i++) {
@@ -434,11 +435,11 @@ TEST_F(operations_without_memory, operations_on_descriptors_leave_nothing_out) {
       [&] { return ifs_lseek(fd, 0, ifs_seek_end); },
       [&] { return ifs_getdents(directory, buffer, sizeof buffer); },
       [&] { return ifs_fstat(fd, &status); },
-      [&] { return ifs_fioctl(fd, 1, &(length = 1000)); },
-      [&] { return ifs_fioctl(fd, 1, &(length = 0)); },
-      [&] { return ifs_fioctl(fd, 7, nullptr); },
-      [&] { return ifs_fioctl(fd, 12, &name_record); },
-      [&] { return ifs_fioctl(fd, 15, &info_record); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_truncate, &(length = 1000)); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_truncate, &(length = 0)); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_verify, nullptr); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_name, &name_record); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_path_and_size, &info_record); },
   };
   for (size_t i = 0; i < std::size(operations); i++) {
     SCOPED_TRACE("operation " + std::to_string(i));

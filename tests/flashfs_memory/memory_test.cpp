@@ -80,7 +80,7 @@ TEST_F(short_memory, a_missing_pool_of_sector_buffers_is_reported_on_its_own) {
 
 TEST_F(short_memory, a_switch_without_memory_cannot_register_the_file_system) {
   // In a child: the state stays allocated.
-  const child_end end = end_of_child([&] {
+  const isolated_result end = end_of_child([&] {
     fail_allocation(5);
     std::printf("%d", initialize_again("second"));
   });
@@ -204,7 +204,7 @@ TEST_F(short_memory, creating_fails_at_any_of_its_allocations_and_gives_everythi
   flashfs_sctr_map* created = nullptr;
   for (; created == nullptr; n++) {
     ASSERT_LT(n, 200U);
-    remount(0);
+    remount(flashfs_check_full);
     const std::string name = "file" + std::to_string(n);
     errno = 0;
     output_of([&] {
@@ -221,7 +221,7 @@ TEST_F(short_memory, creating_fails_at_any_of_its_allocations_and_gives_everythi
     EXPECT_EQ(filemap_lookup(fs(), 1)->writer, 0U) << n;
     // Where the name stands on flash and only its list entry is missing, memory is what was short.
     const bool dating_failed = error == EIO;
-    remount(0);
+    remount(flashfs_check_full);
     if (path_lookup(fs(), name.c_str()) != 0 && !dating_failed) {
       named_without_a_list++;
       EXPECT_EQ(error, ENOMEM) << n;
