@@ -1,42 +1,16 @@
-// What the file system's lower half does when there is no memory. This program's allocation
-// function can run dry, which those of the other programs cannot.
+// What the file system's lower half does when there is no memory.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 #include <string>
 
 #include "flashfs/flashfs.h"
 #include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
-
-namespace {
-
-// The allocation that fails, counted from 1; 0: none does.
-uint64_t failing_allocation;
-uint64_t allocations;
-
-bool next_allocation_fails() {
-  return ++allocations == failing_allocation;
-}
-
-void fail_allocation(uint64_t number) {
-  failing_allocation = number;
-  allocations = 0;
-}
-
-}  // namespace
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return next_allocation_fails() ? nullptr : ::operator new(size);
-}
-
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return next_allocation_fails() ? nullptr : ::operator new[](size);
-}
 
 namespace {
 
@@ -164,7 +138,7 @@ TEST_F(short_memory, a_block_is_not_collected_to_its_end) {
   }
   fail_allocation(0);
   EXPECT_EQ(flashfs_scan_block_available(fs(), spare), 0);
-  EXPECT_EQ(allocations, 1U + 31 + 62);
+  EXPECT_EQ(allocations(), 1U + 31 + 62);
   available_drop_block(fs(), spare);
   EXPECT_EQ(fs()->num_available_slots + fs()->num_available_sectors, before);
 }
