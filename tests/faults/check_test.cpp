@@ -21,15 +21,8 @@ class faulty : public recipe_fixture {
     fail_allocation(0);
     request_interruption(0);
   }
-  // File 2 "f" of two sectors, directory 3 "d" with the empty file 4 "x".
   void make() {
-    make_blocks({4, 4, 4});
-    image().headers(2);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {1, 0}});
+    make_small_tree(3);
   }
   void make_and_mount() {
     make();
@@ -98,7 +91,7 @@ TEST_F(check_without_memory, the_file_map_and_its_lists_are_told_as_out_of_memor
 
 TEST_F(check_without_memory, an_orphan_that_cannot_be_listed_fails_the_check) {
   make();
-  data(9, {{1, 1}});
+  data(9, "1.1");
   std::string told;
   for (uint64_t n = 1; told.find("out of memory error.") == std::string::npos; n++) {
     ASSERT_LT(n, 60U);
@@ -112,8 +105,8 @@ TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_c
   uint64_t n = 1;
   for (; reached; n++) {
     make();
-    data(9, {{1, 1}});
-    directory(0, 0, 4, 0, 8, 7, "below-an-orphan");
+    data(9, "1.1");
+    names({"0:0.0/4 7<8 below-an-orphan/"});
     initialize();
     fail_allocation(n);
     const int32_t result = check(flashfs_check_full);
@@ -145,9 +138,8 @@ TEST_F(check_without_memory, a_name_that_could_not_be_looked_up_is_not_given_twi
   bool reached = true;
   for (uint64_t n = 1; reached; n++) {
     make();
-    directory(0, 0, 4, 3, 1, 5, "lost+found");
-    name(0, 0, 5, 0, 5, 6, "00009");
-    data(9, {{1, 1}});
+    names({"3:0.0/4 5<1 lost+found/", "0:0.0/5 6<5 00009"});
+    data(9, "1.1");
     initialize();
     fail_allocation(n);
     check(flashfs_check_quick);
@@ -217,12 +209,11 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
   const auto make_slots = [&] {
     make_blocks({2, 2, 2});
     image().headers(2);
-    root_slot(0, 0, 0);
-    delete_slots(0, 0, 1, 32);
-    name(0, 1, 0, 1, 1, 2, "f");
-    name(0, 1, 1, 2, 1, 3, "g");
-    delete_slots(0, 1, 2, 32);
-    data(2, {{1, 0}, {1, 1}});
+    names({"0:0.0/0 1<1"});
+    delete_slots("0.0/1-31");
+    names({"1:0.1/0 2<1 f", "2:0.1/1 3<1 g"});
+    delete_slots("0.1/2-31");
+    data(2, "1.0 1.1");
     ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   };
   std::string told;

@@ -148,8 +148,7 @@ TEST_F(control_format, blocks_in_use_are_erased_with_their_counts_and_available_
   image().header(0, {.erase_count = 7, .state = 0x0});
   image().header(1, {.erase_count = 9, .state = 0x0});
   image().header(2, {.erase_count = 11, .state = 0xF});
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 a"});
   mount_recipe();
   EXPECT_EQ(ioctl("", flashfs_ioctl_format_too, nullptr), 0);
   EXPECT_EQ(output().substr(0, 20), " eS0 wS0 eS1 wS1 wS2");
@@ -160,9 +159,7 @@ TEST_F(control_format, blocks_in_use_are_erased_with_their_counts_and_available_
 }
 
 TEST_F(control_format, an_available_block_that_is_not_erased_is_erased) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
+  make_root(3);
   mount_recipe();
   // The spare, dirtied behind the file system's back.
   image().sector_at(2, 1)[5] = 0;
@@ -231,16 +228,16 @@ TEST_F(control_check, the_two_low_bits_are_its_options) {
     EXPECT_EQ(get("a"), "text");
     return counts;
   };
-  const ram_flash_counts flashfs_check_full = checked(0);
-  const ram_flash_counts flashfs_check_quick = checked(1);
+  const ram_flash_counts full = checked(flashfs_check_full);
+  const ram_flash_counts quick = checked(flashfs_check_quick);
   // The block in use has eight sectors, of which two are not erased: a quick check reads only those
   // whole.
-  EXPECT_GT(flashfs_check_full.bytes_read, flashfs_check_quick.bytes_read + 5 * 2056);
-  EXPECT_EQ(flashfs_check_full.erases, 0U);
-  EXPECT_EQ(flashfs_check_quick.erases, 0U);
-  EXPECT_EQ(checked(0xFFFFFFFC).bytes_read, flashfs_check_full.bytes_read);
-  EXPECT_GT(checked(2).erases, 0U);
-  EXPECT_GT(checked(3).erases, 0U);
+  EXPECT_GT(full.bytes_read, quick.bytes_read + 5 * 2056);
+  EXPECT_EQ(full.erases, 0U);
+  EXPECT_EQ(quick.erases, 0U);
+  EXPECT_EQ(checked(0xFFFFFFFC).bytes_read, full.bytes_read);
+  EXPECT_GT(checked(flashfs_check_full | flashfs_check_reclaim_all).erases, 0U);
+  EXPECT_GT(checked(flashfs_check_quick | flashfs_check_reclaim_all).erases, 0U);
 }
 
 TEST_F(control_check, it_is_refused_while_any_file_is_open) {
@@ -404,10 +401,8 @@ TEST_F(control_name, it_follows_the_leading_word_of_the_record) {
 }
 
 TEST_F(control_name, a_name_without_a_terminator_ends_with_its_field) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, std::string(46, 'n'));
+  make_root(2);
+  names({"1:0.0/1 2<1 " + std::string(46, 'n')});
   mount_recipe();
   const int32_t fd = open(std::string(46, 'n'));
   flashfs_file_name record;

@@ -15,13 +15,7 @@ using namespace test_support;
 class small_tree : public recipe_fixture {
  protected:
   void make() {
-    make_blocks({4, 4, 4});
-    image().headers(2);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {0, 2}});
+    make_small_tree(3, "0.1 0.2");
   }
   void make_and_mount() {
     make();
@@ -594,7 +588,7 @@ TEST_F(root_step, a_missing_record_is_made_and_named_in_itself) {
 
 TEST_F(root_step, a_missing_slot_gets_the_roots_next_number_and_its_mode) {
   make();
-  delete_slot(0, 0, 0);
+  delete_slots("0.0/0");
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   // The root's names begin with number 1, so 0 is the next one.
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 1:0.0/1 2:0.0/2");
@@ -605,10 +599,8 @@ TEST_F(root_step, a_missing_slot_gets_the_roots_next_number_and_its_mode) {
 
 TEST_F(root_step, the_reserve_serves_it) {
   make();
-  delete_slot(0, 0, 0);
-  for (int k = 5; k < 32; k++) {
-    delete_slot(0, 0, k);
-  }
+  delete_slots("0.0/0");
+  delete_slots("0.0/5-31");
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/4 1:0.0/1 2:0.0/2");
 }
@@ -616,10 +608,10 @@ TEST_F(root_step, the_reserve_serves_it) {
 TEST_F(root_step, every_failing_flash_call_is_told) {
   for (uint64_t n = 0; n <= 3; n++) {
     make();
-    delete_slot(0, 0, 0);
+    delete_slots("0.0/0");
     ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     // Takes away again what the check has made.
-    delete_slot(0, 0, 31);
+    delete_slots("0.0/31");
     sctr_list_remove(fs(), entry(1), entry(1)->sctr_list);
     device().fail(flash_call::any, n, flash_operation_failed);
     output_of([&] { EXPECT_EQ(flashfs_ensure_root_slot(fs()) != 0, n != 0) << n; });

@@ -118,7 +118,7 @@ TEST_F(check_slots, a_wrong_checksum_deletes_the_slot) {
 
 TEST_F(check_slots, a_wrong_file_type_deletes_the_slot) {
   make();
-  name(0, 0, 3, 0, 3, 4, "x", 0xA1FF);
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0xA1FF, .name = "x"});
   EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 3, sector 0, block 0, bad file type in mode: 0xa000") + quiet_check);
   EXPECT_EQ(entry(4), nullptr);
@@ -127,22 +127,22 @@ TEST_F(check_slots, a_wrong_file_type_deletes_the_slot) {
 
 TEST_F(check_slots, an_illegal_character_deletes_the_slot) {
   make();
-  name(0, 0, 3, 0, 3, 4, "a b");
+  names({"0:0.0/3 4<3 a b"});
   EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Illegal character 0x20 in filename: \"a b\"") + quiet_check);
   EXPECT_EQ(entry(4), nullptr);
   EXPECT_TRUE(is_repaired());
   make();
-  name(0, 0, 3, 0, 3, 4, "a\x80z");
+  names({"0:0.0/3 4<3 a\x80z"});
   EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Illegal character 0xffffff80 in filename: \"a\x80z\"") + quiet_check);
 }
 
 TEST_F(check_slots, a_name_without_its_end_is_not_read_past_its_field) {
   make();
-  name(0, 0, 3, 0, 3, 4, std::string(46, 'n'));
+  names({"0:0.0/3 4<3 " + std::string(46, 'n')});
   EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
-  name(0, 0, 3, 0, 3, 4, std::string(45, 'n') + ":");
+  names({"0:0.0/3 4<3 " + std::string(45, 'n') + ":"});
   EXPECT_EQ(
       check_of_recipe(flashfs_check_full),
       said("Illegal character 0x3a in filename: \"" + std::string(45, 'n') + ":\"") + quiet_check);
@@ -160,12 +160,12 @@ TEST_F(check_slots, a_free_slot_with_a_programmed_byte_fails_the_quick_check_alo
 
 TEST_F(check_slots, the_first_thing_wrong_is_the_one_that_is_told) {
   make();
-  name(0, 0, 3, 0, 3, 4, "a b", 0x1000);
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0x1000, .name = "a b"});
   image().slot_at(0, 0, 3)[63] ^= 1;
   EXPECT_EQ(check_of_recipe(flashfs_check_full).substr(0, 52),
             "flashfs[0]: Dir slot 3, sector 0, block 0, checksum ");
   make();
-  name(0, 0, 3, 0, 3, 4, "a b", 0x1000);
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0x1000, .name = "a b"});
   EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 3, sector 0, block 0, bad file type in mode: 0x1000") + quiet_check);
 }
@@ -173,18 +173,16 @@ TEST_F(check_slots, the_first_thing_wrong_is_the_one_that_is_told) {
 TEST_F(check_slots, a_deleted_slot_is_not_looked_at) {
   make();
   image().slot_at(0, 0, 3)[63] ^= 1;
-  delete_slot(0, 0, 3);
+  delete_slots("0.0/3");
   EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
 }
 
 TEST_F(check_slots, a_sector_whose_last_slot_is_deleted_is_invalidated_at_once) {
   make();
-  name(2, 0, 7, 1, 3, 5, "y", 0x1000);
-  for (int k = 0; k < 32; k++) {
-    if (k != 7) {
-      delete_slot(2, 0, k);
-    }
-  }
+  image().slot(2, 0, 7,
+               {.seq_no = 1, .dir_fileid = 3, .entry_fileid = 5, .mode = 0x1000, .name = "y"});
+  delete_slots("2.0/0-6");
+  delete_slots("2.0/8-31");
   EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 7, sector 0, block 2, bad file type in mode: 0x1000") + quiet_check);
   EXPECT_EQ(block_text(2), "0 - - -");
@@ -197,10 +195,8 @@ TEST_F(check_slots, a_sector_whose_last_slot_is_deleted_is_invalidated_at_once) 
 TEST_F(check_counters, invalid_sectors_and_deleted_slots_count_once_however_they_came) {
   for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     make();
-    delete_slots(0, 0, 10, 13);
-    invalidate(1, 1);
-    invalidate(2, 0);
-    invalidate(2, 3);
+    delete_slots("0.0/10-12");
+    invalidate("1.1 2.0 2.3");
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
     EXPECT_EQ(counters_text(), "0/3 1/0 2/0 0/0");
   }
@@ -216,7 +212,7 @@ TEST_F(check_counters, invalid_sectors_and_deleted_slots_count_once_however_they
 
 TEST_F(check_counters, sectors_invalidated_by_later_steps_count_too) {
   make();
-  name(0, 0, 4, 1, 3, 5, "gap");
+  names({"1:0.0/4 5<3 gap"});
   image().data_sector(2, 0, 5, 0, "zero");
   image().data_sector(2, 1, 5, 2, "two");
   image().data_sector(1, 2, 2, 1, "a later copy of f's second sector");
@@ -228,7 +224,7 @@ TEST_F(check_counters, sectors_invalidated_by_later_steps_count_too) {
 
 TEST_F(check_counters, a_block_erased_on_the_way_counts_nothing) {
   make();
-  invalidate(2, 0);
+  invalidate("2.0");
   image_state(2, 0x7);
   check_of_recipe(flashfs_check_full);
   EXPECT_EQ(counters_text(), "0/0 0/0 0/0 0/0");
@@ -262,7 +258,7 @@ TEST_F(check_duplicates, of_many_copies_one_stays) {
 
 TEST_F(check_duplicates, of_two_slots_the_one_read_last_stays) {
   make();
-  name(0, 0, 9, 1, 1, 2, "newer");
+  names({"1:0.0/9 2<1 newer"});
   EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/9 2:0.0/2");
   EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
@@ -299,7 +295,7 @@ TEST_F(check_duplicates, a_later_slot_in_a_committed_block_replaces_the_earlier_
   make();
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   image_state(1, 0x3);
-  name(1, 3, 6, 1, 1, 2, "committed");
+  names({"1:1.3/6 2<1 committed"});
   auto* later = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs()->sctr_ptr_chunk));
   flashfs_sctr_list_ordered* second = entry(1)->sctr_list->next;
   *later = {second->next, 1, 6, {1, 3}};
@@ -363,7 +359,7 @@ TEST_F(check_lists, a_file_that_does_not_begin_at_0_is_dropped) {
 
 TEST_F(check_lists, a_directory_may_have_gaps) {
   make();
-  name(0, 0, 3, 8, 3, 4, "x");
+  names({"8:0.0/3 4<3 x"});
   EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 3), "8:0.0/3");
 }

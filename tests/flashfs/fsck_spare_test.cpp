@@ -20,7 +20,7 @@ TEST_F(check_spare, the_first_full_size_available_block_is_taken) {
   image().headers(0);
   image().header(2, {});
   image().header(3, {});
-  root_slot(1, 0, 0);
+  names({"0:1.0/0 1<1"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(fs()->available_block, 2);
   EXPECT_EQ(states_text(), "f0ff");
@@ -35,7 +35,7 @@ TEST_F(check_spare, without_one_the_check_fails) {
   // A smaller one does not serve.
   make_blocks({4, 4, 3});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("unable to allocate available block."));
 }
@@ -148,7 +148,7 @@ TEST_F(committed_spare, a_full_size_block_in_use_without_some_file_is_given_up_f
 TEST_F(committed_spare, a_committed_block_of_another_size_does_not_help) {
   make_blocks({4, 3, 4, 4});
   image().headers(3);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   mount_and_set({0, 0x3, 0, 0});
   EXPECT_EQ(established(), "1");
 }
@@ -161,11 +161,9 @@ TEST_F(committed_spare, an_empty_file_map_has_no_candidate) {
 }
 
 TEST_F(committed_spare, a_block_that_every_file_needs_is_no_candidate) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(1, 0, 0, 1, 1, 2, "f");
-  data(2, {{0, 1}, {1, 1}});
+  make_root(3);
+  names({"1:1.0/0 2<1 f"});
+  data(2, "0.1 1.1");
   mount_and_set({0, 0, 0x3});
   EXPECT_EQ(established(), "1");
 }
@@ -173,7 +171,7 @@ TEST_F(committed_spare, a_block_that_every_file_needs_is_no_candidate) {
 TEST_F(committed_spare, the_largest_candidate_is_taken_and_the_first_of_equal_ones) {
   make_blocks({2, 3, 3, 4, 4});
   image().headers(4);
-  root_slot(3, 0, 0);
+  names({"0:3.0/0 1<1"});
   mount_and_set({0, 0, 0, 0x1, 0x3});
   // Block 1: nothing lives in the committed block 4, so nothing is copied.
   EXPECT_EQ(established(),
@@ -186,10 +184,9 @@ TEST_F(committed_spare, a_smaller_block_takes_the_live_sectors_over) {
   make_blocks({3, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  invalidate(1, 0);
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  invalidate("1.0");
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0.1 0=in_use 1=invalid2 erase 1 1=available");
   EXPECT_EQ(fs()->available_block, 1);
@@ -203,9 +200,8 @@ TEST_F(committed_spare, a_smaller_block_must_hold_all_live_sectors) {
   make_blocks({1, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "1");
 }
@@ -214,9 +210,8 @@ TEST_F(committed_spare, a_smaller_block_may_have_as_many_sectors_as_there_are_li
   make_blocks({2, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0.1 0=in_use 1=invalid2 erase 1 1=available");
 }
@@ -225,9 +220,8 @@ TEST_F(committed_spare, the_last_committed_block_is_the_one_that_counts) {
   make_blocks({3, 4, 4, 4});
   image().headers(3);
   image().header(0, {});
-  root_slot(1, 0, 0);
-  name(1, 0, 1, 1, 1, 2, "f");
-  data(2, {{2, 2}});
+  names({"0:1.0/0 1<1", "1:1.0/1 2<1 f"});
+  data(2, "2.2");
   mount_and_set({0xF, 0x3, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0=in_use 2=invalid2 erase 2 2=available");
   EXPECT_EQ(list_text(fs(), 2), "0:0.0/255");
@@ -235,7 +229,7 @@ TEST_F(committed_spare, the_last_committed_block_is_the_one_that_counts) {
   // One of another size behind it is the last, and does not serve.
   make_blocks({3, 4, 4, 4, 3});
   image().headers(3);
-  root_slot(1, 0, 0);
+  names({"0:1.0/0 1<1"});
   mount_and_set({0, 0x3, 0, 0x1, 0x3});
   EXPECT_EQ(established(), "1");
 }
@@ -245,9 +239,8 @@ TEST_F(committed_spare, any_failing_flash_call_is_told) {
   for (uint64_t n = 0; n <= calls; n++) {
     make_blocks({3, 4, 4});
     image().headers(2);
-    root_slot(1, 1, 0);
-    name(1, 1, 4, 1, 1, 2, "f");
-    data(2, {{1, 3}});
+    names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+    data(2, "1.3");
     mount_and_set({0, 0x3, 0x1});
     device().fail(flash_call::any, n, flash_operation_failed);
     EXPECT_EQ(established().substr(0, 1), n == 0 ? "0" : "1") << n;
@@ -267,11 +260,10 @@ std::string tested(int block, const std::string& copy_of) {
 TEST_F(check_reclaim, every_block_goes_through_the_spare_and_every_erase_is_tested) {
   make_blocks({4, 4, 4});
   image().headers(0);
-  root_slot(1, 0, 0);
-  name(1, 0, 5, 1, 1, 2, "f");
-  delete_slots(1, 0, 6, 10);
-  data(2, {{1, 1}, {2, 0}});
-  invalidate(2, 1);
+  names({"0:1.0/0 1<1", "1:1.0/5 2<1 f"});
+  delete_slots("1.0/6-9");
+  data(2, "1.1 2.0");
+  invalidate("2.1");
   EXPECT_EQ(check_of_recipe(flashfs_check_quick | flashfs_check_reclaim_all),
             // the spare itself, then block 1 into it, and block 2 into block 1
             tested(0, "") + tested(1, " wS0 wS0") + " wS0" + tested(2, " wS1 wS1") + " wS1" +
@@ -292,9 +284,8 @@ TEST_F(check_reclaim, every_block_goes_through_the_spare_and_every_erase_is_test
 TEST_F(check_reclaim, a_block_is_the_spare_or_not_at_the_time_its_turn_comes) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{1, 1}});
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "1.1");
   check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);
   // 0 went to 2, 1 to 0, and 2, which is not the spare any more, to 1.
   EXPECT_EQ(fs()->available_block, 2);
@@ -306,7 +297,7 @@ TEST_F(check_reclaim, a_block_is_the_spare_or_not_at_the_time_its_turn_comes) {
 TEST_F(check_reclaim, a_block_that_fails_its_test_fails_the_check) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   // A bit that cannot be programmed, in a sector that holds nothing.
   device().flash().stick(block_bytes(2) + 32 + 2056 + 10, 0, 0x01);
   const std::string output = check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);

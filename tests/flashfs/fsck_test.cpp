@@ -119,7 +119,7 @@ TEST_F(check_result, the_space_report_must_succeed) {
 TEST_F(check_result, without_a_slot_for_the_root_it_fails) {
   make_blocks({1, 1});
   image().headers(1);
-  data(2, {{0, 0}});
+  data(2, "0.0");
   EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("error initializing the root directory."));
 }
@@ -137,7 +137,7 @@ TEST_F(check_result, without_a_sector_buffer_it_fails) {
 TEST_F(check_result, blocks_without_sectors_are_blocks_too) {
   make_blocks({4, 0, 4});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   EXPECT_TRUE(is_repaired());
   image().header(1, {.state = 0x7});
   EXPECT_EQ(check_of_recipe(flashfs_check_quick),
@@ -162,9 +162,8 @@ TEST_F(check_result, a_file_may_lie_on_two_devices) {
   make_blocks({4, 4}, {4, 4});
   image().headers(-1);
   image_1().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{0, 3}});
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "0.3");
   image_1().data_sector(3, 2, 2, 1, "on the second device");
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(fs()->available_block, 2);

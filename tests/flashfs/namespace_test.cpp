@@ -282,10 +282,8 @@ TEST_F(namespace_rmdir, an_open_directory_is_busy) {
 }
 
 TEST_F(namespace_rmdir, a_data_sector_in_the_list_is_no_entry_and_goes_too) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 5, "d");
+  make_root(3);
+  names({"1:0.0/1 5<1 d/"});
   image().data_sector(0, 1, 5, 0, "astray");
   mount_recipe();
   EXPECT_EQ(rmdir("d"), 0);
