@@ -24,6 +24,11 @@ constexpr uint32_t listing_sizes[] = {2, 20, 100, 200};
 
 constexpr const char* large_name = "large";
 
+// A path as the commands want it.
+std::string on_device(const std::string& path) {
+  return "bootflash:" + path;
+}
+
 uint32_t bytes_of_percent(uint32_t percent) {
   return usable_sectors * percent / 100 * sector_bytes;
 }
@@ -72,9 +77,11 @@ void add_mounts(std::vector<bench_case>* cases) {
     const std::string size = std::to_string(percent) + " %";
     const auto prepare = [percent](rig& on) { on.fill(percent); };
     cases->push_back({"mount, quick check", size, double(bytes_of_percent(percent)),
-                      ratio_of_streams, 5, false, true, prepare, [](rig& on) { on.mount(1); }});
+                      ratio_of_streams, 5, false, true, prepare,
+                      [](rig& on) { on.mount(flashfs_check_quick); }});
     cases->push_back({"mount, full check", size, double(bytes_of_percent(percent)),
-                      ratio_of_streams, 5, false, true, prepare, [](rig& on) { on.mount(0); }});
+                      ratio_of_streams, 5, false, true, prepare,
+                      [](rig& on) { on.mount(flashfs_check_full); }});
   }
 }
 
@@ -106,7 +113,7 @@ void add_small_files(std::vector<bench_case>* cases) {
     const auto directories = [files](rig& on) { make_small_directories(on, files); };
     const auto create = [files](rig& on) { make_small_files(on, files); };
     cases->push_back({"mount of small files", size, double(files), ratio_of_streams, 5, false, true,
-                      create, [](rig& on) { on.mount(1); }});
+                      create, [](rig& on) { on.mount(flashfs_check_quick); }});
     cases->push_back(
         {"read small files", size, double(files), ratio_of_streams, 5, false, false, create,
          [arguments = small_arguments("cat", files)](rig&) { run_command(cat_cmd, arguments); }});
@@ -132,19 +139,18 @@ uint64_t next_random(uint64_t* state) {
   return mixed ^ (mixed >> 31);
 }
 
-void overwrite_at_random(uint32_t times, uint32_t file_bytes) {
+void overwrite_at_random(rig& on, uint32_t times, uint32_t file_bytes) {
   constexpr uint32_t piece = 512;
-  const uint8_t bytes[piece] = {1};
-  const int32_t fd = ifs_open(on_device(large_name).c_str(), ifs_open_write, 0);
+  std::string bytes(piece, '\0');
+  bytes[0] = 1;
+  const volume::file opened = on.files().open(large_name, ifs_open_write);
   uint64_t state = 1;
   for (uint32_t i = 0; i < times; ++i) {
     const auto offset = static_cast<int32_t>(next_random(&state) % (file_bytes - piece));
-    if (ifs_lseek(fd, offset, ifs_seek_set) != offset ||
-        ifs_write(fd, bytes, piece) != static_cast<int32_t>(piece)) {
+    if (opened.seek(offset) != offset || opened.write(bytes) != 0) {
       fail("cannot overwrite");
     }
   }
-  ifs_close(fd);
 }
 
 // The device is worn in first: otherwise the first overwrites find sectors that were never used.
@@ -152,12 +158,12 @@ void add_random_overwrites(std::vector<bench_case>* cases) {
   const uint32_t bytes = bytes_of_percent(90);
   const auto worn_in = [bytes](rig& on) {
     on.create_file(large_name, bytes);
-    overwrite_at_random(3000, bytes);
+    overwrite_at_random(on, 3000, bytes);
   };
   for (const uint32_t times : {100U, 1000U, 10000U}) {
     cases->push_back({"random overwrites, 90 % full", std::to_string(times), double(times),
                       ratio_of_others, 1, true, false, worn_in,
-                      [bytes, times](rig&) { overwrite_at_random(times, bytes); }});
+                      [bytes, times](rig& on) { overwrite_at_random(on, times, bytes); }});
   }
 }
 
@@ -167,10 +173,12 @@ void add_status(std::vector<bench_case>* cases) {
     cases->push_back({"statfs (100 calls)", std::to_string(percent) + " %",
                       double(bytes_of_percent(percent)), ratio_of_others, 20, false, false,
                       [percent](rig& on) { on.fill(percent); },
-                      [](rig&) {
+                      [](rig& on) {
                         for (int i = 0; i < calls; ++i) {
                           ppc_statfs status;
-                          ifs_statfs("bootflash:", &status);
+                          if (on.files().statfs(&status) != 0) {
+                            fail("cannot tell the space");
+                          }
                         }
                       }});
   }
@@ -189,10 +197,12 @@ void add_directory(std::vector<bench_case>* cases) {
     cases->push_back({"open in a directory (100 opens)", std::to_string(entries) + " entries",
                       double(entries), ratio_of_others, 5, false, false,
                       [entries](rig& on) { make_one_directory(on, entries); },
-                      [entries](rig&) {
+                      [entries](rig& on) {
                         for (uint32_t i = 0; i < opens; ++i) {
                           const std::string name = "one/f" + std::to_string(i * entries / opens);
-                          ifs_close(ifs_open(on_device(name).c_str(), ifs_open_read, 0));
+                          if (!on.files().open(name, ifs_open_read)) {
+                            fail("cannot open " + name);
+                          }
                         }
                       }});
   }

@@ -1,18 +1,13 @@
 // The chassis, the mount and the bus floor. What is measured is in cases.cpp.
 #include "bench/rig.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include "flashfs/flashfs.h"
-#include "ifs/ifs.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 
@@ -20,7 +15,6 @@ namespace bench {
 
 namespace {
 
-constexpr uint32_t ioctl_check = 11;
 constexpr uint32_t piece_bytes = 65536;  // of one write call
 constexpr uint32_t filling_file_bytes = 65536;
 constexpr uint32_t filling_files_per_directory = 16;
@@ -28,11 +22,11 @@ constexpr uint32_t filling_files_per_directory = 16;
 constexpr uint32_t floor_sector = 255U << flash_sector_shift;
 
 // Text without a NUL or Ctrl-Z, so that printing a file goes to its end.
-const std::vector<uint8_t>& text() {
-  static const std::vector<uint8_t> bytes = [] {
-    std::vector<uint8_t> made(piece_bytes);
+const std::string& text() {
+  static const std::string bytes = [] {
+    std::string made(piece_bytes, '\n');
     for (size_t i = 0; i < made.size(); ++i) {
-      made[i] = i % 64 == 63 ? uint8_t{'\n'} : static_cast<uint8_t>('!' + i * 7 % 90);
+      made[i] = i % 64 == 63 ? '\n' : static_cast<char>('!' + i * 7 % 90);
     }
     return made;
   }();
@@ -109,10 +103,6 @@ void fail(const std::string& what) {
   exit(EXIT_FAILURE);
 }
 
-std::string on_device(const std::string& path) {
-  return "bootflash:" + path;
-}
-
 int run_command(int (*command)(int argc, char* argv[]), const std::vector<std::string>& arguments) {
   std::vector<char*> argv;
   for (const std::string& argument : arguments) {
@@ -122,20 +112,12 @@ int run_command(int (*command)(int argc, char* argv[]), const std::vector<std::s
   return command(static_cast<int>(arguments.size()), argv.data());
 }
 
-quiet::quiet() {
-  fflush(stdout);
-  saved_fd_ = dup(STDOUT_FILENO);
-  const int null = open("/dev/null", O_WRONLY);
-  if (saved_fd_ < 0 || null < 0 || dup2(null, STDOUT_FILENO) < 0) {
+std::FILE* null_output() {
+  static std::FILE* const null = std::fopen("/dev/null", "w");
+  if (null == nullptr) {
     fail("cannot silence standard output");
   }
-  close(null);
-}
-
-quiet::~quiet() {
-  fflush(stdout);
-  dup2(saved_fd_, STDOUT_FILENO);
-  close(saved_fd_);
+  return null;
 }
 
 rig::rig() {
@@ -165,30 +147,29 @@ void rig::mount(uint32_t flags) {
     fail("cannot start the file system");
   }
   registered_ = true;
-  if (ifs_ioctl("bootflash:", ioctl_check, &flags) != 0) {
+  if (files_.check(flags) != 0) {
     fail("cannot mount");
   }
 }
 
 void rig::make_directory(const std::string& path) {
-  if (ifs_mkdir(on_device(path).c_str(), 0) != 0) {
+  if (files_.mkdir(path) != 0) {
     fail("cannot make the directory " + path);
   }
 }
 
 void rig::write_file(const std::string& path, uint32_t bytes, uint32_t open_flags) {
-  const int32_t fd = ifs_open(on_device(path).c_str(), open_flags, 0);
-  if (fd < 0) {
+  const volume::file opened = files_.open(path, open_flags);
+  if (!opened) {
     fail("cannot open " + path);
   }
   for (uint32_t done = 0; done < bytes;) {
     const uint32_t piece = std::min(bytes - done, piece_bytes);
-    if (ifs_write(fd, text().data(), piece) != static_cast<int32_t>(piece)) {
+    if (opened.write({text().data(), piece}) != 0) {
       fail("cannot write " + path);
     }
     done += piece;
   }
-  ifs_close(fd);
 }
 
 void rig::create_file(const std::string& path, uint32_t bytes) {

@@ -7,7 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
 #include "sim/chassis.h"
+#include "tests/support/output_capture.h"
+#include "volume/files.h"
 
 namespace bench {
 
@@ -24,16 +27,12 @@ struct measurement {
   double floor_seconds = 0;  // processor time of the same accesses alone
 };
 
-// Standard output goes to /dev/null while this lives.
-class quiet {
- public:
-  quiet();
-  ~quiet();
-  quiet(const quiet&) = delete;
-  quiet& operator=(const quiet&) = delete;
+std::FILE* null_output();  // /dev/null
 
- private:
-  int saved_fd_;
+// Standard output goes there while this lives.
+class quiet : public test_support::redirected_output {
+ public:
+  quiet() : redirected_output(null_output()) {}
 };
 
 // One for each process. Every step that fails ends the process with a message.
@@ -47,11 +46,14 @@ class rig {
   // Erases the flash and mounts it.
   void make_new();
   // The first mount as the commands make it, later ones as a check of what is on flash now.
-  // `flags`: 1 quick, 0 full.
-  void mount(uint32_t flags = 1);
+  void mount(uint32_t flags = flashfs_check_quick);
   // Forgets the maps; mount builds them again.
   void unmount();
 
+  // The mounted file system.
+  const volume::files& files() const {
+    return files_;
+  }
   // Makes directories and files in the mounted file system. Paths have no prefix.
   void make_directory(const std::string& path);
   void write_file(const std::string& path, uint32_t bytes, uint32_t open_flags);
@@ -83,11 +85,10 @@ class rig {
   double run_floor(const sim::access_counts& counts);
 
   sim::chassis chassis_;
+  volume::files files_{"bootflash"};  // which the commands register
   bool registered_ = false;
 };
 
-// "bootflash:" and the path.
-std::string on_device(const std::string& path);
 // Calls a command function with the arguments. Returns its result.
 int run_command(int (*command)(int argc, char* argv[]), const std::vector<std::string>& arguments);
 

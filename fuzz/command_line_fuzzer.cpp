@@ -7,9 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/flashfs.h"
 #include "ifs/ifs.h"
 #include "sim/chassis.h"
+#include "volume/files.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_main.h"
 
@@ -18,15 +20,15 @@ namespace {
 constexpr int64_t standing_clock = 1800000000;
 // Longer dumps are only more of the same.
 constexpr int32_t max_dump = 4096;
-constexpr uint32_t ioctl_check = 11;
+
+// The file system that the commands have registered.
+const volume::files bootflash("bootflash");
 
 // Earlier inputs may have left anything on the flash, so any answer will do here and below.
 void make_file(const char* path, const char* content) {
-  const int32_t fd = ifs_open(path, ifs_open_write | ifs_open_create | ifs_open_exclusive, 0);
-  if (fd >= 0) {
-    (void)ifs_write(fd, content, static_cast<uint32_t>(strlen(content)));
-    ifs_close(fd);
-  }
+  // There already, more often than not.
+  static_cast<void>(
+      bootflash.write_file(path, content, ifs_open_write | ifs_open_create | ifs_open_exclusive));
 }
 
 // The chassis lives as long as the program, its file system mounted: a real device is large. What
@@ -43,13 +45,12 @@ void prepare() {
     sim::install_chassis(chassis);
   }
   ppc_statfs space;
-  if (ifs_statfs("bootflash:", &space) != 0) {
-    uint32_t quick = 1;
-    (void)ifs_ioctl("bootflash:", ioctl_check, &quick);
+  if (bootflash.statfs(&space) != 0) {
+    static_cast<void>(bootflash.check(flashfs_check_quick));
   }
-  make_file("bootflash:file", "some text\n");
-  (void)ifs_mkdir("bootflash:dir", 0);
-  make_file("bootflash:dir/inner", "more text\n");
+  make_file("file", "some text\n");
+  static_cast<void>(bootflash.mkdir("dir"));
+  make_file("dir/inner", "more text\n");
 }
 
 std::vector<std::string> words_of(const uint8_t* data, size_t size) {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "flashfs/control_codes.h"
 #include "fuzz/input_bytes.h"
 #include "reliability/rig.h"
 #include "sim/chassis.h"
@@ -13,7 +14,6 @@
 
 namespace {
 
-using reliability::full_path;
 using reliability::rig;
 using test_support::image_builder;
 
@@ -150,11 +150,11 @@ void use_descriptor(input_bytes& input, rig& flash, int32_t fd) {
   (void)ifs_read(fd, buffer.data(), static_cast<uint32_t>(buffer.size()));
   (void)ifs_getdents(fd, buffer.data(), static_cast<uint32_t>(buffer.size()));
   (void)ifs_fstat(fd, &status);
-  (void)ifs_fioctl(fd, 15, &info);
-  (void)ifs_fioctl(fd, 12, &name);
-  (void)ifs_fioctl(fd, 7, nullptr);
+  (void)ifs_fioctl(fd, flashfs_fioctl_path_and_size, &info);
+  (void)ifs_fioctl(fd, flashfs_fioctl_name, &name);
+  (void)ifs_fioctl(fd, flashfs_fioctl_verify, nullptr);
   if (input.below(2) == 0) {
-    (void)ifs_fioctl(fd, 1, &argument);
+    (void)ifs_fioctl(fd, flashfs_fioctl_truncate, &argument);
   }
   ifs_close(fd);
   require(flash.fs()->sctr_bufs_allocated == 0, "a sector buffer is out");
@@ -169,8 +169,18 @@ void dump_everything(input_bytes& input, rig& flash) {
 }
 
 void operate(input_bytes& input, rig& flash, const reliability::tree& known) {
-  const std::string path = full_path(interesting_path(input, known));
-  constexpr uint32_t flags[] = {0x001, 0x002, 0x003, 0x102, 0x10B, 0x302, 0x702, 0x30A};
+  const std::string path = flash.files().full_path(interesting_path(input, known));
+  constexpr uint32_t both = ifs_open_read | ifs_open_write;
+  constexpr uint32_t flags[] = {
+      ifs_open_read,
+      ifs_open_write,
+      both,
+      ifs_open_write | ifs_open_create,
+      both | ifs_open_create | ifs_open_append,
+      volume::open_anew,
+      volume::open_anew | ifs_open_exclusive,
+      volume::open_anew | ifs_open_append,
+  };
   ppc_statfs space;
   ppc_stat status;
   uint32_t argument = 0;
@@ -186,7 +196,8 @@ void operate(input_bytes& input, rig& flash, const reliability::tree& known) {
       (void)ifs_remove(path.c_str());
       break;
     case 4:
-      (void)ifs_rename(path.c_str(), full_path(interesting_path(input, known)).c_str());
+      (void)ifs_rename(path.c_str(),
+                       flash.files().full_path(interesting_path(input, known)).c_str());
       break;
     case 5:
       (void)ifs_mkdir(path.c_str(), input.word());
@@ -201,15 +212,15 @@ void operate(input_bytes& input, rig& flash, const reliability::tree& known) {
       (void)ifs_stat(path.c_str(), &status);
       (void)ifs_statfs(path.c_str(), &space);
       (void)ifs_istat(path.c_str(), interesting_word(input), &status);
-      (void)ifs_ioctl(path.c_str(), 7, nullptr);
-      (void)ifs_ioctl(path.c_str(), 36, &argument);
+      (void)ifs_ioctl(path.c_str(), flashfs_ioctl_verify, nullptr);
+      (void)ifs_ioctl(path.c_str(), flashfs_ioctl_highest_fileid, &argument);
       break;
     case 9:
       dump_everything(input, flash);
       break;
     case 10:
-      if (const int32_t fd =
-              flashfs_vctr_open_by_fileid(flash.fs()->fsid, 0, interesting_word(input), 1, 0);
+      if (const int32_t fd = flashfs_vctr_open_by_fileid(flash.fs()->fsid, 0,
+                                                         interesting_word(input), ifs_open_read, 0);
           fd >= 0) {
         ifs_open_file_increment(flash.fs()->fsid);
         use_descriptor(input, flash, fd);
@@ -245,7 +256,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         mounted = flash.mount(input.below(4));
       }
     }
-    if (flash.mount(reliability::full_check) == 0) {
+    if (flash.mount(flashfs_check_full) == 0) {
       flash.walk();
     }
   }

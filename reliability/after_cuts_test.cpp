@@ -9,11 +9,9 @@
 
 namespace {
 
-using reliability::full_check;
 using reliability::operation;
 using reliability::pattern;
 using reliability::planned_cut;
-using reliability::quick_check;
 using sim::cut_kind;
 
 class after_a_cut : public reliability::rig_fixture {
@@ -56,9 +54,9 @@ class after_a_cut : public reliability::rig_fixture {
 
 TEST_F(after_a_cut, a_slot_with_its_number_alone_is_refused_by_the_quick_check_only) {
   cut("create", {2, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), -1);
+  EXPECT_EQ(mount_left(flashfs_check_quick), -1);
   EXPECT_TRUE(printed("Inconsistency found in directory slot 17 in sector 0 in block 4"));
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_TRUE(printed("bad available_slot.")) << printed_;
   expect_others_whole();
   EXPECT_EQ(content_of("new"), "<absent>");
@@ -66,28 +64,28 @@ TEST_F(after_a_cut, a_slot_with_its_number_alone_is_refused_by_the_quick_check_o
 
 TEST_F(after_a_cut, a_slot_without_its_entry_is_refused_by_the_quick_check_only) {
   cut("create", {3, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), -1);
+  EXPECT_EQ(mount_left(flashfs_check_quick), -1);
   EXPECT_TRUE(printed("dir struct error[1].")) << printed_;
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_TRUE(printed("Dir slot 17, sector 0, block 4, checksum (")) << printed_;
   expect_others_whole();
 }
 
 TEST_F(after_a_cut, half_a_name_is_believed_by_the_quick_check_only) {
   cut("create", {8, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), 0);
   EXPECT_EQ(rig_->walk().count("new"), 0U);
   EXPECT_EQ(rig_->walk().size(), 6U);
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(rig_->walk().size(), 5U);
   expect_others_whole();
 }
 
 TEST_F(after_a_cut, half_a_slot_of_the_root_hides_everything_from_the_quick_check_only) {
   cut("repair: no slot of the root", {4, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), 0);
   EXPECT_TRUE(rig_->walk().empty());
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   expect_others_whole();
 }
 
@@ -95,34 +93,34 @@ TEST_F(after_a_cut, half_a_slot_of_the_root_hides_everything_from_the_quick_chec
 // takes the names in it for second ones.
 TEST_F(after_a_cut, names_below_two_orphans_are_not_there_until_the_next_check) {
   cut("relink an orphan directory", {13, cut_kind::before});
-  cut_check(quick_check, {31, cut_kind::before});
-  EXPECT_EQ(mount_left(full_check), 0);
+  cut_check(flashfs_check_quick, {31, cut_kind::before});
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_EQ(content_of("lost+found/00007/00004/inner"), "<absent>");
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("lost+found/00007/00004/inner"), pattern(3000, 3));
 }
 
 TEST_F(after_a_cut, a_torn_deletion_of_an_available_slot_is_refused_by_the_quick_check_only) {
   cut("repair: dirty available slot", {1, cut_kind::during});
-  EXPECT_EQ(mount_left(quick_check), -1);
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), -1);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   expect_others_whole();
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
 
 TEST_F(after_a_cut, an_unfinished_sector_costs_the_file_under_the_quick_check_for_good) {
   cut("append", {100, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), 0);
   EXPECT_TRUE(printed("inconsistent sector list, fileid 3, parent_fileid 0")) << printed_;
   EXPECT_EQ(content_of("file"), "");
   expect_others_whole();
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(content_of("file"), "");
 }
 
 TEST_F(after_a_cut, an_unfinished_sector_costs_nothing_when_the_full_check_comes_first) {
   cut("append", {100, cut_kind::before});
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_TRUE(printed("sector 4, block 5 checksum (0x37e5 != 0xe2f0)")) << printed_;
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
   expect_others_whole();
@@ -130,19 +128,19 @@ TEST_F(after_a_cut, an_unfinished_sector_costs_nothing_when_the_full_check_comes
 
 TEST_F(after_a_cut, the_incomplete_copy_of_a_sector_wins_under_the_quick_check_for_good) {
   cut("overwrite in the middle", {1028, cut_kind::during});
-  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("file"), "<errno 5>");
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(content_of("file"), "");
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
 
 TEST_F(after_a_cut, data_whose_owner_reads_as_a_directory_are_taken_for_names_by_the_quick_check) {
   cut("truncate to nothing", {1, cut_kind::during});
-  EXPECT_EQ(mount_left(quick_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_quick), 0);
   EXPECT_TRUE(printed("relinked orphaned directory into the fs as \"/lost+found/")) << printed_;
-  EXPECT_EQ(mount_left(full_check), 0);
+  EXPECT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_TRUE(printed("Dir slot 0, sector 4, block 4, checksum (")) << printed_;
   EXPECT_FALSE(printed("relinked"));
   expect_others_whole();
@@ -150,7 +148,7 @@ TEST_F(after_a_cut, data_whose_owner_reads_as_a_directory_are_taken_for_names_by
 
 TEST_F(after_a_cut, sectors_whose_name_went_first_come_back_under_either_check) {
   cut("remove", {2, cut_kind::before});
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(mount_left(flags), 0);
     EXPECT_TRUE(printed("relinked orphaned file into the fs as \"/lost+found/00003\"."));
     EXPECT_EQ(content_of("lost+found/00003"), pattern(5000, 2));
@@ -160,20 +158,19 @@ TEST_F(after_a_cut, sectors_whose_name_went_first_come_back_under_either_check) 
 
 TEST_F(after_a_cut, a_cut_format_leaves_whole_files_under_lost_and_found_and_a_second_one_nothing) {
   cut("format", {3, cut_kind::before});
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(mount_left(flags), 0);
     EXPECT_EQ(content_of("lost+found/00005"), pattern(3000, 3));
     EXPECT_EQ(content_of("keep"), "<absent>");
   }
-  constexpr uint32_t ioctl_format = 6;
-  EXPECT_EQ(ifs_ioctl("bootflash:", ioctl_format, nullptr), 0);
+  EXPECT_EQ(rig_->files().format(), 0);
   EXPECT_TRUE(rig_->walk().empty());
 }
 
 TEST_F(after_a_cut, a_shortened_sector_before_others_stays_until_the_file_is_truncated_again) {
   cut("truncate to a length", {231, cut_kind::before});
   const std::string old = pattern(5000, 2);
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     ASSERT_EQ(mount_left(flags), 0);
     ppc_stat status;
     ASSERT_EQ(ifs_stat("bootflash:file", &status), 0);
@@ -192,7 +189,7 @@ TEST_F(after_a_cut, with_all_blocks_in_use_a_committed_spare_cannot_be_mounted) 
   for (const auto& [name, mutation] :
        {std::pair("reclaim a full-size block", 3087), std::pair("reclaim a smaller block", 4000)}) {
     cut(name, {static_cast<uint64_t>(mutation), cut_kind::before});
-    for (const uint32_t flags : {quick_check, full_check}) {
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       EXPECT_EQ(mount_left(flags), -1) << name;
       EXPECT_TRUE(printed(" from \"committed\" to \"in use\"."));
       EXPECT_TRUE(printed("unable to allocate available block.")) << printed_;
@@ -203,7 +200,7 @@ TEST_F(after_a_cut, with_all_blocks_in_use_a_committed_spare_cannot_be_mounted) 
 
 TEST_F(after_a_cut, without_a_spare_the_files_still_stand_on_the_raw_flash) {
   cut("reclaim a full-size block", {3087, cut_kind::before});
-  EXPECT_EQ(mount_left(quick_check), -1);
+  EXPECT_EQ(mount_left(flashfs_check_quick), -1);
   const std::vector<uint8_t> contents = rig_->snapshot();
   const std::string part = pattern(5000, 1).substr(0, 2048);
   EXPECT_NE(
@@ -214,7 +211,7 @@ TEST_F(after_a_cut, without_a_spare_the_files_still_stand_on_the_raw_flash) {
 
 TEST_F(after_a_cut, a_half_programmed_state_costs_the_only_copy_under_either_check) {
   cut("reclaim a full-size block", {3094, cut_kind::during});
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(mount_left(flags), 0);
     EXPECT_TRUE(printed("erasing block 2 with status unknown[0x2]")) << printed_;
     EXPECT_EQ(content_of("odd"), "");
@@ -226,24 +223,24 @@ TEST_F(after_a_cut, a_half_programmed_state_costs_the_only_copy_under_either_che
 // handed out again, to "/lost+found", which loses its name at the next check.
 TEST_F(after_a_cut, two_half_written_slots_make_lost_and_found_nest_until_a_full_check) {
   cut("relink an orphan", {3, cut_kind::during});
-  cut_check(quick_check, {3, cut_kind::during});
+  cut_check(flashfs_check_quick, {3, cut_kind::during});
   int mounts = 0;
   std::vector<uint8_t> before;
   do {
     before = rig_->snapshot();
-    ASSERT_EQ(mount(quick_check), 0);
+    ASSERT_EQ(mount(flashfs_check_quick), 0);
     rig_->unmount();
     mounts++;
   } while (rig_->snapshot() != before && mounts < 20);
   EXPECT_EQ(mounts, 7);
-  ASSERT_EQ(mount(quick_check), 0);
+  ASSERT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("lost+found/00010/00009/00008/00007/00003"), pattern(5000, 2));
 
-  ASSERT_EQ(mount_left(full_check), 0);
+  ASSERT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_EQ(content_of("lost+found/00003"), pattern(5000, 2));
   rig_->unmount();
   before = rig_->snapshot();
-  ASSERT_EQ(mount(full_check), 0);
+  ASSERT_EQ(mount(flashfs_check_full), 0);
   rig_->unmount();
   EXPECT_EQ(rig_->snapshot(), before);
 }
@@ -251,8 +248,8 @@ TEST_F(after_a_cut, two_half_written_slots_make_lost_and_found_nest_until_a_full
 // One in 65,536 torn sectors passes its checksum.
 TEST_F(after_a_cut, a_torn_sector_whose_checksum_holds_by_chance_is_believed_by_the_full_check) {
   cut("extend over a hole", {503, cut_kind::before});
-  cut_check(full_check, {2, cut_kind::during});
-  ASSERT_EQ(mount_left(full_check), 0);
+  cut_check(flashfs_check_full, {2, cut_kind::during});
+  ASSERT_EQ(mount_left(flashfs_check_full), 0);
   EXPECT_TRUE(printed("inconsistent sector list, fileid 2, parent_fileid 0")) << printed_;
   EXPECT_EQ(content_of("keep"), "");
   EXPECT_EQ(content_of("file"), pattern(5000, 2));

@@ -2,16 +2,13 @@
 #include <functional>
 #include <map>
 
+#include "flashfs/control_codes.h"
 #include "reliability/faults.h"
 
 namespace reliability {
 
 namespace {
 
-constexpr uint32_t ioctl_verify = 7;
-constexpr uint32_t fioctl_verify = 7;
-constexpr uint32_t fioctl_name = 12;
-constexpr uint32_t fioctl_path_and_size = 15;
 constexpr uint32_t fileid_inner = 5;
 
 const std::set<ending> marks_down = {ending::marked_down};
@@ -48,39 +45,41 @@ std::set<ending> endings_of_change(const std::string& name) {
   return name.rfind("check", 0) == 0 || name.rfind("repair", 0) == 0 ? checks : marks_down;
 }
 
+using descriptor_use = std::function<int32_t(const volume::file&)>;
+
 // Opens a path, does something with the descriptor and closes it.
 std::function<int32_t(rig&)> with_descriptor(const char* path, uint32_t oflags,
-                                             std::function<int32_t(int32_t fd)> act) {
-  return [path = full_path(path), oflags, act = std::move(act)](rig&) {
-    const int32_t fd = ifs_open(path.c_str(), oflags, 0);
-    return fd < 0 ? fd : close_after(fd, act(fd));
+                                             descriptor_use act) {
+  return [path, oflags, act = std::move(act)](rig& flash) {
+    volume::file opened = flash.files().open(path, oflags);
+    return opened ? opened.close(act(opened)) : -1;
   };
 }
 
-int32_t read_all(int32_t fd) {
+int32_t read_all(const volume::file& opened) {
   uint8_t buffer[4096];
   int32_t got = 0;
-  while ((got = ifs_read(fd, buffer, sizeof(buffer))) > 0) {
+  while ((got = opened.read(buffer, sizeof(buffer))) > 0) {
   }
   return got;
 }
 
-int32_t list_all(int32_t fd) {
+int32_t list_all(const volume::file& opened) {
   ppc_dirent entry;
   int32_t got = 0;
-  while ((got = ifs_getdents(fd, &entry, sizeof(entry))) > 0) {
+  while ((got = opened.read(&entry)) > 0) {
   }
   return got;
 }
 
-int32_t get_name(int32_t fd) {
+int32_t get_name(const volume::file& opened) {
   flashfs_file_name record;
-  return ifs_fioctl(fd, fioctl_name, &record);
+  return ifs_fioctl(opened.fd(), flashfs_fioctl_name, &record);
 }
 
-int32_t get_path_and_size(int32_t fd) {
+int32_t get_path_and_size(const volume::file& opened) {
   flashfs_file_info record;
-  return ifs_fioctl(fd, fioctl_path_and_size, &record);
+  return ifs_fioctl(opened.fd(), flashfs_fioctl_path_and_size, &record);
 }
 
 int32_t open_by_fileid(rig& flash) {
@@ -101,10 +100,11 @@ void add_reading(const operation& files, const char* name, std::function<int32_t
 void add_readings(const operation& files, std::vector<fault_operation>* all) {
   add_reading(files, "list", with_descriptor("/", ifs_open_read, list_all), all);
   add_reading(files, "read", with_descriptor("d/inner", ifs_open_read, read_all), all);
-  add_reading(files, "seek to the end",
-              with_descriptor("file", ifs_open_read,
-                              [](int32_t fd) { return ifs_lseek(fd, 0, ifs_seek_end); }),
-              all);
+  add_reading(
+      files, "seek to the end",
+      with_descriptor("file", ifs_open_read,
+                      [](const volume::file& opened) { return opened.seek(0, ifs_seek_end); }),
+      all);
   add_reading(
       files, "stat",
       [](rig&) {
@@ -114,9 +114,9 @@ void add_readings(const operation& files, std::vector<fault_operation>* all) {
       all);
   add_reading(files, "fstat",
               with_descriptor("file", ifs_open_read,
-                              [](int32_t fd) {
+                              [](const volume::file& opened) {
                                 ppc_stat status;
-                                return ifs_fstat(fd, &status);
+                                return opened.stat(&status);
                               }),
               all);
   add_reading(
@@ -135,14 +135,14 @@ void add_readings(const operation& files, std::vector<fault_operation>* all) {
       all);
   add_reading(files, "open by file id", open_by_fileid, all);
   add_reading(
-      files, "verify a path",
-      [](rig&) { return ifs_ioctl("bootflash:d/inner", ioctl_verify, nullptr); }, all);
+      files, "verify a path", [](rig& flash) { return flash.files().verify("d/inner"); }, all);
   add_reading(
-      files, "verify a directory",
-      [](rig&) { return ifs_ioctl("bootflash:", ioctl_verify, nullptr); }, all);
+      files, "verify a directory", [](rig& flash) { return flash.files().verify(""); }, all);
   add_reading(files, "verify an open file",
               with_descriptor("file", ifs_open_read,
-                              [](int32_t fd) { return ifs_fioctl(fd, fioctl_verify, nullptr); }),
+                              [](const volume::file& opened) {
+                                return ifs_fioctl(opened.fd(), flashfs_fioctl_verify, nullptr);
+                              }),
               all);
   add_reading(files, "name of an open file", with_descriptor("file", ifs_open_read, get_name), all);
   add_reading(files, "path and size of an open file",

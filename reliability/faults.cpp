@@ -101,7 +101,7 @@ class fault_run {
     if (each_.what.damage) {
       rig_.register_only();
     } else {
-      rig_.mount(full_check);
+      rig_.mount(flashfs_check_full);
     }
     rig_.take_output();
     rig_.device().clear_counts();
@@ -159,7 +159,7 @@ class fault_run {
     if (rig_.device().deviations() != 0) {
       wrong += " an access that no correct file system makes;";
     }
-    for (const uint32_t flags : {full_check, quick_check}) {
+    for (const uint32_t flags : {flashfs_check_full, flashfs_check_quick}) {
       const std::vector<uint8_t> left = rig_.snapshot();
       wrong += judge_mount(flags);
       rig_.unmount();
@@ -175,7 +175,7 @@ class fault_run {
     }
     std::string wrong;
     for (const outcome kind : judge(each_.what, rig_.walk(), before_, after_)) {
-      if (flags == quick_check && unfinished && kind == outcome::touched_dropped) {
+      if (flags == flashfs_check_quick && unfinished && kind == outcome::touched_dropped) {
         counts_.dropped++;
       } else if (!explained(kind, flags)) {
         wrong += std::string(" ") + outcome_name(kind) + ";";
@@ -188,7 +188,7 @@ class fault_run {
   bool explained(outcome kind, uint32_t flags) const {
     const std::set<cause>& own = each_.what.own_causes;
     return std::any_of(own.begin(), own.end(), [&](cause why) {
-      return outcomes_of(why, flags == quick_check).count(kind) != 0;
+      return outcomes_of(why, flags == flashfs_check_quick).count(kind) != 0;
     });
   }
 

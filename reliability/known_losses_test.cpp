@@ -9,9 +9,7 @@
 
 namespace {
 
-using reliability::full_check;
 using reliability::pattern;
-using reliability::quick_check;
 using test_support::image_builder;
 
 constexpr uint16_t fileid_keep = 2;
@@ -23,7 +21,7 @@ class known_losses : public reliability::rig_fixture {
   known_losses() {
     rig_ = std::make_unique<reliability::rig>(
         test_support::ram_blocks(4, reliability::block_of_sectors(6)));
-    rig_->mount(full_check);
+    rig_->mount(flashfs_check_full);
     rig_->make_file("keep", pattern(5000, 1));
     rig_->make_file("file", pattern(5000, 2));
     rig_->unmount();
@@ -94,9 +92,9 @@ class known_losses : public reliability::rig_fixture {
 TEST_F(known_losses,
        a_slot_with_only_its_number_stops_the_quick_check_and_is_mended_by_the_full_one) {
   available_slot()->seq_no = 3;
-  EXPECT_EQ(mount(quick_check), -1);
+  EXPECT_EQ(mount(flashfs_check_quick), -1);
   EXPECT_TRUE(printed("Inconsistency found in directory slot ")) << printed_;
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_TRUE(printed("bad available_slot.")) << printed_;
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
@@ -105,15 +103,15 @@ TEST_F(known_losses, a_slot_without_its_entry_stops_the_quick_check_and_is_mende
   flashfs_dir_slot* slot = available_slot();
   slot->seq_no = 3;
   slot->dir_fileid = fileid_root;
-  EXPECT_EQ(mount(quick_check), -1);
+  EXPECT_EQ(mount(flashfs_check_quick), -1);
   EXPECT_TRUE(printed("dir struct error[1].")) << printed_;
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(content_of("keep"), pattern(5000, 1));
 }
 
 TEST_F(known_losses, a_sector_without_its_number_costs_the_whole_file_under_the_quick_check) {
   erased_sector()->fileid = fileid_file;
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_TRUE(printed("inconsistent sector list, fileid 3, parent_fileid 0")) << printed_;
   EXPECT_EQ(content_of("file"), "");
   EXPECT_EQ(content_of("keep"), pattern(5000, 1));
@@ -121,7 +119,7 @@ TEST_F(known_losses, a_sector_without_its_number_costs_the_whole_file_under_the_
 
 TEST_F(known_losses, a_sector_without_its_number_costs_nothing_under_the_full_check) {
   erased_sector()->fileid = fileid_file;
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_TRUE(printed("checksum (0x")) << printed_;
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
@@ -131,11 +129,11 @@ TEST_F(known_losses, the_incomplete_copy_of_a_sector_wins_under_the_quick_check_
   memcpy(copy, sector(fileid_file, 1), sizeof(flashfs_sector));
   copy->checksum = 0xFFFF;
   const std::vector<uint8_t> cut = rig_->snapshot();
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("file"), "<errno 5>");
   rig_->unmount();
   rig_->restore(cut);
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
 
@@ -146,11 +144,11 @@ TEST_F(known_losses,
   memcpy(copy, sector(fileid_file, 1), sizeof(flashfs_sector));
   copy->fileid = fileid_keep;
   const std::vector<uint8_t> cut = rig_->snapshot();
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_NE(content_of("keep"), pattern(5000, 1));
   rig_->unmount();
   rig_->restore(cut);
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ(content_of("keep"), pattern(5000, 1));
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
 }
@@ -161,12 +159,12 @@ TEST_F(known_losses, a_torn_invalidation_that_is_nobodys_comes_back_under_lost_a
   memcpy(copy, sector(fileid_file, 0), sizeof(flashfs_sector));
   copy->fileid = 9;
   const std::vector<uint8_t> cut = rig_->snapshot();
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("lost+found/00009"), "<errno 5>");  // its checksum was of the other owner
   EXPECT_EQ(content_of("file"), pattern(5000, 2));
   rig_->unmount();
   rig_->restore(cut);
-  EXPECT_EQ(mount(full_check), 0);
+  EXPECT_EQ(mount(flashfs_check_full), 0);
   EXPECT_TRUE(printed("checksum (0x")) << printed_;
   EXPECT_EQ(content_of("lost+found"), "<absent>");
 }
@@ -175,7 +173,7 @@ TEST_F(known_losses, a_committed_spare_with_all_other_blocks_in_use_leaves_no_sp
   for (int b = 0; b < image_->block_count(); b++) {
     blkheader_set_state(header(b), header(b)->state == 0xFF ? block_committed : block_in_use);
   }
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(mount(flags), -1);
     EXPECT_TRUE(printed("unable to allocate available block.")) << printed_;
   }
@@ -185,7 +183,7 @@ TEST_F(known_losses, a_half_programmed_state_costs_the_block) {
   const int live = block_of(sector(fileid_file, 1));
   header(live)->state = 0xF1;
   const std::vector<uint8_t> cut = rig_->snapshot();
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     rig_->unmount();
     rig_->restore(cut);
     EXPECT_EQ(mount(flags), 0);
@@ -198,7 +196,7 @@ TEST_F(known_losses, a_damaged_header_costs_the_block) {
   const int live = block_of(sector(fileid_file, 1));
   header(live)->checksum = 0;
   const std::vector<uint8_t> cut = rig_->snapshot();
-  for (const uint32_t flags : {quick_check, full_check}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     rig_->unmount();
     rig_->restore(cut);
     EXPECT_EQ(mount(flags), 0);
@@ -209,7 +207,7 @@ TEST_F(known_losses, a_damaged_header_costs_the_block) {
 
 TEST_F(known_losses, sectors_without_a_name_come_back_under_lost_and_found) {
   slot_of(fileid_file)->dir_fileid = 0;
-  EXPECT_EQ(mount(quick_check), 0);
+  EXPECT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_TRUE(printed("relinked orphaned file into the fs as \"/lost+found/00003\".")) << printed_;
   EXPECT_EQ(content_of("lost+found/00003"), pattern(5000, 2));
 }
@@ -222,12 +220,12 @@ TEST_F(known_losses, the_number_of_a_second_name_is_handed_out_again_and_costs_a
   memset(second->name, 0, sizeof(second->name));
   strcpy(second->name, "second");
   dir_slot_set_checksum(second);
-  ASSERT_EQ(mount(quick_check), 0);
+  ASSERT_EQ(mount(flashfs_check_quick), 0);
   EXPECT_EQ(content_of("second"), "<absent>");
   ASSERT_EQ(rig_->make_file("new", pattern(100, 5)), 0);
   EXPECT_EQ(content_of("new"), pattern(100, 5));
   // Two slots of number 3 stand on flash now; one of the two names goes.
-  ASSERT_EQ(mount(full_check), 0);
+  ASSERT_EQ(mount(flashfs_check_full), 0);
   EXPECT_EQ((content_of("new") == "<absent>") + (content_of("second") == "<absent>"), 1);
 }
 

@@ -12,15 +12,11 @@ namespace {
 using test_support::image_builder;
 using test_support::ram_block;
 
-constexpr uint32_t ioctl_format = 6;
-
 // Reads the whole device and writes it back, as an image that is restored.
 int32_t write_image(rig& flash) {
   const std::vector<uint8_t> image = flash.snapshot();
-  const int32_t fd = ifs_open("bootflash:...", ifs_open_write, 0);
-  return fd < 0 ? fd
-                : close_after(
-                      fd, ifs_write_until(fd, image.data(), static_cast<uint32_t>(image.size())));
+  return flash.files().write_file(
+      "...", {reinterpret_cast<const char*>(image.data()), image.size()}, ifs_open_write);
 }
 
 std::vector<ram_block> equal_blocks(size_t count, uint32_t sectors) {
@@ -30,7 +26,7 @@ std::vector<ram_block> equal_blocks(size_t count, uint32_t sectors) {
 // The flash that most operations begin on: some files, two directories, free space. Results are not
 // looked at here and below: the cuts are tried on whatever flash this leaves.
 void prepare_files(rig& flash) {
-  flash.mount(quick_check);
+  flash.mount(flashfs_check_quick);
   flash.make_file("keep", pattern(5000, 1));
   flash.make_file("file", pattern(5000, 2));
   (void)ifs_mkdir("bootflash:d", 0);
@@ -85,7 +81,7 @@ operation on_files(const char* name, const std::set<std::string>& touched,
 // A check of a damaged flash; the damage is done to the flash that prepare_files leaves.
 operation repair(const char* name, const std::set<std::string>& touched,
                  std::function<void(rig&, image_builder&)> damage,
-                 uint32_t check_flags = full_check) {
+                 uint32_t check_flags = flashfs_check_full) {
   operation made;
   made.name = name;
   made.blocks = equal_blocks(6, 6);
@@ -241,21 +237,22 @@ void add_space_operations(std::vector<operation>* all) {
 
 void add_whole_device_operations(std::vector<operation>* all) {
   all->push_back(on_files("format", {"keep", "file", "d", "e"},
-                          [](rig&) {
-                            uint32_t argument = 0;
-                            return ifs_ioctl("bootflash:", ioctl_format, &argument);
-                          },
+                          [](rig& flash) { return flash.files().format(); },
                           {cause::sectors_outlive_name}));
   all->push_back(
       on_files("raw write", {"keep", "file", "d", "e"}, write_image, {cause::image_incomplete}));
-  all->push_back(on_files("check, quick", {}, [](rig& flash) { return flash.check(quick_check); }));
-  all->push_back(on_files("check, full", {}, [](rig& flash) { return flash.check(full_check); }));
-  all->push_back(on_files("check, reclaiming all", {},
-                          [](rig& flash) { return flash.check(full_check | reclaiming_check); },
-                          {cause::no_spare}));
-  all->push_back(on_files("check, quick, reclaiming all", {},
-                          [](rig& flash) { return flash.check(quick_check | reclaiming_check); },
-                          {cause::no_spare}));
+  all->push_back(
+      on_files("check, quick", {}, [](rig& flash) { return flash.check(flashfs_check_quick); }));
+  all->push_back(
+      on_files("check, full", {}, [](rig& flash) { return flash.check(flashfs_check_full); }));
+  all->push_back(on_files(
+      "check, reclaiming all", {},
+      [](rig& flash) { return flash.check(flashfs_check_full | flashfs_check_reclaim_all); },
+      {cause::no_spare}));
+  all->push_back(on_files(
+      "check, quick, reclaiming all", {},
+      [](rig& flash) { return flash.check(flashfs_check_quick | flashfs_check_reclaim_all); },
+      {cause::no_spare}));
 }
 
 void add_header_repairs(std::vector<operation>* all) {

@@ -185,7 +185,7 @@ class cut_player {
     if (what_.damage) {
       rig_.register_only();
     } else {
-      rig_.mount(full_check);
+      rig_.mount(flashfs_check_full);
     }
     rig_.supply().restore();
     cut_during(planned, [&] { what_.act(rig_); });
@@ -251,7 +251,7 @@ class cut_run {
   struct made_cut {
     planned_cut planned;
     cut where;
-    uint32_t check_flags = quick_check;  // of the check that was cut
+    uint32_t check_flags = flashfs_check_quick;  // of the check that was cut
   };
 
   // Plays every cut at one mutation: before it, in the middle of an erase in two ways, and in the
@@ -284,7 +284,7 @@ class cut_run {
   }
 
   void try_checks(const std::vector<uint8_t>& left, const made_cut& first, uint64_t second_stride) {
-    for (const uint32_t flags : {quick_check, full_check}) {
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       counts_.cuts++;
       const uint64_t mutations = try_check(left, flags, first, std::nullopt);
       for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
@@ -294,7 +294,7 @@ class cut_run {
               const std::vector<uint8_t> second_left = player_.flash().snapshot();
               if (seen_second_.insert(hash_of(second_left)).second) {
                 counts_.second_cuts += 2;
-                for (const uint32_t last_flags : {quick_check, full_check}) {
+                for (const uint32_t last_flags : {flashfs_check_quick, flashfs_check_full}) {
                   try_check(second_left, last_flags, first, made_cut{planned, second, flags});
                 }
               }
@@ -322,7 +322,7 @@ class cut_run {
         found.insert(outcome::not_settled);
       }
     }
-    record(found, flags == quick_check, first, second);
+    record(found, flags == flashfs_check_quick, first, second);
     return mutations;
   }
 
@@ -332,9 +332,9 @@ class cut_run {
     std::string unexplained;
     for (const outcome kind : found) {
       (quick ? counts_.quick : counts_.full)[kind]++;
-      const std::optional<cause> why =
-          explain(kind, {quick, second && second->check_flags == quick_check}, what_.own_causes,
-                  first.where, second ? std::optional(second->where) : std::nullopt);
+      const std::optional<cause> why = explain(
+          kind, {quick, second && second->check_flags == flashfs_check_quick}, what_.own_causes,
+          first.where, second ? std::optional(second->where) : std::nullopt);
       if (!why) {
         unexplained += std::string(" ") + outcome_name(kind);
         continue;
@@ -360,11 +360,11 @@ class cut_run {
     if (second) {
       arguments += check_text(second->check_flags) + cut_text(second->planned);
     }
-    return arguments + check_text(quick ? quick_check : full_check);
+    return arguments + check_text(quick ? flashfs_check_quick : flashfs_check_full);
   }
 
   static const char* check_text(uint32_t flags) {
-    return flags == quick_check ? " quick " : " full ";
+    return flags == flashfs_check_quick ? " quick " : " full ";
   }
 
   const operation& what_;

@@ -119,7 +119,7 @@ int list(const std::vector<Operation>& operations) {
 
 bool parse_check(const char* word, uint32_t* flags) {
   const bool quick = strcmp(word, "quick") == 0;
-  *flags = quick ? reliability::quick_check : reliability::full_check;
+  *flags = quick ? flashfs_check_quick : flashfs_check_full;
   return quick || strcmp(word, "full") == 0;
 }
 

@@ -3,21 +3,16 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <map>
-#include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "flashfs/flashfs.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/ram_flash.h"
+#include "volume/volume.h"
 
 namespace reliability {
-
-constexpr uint32_t quick_check = 1;
-constexpr uint32_t full_check = 0;
-constexpr uint32_t reclaiming_check = 2;
 
 // The size in bytes of an erase block with this many sectors.
 uint32_t block_of_sectors(uint32_t sectors);
@@ -49,8 +44,11 @@ class rig {
   // Runs the check of the registered file system.
   int32_t check(uint32_t check_flags);
 
+  volume::file_system& files() {
+    return files_;
+  }
   flashfs* fs() {
-    return fs_;
+    return files_.state();
   }
   test_support::ram_flash& device() {
     return device_;
@@ -79,39 +77,18 @@ class rig {
   std::string take_output();
 
   // Standard output is kept by the rig while one of these lives.
-  class capture {
+  class capture : public test_support::redirected_output {
    public:
-    explicit capture(rig& owner) : shown_(stdout) {
-      stdout = owner.kept_;
-    }
-    ~capture() {
-      stdout = shown_;
-    }
-    capture(const capture&) = delete;
-    capture& operator=(const capture&) = delete;
-
-   private:
-    FILE* shown_;
+    explicit capture(rig& owner) : redirected_output(owner.kept_.stream()) {}
   };
 
  private:
-  void walk_directory(const std::string& path, tree* found, std::set<uint32_t>* entered);
-
+  test_support::kept_output kept_;
   sim::power supply_;
   test_support::ram_flash device_;
-  flashfs* fs_ = nullptr;
-  uint32_t mount_flags_ = quick_check;
-  FILE* kept_ = nullptr;
-  char* text_ = nullptr;
-  size_t text_size_ = 0;
+  volume::file_system files_;
+  uint32_t mount_flags_ = flashfs_check_quick;
 };
-
-// Closes a descriptor after a step. Below 0, with its errno, when the step failed; else what the
-// closing gives.
-int32_t close_after(int32_t fd, int32_t result);
-
-// The path with the file system's prefix.
-std::string full_path(const std::string& path);
 
 // Bytes that differ from place to place.
 std::string pattern(size_t length, uint32_t seed);

@@ -18,13 +18,11 @@ using namespace test_support;
 class small_device : public recipe_fixture {
  protected:
   void make() {
-    make_blocks({4, 4, 4});
-    image().headers(2);
-    root_slot(0, 0, 0);
+    make_root(3);
   }
   void make_and_mount() {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   }
   // Leaves so many entries on the list of available sectors; the flash keeps the others erased.
   void keep_sectors(uint32_t count) {
@@ -42,19 +40,18 @@ class small_device : public recipe_fixture {
   // replaced by invalidated ones. Nothing is available but what reclamation gives.
   void make_full_with_two_invalid_sectors() {
     make();
-    name(0, 0, 1, 1, 1, 2, "f");
-    data(2, {{0, 1}, {0, 2}, {0, 3}, {1, 0}, {1, 1}});
-    invalidate(1, 2);
-    invalidate(1, 3);
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    names({"1:0.0/1 2<1 f"});
+    data(2, "0.1 0.2 0.3 1.0 1.1");
+    invalidate("1.2 1.3");
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     ASSERT_EQ(fs()->available_sectors, nullptr);
   }
   // As above without anything to reclaim, and one available sector, 1.3.
   void make_full_but_one() {
     make();
-    name(0, 0, 1, 1, 1, 2, "f");
-    data(2, {{0, 1}, {0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}});
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    names({"1:0.0/1 2<1 f"});
+    data(2, "0.1 0.2 0.3 1.0 1.1 1.2");
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     ASSERT_EQ(sectors_text(fs()), "1.3");
     keep_slots(0);
   }
@@ -93,10 +90,10 @@ TEST_F(alloc_sector, the_last_one_is_given_at_once_from_the_reserve) {
 
 TEST_F(alloc_sector, with_one_left_garbage_is_collected_first_without_the_reserve) {
   make();
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{0, 1}, {0, 2}, {0, 3}, {1, 0}, {1, 1}});
-  invalidate(1, 2);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 2<1 f"});
+  data(2, "0.1 0.2 0.3 1.0 1.1");
+  invalidate("1.2");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   ASSERT_EQ(sectors_text(fs()), "1.3");
   flashfs_sctr_ptr pointer = {};
   EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_alloc_sector(fs(), &pointer, 0), 0); }),
@@ -329,10 +326,10 @@ TEST_F(extend_list, a_file_ends_where_the_numbers_of_its_sectors_do) {
 
 TEST_F(touch, the_fresh_slot_has_the_date_and_keeps_all_else) {
   make();
-  directory(0, 0, 1, 4, 1, 3, "dir");
+  names({"4:0.0/1 3<1 dir/"});
   image().slot_at(0, 0, 1)[13] = 0x5A;  // in the carried bytes
   image().fix_slot_checksum(0, 0, 1);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 0x87654321), 0); }),
             "0.0 0.0");
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 4:0.0/31");
@@ -348,8 +345,8 @@ TEST_F(touch, the_fresh_slot_has_the_date_and_keeps_all_else) {
 
 TEST_F(touch, time_0_is_now) {
   make();
-  directory(0, 0, 1, 4, 1, 3, "dir");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"4:0.0/1 3<1 dir/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(flashfs_touch(fs(), entry(3), 0), 0);
   EXPECT_EQ(slot_on_flash(0, 0, 31).date, recipe_time);
   EXPECT_EQ(slot_on_flash(0, 0, 31).seq_no, 4);
@@ -371,8 +368,8 @@ TEST_F(touch, the_last_slot_is_used) {
 
 TEST_F(touch, the_fresh_slot_is_written_before_the_old_one_goes) {
   make();
-  directory(0, 0, 1, 4, 1, 3, "dir");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"4:0.0/1 3<1 dir/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   keep_slots(0);
   // The fresh sector's owner, the fresh slot in it, the old slot.
   EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 1), 0); }),
@@ -396,8 +393,8 @@ TEST_F(touch, any_failure_of_the_flash_is_eio_and_leaves_a_valid_slot) {
   for (uint64_t n = 1; failures == static_cast<int>(n) - 1; n++) {
     ASSERT_LT(n, 20U);
     make();
-    directory(0, 0, 1, 4, 1, 3, "dir");
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    names({"4:0.0/1 3<1 dir/"});
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     device().fail(flash_call::any, n, flash_operation_failed);
     errno = 0;
     output_of([&] {
@@ -408,7 +405,7 @@ TEST_F(touch, any_failure_of_the_flash_is_eio_and_leaves_a_valid_slot) {
     });
     EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
     device().fail(flash_call::any, 0, flash_ok);
-    check_of_recipe(quick);
+    check_of_recipe(flashfs_check_quick);
     EXPECT_EQ(path_lookup(fs(), "dir"), 3) << "call " << n;
   }
   // Finding and reading the slots, writing the fresh one, reading and writing the old one.
@@ -435,12 +432,11 @@ TEST_F(touch, without_two_buffers_nothing_is_done) {
 TEST_F(touch, a_slot_that_reclamation_moves_is_deleted_at_its_new_place) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  delete_slots(0, 0, 2, 32);
-  invalidate(0, 1);
-  data(2, {{1, 0}, {1, 1}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  delete_slots("0.0/2-31");
+  invalidate("0.1");
+  data(2, "1.0 1.1");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   ASSERT_EQ(fs()->available_slots, nullptr);
   EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(2), 5), 0); }),
             "2=invalid1 2.0 2=committed erase 0 0=available 2=in_use 2.1 2.1 2.0");
@@ -452,12 +448,12 @@ TEST_F(touch, a_slot_that_reclamation_moves_is_deleted_at_its_new_place) {
 
 TEST_F(touch, a_slot_that_compaction_moves_is_deleted_at_its_new_place) {
   make();
-  name(0, 0, 1, 1, 1, 2, "f");
-  delete_slots(0, 0, 2, 32);
-  directory(0, 1, 0, 2, 1, 3, "dir");
-  delete_slots(0, 1, 1, 32);
-  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 2<1 f"});
+  delete_slots("0.0/2-31");
+  names({"2:0.1/0 3<1 dir/"});
+  delete_slots("0.1/1-31");
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   output_of([&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 5), 0); });
   // Compaction has moved the slot to 0.0/31, its sector was freed and has become the fresh one.
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.1/31");

@@ -40,13 +40,10 @@ class dump : public operations_fixture {
   void make_small() {
     make_blocks({5, 5, 3});
     image().headers(1);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "file");
-    directory(0, 0, 2, 2, 1, 3, "dir");
-    name(0, 0, 3, 0, 3, 4, "in.dir");
-    delete_slots(0, 0, 4, 6);
-    data(2, {{0, 1}, {2, 0}});
-    invalidate(0, 3);
+    names({"0:0.0/0 1<1", "1:0.0/1 2<1 file", "2:0.0/2 3<1 dir/", "0:0.0/3 4<3 in.dir"});
+    delete_slots("0.0/4-5");
+    data(2, "0.1 2.0");
+    invalidate("0.3");
     mount_recipe();
   }
 };
@@ -84,14 +81,11 @@ TEST_F(dump, the_slots_of_a_directory_are_triples) {
 }
 
 TEST_F(dump, slots_are_told_by_block_then_sector_then_index) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 3, "dir");
-  name(1, 2, 5, 0, 3, 4, "in.dir");
-  delete_slots(0, 0, 2, 32);
-  delete_slots(1, 2, 0, 5);
-  delete_slots(1, 2, 6, 31);
+  make_root(3);
+  names({"1:0.0/1 3<1 dir/", "0:1.2/5 4<3 in.dir"});
+  delete_slots("0.0/2-31");
+  delete_slots("1.2/0-4");
+  delete_slots("1.2/6-30");
   mount_recipe();
   EXPECT_EQ(list_of(3), "(1,2,5) Fileid: 3, 1 slots (sequence nos. good) (cksums good)\n");
   EXPECT_NE(dumped([&] { flashfs_dump_file_map(fs()); }).find("Available_slots: (1,2,31) \n"),
@@ -125,11 +119,8 @@ TEST_F(dump, one_wrong_checksum_is_a_bad_verdict) {
 }
 
 TEST_F(dump, a_data_sector_in_the_list_of_a_directory_is_passed_over) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 5, "d");
-  name(0, 0, 2, 1, 5, 6, "f");
+  make_root(2);
+  names({"1:0.0/1 5<1 d/", "1:0.0/2 6<5 f"});
   image().data_sector(0, 1, 5, 0, "astray");
   mount_recipe();
   EXPECT_EQ(list_of(5), "(0,0,2) Fileid: 5, 1 slots (sequence nos. good) (cksums good)\n");

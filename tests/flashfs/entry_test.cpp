@@ -15,17 +15,11 @@ using namespace test_support;
 class small_tree : public recipe_fixture {
  protected:
   void make() {
-    make_blocks({4, 4, 4});
-    image().headers(2);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {0, 2}});
+    make_small_tree(3, "0.1 0.2");
   }
   void make_and_mount() {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     ASSERT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.0/2");
   }
   void without_buffers(const std::function<void()>& call) {
@@ -52,7 +46,7 @@ class small_tree : public recipe_fixture {
       }
       EXPECT_NE(result, 0) << n;
       device().fail(flash_call::any, 0, flash_ok);
-      check_of_recipe(full);
+      check_of_recipe(flashfs_check_full);
       ASSERT_EQ(fs()->ready, 1U) << check_output();
       after();
     }
@@ -165,7 +159,7 @@ TEST_F(rename_step, the_carried_bytes_are_carried) {
   make();
   memcpy(image().slot_at(0, 0, 1) + 12, "\x01\x02\x03\x04", 4);
   image().fix_slot_checksum(0, 0, 1);
-  ASSERT_EQ(check_of_recipe(full), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
   EXPECT_EQ(flashfs_rename_entry(fs(), entry(2), entry(1), "g"), 0);
   EXPECT_EQ(memcmp(slot_on_flash(0, 0, 31).reserved, "\x01\x02\x03\x04", 4), 0);
 }
@@ -234,7 +228,7 @@ TEST_F(rename_step, after_a_cut_between_the_two_slots_the_check_keeps_the_one_fo
   EXPECT_EQ(dir_slot_crc(reinterpret_cast<flashfs_dir_slot*>(image().slot_at(0, 0, 1))), 0xE2F0U);
   EXPECT_EQ(dir_slot_crc(reinterpret_cast<flashfs_dir_slot*>(image().slot_at(0, 0, 31))), 0xE2F0U);
   device().fail(flash_call::any, 0, flash_ok);
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/31 2:0.0/2");
   EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
   EXPECT_EQ(path_lookup(fs(), "g"), 2);
@@ -421,7 +415,7 @@ TEST_F(remove_step, the_slots_of_a_directory_go_with_it) {
 TEST_F(remove_step, a_data_sector_in_a_directorys_list_goes_as_a_sector) {
   make();
   image().data_sector(1, 0, 3, 1, "data");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   ASSERT_EQ(list_text(fs(), 3), "0:0.0/3 1:1.0/255");
   EXPECT_EQ(flashfs_remove_entry(fs(), entry(3)), 0);
   EXPECT_EQ(block_text(1), "0 - - -");
@@ -534,7 +528,7 @@ TEST_F(verify_step, a_sector_reserved_and_not_written_is_eio) {
 TEST_F(verify_step, data_in_a_directorys_list_is_passed_over) {
   make();
   image().data_sector(1, 0, 3, 1, "data", -1, false);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   ASSERT_EQ(list_text(fs(), 3), "0:0.0/3 1:1.0/255");
   EXPECT_EQ(flashfs_verify_entry(fs(), entry(3)), 0);
 }
@@ -576,7 +570,7 @@ TEST_F(root_step, one_that_is_there_stays) {
 TEST_F(root_step, a_missing_record_is_made_and_named_in_itself) {
   make_blocks({4, 4, 4});
   image().headers(2);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(map_text(fs()), "1<1");
   EXPECT_EQ(entry(1)->mode, 0x4600);
   EXPECT_EQ(list_text(fs(), 1), "0:1.0/31");
@@ -594,8 +588,8 @@ TEST_F(root_step, a_missing_record_is_made_and_named_in_itself) {
 
 TEST_F(root_step, a_missing_slot_gets_the_roots_next_number_and_its_mode) {
   make();
-  delete_slot(0, 0, 0);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  delete_slots("0.0/0");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   // The root's names begin with number 1, so 0 is the next one.
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 1:0.0/1 2:0.0/2");
   EXPECT_EQ(slot_on_flash(0, 0, 31).mode, 0x4600);
@@ -605,21 +599,19 @@ TEST_F(root_step, a_missing_slot_gets_the_roots_next_number_and_its_mode) {
 
 TEST_F(root_step, the_reserve_serves_it) {
   make();
-  delete_slot(0, 0, 0);
-  for (int k = 5; k < 32; k++) {
-    delete_slot(0, 0, k);
-  }
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  delete_slots("0.0/0");
+  delete_slots("0.0/5-31");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/4 1:0.0/1 2:0.0/2");
 }
 
 TEST_F(root_step, every_failing_flash_call_is_told) {
   for (uint64_t n = 0; n <= 3; n++) {
     make();
-    delete_slot(0, 0, 0);
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    delete_slots("0.0/0");
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     // Takes away again what the check has made.
-    delete_slot(0, 0, 31);
+    delete_slots("0.0/31");
     sctr_list_remove(fs(), entry(1), entry(1)->sctr_list);
     device().fail(flash_call::any, n, flash_operation_failed);
     output_of([&] { EXPECT_EQ(flashfs_ensure_root_slot(fs()) != 0, n != 0) << n; });

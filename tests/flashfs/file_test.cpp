@@ -4,6 +4,7 @@
 
 #include <climits>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -123,7 +124,7 @@ TEST_F(file_read, a_descriptor_from_outside_the_table_is_bad) {
     EXPECT_EQ(error_of(flashfs_vctr_lseek(fd, 0, 0)), EBADF) << fd;
     EXPECT_EQ(error_of(flashfs_vctr_getdents(fd, &byte, 1)), EBADF) << fd;
     EXPECT_EQ(error_of(flashfs_vctr_fstat(fd, &status)), EBADF) << fd;
-    EXPECT_EQ(error_of(flashfs_vctr_fioctl(fd, 7, nullptr)), EBADF) << fd;
+    EXPECT_EQ(error_of(flashfs_vctr_fioctl(fd, flashfs_fioctl_verify, nullptr)), EBADF) << fd;
   }
 }
 
@@ -160,10 +161,8 @@ TEST_F(file_read, a_failing_flash_marks_down_and_leaves_the_position) {
 }
 
 TEST_F(file_read, a_short_sector_in_the_middle_gives_what_it_has) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
+  make_root(2);
+  names({"1:0.0/1 2<1 a"});
   image().data_sector(0, 1, 2, 0, std::string(100, 'a'));
   image().data_sector(0, 2, 2, 1, std::string(2048, 'b'));
   image().data_sector(0, 3, 2, 2, std::string(10, 'c'));
@@ -179,10 +178,8 @@ TEST_F(file_read, a_short_sector_in_the_middle_gives_what_it_has) {
 }
 
 TEST_F(file_read, a_damaged_count_is_cut_to_the_data_area) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
+  make_root(2);
+  names({"1:0.0/1 2<1 a"});
   image().data_sector(0, 1, 2, 0, std::string(2048, 'a'), 60000);
   mount_recipe();
   EXPECT_EQ(size_of("a"), 2048U);

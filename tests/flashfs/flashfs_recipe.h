@@ -3,21 +3,18 @@
 // slots "block.sector/slot". The clock stands still, so that the check takes 0 seconds.
 #pragma once
 
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/recipe_text.h"
 
 namespace test_support {
 
 constexpr uint32_t recipe_time = 1900000000;
 constexpr uint32_t image_time = 1800000000;  // of what the image builder dates
-constexpr uint32_t quick = 1;
-constexpr uint32_t full = 0;
-constexpr uint32_t reclaim_all = 2;
 
 inline const std::string quiet_check = "flashfs[0]: flashfs fsck took 0 seconds.\n";
 
@@ -182,48 +179,50 @@ class recipe_fixture : public flashfs_fixture {
     return *image_1_;
   }
 
-  // The root's own slot.
-  void root_slot(int block, int sector, int slot_no, uint16_t seq_no = 0) {
-    image().slot(block, sector, slot_no,
-                 {.seq_no = seq_no, .entry_fileid = 1, .mode = 0x4700, .name = {}});
-  }
-  // A name: of a file, or with mode 0x4700 of a directory.
-  void name(int block, int sector, int slot_no, uint16_t seq_no, uint16_t dir_fileid,
-            uint16_t entry_fileid, const std::string& text, uint16_t mode = 0x8700) {
-    image().slot(block, sector, slot_no,
-                 {.seq_no = seq_no,
-                  .dir_fileid = dir_fileid,
-                  .entry_fileid = entry_fileid,
-                  .mode = mode,
-                  .name = text});
-  }
-  void directory(int block, int sector, int slot_no, uint16_t seq_no, uint16_t dir_fileid,
-                 uint16_t entry_fileid, const std::string& text) {
-    name(block, sector, slot_no, seq_no, dir_fileid, entry_fileid, text, 0x4700);
+  // Names, as "seq_no:block.sector/slot id<parent name" (recipe_text.h).
+  void names(const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) {
+      const placed_slot made = slot_from(text);
+      image().slot(made.block, made.sector, made.slot_no, made.fields);
+    }
   }
   // Full data sectors of a file, numbered from 0 in the order given.
-  void data(uint16_t fileid, std::initializer_list<flashfs_sctr_ptr> places) {
+  void data(uint16_t fileid, const std::string& sectors) {
     uint16_t seq_no = 0;
-    for (const flashfs_sctr_ptr place : places) {
+    for (const flashfs_sctr_ptr place : sectors_from(sectors)) {
       const std::string contents(2048, static_cast<char>('a' + seq_no % 26));
       image().data_sector(place.block_num, place.sctr_num, fileid, seq_no++, contents);
     }
   }
-  // Programs 0 over an owner: an invalidated sector, a deleted slot.
-  void invalidate(int block, int sector) {
-    memset(image().sector_at(block, sector), 0, 2);
-  }
-  void delete_slot(int block, int sector, int slot_no) {
-    if (fileid_at(block, sector) == 0xFFFF) {
-      image().sector_at(block, sector)[0] = 0;
-      image().sector_at(block, sector)[1] = 1;
+  // Programs 0 over an owner: invalidated sectors, deleted slots.
+  void invalidate(const std::string& sectors) {
+    for (const flashfs_sctr_ptr place : sectors_from(sectors)) {
+      memset(image().sector_at(place.block_num, place.sctr_num), 0, 2);
     }
-    memset(image().slot_at(block, sector, slot_no) + 2, 0, 2);
   }
-  void delete_slots(int block, int sector, int first, int end) {
-    for (int slot_no = first; slot_no < end; slot_no++) {
-      delete_slot(block, sector, slot_no);
+  void delete_slots(const std::string& text) {
+    const slot_range range = slots_from(text);
+    if (fileid_at(range.block, range.sector) == 0xFFFF && range.first <= range.last) {
+      image().sector_at(range.block, range.sector)[0] = 0;
+      image().sector_at(range.block, range.sector)[1] = 1;
     }
+    for (int slot_no = range.first; slot_no <= range.last; slot_no++) {
+      memset(image().slot_at(range.block, range.sector, slot_no) + 2, 0, 2);
+    }
+  }
+
+  // Blocks of four sectors, the last one the spare; the root, in which there is nothing.
+  void make_root(int blocks) {
+    make_blocks(std::vector<int>(static_cast<size_t>(blocks), 4));
+    image().headers(blocks - 1);
+    names({"0:0.0/0 1<1"});
+  }
+  // The small tree that many tests begin with: the root has file 2 "f" of two sectors and directory
+  // 3 "d", which holds the empty file 4 "x".
+  void make_small_tree(int blocks, const std::string& sectors_of_f = "0.1 1.0") {
+    make_root(blocks);
+    names({"1:0.0/1 2<1 f", "2:0.0/2 3<1 d/", "0:0.0/3 4<3 x"});
+    data(2, sectors_of_f);
   }
 
   // --- what lies on the first device ---
@@ -289,10 +288,15 @@ class recipe_fixture : public flashfs_fixture {
     return check(flags) == 0 ? check_output() : "result -1: " + check_output();
   }
 
+  // Mounts what was put on the blocks; the check finds nothing.
+  void mount_recipe() {
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  }
+
   // Whether quick and full checks now find nothing: no word but the time line, not one byte
   // changed.
   testing::AssertionResult is_repaired() {
-    for (const uint32_t flags : {quick, full}) {
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       std::vector<std::vector<uint8_t>> before = snapshots();
       const std::string output = check_of_recipe(flags);
       if (output != quiet_check) {

@@ -2,9 +2,6 @@
 // child process, and the words that messages are made of.
 #pragma once
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <initializer_list>
@@ -12,6 +9,7 @@
 
 #include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
 
 namespace test_support {
 
@@ -35,31 +33,16 @@ class held_clock {
   sim::chassis chassis_;
 };
 
-// How a child process ended and what it wrote to standard output.
-struct child_end {
-  int status = -1;  // exit status; -1: it was ended by a signal
-  std::string output;
-};
-
 constexpr int child_came_back = 77;
 
 // Runs a call that may end the process, in a child. A call that returns gives child_came_back.
 template <typename callable>
-child_end end_of_child(callable&& call) {
-  child_end end;
-  int waited = 0;
-  end.output = output_of([&] {
+isolated_result end_of_child(callable&& call) {
+  return run_isolated([&] {
+    call();
     std::fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-      call();
-      std::fflush(stdout);
-      _exit(child_came_back);
-    }
-    waitpid(child, &waited, 0);
+    end_child(child_came_back);
   });
-  end.status = WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
-  return end;
 }
 
 // Numbers of 16 bits to go through.

@@ -20,16 +20,8 @@ inline std::string relinked(const std::string& kind, const std::string& digits) 
 // A small file system with a file and a directory.
 class check_recipe : public recipe_fixture {
  protected:
-  // Four blocks of four sectors, the last one the spare. The root has file 2 "f" of two sectors and
-  // directory 3 "d", which holds the empty file 4 "x".
   void make() {
-    make_blocks({4, 4, 4, 4});
-    image().headers(3);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {1, 0}});
+    make_small_tree(4);
   }
   void image_state(int block, uint8_t state) {
     image().header(block, {.erase_count = 5, .state = state});
@@ -44,11 +36,8 @@ class check_recipe : public recipe_fixture {
 // A file system that holds nothing yet.
 class tree_recipe : public recipe_fixture {
  protected:
-  // Four blocks of four sectors, the last one the spare, and the root's own slot.
   void make() {
-    make_blocks({4, 4, 4, 4});
-    image().headers(3);
-    root_slot(0, 0, 0);
+    make_root(4);
   }
   void expect_unchanged(const std::vector<uint8_t>& before) {
     EXPECT_EQ(device().flash().first_difference(before), before.size());

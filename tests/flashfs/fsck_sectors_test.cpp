@@ -21,12 +21,12 @@ using check_lists = check_recipe;
 
 TEST_F(check_sectors, the_quick_check_reads_whole_sectors_only_where_something_is) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().clear_counts();
-  ASSERT_EQ(check(quick), 0);
+  ASSERT_EQ(check(flashfs_check_quick), 0);
   const uint64_t quick_bytes = device().counts().bytes_read;
   device().clear_counts();
-  ASSERT_EQ(check(full), 0);
+  ASSERT_EQ(check(flashfs_check_full), 0);
   // Of 12 sectors in use the quick check reads 3 whole and of 12 the owner, the full one all 12.
   EXPECT_EQ(device().counts().bytes_read - quick_bytes, 9 * 2056U - 12 * 2U);
 }
@@ -35,9 +35,9 @@ TEST_F(check_sectors, a_wrong_checksum_is_found_by_the_full_check_only) {
   make();
   image().sector_at(1, 0)[100] ^= 0x10;
   const uint32_t crc = image_crc(image().sector_at(1, 0), 2056);
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 2), "0:0.1/255 1:1.0/255");
-  EXPECT_EQ(check_of_recipe(full),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("sector 0, block 1 checksum (" + hex(crc) + " != 0xe2f0)") + quiet_check);
   EXPECT_EQ(block_text(1), "0 - - -");
   EXPECT_EQ(list_text(fs(), 2), "0:0.1/255");
@@ -48,9 +48,9 @@ TEST_F(check_sectors, a_file_without_its_first_sector_is_emptied) {
   make();
   image().sector_at(0, 1)[2055] ^= 1;
   const uint32_t crc = image_crc(image().sector_at(0, 1), 2056);
-  EXPECT_EQ(check_of_recipe(full), said("sector 1, block 0 checksum (" + hex(crc) + " != 0xe2f0)") +
-                                       said("inconsistent sector list, fileid 2, parent_fileid 0") +
-                                       quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
+            said("sector 1, block 0 checksum (" + hex(crc) + " != 0xe2f0)") +
+                said("inconsistent sector list, fileid 2, parent_fileid 0") + quiet_check);
   EXPECT_EQ(block_text(0), "1 0 - -");
   EXPECT_EQ(block_text(1), "0 - - -");
   // Its name is still there, and makes an empty file of it.
@@ -64,14 +64,14 @@ TEST_F(check_sectors, a_sector_claimed_and_not_written_costs_the_quick_check_the
   image().sector_at(2, 0)[0] = 0;
   image().sector_at(2, 0)[1] = 2;
   const std::vector<uint8_t> before = device().flash().snapshot();
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             said("inconsistent sector list, fileid 2, parent_fileid 0") + quiet_check);
   EXPECT_EQ(list_text(fs(), 2), "");
   EXPECT_TRUE(is_repaired());
 
   device().flash().restore(before);
   const uint32_t crc = image_crc(image().sector_at(2, 0), 2056);
-  EXPECT_EQ(check_of_recipe(full),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("sector 0, block 2 checksum (" + hex(crc) + " != 0xe2f0)") + quiet_check);
   EXPECT_EQ(list_text(fs(), 2), "0:0.1/255 1:1.0/255");
   EXPECT_TRUE(is_repaired());
@@ -81,7 +81,7 @@ TEST_F(check_sectors, an_erased_sector_with_one_programmed_byte_is_invalidated_s
   for (const int byte : {2, 3, 1000, 2055}) {
     make();
     image().sector_at(2, 1)[byte] = 0xFE;
-    EXPECT_EQ(check_of_recipe(full), quiet_check);
+    EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
     EXPECT_EQ(block_text(2), "- 0 - -");
     EXPECT_EQ(counters_text(), "0/0 0/0 1/0 0/0");
     EXPECT_TRUE(is_repaired());
@@ -96,7 +96,7 @@ TEST_F(check_sectors, bytes_behind_the_last_sector_are_not_looked_at) {
   memset(odd.header_at(0) + block_bytes(4), 0, 100);
   memset(odd.header_at(1) + block_bytes(4), 0, 100);
   initialize();
-  EXPECT_EQ(check(full), 0);
+  EXPECT_EQ(check(flashfs_check_full), 0);
   EXPECT_EQ(check_output(), quiet_check);
 }
 
@@ -106,9 +106,9 @@ TEST_F(check_slots, a_wrong_checksum_deletes_the_slot) {
   make();
   image().slot_at(0, 0, 3)[20] = 'y';
   const uint32_t crc = image_crc(image().slot_at(0, 0, 3), 64);
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(
-      check_of_recipe(full),
+      check_of_recipe(flashfs_check_full),
       said("Dir slot 3, sector 0, block 0, checksum (" + hex(crc) + " != 0xe2f0)") + quiet_check);
   EXPECT_EQ(slot_on_flash(0, 0, 3).dir_fileid, 0);
   EXPECT_EQ(entry(4), nullptr);
@@ -118,8 +118,8 @@ TEST_F(check_slots, a_wrong_checksum_deletes_the_slot) {
 
 TEST_F(check_slots, a_wrong_file_type_deletes_the_slot) {
   make();
-  name(0, 0, 3, 0, 3, 4, "x", 0xA1FF);
-  EXPECT_EQ(check_of_recipe(full),
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0xA1FF, .name = "x"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 3, sector 0, block 0, bad file type in mode: 0xa000") + quiet_check);
   EXPECT_EQ(entry(4), nullptr);
   EXPECT_TRUE(is_repaired());
@@ -127,65 +127,63 @@ TEST_F(check_slots, a_wrong_file_type_deletes_the_slot) {
 
 TEST_F(check_slots, an_illegal_character_deletes_the_slot) {
   make();
-  name(0, 0, 3, 0, 3, 4, "a b");
-  EXPECT_EQ(check_of_recipe(full),
+  names({"0:0.0/3 4<3 a b"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Illegal character 0x20 in filename: \"a b\"") + quiet_check);
   EXPECT_EQ(entry(4), nullptr);
   EXPECT_TRUE(is_repaired());
   make();
-  name(0, 0, 3, 0, 3, 4, "a\x80z");
-  EXPECT_EQ(check_of_recipe(full),
+  names({"0:0.0/3 4<3 a\x80z"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Illegal character 0xffffff80 in filename: \"a\x80z\"") + quiet_check);
 }
 
 TEST_F(check_slots, a_name_without_its_end_is_not_read_past_its_field) {
   make();
-  name(0, 0, 3, 0, 3, 4, std::string(46, 'n'));
-  EXPECT_EQ(check_of_recipe(full), quiet_check);
-  name(0, 0, 3, 0, 3, 4, std::string(45, 'n') + ":");
+  names({"0:0.0/3 4<3 " + std::string(46, 'n')});
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
+  names({"0:0.0/3 4<3 " + std::string(45, 'n') + ":"});
   EXPECT_EQ(
-      check_of_recipe(full),
+      check_of_recipe(flashfs_check_full),
       said("Illegal character 0x3a in filename: \"" + std::string(45, 'n') + ":\"") + quiet_check);
 }
 
 TEST_F(check_slots, a_free_slot_with_a_programmed_byte_fails_the_quick_check_alone) {
   make();
   image().slot_at(0, 0, 9)[63] = 0x7F;
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("Inconsistency found in directory slot 9 in sector 0 in block 0"));
-  EXPECT_EQ(check_of_recipe(full), said("bad available_slot.") + quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), said("bad available_slot.") + quiet_check);
   EXPECT_EQ(slot_on_flash(0, 0, 9).dir_fileid, 0);
   EXPECT_TRUE(is_repaired());
 }
 
 TEST_F(check_slots, the_first_thing_wrong_is_the_one_that_is_told) {
   make();
-  name(0, 0, 3, 0, 3, 4, "a b", 0x1000);
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0x1000, .name = "a b"});
   image().slot_at(0, 0, 3)[63] ^= 1;
-  EXPECT_EQ(check_of_recipe(full).substr(0, 52),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full).substr(0, 52),
             "flashfs[0]: Dir slot 3, sector 0, block 0, checksum ");
   make();
-  name(0, 0, 3, 0, 3, 4, "a b", 0x1000);
-  EXPECT_EQ(check_of_recipe(full),
+  image().slot(0, 0, 3, {.dir_fileid = 3, .entry_fileid = 4, .mode = 0x1000, .name = "a b"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 3, sector 0, block 0, bad file type in mode: 0x1000") + quiet_check);
 }
 
 TEST_F(check_slots, a_deleted_slot_is_not_looked_at) {
   make();
   image().slot_at(0, 0, 3)[63] ^= 1;
-  delete_slot(0, 0, 3);
-  EXPECT_EQ(check_of_recipe(full), quiet_check);
+  delete_slots("0.0/3");
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
 }
 
 TEST_F(check_slots, a_sector_whose_last_slot_is_deleted_is_invalidated_at_once) {
   make();
-  name(2, 0, 7, 1, 3, 5, "y", 0x1000);
-  for (int k = 0; k < 32; k++) {
-    if (k != 7) {
-      delete_slot(2, 0, k);
-    }
-  }
-  EXPECT_EQ(check_of_recipe(full),
+  image().slot(2, 0, 7,
+               {.seq_no = 1, .dir_fileid = 3, .entry_fileid = 5, .mode = 0x1000, .name = "y"});
+  delete_slots("2.0/0-6");
+  delete_slots("2.0/8-31");
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Dir slot 7, sector 0, block 2, bad file type in mode: 0x1000") + quiet_check);
   EXPECT_EQ(block_text(2), "0 - - -");
   EXPECT_EQ(counters_text(), "0/0 0/0 1/0 0/0");
@@ -195,12 +193,10 @@ TEST_F(check_slots, a_sector_whose_last_slot_is_deleted_is_invalidated_at_once) 
 // --- counters ---
 
 TEST_F(check_counters, invalid_sectors_and_deleted_slots_count_once_however_they_came) {
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     make();
-    delete_slots(0, 0, 10, 13);
-    invalidate(1, 1);
-    invalidate(2, 0);
-    invalidate(2, 3);
+    delete_slots("0.0/10-12");
+    invalidate("1.1 2.0 2.3");
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
     EXPECT_EQ(counters_text(), "0/3 1/0 2/0 0/0");
   }
@@ -208,7 +204,7 @@ TEST_F(check_counters, invalid_sectors_and_deleted_slots_count_once_however_they
   image().sector_at(1, 2)[5] = 0;
   image().slot_at(0, 0, 20)[5] = 0;
   image().slot_at(0, 0, 21)[5] = 0;
-  EXPECT_EQ(check_of_recipe(full),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("bad available_slot.") + said("bad available_slot.") + quiet_check);
   EXPECT_EQ(counters_text(), "0/5 2/0 2/0 0/0");
   EXPECT_TRUE(is_repaired());
@@ -216,11 +212,11 @@ TEST_F(check_counters, invalid_sectors_and_deleted_slots_count_once_however_they
 
 TEST_F(check_counters, sectors_invalidated_by_later_steps_count_too) {
   make();
-  name(0, 0, 4, 1, 3, 5, "gap");
+  names({"1:0.0/4 5<3 gap"});
   image().data_sector(2, 0, 5, 0, "zero");
   image().data_sector(2, 1, 5, 2, "two");
   image().data_sector(1, 2, 2, 1, "a later copy of f's second sector");
-  EXPECT_EQ(check_of_recipe(full),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("inconsistent sector list, fileid 5, parent_fileid 0") + quiet_check);
   EXPECT_EQ(counters_text(), "0/0 1/0 2/0 0/0");
   EXPECT_TRUE(is_repaired());
@@ -228,16 +224,16 @@ TEST_F(check_counters, sectors_invalidated_by_later_steps_count_too) {
 
 TEST_F(check_counters, a_block_erased_on_the_way_counts_nothing) {
   make();
-  invalidate(2, 0);
+  invalidate("2.0");
   image_state(2, 0x7);
-  check_of_recipe(full);
+  check_of_recipe(flashfs_check_full);
   EXPECT_EQ(counters_text(), "0/0 0/0 0/0 0/0");
 }
 
 // --- duplicates ---
 
 TEST_F(check_duplicates, of_two_copies_of_a_sector_the_one_read_last_stays) {
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     make();
     image().data_sector(2, 2, 2, 1, "another copy");
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
@@ -253,7 +249,7 @@ TEST_F(check_duplicates, of_many_copies_one_stays) {
   for (int sector = 0; sector < 4; sector++) {
     image().data_sector(2, sector, 2, 0, "another copy");
   }
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 2), "0:2.3/255 1:1.0/255");
   EXPECT_EQ(block_text(0), "1 0 - -");
   EXPECT_EQ(block_text(2), "0 0 0 2");
@@ -262,8 +258,8 @@ TEST_F(check_duplicates, of_many_copies_one_stays) {
 
 TEST_F(check_duplicates, of_two_slots_the_one_read_last_stays) {
   make();
-  name(0, 0, 9, 1, 1, 2, "newer");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/9 2<1 newer"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/9 2:0.0/2");
   EXPECT_EQ(slot_on_flash(0, 0, 1).dir_fileid, 0);
   EXPECT_EQ(path_lookup(fs(), "newer"), 2);
@@ -274,7 +270,7 @@ TEST_F(check_duplicates, of_two_slots_the_one_read_last_stays) {
 TEST_F(check_duplicates, a_slot_and_a_data_sector_may_share_a_number) {
   make();
   image().data_sector(2, 0, 3, 0, "a data sector of a directory");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 3), "0:2.0/255");
   EXPECT_EQ(slot_on_flash(0, 0, 3).dir_fileid, 0);
   EXPECT_TRUE(is_repaired());
@@ -283,7 +279,7 @@ TEST_F(check_duplicates, a_slot_and_a_data_sector_may_share_a_number) {
 TEST_F(check_duplicates, a_later_copy_in_a_committed_block_replaces_the_earlier_one) {
   make();
   image().data_sector(2, 2, 2, 1, "a copy");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   ASSERT_EQ(list_text(fs(), 2), "0:0.1/255 1:2.2/255");
   image_state(1, 0x3);
   image().data_sector(1, 3, 2, 1, "in the committed block");
@@ -297,9 +293,9 @@ TEST_F(check_duplicates, a_later_copy_in_a_committed_block_replaces_the_earlier_
 
 TEST_F(check_duplicates, a_later_slot_in_a_committed_block_replaces_the_earlier_one) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   image_state(1, 0x3);
-  name(1, 3, 6, 1, 1, 2, "committed");
+  names({"1:1.3/6 2<1 committed"});
   auto* later = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs()->sctr_ptr_chunk));
   flashfs_sctr_list_ordered* second = entry(1)->sctr_list->next;
   *later = {second->next, 1, 6, {1, 3}};
@@ -313,7 +309,7 @@ TEST_F(check_duplicates, a_later_slot_in_a_committed_block_replaces_the_earlier_
 TEST_F(check_duplicates, a_failing_call_is_told) {
   for (uint64_t n = 1; n <= 3; n++) {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     image().data_sector(2, 2, 2, 1, "a copy");
     filemap_add_sector(fs(), {2, 2}, reinterpret_cast<flashfs_sector*>(image().sector_at(2, 2)),
                        255);
@@ -329,7 +325,7 @@ TEST_F(check_lists, a_file_with_a_gap_is_dropped_with_its_sectors) {
   make();
   image().data_sector(1, 0, 2, 2, "was number 1");
   image().data_sector(2, 3, 2, 3, "three");
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             said("inconsistent sector list, fileid 2, parent_fileid 0") + quiet_check);
   EXPECT_EQ(block_text(0), "1 0 - -");
   EXPECT_EQ(block_text(1), "0 - - -");
@@ -342,7 +338,7 @@ TEST_F(check_lists, a_file_with_a_gap_and_no_name_is_gone) {
   make();
   image().data_sector(2, 0, 9, 0, "zero");
   image().data_sector(2, 1, 9, 2, "two");
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             said("inconsistent sector list, fileid 9, parent_fileid 0") + quiet_check);
   EXPECT_EQ(entry(9), nullptr);
   EXPECT_EQ(map_text(fs()), "1<1 2<1 3<1 4<3");
@@ -353,7 +349,7 @@ TEST_F(check_lists, a_file_that_does_not_begin_at_0_is_dropped) {
   make();
   image().data_sector(2, 0, 4, 1, "one");
   image().data_sector(2, 1, 65534, 65535, "the last number there is");
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             said("inconsistent sector list, fileid 4, parent_fileid 0") +
                 said("inconsistent sector list, fileid 65534, parent_fileid 0") + quiet_check);
   EXPECT_EQ(block_text(2), "0 0 - -");
@@ -363,8 +359,8 @@ TEST_F(check_lists, a_file_that_does_not_begin_at_0_is_dropped) {
 
 TEST_F(check_lists, a_directory_may_have_gaps) {
   make();
-  name(0, 0, 3, 8, 3, 4, "x");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  names({"8:0.0/3 4<3 x"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(list_text(fs(), 3), "8:0.0/3");
 }
 
@@ -373,7 +369,7 @@ TEST_F(check_lists, a_sector_that_cannot_be_invalidated_fails_the_check) {
   image().data_sector(1, 0, 2, 2, "was number 1");
   initialize();
   device().fail(flash_call::write, 1, flash_operation_failed);
-  EXPECT_EQ(check(quick), -1);
+  EXPECT_EQ(check(flashfs_check_quick), -1);
   const std::string told = said("inconsistent sector list, fileid 2, parent_fileid 0");
   EXPECT_EQ(check_output().substr(0, told.size()), told);
   device().fail(flash_call::any, 0, flash_ok);

@@ -20,7 +20,7 @@ TEST_F(check_spare, the_first_full_size_available_block_is_taken) {
   image().headers(0);
   image().header(2, {});
   image().header(3, {});
-  root_slot(1, 0, 0);
+  names({"0:1.0/0 1<1"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(fs()->available_block, 2);
   EXPECT_EQ(states_text(), "f0ff");
@@ -30,24 +30,26 @@ TEST_F(check_spare, the_first_full_size_available_block_is_taken) {
 TEST_F(check_spare, without_one_the_check_fails) {
   make();
   image_state(3, 0);
-  EXPECT_EQ(check_of_recipe(full), "result -1: " + said("unable to allocate available block."));
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
+            "result -1: " + said("unable to allocate available block."));
   // A smaller one does not serve.
   make_blocks({4, 4, 3});
   image().headers(2);
-  root_slot(0, 0, 0);
-  EXPECT_EQ(check_of_recipe(quick), "result -1: " + said("unable to allocate available block."));
+  names({"0:0.0/0 1<1"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
+            "result -1: " + said("unable to allocate available block."));
 }
 
 TEST_F(check_spare, a_committed_block_and_full_ones_leave_none) {
   make();
   image_state(3, 0x3);
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("changing status of block 3 from \"committed\" to \"in use\".") +
                 " wS3" + said("unable to allocate available block."));
 }
 
 TEST_F(check_spare, is_erased_when_it_is_not_blank) {
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     make();
     image().sector_at(3, 2)[7] = 0xF7;
     image().sector_at(3, 3)[0] = 0;
@@ -63,20 +65,20 @@ TEST_F(check_spare, other_available_blocks_are_not_looked_into) {
   make();
   image_state(2, 0xF);
   image().sector_at(3, 2)[7] = 0xF7;
-  EXPECT_EQ(check_of_recipe(full), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
   EXPECT_EQ(fs()->available_block, 2);
 }
 
 TEST_F(check_scrub, a_blank_block_is_left_alone) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(fsck_scrub_block(fs(), 3), 0); }), "");
 }
 
 TEST_F(check_scrub, the_first_byte_and_the_last_are_looked_at) {
   for (const int byte : {0, 2055}) {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     image().sector_at(3, 3)[byte] = 0;
     EXPECT_EQ(
         output_of([&] { EXPECT_EQ(fsck_scrub_block(fs(), 3), 0); }),
@@ -87,7 +89,7 @@ TEST_F(check_scrub, the_first_byte_and_the_last_are_looked_at) {
 
 TEST_F(check_scrub, a_failing_erase_is_its_result) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   image().sector_at(3, 0)[0] = 0;
   device().fail(flash_call::erase, 1, flash_operation_failed);
   output_of([&] { EXPECT_EQ(fsck_scrub_block(fs(), 3), 1); });
@@ -95,7 +97,7 @@ TEST_F(check_scrub, a_failing_erase_is_its_result) {
 
 TEST_F(check_scrub, a_failing_read_is_told_on_a_line) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().fail(flash_call::read, 2, flash_busy);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(fsck_scrub_block(fs(), 3), 1); }),
             said("reading from flash handle " + handle_text(device()) + ", device 0, offset " +
@@ -105,7 +107,7 @@ TEST_F(check_scrub, a_failing_read_is_told_on_a_line) {
 
 TEST_F(check_scrub, without_a_buffer_says_so_on_a_line) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   chunk_pool* pool = fs()->sctr_buf_chunk;
   fs()->sctr_buf_chunk = nullptr;
   EXPECT_EQ(
@@ -120,7 +122,7 @@ class committed_spare : public check_recipe {
  protected:
   // Mounts, then gives the blocks these states on flash.
   void mount_and_set(const std::vector<uint8_t>& states) {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     for (size_t b = 0; b < states.size(); b++) {
       image_state(static_cast<int>(b), states[b]);
     }
@@ -146,7 +148,7 @@ TEST_F(committed_spare, a_full_size_block_in_use_without_some_file_is_given_up_f
 TEST_F(committed_spare, a_committed_block_of_another_size_does_not_help) {
   make_blocks({4, 3, 4, 4});
   image().headers(3);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   mount_and_set({0, 0x3, 0, 0});
   EXPECT_EQ(established(), "1");
 }
@@ -159,11 +161,9 @@ TEST_F(committed_spare, an_empty_file_map_has_no_candidate) {
 }
 
 TEST_F(committed_spare, a_block_that_every_file_needs_is_no_candidate) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(1, 0, 0, 1, 1, 2, "f");
-  data(2, {{0, 1}, {1, 1}});
+  make_root(3);
+  names({"1:1.0/0 2<1 f"});
+  data(2, "0.1 1.1");
   mount_and_set({0, 0, 0x3});
   EXPECT_EQ(established(), "1");
 }
@@ -171,7 +171,7 @@ TEST_F(committed_spare, a_block_that_every_file_needs_is_no_candidate) {
 TEST_F(committed_spare, the_largest_candidate_is_taken_and_the_first_of_equal_ones) {
   make_blocks({2, 3, 3, 4, 4});
   image().headers(4);
-  root_slot(3, 0, 0);
+  names({"0:3.0/0 1<1"});
   mount_and_set({0, 0, 0, 0x1, 0x3});
   // Block 1: nothing lives in the committed block 4, so nothing is copied.
   EXPECT_EQ(established(),
@@ -184,10 +184,9 @@ TEST_F(committed_spare, a_smaller_block_takes_the_live_sectors_over) {
   make_blocks({3, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  invalidate(1, 0);
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  invalidate("1.0");
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0.1 0=in_use 1=invalid2 erase 1 1=available");
   EXPECT_EQ(fs()->available_block, 1);
@@ -201,9 +200,8 @@ TEST_F(committed_spare, a_smaller_block_must_hold_all_live_sectors) {
   make_blocks({1, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "1");
 }
@@ -212,9 +210,8 @@ TEST_F(committed_spare, a_smaller_block_may_have_as_many_sectors_as_there_are_li
   make_blocks({2, 4, 4});
   image().headers(2);
   image().header(0, {});
-  root_slot(1, 1, 0);
-  name(1, 1, 4, 1, 1, 2, "f");
-  data(2, {{1, 3}});
+  names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+  data(2, "1.3");
   mount_and_set({0xF, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0.1 0=in_use 1=invalid2 erase 1 1=available");
 }
@@ -223,9 +220,8 @@ TEST_F(committed_spare, the_last_committed_block_is_the_one_that_counts) {
   make_blocks({3, 4, 4, 4});
   image().headers(3);
   image().header(0, {});
-  root_slot(1, 0, 0);
-  name(1, 0, 1, 1, 1, 2, "f");
-  data(2, {{2, 2}});
+  names({"0:1.0/0 1<1", "1:1.0/1 2<1 f"});
+  data(2, "2.2");
   mount_and_set({0xF, 0x3, 0x3, 0x1});
   EXPECT_EQ(established(), "0: 0=invalid1 0.0 0=in_use 2=invalid2 erase 2 2=available");
   EXPECT_EQ(list_text(fs(), 2), "0:0.0/255");
@@ -233,7 +229,7 @@ TEST_F(committed_spare, the_last_committed_block_is_the_one_that_counts) {
   // One of another size behind it is the last, and does not serve.
   make_blocks({3, 4, 4, 4, 3});
   image().headers(3);
-  root_slot(1, 0, 0);
+  names({"0:1.0/0 1<1"});
   mount_and_set({0, 0x3, 0, 0x1, 0x3});
   EXPECT_EQ(established(), "1");
 }
@@ -243,9 +239,8 @@ TEST_F(committed_spare, any_failing_flash_call_is_told) {
   for (uint64_t n = 0; n <= calls; n++) {
     make_blocks({3, 4, 4});
     image().headers(2);
-    root_slot(1, 1, 0);
-    name(1, 1, 4, 1, 1, 2, "f");
-    data(2, {{1, 3}});
+    names({"0:1.1/0 1<1", "1:1.1/4 2<1 f"});
+    data(2, "1.3");
     mount_and_set({0, 0x3, 0x1});
     device().fail(flash_call::any, n, flash_operation_failed);
     EXPECT_EQ(established().substr(0, 1), n == 0 ? "0" : "1") << n;
@@ -265,12 +260,11 @@ std::string tested(int block, const std::string& copy_of) {
 TEST_F(check_reclaim, every_block_goes_through_the_spare_and_every_erase_is_tested) {
   make_blocks({4, 4, 4});
   image().headers(0);
-  root_slot(1, 0, 0);
-  name(1, 0, 5, 1, 1, 2, "f");
-  delete_slots(1, 0, 6, 10);
-  data(2, {{1, 1}, {2, 0}});
-  invalidate(2, 1);
-  EXPECT_EQ(check_of_recipe(quick | reclaim_all),
+  names({"0:1.0/0 1<1", "1:1.0/5 2<1 f"});
+  delete_slots("1.0/6-9");
+  data(2, "1.1 2.0");
+  invalidate("2.1");
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick | flashfs_check_reclaim_all),
             // the spare itself, then block 1 into it, and block 2 into block 1
             tested(0, "") + tested(1, " wS0 wS0") + " wS0" + tested(2, " wS1 wS1") + " wS1" +
                 quiet_check);
@@ -290,10 +284,9 @@ TEST_F(check_reclaim, every_block_goes_through_the_spare_and_every_erase_is_test
 TEST_F(check_reclaim, a_block_is_the_spare_or_not_at_the_time_its_turn_comes) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{1, 1}});
-  check_of_recipe(full | reclaim_all);
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "1.1");
+  check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);
   // 0 went to 2, 1 to 0, and 2, which is not the spare any more, to 1.
   EXPECT_EQ(fs()->available_block, 2);
   EXPECT_EQ(list_text(fs(), 1), "0:1.0/0 1:1.0/1");
@@ -304,10 +297,10 @@ TEST_F(check_reclaim, a_block_is_the_spare_or_not_at_the_time_its_turn_comes) {
 TEST_F(check_reclaim, a_block_that_fails_its_test_fails_the_check) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   // A bit that cannot be programmed, in a sector that holds nothing.
   device().flash().stick(block_bytes(2) + 32 + 2056 + 10, 0, 0x01);
-  const std::string output = check_of_recipe(full | reclaim_all);
+  const std::string output = check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);
   EXPECT_EQ(output.substr(0, 11), "result -1: ");
   EXPECT_NE(output.find("testing block 1...erased 0x0 times\n"), std::string::npos);
   EXPECT_NE(output.find("block 1, sector 1, byte 10\n"), std::string::npos);
@@ -317,7 +310,7 @@ TEST_F(check_reclaim, a_failing_reclamation_fails_the_check) {
   make();
   initialize();
   device().fail(flash_call::erase, 1, flash_operation_failed);
-  EXPECT_EQ(check(quick | reclaim_all), -1);
+  EXPECT_EQ(check(flashfs_check_quick | flashfs_check_reclaim_all), -1);
   EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
   device().fail(flash_call::any, 0, flash_ok);
 }

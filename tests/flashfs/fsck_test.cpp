@@ -35,7 +35,7 @@ TEST_F(check_result, the_whole_seconds_between_begin_and_end_are_told) {
   sim::chassis clock;
   clock.clock_step(5000, 1);
   sim::install_chassis(&clock);
-  EXPECT_EQ(check_of_recipe(quick), said("flashfs fsck took 1 seconds."));
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), said("flashfs fsck took 1 seconds."));
   sim::install_chassis(nullptr);
 }
 
@@ -47,7 +47,7 @@ TEST_F(check_result, a_blank_flash_is_made_a_file_system) {
            "flashfs[0]: erasing block " + block + "... eS" + block + " wS" + block + "done.\n";
   };
   // All blocks are available then; the root's slot brings block 1 into service.
-  EXPECT_EQ(check_of_recipe(full), blank(0) + blank(1) + " wS1" + quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), blank(0) + blank(1) + " wS1" + quiet_check);
   EXPECT_EQ(states_text(), "f0");
   EXPECT_EQ(header_on_flash(0).erase_count, 0U);
   EXPECT_EQ(map_text(fs()), "1<1");
@@ -56,10 +56,10 @@ TEST_F(check_result, a_blank_flash_is_made_a_file_system) {
 
 TEST_F(check_result, a_second_check_of_the_same_state_finds_the_same) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   const std::string sectors = sectors_text(fs());
   const std::string slots = slots_text(fs());
-  for (const uint32_t flags : {full, quick}) {
+  for (const uint32_t flags : {flashfs_check_full, flashfs_check_quick}) {
     ASSERT_EQ(check(flags), 0);
     EXPECT_EQ(check_output(), quiet_check);
     EXPECT_EQ(map_text(fs()), "1<1 2<1 3<1 4<3");
@@ -71,22 +71,22 @@ TEST_F(check_result, a_second_check_of_the_same_state_finds_the_same) {
 
 TEST_F(check_result, a_failed_check_is_eio_and_leaves_nothing_in_memory) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().fail(flash_call::read, 30, flash_operation_failed);
   errno = 0;
-  EXPECT_EQ(check(full), -1);
+  EXPECT_EQ(check(flashfs_check_full), -1);
   EXPECT_EQ(errno, EIO);
   EXPECT_EQ(fs()->ready, 0U);
   EXPECT_EQ(fs()->file_map, nullptr);
   EXPECT_EQ(fs()->available_sectors, nullptr);
   EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
   EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-  EXPECT_EQ(check(full), 0);
+  EXPECT_EQ(check(flashfs_check_full), 0);
   expect_tree();
 }
 
 TEST_F(check_result, every_failing_read_fails_the_check_and_harms_nothing) {
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     make();
     ASSERT_EQ(check_of_recipe(flags), quiet_check);
     device().clear_counts();
@@ -105,12 +105,12 @@ TEST_F(check_result, every_failing_read_fails_the_check_and_harms_nothing) {
 
 TEST_F(check_result, the_space_report_must_succeed) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().clear_counts();
-  ASSERT_EQ(check(quick), 0);
+  ASSERT_EQ(check(flashfs_check_quick), 0);
   // Its last read is that of the report's last header, of block 2.
   device().fail(flash_call::read, device().counts().reads, flash_busy);
-  EXPECT_EQ(check(quick), -1);
+  EXPECT_EQ(check(flashfs_check_quick), -1);
   EXPECT_EQ(check_output(), said("reading from flash handle " + handle_text(device()) +
                                  ", device 0, offset " + hex(2 * block_bytes(4)) + ": Busy") +
                                 said("Error obtaining space information."));
@@ -119,16 +119,17 @@ TEST_F(check_result, the_space_report_must_succeed) {
 TEST_F(check_result, without_a_slot_for_the_root_it_fails) {
   make_blocks({1, 1});
   image().headers(1);
-  data(2, {{0, 0}});
-  EXPECT_EQ(check_of_recipe(quick), "result -1: " + said("error initializing the root directory."));
+  data(2, "0.0");
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
+            "result -1: " + said("error initializing the root directory."));
 }
 
 TEST_F(check_result, without_a_sector_buffer_it_fails) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   chunk_pool* pool = fs()->sctr_buf_chunk;
   fs()->sctr_buf_chunk = nullptr;
-  EXPECT_EQ(check(quick), -1);
+  EXPECT_EQ(check(flashfs_check_quick), -1);
   EXPECT_EQ(check_output(), said("unable to allocate sector buffer -- chunk not initialized"));
   fs()->sctr_buf_chunk = pool;
 }
@@ -136,10 +137,10 @@ TEST_F(check_result, without_a_sector_buffer_it_fails) {
 TEST_F(check_result, blocks_without_sectors_are_blocks_too) {
   make_blocks({4, 0, 4});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   EXPECT_TRUE(is_repaired());
   image().header(1, {.state = 0x7});
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             said("erasing block 1 with status invalid1[0x7]") + " eS1 wS1" + quiet_check);
   EXPECT_TRUE(is_repaired());
 }
@@ -147,27 +148,29 @@ TEST_F(check_result, blocks_without_sectors_are_blocks_too) {
 TEST_F(check_result, blocks_without_sectors_alone_hold_no_root) {
   make_blocks({0, 0});
   image().headers(0);
-  EXPECT_EQ(check_of_recipe(full), "result -1: " + said("error initializing the root directory."));
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
+            "result -1: " + said("error initializing the root directory."));
 }
 
 TEST_F(check_result, a_device_without_blocks_has_no_spare) {
   make_blocks({});
-  EXPECT_EQ(check_of_recipe(full), "result -1: " + said("unable to allocate available block."));
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
+            "result -1: " + said("unable to allocate available block."));
 }
 
 TEST_F(check_result, a_file_may_lie_on_two_devices) {
   make_blocks({4, 4}, {4, 4});
   image().headers(-1);
   image_1().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{0, 3}});
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "0.3");
   image_1().data_sector(3, 2, 2, 1, "on the second device");
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(fs()->available_block, 2);
   EXPECT_EQ(list_text(fs(), 2), "0:0.3/255 1:3.2/255");
   image_1().header(3, {.good_checksum = false});
-  EXPECT_NE(check_of_recipe(quick).find("erasing block 3... eS3 wS3done."), std::string::npos);
+  EXPECT_NE(check_of_recipe(flashfs_check_quick).find("erasing block 3... eS3 wS3done."),
+            std::string::npos);
   EXPECT_EQ(list_text(fs(), 2), "0:0.3/255");
   EXPECT_TRUE(is_repaired());
 }
@@ -177,9 +180,9 @@ TEST_F(check_result, a_file_may_lie_on_two_devices) {
 TEST_F(check_headers, a_wrong_block_number_has_the_block_erased) {
   make();
   image().header(2, {.erase_count = 9, .block_num = 7, .state = 0});
-  EXPECT_EQ(check_of_recipe(quick), said("Checking block 2...bad block number (7)") +
-                                        "flashfs[0]: erasing block 2... eS2 wS2done.\n" +
-                                        quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
+            said("Checking block 2...bad block number (7)") +
+                "flashfs[0]: erasing block 2... eS2 wS2done.\n" + quiet_check);
   EXPECT_EQ(states_text(), "00ff");
   EXPECT_EQ(header_on_flash(2).block_num, 2);
   EXPECT_EQ(header_on_flash(2).erase_count, 10U);
@@ -192,9 +195,9 @@ TEST_F(check_headers, a_wrong_block_number_has_the_block_erased) {
 TEST_F(check_headers, a_live_block_goes_with_its_header) {
   make();
   image().header(1, {.block_num = 0, .state = 0});
-  EXPECT_EQ(check_of_recipe(quick), said("Checking block 1...bad block number (0)") +
-                                        "flashfs[0]: erasing block 1... eS1 wS1done.\n" +
-                                        quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
+            said("Checking block 1...bad block number (0)") +
+                "flashfs[0]: erasing block 1... eS1 wS1done.\n" + quiet_check);
   EXPECT_EQ(list_text(fs(), 2), "0:0.1/255");
   EXPECT_TRUE(is_repaired());
 }
@@ -203,7 +206,7 @@ TEST_F(check_headers, a_wrong_checksum_has_the_block_erased) {
   make();
   image().header(2, {.state = 0, .good_checksum = false});
   const uint32_t crc = image_crc(image().header_at(2) + 4, 6);
-  EXPECT_EQ(check_of_recipe(full),
+  EXPECT_EQ(check_of_recipe(flashfs_check_full),
             said("Checking block 2...bad checksum (58096 != " + std::to_string(crc) + ")") +
                 "flashfs[0]: erasing block 2... eS2 wS2done.\n" + quiet_check);
   EXPECT_EQ(states_text(), "00ff");
@@ -214,16 +217,16 @@ TEST_F(check_headers, the_number_is_looked_at_before_the_checksum) {
   make();
   image().header(2, {.block_num = 65534, .state = 0, .good_checksum = false});
   const std::string told = said("Checking block 2...bad block number (65534)");
-  EXPECT_EQ(check_of_recipe(full).substr(0, told.size()), told);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full).substr(0, told.size()), told);
   EXPECT_EQ(check_output().find("checksum"), std::string::npos);
 }
 
 TEST_F(check_headers, the_erase_count_is_not_covered_and_wraps) {
   make();
   image().header(2, {.erase_count = 0xFFFFFFFF, .state = 0});
-  EXPECT_EQ(check_of_recipe(full), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
   image().header(2, {.erase_count = 0xFFFFFFFF, .block_num = 1});
-  check_of_recipe(full);
+  check_of_recipe(flashfs_check_full);
   EXPECT_EQ(header_on_flash(2).erase_count, 0U);
 }
 
@@ -232,7 +235,7 @@ TEST_F(check_headers, one_that_stays_bad_fails_the_second_pass) {
   image().header(2, {.block_num = 7, .state = 0});
   // The block number's highest bit cannot be programmed.
   device().flash().stick(2 * block_bytes(4) + 10, 0, 0x80);
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("Checking block 2...bad block number (7)") +
                 "flashfs[0]: erasing block 2... eS2 wS2done.\n" +
                 said("Checking block 2...bad block number (32770)") +
@@ -244,7 +247,7 @@ TEST_F(check_headers, a_block_that_does_not_erase_fails_the_check_unfinished) {
   image().header(2, {.block_num = 7, .state = 0});
   initialize();
   device().fail(flash_call::erase, 1, flash_operation_failed);
-  EXPECT_EQ(check(quick), -1);
+  EXPECT_EQ(check(flashfs_check_quick), -1);
   EXPECT_EQ(check_output(),
             said("Checking block 2...bad block number (7)") +
                 "flashfs[0]: erasing block 2... eS2flashfs[0]: erasing block, flash handle " +
@@ -254,7 +257,7 @@ TEST_F(check_headers, a_block_that_does_not_erase_fails_the_check_unfinished) {
 
 TEST_F(check_headers, without_fixing_a_bad_one_is_only_told) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   flashfs_blkheader header = header_on_flash(2);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(fsck_check_header(fs(), 2, &header, false), 0); }), "");
   header.block_num = 1;
@@ -265,7 +268,7 @@ TEST_F(check_headers, without_fixing_a_bad_one_is_only_told) {
 
 TEST_F(check_headers, fixing_reads_the_new_header_into_the_callers) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   flashfs_blkheader header = header_on_flash(2);
   header.block_num = 1;
   output_of([&] { EXPECT_EQ(fsck_check_header(fs(), 2, &header, true), 0); });
@@ -279,7 +282,7 @@ TEST_F(check_states, a_committed_block_is_kept_in_use) {
   make();
   image_state(1, 0x3);
   EXPECT_EQ(
-      check_of_recipe(quick),
+      check_of_recipe(flashfs_check_quick),
       said("changing status of block 1 from \"committed\" to \"in use\".") + " wS1" + quiet_check);
   EXPECT_EQ(states_text(), "000f");
   EXPECT_EQ(header_on_flash(1).erase_count, 5U);
@@ -297,8 +300,9 @@ TEST_F(check_states, a_half_copied_a_half_freed_and_an_unknown_block_are_erased)
     make();
     image_state(2, each.state);
     image().data_sector(2, 0, 2, 0, "an older copy");
-    EXPECT_EQ(check_of_recipe(full), said(std::string("erasing block 2 with status ") + each.text) +
-                                         " eS2 wS2" + quiet_check);
+    EXPECT_EQ(
+        check_of_recipe(flashfs_check_full),
+        said(std::string("erasing block 2 with status ") + each.text) + " eS2 wS2" + quiet_check);
     EXPECT_EQ(states_text(), "00ff");
     EXPECT_EQ(header_on_flash(2).erase_count, 6U);
     expect_tree();
@@ -310,7 +314,7 @@ TEST_F(check_states, a_block_that_cannot_be_put_in_use_fails_the_check) {
   make();
   image_state(1, 0x3);
   device().flash().stick(block_bytes(4) + 12, 0, 0x03);
-  EXPECT_EQ(check_of_recipe(quick),
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
             "result -1: " + said("changing status of block 1 from \"committed\" to \"in use\".") +
                 " wS1" + said("block 1 not available or in use, state: committed[0x3]."));
 }
@@ -325,7 +329,7 @@ TEST_F(check_states, a_failing_write_or_erase_fails_the_check) {
       image_state(1, state);
       initialize();
       device().fail(kind, 1, flash_operation_failed);
-      EXPECT_EQ(check(quick), -1);
+      EXPECT_EQ(check(flashfs_check_quick), -1);
       EXPECT_NE(check_output().find("Operation Failed"), std::string::npos);
       device().fail(kind, 0, flash_ok);
     }

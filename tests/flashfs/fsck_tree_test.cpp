@@ -20,12 +20,12 @@ using circles = tree_recipe;
 
 TEST_F(tree, every_entry_gets_its_parent_and_mode_from_its_slot) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
+  names({"1:0.0/1 3<1 d/"});
   image().slot(0, 0, 2,
                {.seq_no = 0, .dir_fileid = 3, .entry_fileid = 4, .mode = 0x4123, .name = "e"});
   image().slot(0, 0, 3,
                {.seq_no = 0, .dir_fileid = 4, .entry_fileid = 5, .mode = 0x8055, .name = "f"});
-  data(5, {{1, 0}});
+  data(5, "1.0");
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 3<1 4<3 5<4");
   EXPECT_EQ(entry(1)->mode, 0x4700);
@@ -36,8 +36,8 @@ TEST_F(tree, every_entry_gets_its_parent_and_mode_from_its_slot) {
 
 TEST_F(tree, an_entry_without_sectors_exists_by_its_name) {
   make();
-  name(0, 0, 1, 1, 1, 2, "empty", 0x8111);
-  directory(0, 0, 2, 2, 1, 65534, "bare");
+  image().slot(0, 0, 1, {.seq_no = 1, .entry_fileid = 2, .mode = 0x8111, .name = "empty"});
+  names({"2:0.0/2 65534<1 bare/"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 2<1 65534<1");
   EXPECT_EQ(entry(2)->mode, 0x8111);
@@ -46,9 +46,9 @@ TEST_F(tree, an_entry_without_sectors_exists_by_its_name) {
 
 TEST_F(tree, a_data_sector_in_a_directorys_list_is_passed_over) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
+  names({"1:0.0/1 3<1 d/"});
   image().data_sector(1, 0, 3, 0, std::string(2048, '\x01'));
-  name(0, 0, 2, 1, 3, 4, "f");
+  names({"1:0.0/2 4<3 f"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(list_text(fs(), 3), "0:1.0/255 1:0.0/2");
   EXPECT_EQ(path_lookup(fs(), "d/f"), 4);
@@ -57,39 +57,36 @@ TEST_F(tree, a_data_sector_in_a_directorys_list_is_passed_over) {
 TEST_F(tree, a_slot_that_names_no_possible_entry_is_an_error) {
   for (const uint16_t fileid : {uint16_t{0}, uint16_t{65535}}) {
     make();
-    name(0, 0, 1, 1, 1, fileid, "n");
-    for (const uint32_t flags : {quick, full}) {
+    names({"1:0.0/1 " + std::to_string(fileid) + "<1 n"});
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       EXPECT_EQ(check_of_recipe(flags), "result -1: " + said("dir struct error[1]."));
     }
     make();
-    name(0, 0, 1, 1, 9, fileid, "n");
-    EXPECT_EQ(check_of_recipe(quick), "result -1: " + said("dir struct error[2]."));
+    names({"1:0.0/1 " + std::to_string(fileid) + "<9 n"});
+    EXPECT_EQ(check_of_recipe(flashfs_check_quick), "result -1: " + said("dir struct error[2]."));
   }
 }
 
 TEST_F(tree, a_name_in_a_directory_that_is_a_file_is_known_by_the_file) {
   make();
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(0, 0, 2, 0, 2, 7, "inside");
+  names({"1:0.0/1 2<1 f", "0:0.0/2 7<2 inside"});
   // 7 is known to nobody: the walk does not enter a file.
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(map_text(fs()), "1<1 2<1");
   EXPECT_EQ(list_text(fs(), 2), "0:0.0/2");
 }
 
 TEST_F(tree, the_root_named_below_itself_keeps_its_place) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  directory(0, 0, 2, 0, 3, 1, "root-again");
+  names({"1:0.0/1 3<1 d/", "0:0.0/2 1<3 root-again/"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 3<1");
   EXPECT_EQ(list_text(fs(), 3), "");
   // Without a slot of its own it gets one, whatever names it.
   make();
-  delete_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 3, "d");
-  directory(0, 0, 2, 0, 3, 1, "root-again");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  delete_slots("0.0/0");
+  names({"1:0.0/1 3<1 d/", "0:0.0/2 1<3 root-again/"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(map_text(fs()), "1<1 3<1");
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/31 1:0.0/1");
   EXPECT_EQ(list_text(fs(), 3), "0:0.0/2");
@@ -98,15 +95,15 @@ TEST_F(tree, the_root_named_below_itself_keeps_its_place) {
 
 TEST_F(tree, a_directory_that_is_not_known_cannot_be_walked) {
   make();
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(fsck_check_dir(fs(), 1234), 1);
   EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
 }
 
 TEST_F(tree, a_walk_without_a_buffer_or_a_readable_sector_fails) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 3<1 d/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().fail(flash_call::read, 1, flash_operation_failed);
   output_of([&] { EXPECT_EQ(fsck_check_dir(fs(), 1), 1); });
   chunk_pool* pool = fs()->sctr_buf_chunk;
@@ -119,12 +116,9 @@ TEST_F(tree, a_walk_without_a_buffer_or_a_readable_sector_fails) {
 
 TEST_F(second_names, are_dropped_from_memory_and_from_the_counters_only) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  name(0, 0, 2, 2, 1, 2, "first");
-  name(0, 0, 3, 3, 1, 2, "second");
-  name(0, 0, 4, 0, 3, 2, "third");
+  names({"1:0.0/1 3<1 d/", "2:0.0/2 2<1 first", "3:0.0/3 2<1 second", "0:0.0/4 2<3 third"});
   const std::vector<uint8_t> before = device().flash().snapshot();
-  for (const uint32_t flags : {quick, full, quick}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full, flashfs_check_quick}) {
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
     EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.0/2");
     EXPECT_EQ(list_text(fs(), 3), "");
@@ -137,21 +131,18 @@ TEST_F(second_names, are_dropped_from_memory_and_from_the_counters_only) {
 
 TEST_F(second_names, the_name_nearer_to_the_root_is_the_first) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  name(0, 0, 2, 0, 3, 2, "inner");
-  name(0, 0, 3, 9, 1, 2, "outer");
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 3<1 d/", "0:0.0/2 2<3 inner", "9:0.0/3 2<1 outer"});
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(entry(2)->parent_fileid, 1);
   EXPECT_EQ(list_text(fs(), 3), "");
 }
 
 TEST_F(second_names, the_last_slot_of_a_sector_counts_as_the_sector) {
   make();
-  name(0, 0, 1, 1, 1, 2, "first");
-  name(1, 0, 0, 2, 1, 2, "second");
-  delete_slots(1, 0, 1, 32);
+  names({"1:0.0/1 2<1 first", "2:1.0/0 2<1 second"});
+  delete_slots("1.0/1-31");
   const std::vector<uint8_t> before = device().flash().snapshot();
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(counters_text(), "0/0 1/0 0/0 0/0");
   EXPECT_EQ(block_text(1), "1 - - -");
   expect_unchanged(before);
@@ -159,23 +150,20 @@ TEST_F(second_names, the_last_slot_of_a_sector_counts_as_the_sector) {
 
 TEST_F(second_names, two_in_one_sector_each_see_the_other_as_it_stands_on_flash) {
   make();
-  name(0, 0, 1, 1, 1, 2, "first");
-  name(1, 0, 0, 2, 1, 2, "second");
-  name(1, 0, 1, 3, 1, 2, "third");
-  delete_slots(1, 0, 2, 32);
-  EXPECT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 2<1 first", "2:1.0/0 2<1 second", "3:1.0/1 2<1 third"});
+  delete_slots("1.0/2-31");
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(counters_text(), "0/0 0/32 0/0 0/0");
 }
 
 TEST_F(second_names, a_dropped_ones_number_is_given_again_and_the_next_check_keeps_one) {
   make();
-  name(0, 0, 1, 1, 1, 2, "first");
-  name(0, 0, 2, 2, 1, 2, "second");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"1:0.0/1 2<1 first", "2:0.0/2 2<1 second"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   const flashfs_sctr_map* made = flashfs_create_entry(fs(), "new", 0x8000);
   ASSERT_NE(made, nullptr);
   EXPECT_EQ(made->fileid, 3);
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   EXPECT_EQ(path_lookup(fs(), "new"), 3);
   EXPECT_EQ(path_lookup(fs(), "first"), 2);
   EXPECT_EQ(slot_on_flash(0, 0, 2).dir_fileid, 0);
@@ -186,9 +174,7 @@ TEST_F(second_names, a_dropped_ones_number_is_given_again_and_the_next_check_kee
 
 TEST_F(circles, a_directory_below_the_root_that_names_itself) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  directory(0, 0, 2, 0, 3, 3, "itself");
-  name(0, 0, 3, 1, 3, 4, "f");
+  names({"1:0.0/1 3<1 d/", "0:0.0/2 3<3 itself/", "1:0.0/3 4<3 f"});
   const std::vector<uint8_t> before = device().flash().snapshot();
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 3<1 4<3");
@@ -199,9 +185,7 @@ TEST_F(circles, a_directory_below_the_root_that_names_itself) {
 
 TEST_F(circles, a_directory_below_the_root_that_is_named_further_down) {
   make();
-  directory(0, 0, 1, 1, 1, 3, "d");
-  directory(0, 0, 2, 0, 3, 4, "e");
-  directory(0, 0, 3, 0, 4, 3, "up");
+  names({"1:0.0/1 3<1 d/", "0:0.0/2 4<3 e/", "0:0.0/3 3<4 up/"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 3<1 4<3");
   EXPECT_EQ(list_text(fs(), 4), "");
@@ -209,10 +193,7 @@ TEST_F(circles, a_directory_below_the_root_that_is_named_further_down) {
 
 TEST_F(circles, an_orphan_that_names_itself_has_a_parent_and_loses_its_list) {
   make();
-  directory(0, 0, 1, 0, 3, 3, "itself");
-  name(0, 0, 2, 1, 3, 4, "f");
-  directory(0, 0, 3, 2, 3, 5, "e");
-  name(0, 0, 4, 0, 5, 6, "g");
+  names({"0:0.0/1 3<3 itself/", "1:0.0/2 4<3 f", "2:0.0/3 5<3 e/", "0:0.0/4 6<5 g"});
   const std::vector<uint8_t> before = device().flash().snapshot();
   EXPECT_TRUE(is_repaired());
   // It is entered again through its own slot, and everything in it has its place by then.
@@ -224,11 +205,8 @@ TEST_F(circles, an_orphan_that_names_itself_has_a_parent_and_loses_its_list) {
 
 TEST_F(circles, what_stands_before_the_slot_that_leads_back_is_walked) {
   make();
-  directory(0, 0, 1, 0, 3, 5, "e");
-  name(0, 0, 2, 0, 5, 6, "g");
-  directory(0, 0, 3, 1, 3, 3, "itself");
-  directory(0, 0, 4, 2, 3, 7, "behind");
-  name(0, 0, 5, 0, 7, 8, "h");
+  names({"0:0.0/1 5<3 e/", "0:0.0/2 6<5 g", "1:0.0/3 3<3 itself/", "2:0.0/4 7<3 behind/",
+         "0:0.0/5 8<7 h"});
   EXPECT_TRUE(is_repaired());
   // 7 is placed, but the slot that leads to it is gone before the walk comes to it.
   EXPECT_EQ(map_text(fs()), "1<1 3<3 5<3 6<5 7<3");
@@ -238,8 +216,7 @@ TEST_F(circles, what_stands_before_the_slot_that_leads_back_is_walked) {
 
 TEST_F(circles, two_orphans_that_name_each_other) {
   make();
-  directory(0, 0, 1, 0, 5, 6, "to-6");
-  directory(0, 0, 2, 0, 6, 5, "to-5");
+  names({"0:0.0/1 6<5 to-6/", "0:0.0/2 5<6 to-5/"});
   const std::vector<uint8_t> before = device().flash().snapshot();
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 5<6 6<5");
@@ -252,10 +229,7 @@ TEST_F(circles, two_orphans_that_name_each_other) {
 TEST_F(circles, the_slot_that_the_outer_walk_stands_on_is_dropped) {
   make();
   // 5 holds 6 and 7, and both lead back to 5.
-  directory(0, 0, 1, 0, 5, 6, "to-6");
-  directory(0, 0, 2, 1, 5, 7, "to-7");
-  directory(0, 0, 3, 0, 6, 5, "to-5");
-  directory(0, 0, 4, 0, 7, 5, "to-5-too");
+  names({"0:0.0/1 6<5 to-6/", "1:0.0/2 7<5 to-7/", "0:0.0/3 5<6 to-5/", "0:0.0/4 5<7 to-5-too/"});
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(map_text(fs()), "1<1 5<6 6<5 7<5");
   EXPECT_EQ(list_text(fs(), 5), "");
@@ -266,8 +240,8 @@ TEST_F(circles, the_slot_that_the_outer_walk_stands_on_is_dropped) {
 TEST_F(circles, a_long_circle_of_orphans) {
   make();
   for (int k = 0; k < 30; k++) {
-    directory(0, 0, 1 + k, 0, static_cast<uint16_t>(10 + k),
-              static_cast<uint16_t>(10 + (k + 1) % 30), "next");
+    names({"0:0.0/" + std::to_string(1 + k) + " " + std::to_string(10 + (k + 1) % 30) + "<" +
+           std::to_string(10 + k) + " next/"});
   }
   EXPECT_TRUE(is_repaired());
   EXPECT_EQ(list_text(fs(), 10), "");
@@ -277,9 +251,8 @@ TEST_F(circles, a_long_circle_of_orphans) {
 
 TEST_F(circles, an_operation_in_one_ends) {
   make();
-  directory(0, 0, 1, 0, 5, 6, "to-6");
-  directory(0, 0, 2, 0, 6, 5, "to-5");
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  names({"0:0.0/1 6<5 to-6/", "0:0.0/2 5<6 to-5/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   char path[path_size_max];
   EXPECT_EQ(flashfs_build_path(fs(), 5, path, sizeof(path)), -1);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_verify_entry(fs(), entry(6)), -1); }),
@@ -297,12 +270,16 @@ class deep_nesting : public recipe_fixture {
   void make_chain(uint16_t top) {
     make_blocks({block_sectors, block_sectors, block_sectors});
     image().headers(2);
-    root_slot(0, 0, 0);
+    names({"0:0.0/0 1<1"});
     for (int i = 0; i < depth; i++) {
       const int place = 32 + i;
       const auto holder = i == 0 ? top : static_cast<uint16_t>(9 + i);
-      directory(place / 32 / block_sectors, place / 32 % block_sectors, place % 32, i == 0 ? 1 : 0,
-                holder, static_cast<uint16_t>(10 + i), "d");
+      image().slot(place / 32 / block_sectors, place / 32 % block_sectors, place % 32,
+                   {.seq_no = static_cast<uint16_t>(i == 0 ? 1 : 0),
+                    .dir_fileid = holder,
+                    .entry_fileid = static_cast<uint16_t>(10 + i),
+                    .mode = 0x4700,
+                    .name = "d"});
     }
   }
 
@@ -336,7 +313,7 @@ class deep_nesting : public recipe_fixture {
 
 TEST_F(deep_nesting, below_the_root) {
   make_chain(1);
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     EXPECT_EQ(check_on_little_stack(flags), quiet_check);
     EXPECT_EQ(fs()->num_files, 1U + depth);
     EXPECT_EQ(parent_of(0), 1);
@@ -346,14 +323,15 @@ TEST_F(deep_nesting, below_the_root) {
 
 TEST_F(deep_nesting, below_an_orphan) {
   make_chain(9);
-  EXPECT_EQ(check_on_little_stack(quick), relinked("directory", "00009") + quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_quick),
+            relinked("directory", "00009") + quiet_check);
   EXPECT_EQ(parent_of(0), 9);
   EXPECT_EQ(parent_of(depth - 1), 10 + depth - 2);
 }
 
 TEST_F(deep_nesting, of_a_circle) {
   make_chain(static_cast<uint16_t>(10 + depth - 1));
-  EXPECT_EQ(check_on_little_stack(full), quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_full), quiet_check);
   EXPECT_EQ(parent_of(0), 10 + depth - 1);
   EXPECT_EQ(parent_of(depth - 1), 10 + depth - 2);
 }
@@ -362,14 +340,18 @@ TEST_F(deep_nesting, of_orphans_that_come_before_what_holds_them) {
   // Higher ids hold lower ones: every one is met as an orphan before it gets its parent.
   make_blocks({block_sectors, block_sectors, block_sectors});
   image().headers(2);
-  root_slot(0, 0, 0);
+  names({"0:0.0/0 1<1"});
   for (int i = 0; i < depth; i++) {
     const int place = 32 + i;
-    directory(place / 32 / block_sectors, place / 32 % block_sectors, place % 32, 0,
-              static_cast<uint16_t>(11 + i), static_cast<uint16_t>(10 + i), "d");
+    image().slot(place / 32 / block_sectors, place / 32 % block_sectors, place % 32,
+                 {.dir_fileid = static_cast<uint16_t>(11 + i),
+                  .entry_fileid = static_cast<uint16_t>(10 + i),
+                  .mode = 0x4700,
+                  .name = "d"});
   }
   const std::string digits = "0" + std::to_string(10 + depth);
-  EXPECT_EQ(check_on_little_stack(quick), relinked("directory", digits) + quiet_check);
+  EXPECT_EQ(check_on_little_stack(flashfs_check_quick),
+            relinked("directory", digits) + quiet_check);
 }
 
 }  // namespace

@@ -12,9 +12,6 @@ inline const std::string inconsistency = "flashfs[0]: inconsistency during secto
 // A file system from which single sectors are allocated.
 class collection_recipe : public recipe_fixture {
  protected:
-  void mount_quietly() {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
-  }
   // Allocates one sector. Its address, or "none", after what was printed.
   std::string allocate(uint32_t use_reserve = 0) {
     flashfs_sctr_ptr pointer = {9, 9};

@@ -37,19 +37,22 @@ class slots : public collection_recipe {
       const int count = live[static_cast<size_t>(sector)];
       for (int k = 0; k < count; k++, seq_no++) {
         if (seq_no == 0) {
-          root_slot(0, 0, 0);
+          names({"0:0.0/0 1<1"});
         } else {
           const uint16_t fileid = seq_no == 1 ? uint16_t{2} : static_cast<uint16_t>(10 + seq_no);
-          name(0, sector, k, seq_no, 1, fileid, "f" + std::to_string(fileid));
+          image().slot(
+              0, sector, k,
+              {.seq_no = seq_no, .entry_fileid = fileid, .name = "f" + std::to_string(fileid)});
         }
       }
-      delete_slots(0, sector, count, erased_from);
+      delete_slots("0." + std::to_string(sector) + "/" + std::to_string(count) + "-" +
+                   std::to_string(erased_from - 1));
     }
     seq_no = 0;
     for (int sector = static_cast<int>(live.size()); sector < 8; sector++) {
       image().data_sector(sector / 4, sector % 4, 2, seq_no++, std::string(2048, 'x'));
     }
-    mount_quietly();
+    mount_recipe();
     ASSERT_EQ(fs()->available_sectors, nullptr);
   }
   // Every name still leads to its entry.
@@ -116,13 +119,11 @@ TEST_F(slots, compaction_follows_a_block_without_sectors_enough) {
   make_blocks({4, 4, 4, 1});
   image().headers(2);
   image_state(3, 0xF);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(0, 1, 0, 2, 1, 3, "g");
-  delete_slots(0, 0, 2, 32);
-  delete_slots(0, 1, 1, 32);
-  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  mount_quietly();
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f", "2:0.1/0 3<1 g"});
+  delete_slots("0.0/2-31");
+  delete_slots("0.1/1-31");
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  mount_recipe();
   ASSERT_EQ(fs()->available_sectors, nullptr);
   EXPECT_EQ(allocate(), " wS3 wS2 wS2 eS0 wS0 wS2 wS0 wS0 eS2 wS2 wS00.1");
   EXPECT_EQ(sectors_text(fs()), "3.0");
@@ -131,12 +132,12 @@ TEST_F(slots, compaction_follows_a_block_without_sectors_enough) {
 TEST_F(slots, dropping_deleted_ones_begins_with_the_lowest_block) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
-  delete_slots(0, 0, 1, 32);
-  name(1, 0, 0, 1, 1, 2, "f");
-  delete_slots(1, 0, 1, 32);
-  data(2, {{0, 1}, {1, 1}});
-  mount_quietly();
+  names({"0:0.0/0 1<1"});
+  delete_slots("0.0/1-31");
+  names({"1:1.0/0 2<1 f"});
+  delete_slots("1.0/1-31");
+  data(2, "0.1 1.1");
+  mount_recipe();
   // Block 0 goes through block 2 and block 1 through block 0. What is left lies in 0.0 and 2.0, of
   // which 2.0 is emptied and reclaimed through block 1.
   EXPECT_EQ(allocate(1),
@@ -204,11 +205,11 @@ TEST_F(slots, runs_are_emptied_in_order_while_the_free_ones_suffice) {
 TEST_F(slots, a_sector_of_free_ones_only_is_freed_without_moving_any) {
   make_directories({32, 32});
   // A directory sector just made, in the place of the file's last sector.
-  invalidate(1, 3);
+  invalidate("1.3");
   memset(image().sector_at(1, 3), 0xFF, 2056);
   image().sector_at(1, 3)[0] = 0;
   image().sector_at(1, 3)[1] = 1;
-  mount_quietly();
+  mount_recipe();
   ASSERT_EQ(fs()->num_available_slots, 32U);
   // It is the only run, and the first one is where moved slots would go.
   EXPECT_EQ(allocate(1), "none");
@@ -217,7 +218,7 @@ TEST_F(slots, a_sector_of_free_ones_only_is_freed_without_moving_any) {
   memset(image().sector_at(1, 3), 0xFF, 2056);
   image().sector_at(1, 3)[0] = 0;
   image().sector_at(1, 3)[1] = 1;
-  mount_quietly();
+  mount_recipe();
   ASSERT_EQ(fs()->num_available_slots, 48U);
   EXPECT_EQ(writes_of_allocation(1),
             "1.3 2=invalid1 2.0 2.1 2.2 2=committed erase 1 1=available 2=in_use");
@@ -245,28 +246,23 @@ TEST_F(slots, one_of_a_directory_that_is_not_known_is_an_inconsistency) {
 }
 
 TEST_F(slots, a_second_name_that_the_check_has_dropped_is_an_inconsistency) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  delete_slots(0, 0, 2, 32);
-  name(0, 1, 0, 2, 1, 2, "g");
-  delete_slots(0, 1, 1, 31);
-  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  mount_quietly();
+  make_root(3);
+  names({"1:0.0/1 2<1 f"});
+  delete_slots("0.0/2-31");
+  names({"2:0.1/0 2<1 g"});
+  delete_slots("0.1/1-30");
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  mount_recipe();
   EXPECT_EQ(allocate(1),
             " wS2 wS2 eS0 wS0 wS2flashfs[0]: Collecting garbage, inconsistency!!!\nnone");
 }
 
 TEST_F(slots, a_sector_held_by_a_dropped_second_name_alone_gives_nothing) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(0, 1, 0, 2, 1, 2, "g");
-  delete_slots(0, 1, 1, 32);
-  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  mount_quietly();
+  make_root(3);
+  names({"1:0.0/1 2<1 f", "2:0.1/0 2<1 g"});
+  delete_slots("0.1/1-31");
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  mount_recipe();
   // The check has counted the sector as invalid, which it is not on flash.
   EXPECT_EQ(counters_text(), "1/0 0/0 0/0");
   EXPECT_EQ(allocate(1), " wS2 wS2 eS0 wS0 wS2" + inconsistency + "none");
@@ -288,7 +284,8 @@ TEST_F(slots, any_failing_flash_call_ends_compaction_without_loss) {
     EXPECT_EQ(output.substr(output.size() - 4), "none") << n;
     EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
     device().fail(flash_call::any, 0, flash_ok);
-    if (check_of_recipe(full).find("unable to allocate available block.") != std::string::npos) {
+    if (check_of_recipe(flashfs_check_full).find("unable to allocate available block.") !=
+        std::string::npos) {
       without_spare++;
       continue;
     }
@@ -306,12 +303,9 @@ TEST_F(slots, any_failing_flash_call_ends_compaction_without_loss) {
 TEST_F(slots, afterwards_only_blocks_in_use_are_reclaimed) {
   make_blocks({2, 2, 2, 2});
   image().headers(3);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(1, 0, 0, 2, 1, 3, "g");
-  name(2, 0, 0, 3, 1, 4, "h");
-  data(2, {{0, 1}, {1, 1}, {2, 1}});
-  mount_quietly();
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f", "2:1.0/0 3<1 g", "3:2.0/0 4<1 h"});
+  data(2, "0.1 1.1 2.1");
+  mount_recipe();
   image_state(1, 0x3);
   fs()->random = 1;
   // Compaction empties a sector in both of the blocks 1 and 2: without a tie random stays.
@@ -324,18 +318,15 @@ TEST_F(slots, afterwards_the_block_with_the_most_invalid_sectors_goes) {
   for (const uint32_t random : {0U, 1U}) {
     make_blocks({3, 3, 3, 3});
     image().headers(3);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
+    names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
     // One block will have two directory sectors less, the other one.
-    const auto two = static_cast<int16_t>(random == 0 ? 1 : 2);
-    const auto one = static_cast<int16_t>(3 - two);
-    name(one, 0, 0, 2, 1, 3, "g");
-    name(two, 0, 0, 3, 1, 4, "h");
-    name(two, 1, 0, 4, 1, 5, "i");
-    data(2, {{0, 1}, {0, 2}, {one, 1}, {one, 2}, {two, 2}});
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    const std::string two = random == 0 ? "1" : "2";
+    const std::string one = random == 0 ? "2" : "1";
+    names({"2:" + one + ".0/0 3<1 g", "3:" + two + ".0/0 4<1 h", "4:" + two + ".1/0 5<1 i"});
+    data(2, "0.1 0.2 " + one + ".1 " + one + ".2 " + two + ".2");
+    mount_recipe();
     fs()->random = random;
-    EXPECT_NE(allocate(1).find(" eS" + std::to_string(two)), std::string::npos);
+    EXPECT_NE(allocate(1).find(" eS" + two), std::string::npos);
     EXPECT_EQ(fs()->random, random);
   }
 }
@@ -345,12 +336,9 @@ TEST_F(slots, afterwards_a_tie_is_settled_by_random) {
   for (const uint32_t random : {0U, 1U}) {
     make_blocks({2, 2, 2, 2});
     image().headers(3);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    name(1, 0, 0, 2, 1, 3, "g");
-    name(2, 0, 0, 3, 1, 4, "h");
-    data(2, {{0, 1}, {1, 1}, {2, 1}});
-    mount_quietly();
+    names({"0:0.0/0 1<1", "1:0.0/1 2<1 f", "2:1.0/0 3<1 g", "3:2.0/0 4<1 h"});
+    data(2, "0.1 1.1 2.1");
+    mount_recipe();
     fs()->random = random;
     // No slot is deleted. Sectors 1.0 and 2.0 are emptied into 0.0.
     const std::string output = allocate(1);
@@ -363,12 +351,9 @@ TEST_F(slots, afterwards_a_tie_is_settled_by_random) {
 TEST_F(slots, afterwards_blocks_are_reclaimed_until_the_list_can_give) {
   make_blocks({2, 2, 2, 2});
   image().headers(3);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(1, 0, 0, 2, 1, 3, "g");
-  name(2, 0, 0, 3, 1, 4, "h");
-  data(2, {{0, 1}, {1, 1}, {2, 1}});
-  mount_quietly();
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f", "2:1.0/0 3<1 g", "3:2.0/0 4<1 h"});
+  data(2, "0.1 1.1 2.1");
+  mount_recipe();
   EXPECT_EQ(allocate(), " wS3 wS3 eS2 wS2 wS3 wS2 wS2 eS1 wS1 wS22.0");
   EXPECT_EQ(sectors_text(fs()), "3.0");
   EXPECT_TRUE(is_repaired());
@@ -376,13 +361,10 @@ TEST_F(slots, afterwards_blocks_are_reclaimed_until_the_list_can_give) {
 
 // A fresh directory sector stands before one that had slots left.
 TEST_F(slots, the_lower_sector_of_a_block_is_filled_first_whatever_the_lists_order) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  name(0, 1, 0, 2, 1, 3, "g");
-  data(2, {{0, 2}, {0, 3}, {1, 0}, {1, 1}, {1, 2}, {1, 3}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  make_root(3);
+  names({"1:0.0/1 2<1 f", "2:0.1/0 3<1 g"});
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   std::vector<uint8_t> lower;
   while (fs()->available_slots->sctr_ptr.sctr_num == 0) {
     available_slot_take(fs(), &lower.emplace_back());
@@ -405,14 +387,14 @@ TEST_F(slots, the_lower_sector_of_a_block_is_filled_first_whatever_the_lists_ord
 TEST_F(slots, the_list_is_sorted_by_block_and_sector_and_keeps_the_order_within_a_sector) {
   make_blocks({4, 4, 4});
   image().headers(2);
-  root_slot(1, 1, 0);
-  name(0, 2, 0, 1, 1, 2, "f");
+  names({"0:1.1/0 1<1", "1:0.2/0 2<1 f"});
   for (int k = 1; k < 30; k++) {
-    name(0, 2, k, static_cast<uint16_t>(1 + k), 1, static_cast<uint16_t>(10 + k),
-         "x" + std::to_string(k));
+    const std::string number = std::to_string(k);
+    names({std::to_string(1 + k) + ":0.2/" + number + " " + std::to_string(10 + k) + "<1 x" +
+           number});
   }
-  data(2, {{0, 0}, {0, 1}, {0, 3}, {1, 0}, {1, 2}, {1, 3}});
-  mount_quietly();
+  data(2, "0.0 0.1 0.3 1.0 1.2 1.3");
+  mount_recipe();
   ASSERT_EQ(slots_text(fs()).substr(0, 6), "1.1/31");
   // 33 free: 2 in 0.2, which comes first, 31 in 1.1.
   EXPECT_EQ(allocate(1), " wS2 wS2 eS1 wS1 wS22.1");

@@ -19,11 +19,9 @@ TEST_F(fresh_blocks, are_preferred_to_reclaiming_any_block) {
   make_blocks({4, 4, 4, 4});
   image().headers(2);
   image_state(3, 0xF);
-  root_slot(0, 0, 0);
-  for (int sector = 0; sector < 4; sector++) {
-    invalidate(1, sector);
-  }
-  mount_quietly();
+  names({"0:0.0/0 1<1"});
+  invalidate("1.0 1.1 1.2 1.3");
+  mount_recipe();
   ASSERT_EQ(fs()->available_block, 2);
   take_all();
   EXPECT_EQ(allocate(), " wS33.0");
@@ -36,8 +34,8 @@ TEST_F(fresh_blocks, only_the_header_is_written) {
   make_blocks({4, 4, 4, 4});
   image().headers(2);
   image_state(3, 0xF);
-  root_slot(0, 0, 0);
-  mount_quietly();
+  names({"0:0.0/0 1<1"});
+  mount_recipe();
   take_all();
   EXPECT_EQ(writes_of_allocation(), "3=in_use");
 }
@@ -48,8 +46,8 @@ TEST_F(fresh_blocks, the_one_with_the_most_sectors_wins) {
   for (int block = 2; block < 6; block++) {
     image_state(block, 0xF);
   }
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   ASSERT_EQ(fs()->available_block, 0);
   take_all();
   fs()->random = 1;  // the one tie, of blocks 3 and 4, is the earlier one's
@@ -62,8 +60,8 @@ TEST_F(fresh_blocks, a_tie_flips_random_and_a_1_chooses_the_later_block) {
   image().headers(0);
   image_state(2, 0xF);
   image_state(3, 0xF);
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   take_all();
   ASSERT_EQ(fs()->random, 0U);
   EXPECT_EQ(allocate(), " wS33.0");
@@ -73,8 +71,8 @@ TEST_F(fresh_blocks, a_tie_flips_random_and_a_1_chooses_the_later_block) {
 TEST_F(fresh_blocks, the_spare_is_never_one_of_them) {
   make_blocks({4, 4, 4});
   image().headers(1);
-  root_slot(0, 0, 0);
-  mount_quietly();
+  names({"0:0.0/0 1<1"});
+  mount_recipe();
   take_all();
   EXPECT_EQ(allocate(1), "none");
   EXPECT_EQ(states_text(), "0f0");
@@ -85,8 +83,8 @@ TEST_F(fresh_blocks, another_one_is_taken_when_one_sector_is_not_enough) {
   image().headers(0);
   image_state(2, 0xF);
   image_state(3, 0xF);
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   take_all();
   EXPECT_EQ(allocate(), " wS3 wS22.0");
   EXPECT_EQ(sectors_text(fs()), "3.0");
@@ -97,8 +95,8 @@ TEST_F(fresh_blocks, from_the_reserve_one_sector_is_enough) {
   image().headers(0);
   image_state(2, 0xF);
   image_state(3, 0xF);
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   take_all();
   EXPECT_EQ(allocate(1), " wS33.0");
   EXPECT_EQ(states_text(), "f0f0");
@@ -108,8 +106,8 @@ TEST_F(fresh_blocks, one_without_sectors_that_gives_nothing_is_an_inconsistency)
   make_blocks({4, 4, 0});
   image().headers(0);
   image_state(2, 0xF);
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   take_all();
   EXPECT_EQ(allocate(1), " wS2" + inconsistency + "none");
   EXPECT_EQ(states_text(), "f00");
@@ -120,8 +118,8 @@ TEST_F(fresh_blocks, one_that_adds_nothing_to_one_sector_is_an_inconsistency) {
   make_blocks({4, 4, 0});
   image().headers(0);
   image_state(2, 0xF);
-  root_slot(1, 0, 0);
-  mount_quietly();
+  names({"0:1.0/0 1<1"});
+  mount_recipe();
   take_all();
   available_sector_push(fs(), {1, 1});
   EXPECT_EQ(allocate(), " wS2" + inconsistency + "none");
@@ -134,8 +132,8 @@ TEST_F(fresh_blocks, a_failing_flash_call_ends_the_allocation) {
     make_blocks({4, 4, 4});
     image().headers(0);
     image_state(2, 0xF);
-    root_slot(1, 0, 0);
-    mount_quietly();
+    names({"0:1.0/0 1<1"});
+    mount_recipe();
     take_all();
     device().fail(flash_call::any, n, flash_operation_failed);
     EXPECT_EQ(allocate().substr(0, 4), n < 4 ? "flas" : " wS2") << n;
@@ -150,15 +148,13 @@ class choice_of_victim : public collection_recipe {
   // Blocks 0 to 3 in use with so many invalidated sectors each, block 4 the spare. The root's slot
   // lies in block 0.
   void make_with_invalid(const std::vector<int>& counts) {
-    make_blocks({4, 4, 4, 4, 4});
-    image().headers(4);
-    root_slot(0, 0, 0);
+    make_root(5);
     for (int block = 0; block < 4; block++) {
       for (int i = 0; i < counts.at(static_cast<size_t>(block)); i++) {
-        invalidate(block, 3 - i);
+        invalidate(std::to_string(block) + "." + std::to_string(3 - i));
       }
     }
-    mount_quietly();
+    mount_recipe();
     take_all();
   }
   // The block that an allocation erases.
@@ -225,12 +221,10 @@ TEST_F(choice_of_victim, a_reclamation_that_fails_ends_the_allocation) {
 TEST_F(choice_of_victim, one_after_the_other_goes_until_two_sectors_are_there) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{1, 0}});
-  invalidate(0, 1);
-  invalidate(1, 1);
-  mount_quietly();
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "1.0");
+  invalidate("0.1 1.1");
+  mount_recipe();
   fs()->random = 1;
   // Block 0 gives 2.1, block 1 then goes to the new spare, block 0.
   EXPECT_EQ(allocate(), " wS2 wS2 eS0 wS0 wS2 wS0 wS0 eS1 wS1 wS00.1");
@@ -250,13 +244,12 @@ class one_block : public collection_recipe {
     if (sectors.size() > 3) {
       image_state(3, 0xF);
     }
-    root_slot(0, 0, 0);
-    name(0, 0, 3, 1, 1, 2, "f");
-    delete_slots(0, 0, 1, 3);
-    delete_slots(0, 1, 0, 5);
-    invalidate(0, 2);
-    data(2, {{0, 4}, {1, 1}});
-    mount_quietly();
+    names({"0:0.0/0 1<1", "1:0.0/3 2<1 f"});
+    delete_slots("0.0/1-2");
+    delete_slots("0.1/0-4");
+    invalidate("0.2");
+    data(2, "0.4 1.1");
+    mount_recipe();
     ASSERT_EQ(fs()->available_block, 2);
     ASSERT_EQ(counters_text().substr(0, 3), "1/7");
   }
@@ -309,9 +302,9 @@ TEST_F(one_block, deleted_slots_of_a_copied_sector_are_erased_again) {
 TEST_F(one_block, a_directory_sector_with_one_live_slot_is_copied) {
   make_blocks({2, 2, 2});
   image().headers(2);
-  root_slot(0, 0, 31);
-  delete_slots(0, 0, 0, 31);
-  mount_quietly();
+  names({"0:0.0/31 1<1"});
+  delete_slots("0.0/0-30");
+  mount_recipe();
   EXPECT_EQ(writes_of(fs(), [&] { flashfs_reclaim_block(fs(), 0, 0); }),
             "2=invalid1 2.0 2=committed erase 0 0=available 2=in_use");
   EXPECT_EQ(fs()->num_available_slots, 31U);
@@ -367,8 +360,8 @@ TEST_F(one_block, only_the_smaller_victim_is_tested_not_the_spare) {
 TEST_F(one_block, without_sectors_can_be_reclaimed) {
   make_blocks({4, 0, 4});
   image().headers(2);
-  root_slot(0, 0, 0);
-  mount_quietly();
+  names({"0:0.0/0 1<1"});
+  mount_recipe();
   EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 1, 0), 0); }),
             "2=invalid1 2=committed erase 1 1=available 1=invalid1 1=in_use 2=invalid2 erase 2 "
             "2=available");
@@ -379,10 +372,9 @@ TEST_F(one_block, on_another_device_than_the_spare_is_reclaimed_alike) {
   make_blocks({4, 4}, {4, 4});
   image().headers(-1);
   image_1().headers(3);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{1, 2}});
-  mount_quietly();
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "1.2");
+  mount_recipe();
   ASSERT_EQ(fs()->available_block, 3);
   EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 1, 0), 0); }),
             "3=invalid1 3.2 3=committed erase 1 1=available 3=in_use");
@@ -401,12 +393,10 @@ TEST_F(one_block, without_a_buffer_stays_as_it_is) {
 }
 
 TEST_F(one_block, has_its_pointers_in_the_spare_before_that_is_in_use) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "f");
-  data(2, {{0, 1}, {1, 1}});
-  ASSERT_EQ(check_of_recipe(quick), quiet_check);
+  make_root(3);
+  names({"1:0.0/1 2<1 f"});
+  data(2, "0.1 1.1");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   // After the spare's invalid1, two sectors, its committed state, and the victim's new header.
   device().fail(flash_call::write, 6, flash_operation_failed);
   output_of([&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 0, 0), 1); });
@@ -435,7 +425,8 @@ TEST_F(one_block, any_failing_flash_call_ends_its_reclamation_without_loss) {
       EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
       EXPECT_EQ(device().calls_since_fail(), n) << "it is the last call";
       device().fail(flash_call::any, 0, flash_ok);
-      EXPECT_EQ(check_of_recipe(full).find("result"), std::string::npos) << n << check_output();
+      EXPECT_EQ(check_of_recipe(flashfs_check_full).find("result"), std::string::npos)
+          << n << check_output();
       EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
       EXPECT_EQ(sctr_list_length(entry(2)->sctr_list), 2U) << n;
     }

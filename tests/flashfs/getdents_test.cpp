@@ -127,9 +127,7 @@ TEST_F(namespace_getdents, refusals_come_in_their_order) {
 TEST_F(namespace_getdents, the_root_slot_is_no_entry_wherever_it_stands) {
   make_blocks({4, 4});
   image().headers(1);
-  name(0, 0, 0, 0, 1, 2, "a");
-  root_slot(0, 0, 1, 1);
-  name(0, 0, 2, 2, 1, 3, "b");
+  names({"0:0.0/0 2<1 a", "1:0.0/1 1<1", "2:0.0/2 3<1 b"});
   mount_recipe();
   const int32_t fd = open("/");
   EXPECT_EQ(listed(fd, 76), "a#2@64");
@@ -141,11 +139,8 @@ TEST_F(namespace_getdents, the_root_slot_is_no_entry_wherever_it_stands) {
 }
 
 TEST_F(namespace_getdents, names_without_a_terminator_and_data_sectors_in_the_list_are_survived) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 5, "d");
-  name(0, 0, 2, 1, 5, 6, std::string(46, 'n'));
+  make_root(2);
+  names({"1:0.0/1 5<1 d/", "1:0.0/2 6<5 " + std::string(46, 'n')});
   image().data_sector(0, 1, 5, 0, "astray");
   mount_recipe();
   const int32_t fd = open("d");

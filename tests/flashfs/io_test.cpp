@@ -201,7 +201,7 @@ TEST_F(block_io, a_block_number_out_of_range_ends_the_program_before_the_flash_i
     const std::string range =
         log_start + "block_num (" + std::to_string(number) + ") not in range between 0 and 3.\n";
     const auto expect_end = [&](const char* what, auto&& call) {
-      const child_end end = end_of_child(call);
+      const isolated_result end = end_of_child(call);
       EXPECT_EQ(end.status, 1);
       EXPECT_EQ(end.output, log_start + what + "\n" + range);
     };
@@ -217,7 +217,7 @@ TEST_F(block_io, a_block_number_out_of_range_ends_the_program_before_the_flash_i
       write_sector(fs(), {bad, 0}, &sector_, whole_sector);
     });
     EXPECT_EQ(end_of_child([&] { erase_block(fs(), bad, true, true); }).status, 1);
-    const child_end erase = end_of_child([&] { erase_block(fs(), bad, false, false); });
+    const isolated_result erase = end_of_child([&] { erase_block(fs(), bad, false, false); });
     EXPECT_EQ(erase.status, 1);
     EXPECT_EQ(erase.output.find("ERASE"), std::string::npos);
   }
@@ -230,7 +230,7 @@ TEST_F(block_io, the_highest_block_number_is_in_range) {
 
 TEST_F(block_io, without_blocks_every_number_is_out_of_range) {
   make({{block_bytes, true}});
-  const child_end end = end_of_child([&] { read_blkheader(fs(), 0, &header_); });
+  const isolated_result end = end_of_child([&] { read_blkheader(fs(), 0, &header_); });
   EXPECT_EQ(end.status, 1);
   EXPECT_EQ(end.output, log_start + "Trying to read a block header not in the  flash device!.\n" +
                             log_start + "block_num (0) not in range between 0 and -1.\n");
@@ -304,7 +304,7 @@ TEST_F(block_io, reading_a_sector_of_a_block_out_of_range_is_an_error) {
 TEST_F(block_io, writing_a_sector_number_out_of_range_ends_the_program) {
   announce_driver_calls();
   for (const uint16_t bad : u16s{63, 65535}) {
-    const child_end end = end_of_child([&] {
+    const isolated_result end = end_of_child([&] {
       write_sector(fs(), {2, bad}, &sector_, whole_sector);
     });
     EXPECT_EQ(end.status, 1);

@@ -107,7 +107,7 @@ TEST_F(mounting, a_taken_prefix_is_reported) {
   ASSERT_EQ(initialize(), 0);
   const flash_driver_info* records[] = {device().driver()};
   // In a child: the state stays allocated.
-  const child_end end = end_of_child([&] { std::printf("%d", initialize_with(records, 1)); });
+  const isolated_result end = end_of_child([&] { std::printf("%d", initialize_with(records, 1)); });
   EXPECT_EQ(end.output, "flashfs: Unable to register with IFS.\n-1");
 }
 
@@ -115,7 +115,7 @@ TEST_F(mounting, a_prefix_that_is_too_long_is_reported) {
   make_flash(ram_blocks(2, block_bytes));
   const flash_driver_info* records[] = {device().driver()};
   const std::string prefix(32, 'p');
-  const child_end end =
+  const isolated_result end =
       end_of_child([&] { std::printf("%d", initialize_with(records, 1, prefix.c_str())); });
   EXPECT_EQ(end.output, "flashfs: Unable to register with IFS.\n-1");
 }
@@ -129,7 +129,7 @@ TEST_F(mounting, is_silent_and_leaves_the_flash_alone) {
   EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_initialize(handles, records, 1, "bootflash"), 0); }),
             "");
   EXPECT_EQ(device().counts().calls(), 0U);
-  free_flashfs(flashfs_get_fsp("bootflash:"));
+  flashfs_release(flashfs_get_fsp("bootflash:"));
 }
 
 TEST_F(mounting, registers_the_state_with_the_switch) {
@@ -155,7 +155,7 @@ TEST_F(mounting, returns_and_keeps_the_id_that_the_switch_gives) {
   ASSERT_NE(second, nullptr);
   EXPECT_EQ(second->fsid, 1);
   EXPECT_EQ(fs()->fsid, 0);
-  free_flashfs(second);
+  flashfs_release(second);
 }
 
 TEST_F(mounting, makes_a_state_that_is_not_ready) {

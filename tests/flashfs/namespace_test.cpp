@@ -2,6 +2,7 @@
 // all operations by path share. Renaming is in rename_test.cpp, listing in getdents_test.cpp.
 #include <gtest/gtest.h>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -38,7 +39,7 @@ TEST_F(namespace_slots, an_unknown_fsid_fails_with_errno_untouched) {
     EXPECT_EQ(flashfs_vctr_stat(fsid, "a", &status), -1);
     EXPECT_EQ(flashfs_vctr_istat(fsid, "a", 1, &status), -1);
     EXPECT_EQ(flashfs_vctr_statfs(fsid, "a", &space), -1);
-    EXPECT_EQ(flashfs_vctr_ioctl(fsid, "a", 11, &word), -1);
+    EXPECT_EQ(flashfs_vctr_ioctl(fsid, "a", flashfs_ioctl_check, &word), -1);
     EXPECT_EQ(errno, ERANGE) << fsid;
   }
 }
@@ -82,7 +83,7 @@ TEST_F(namespace_slots, paths_through_a_file_and_paths_of_320_bytes_do_not_exist
     EXPECT_EQ(error_of(rename(name, "y")), ENOENT);
     EXPECT_EQ(error_of(rmdir(name)), ENOENT);
     EXPECT_EQ(error_of(stat(name, &status)), ENOENT);
-    EXPECT_EQ(error_of(ioctl(name, 7, nullptr)), ENOENT);
+    EXPECT_EQ(error_of(ioctl(name, flashfs_ioctl_verify, nullptr)), ENOENT);
   }
   EXPECT_EQ(fs()->ready, 1U);
 }
@@ -281,10 +282,8 @@ TEST_F(namespace_rmdir, an_open_directory_is_busy) {
 }
 
 TEST_F(namespace_rmdir, a_data_sector_in_the_list_is_no_entry_and_goes_too) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  directory(0, 0, 1, 1, 1, 5, "d");
+  make_root(3);
+  names({"1:0.0/1 5<1 d/"});
   image().data_sector(0, 1, 5, 0, "astray");
   mount_recipe();
   EXPECT_EQ(rmdir("d"), 0);

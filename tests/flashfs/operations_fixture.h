@@ -49,10 +49,6 @@ class operations_fixture : public recipe_fixture {
     make_blocks(sectors);
     mount();
   }
-  // Mounts what was put on the blocks record by record.
-  void mount_recipe() {
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
-  }
 
   int32_t open(const std::string& name, uint32_t oflags = ifs_open_read, uint32_t mode = 0) {
     int32_t fd = -1;

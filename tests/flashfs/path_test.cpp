@@ -582,7 +582,7 @@ TEST_F(paths, creating_fails_with_eio_at_any_of_its_flash_calls) {
     }
     device().fail(flash_call::any, 0, flash_ok);
     // What it left behind is repaired, and then there is nothing to repair.
-    remount(0);
+    remount(flashfs_check_full);
     EXPECT_NE(lookup("d/first"), 0) << n;
     EXPECT_TRUE(flash_is_consistent()) << n;
   }
@@ -619,7 +619,7 @@ TEST_F(paths, a_cut_at_any_mutation_leaves_a_directory_with_or_without_the_name)
       output_of([&] { flashfs_create_entry(fs(), "d/second", new_file); });
       unmount();
       supply().restore();
-      mount(0);
+      mount(flashfs_check_full);
       EXPECT_NE(lookup("d/first"), 0) << n;
       EXPECT_TRUE(flash_is_consistent()) << n;
     }

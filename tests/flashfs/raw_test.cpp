@@ -90,7 +90,7 @@ TEST_F(raw_device, reading_shuts_out_every_other_operation_until_it_is_closed) {
   const int32_t raw = open("...");
   ppc_stat status;
   ppc_statfs space;
-  uint32_t word = 0;
+  uint32_t word = flashfs_check_full;
   EXPECT_EQ(error_of(open("b")), EINVAL);
   EXPECT_EQ(error_of(open("new", open_new)), EINVAL);
   EXPECT_EQ(error_of(open("...")), EINVAL);
@@ -102,11 +102,11 @@ TEST_F(raw_device, reading_shuts_out_every_other_operation_until_it_is_closed) {
   EXPECT_EQ(error_of(stat("b", &status)), EINVAL);
   EXPECT_EQ(error_of(istat("b", 2, &status)), EINVAL);
   EXPECT_EQ(error_of(statfs(&space)), EINVAL);
-  EXPECT_EQ(error_of(ioctl("", 7, nullptr)), EINVAL);
-  EXPECT_EQ(error_of(ioctl("", 36, &word)), EINVAL);
-  EXPECT_EQ(error_of(ioctl("", 11, &word)), EBUSY);
-  EXPECT_EQ(error_of(ioctl("", 6, nullptr)), EBUSY);
-  EXPECT_EQ(error_of(ioctl("", 10, nullptr)), EBUSY);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_verify, nullptr)), EINVAL);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_highest_fileid, &word)), EINVAL);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_check, &word)), EBUSY);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_format, nullptr)), EBUSY);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_format_too, nullptr)), EBUSY);
   EXPECT_EQ(close(raw), 0);
   EXPECT_EQ(get("b"), "text");
 }
@@ -127,10 +127,10 @@ TEST_F(raw_device, the_handle_itself_takes_no_other_operation) {
       EXPECT_EQ(error_of(seek(raw, 0, ifs_seek_end)), EINVAL);
       EXPECT_EQ(error_of(fstat(raw, &status)), EINVAL);
       EXPECT_EQ(error_of(getdents(raw, records, sizeof records)), EINVAL);
-      EXPECT_EQ(error_of(fioctl(raw, 1, &length)), EINVAL);
-      EXPECT_EQ(error_of(fioctl(raw, 7, nullptr)), EINVAL);
-      EXPECT_EQ(error_of(fioctl(raw, 12, &entry_name)), EINVAL);
-      EXPECT_EQ(error_of(fioctl(raw, 15, &info)), EINVAL);
+      EXPECT_EQ(error_of(fioctl(raw, flashfs_fioctl_truncate, &length)), EINVAL);
+      EXPECT_EQ(error_of(fioctl(raw, flashfs_fioctl_verify, nullptr)), EINVAL);
+      EXPECT_EQ(error_of(fioctl(raw, flashfs_fioctl_name, &entry_name)), EINVAL);
+      EXPECT_EQ(error_of(fioctl(raw, flashfs_fioctl_path_and_size, &info)), EINVAL);
     }
     fs()->ready = 0;
     EXPECT_EQ(close(raw), 0);

@@ -219,7 +219,7 @@ TEST_F(namespace_rename, a_power_cut_leaves_the_old_or_the_new_name) {
         const bool cut = supply().dead();
         supply().restore();
         unmount();
-        mount(full);
+        mount(flashfs_check_full);
         const std::string old_text = get("a");
         const std::string new_text = get(target);
         EXPECT_TRUE(old_text == "text" || new_text == "text") << target << " " << n;

@@ -114,7 +114,7 @@ TEST_F(sector_check, a_data_sector_with_a_bad_checksum_is_invalid_on_flash_after
   image().headers(0);
   image().data_sector(1, 5, 9, 0, "contents", -1, false);
   image().data_sector(1, 6, 10, 0, "contents");
-  mount(0);
+  mount(flashfs_check_full);
   EXPECT_EQ(fileid_at(1, 5), 0);
   EXPECT_EQ(fileid_at(1, 6), 10);
 }

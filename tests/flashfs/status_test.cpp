@@ -63,9 +63,7 @@ TEST_F(status_stat, a_directory_has_64_bytes_for_each_slot_reference) {
 }
 
 TEST_F(status_stat, the_dates_are_that_of_the_slot) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
+  make_root(2);
   image().slot(0, 0, 1, {.seq_no = 1, .entry_fileid = 2, .date = 0xFEDCBA98, .name = "a"});
   mount_recipe();
   ppc_stat status{};
@@ -200,11 +198,8 @@ TEST_F(status_statfs, a_new_file_system_has_one_block_less_free_than_sectors) {
 }
 
 TEST_F(status_statfs, file_ids_are_counted_and_gaps_are_lost) {
-  make_blocks({4, 4});
-  image().headers(1);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 10, "a");
-  name(0, 0, 2, 2, 1, 200, "b");
+  make_root(2);
+  names({"1:0.0/1 10<1 a", "2:0.0/2 200<1 b"});
   mount_recipe();
   ppc_statfs status{};
   EXPECT_EQ(statfs(&status), 0);
@@ -216,19 +211,17 @@ TEST_F(status_statfs, file_ids_are_counted_and_gaps_are_lost) {
 TEST_F(status_statfs, space_that_reclamation_gives_back_is_free) {
   make_blocks({6, 6, 6});
   image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
-  data(2, {{0, 1}, {0, 2}, {0, 3}});
-  invalidate(0, 4);
-  invalidate(0, 5);
-  delete_slots(0, 0, 2, 20);
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 a"});
+  data(2, "0.1 0.2 0.3");
+  invalidate("0.4 0.5");
+  delete_slots("0.0/2-19");
   mount_recipe();
   ppc_statfs status{};
   EXPECT_EQ(statfs(&status), 0);
   EXPECT_EQ(status.total_blocks, 12U);
   // Six erased and two invalid sectors, one held back; 12 free and 18 deleted slots.
   EXPECT_EQ(status.free_blocks, 7U);
-  delete_slots(0, 0, 20, 32);
+  delete_slots("0.0/20-31");
   image().slot(1, 0, 0, {.seq_no = 5, .entry_fileid = 3, .name = "b"});
   remount();
   EXPECT_EQ(statfs(&status), 0);
@@ -239,9 +232,8 @@ TEST_F(status_statfs, space_that_reclamation_gives_back_is_free) {
 TEST_F(status_statfs, a_full_device_has_nothing_free) {
   make_blocks({2, 2});
   image().headers(1);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
-  data(2, {{0, 1}});
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 a"});
+  data(2, "0.1");
   mount_recipe();
   ppc_statfs status{};
   EXPECT_EQ(statfs(&status), 0);

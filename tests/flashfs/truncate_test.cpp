@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "flashfs/control_codes.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -12,7 +13,7 @@ using namespace test_support;
 class control_truncate : public operations_fixture {
  protected:
   int32_t truncate(int32_t fd, uint32_t length) {
-    return fioctl(fd, 1, &length);
+    return fioctl(fd, flashfs_fioctl_truncate, &length);
   }
 };
 
@@ -156,7 +157,7 @@ TEST_F(control_truncate, a_power_cut_loses_nothing_that_is_kept) {
       const bool cut = supply().dead();
       supply().restore();
       unmount();
-      mount(full);
+      mount(flashfs_check_full);
       const std::string found = get("a");
       EXPECT_TRUE(found.substr(0, 1000) == text.substr(0, 1000)) << n;
       EXPECT_TRUE(text.substr(0, found.size()) == found) << n << " " << found.size();

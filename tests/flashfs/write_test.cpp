@@ -432,7 +432,7 @@ TEST_F(file_write, a_power_cut_in_an_overwrite_leaves_the_old_or_the_new_bytes) 
       const bool cut = supply().dead();
       supply().restore();
       unmount();
-      mount(full);
+      mount(flashfs_check_full);
       const std::string found = get("a");
       EXPECT_TRUE(found == before || found == after) << n;
       EXPECT_TRUE(flash_is_consistent()) << n;
@@ -446,12 +446,10 @@ TEST_F(file_write, a_power_cut_in_an_overwrite_leaves_the_old_or_the_new_bytes) 
 }
 
 TEST_F(file_write, a_slot_that_damage_has_put_into_a_files_list_is_not_overwritten) {
-  make_blocks({4, 4, 4});
-  image().headers(2);
-  root_slot(0, 0, 0);
-  name(0, 0, 1, 1, 1, 2, "a");
-  data(2, {{0, 1}});
-  name(0, 0, 2, 1, 2, 3, "astray");
+  make_root(3);
+  names({"1:0.0/1 2<1 a"});
+  data(2, "0.1");
+  names({"1:0.0/2 3<2 astray"});
   mount_recipe();
   ASSERT_EQ(list_text(fs(), 2), "0:0.1/255 1:0.0/2");
   for (const int32_t offset : {2048, 2100}) {

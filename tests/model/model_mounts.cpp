@@ -10,8 +10,6 @@ namespace model_test {
 
 namespace {
 
-constexpr uint32_t check_quick = 1;
-constexpr uint32_t check_reclaim_all = 2;
 constexpr const char* device_path = "bootflash:";
 constexpr const char* raw_path = "bootflash:...";
 
@@ -47,10 +45,10 @@ bool model_run::settle(bool quick) {
 bool model_run::play_check(uint32_t flags) {
   const bool settles = model_->unfinished() != nullptr;
   const bool must_not_change =
-      !settles && (flags & check_reclaim_all) == 0 && model_->open_count() == 0;
+      !settles && (flags & flashfs_check_reclaim_all) == 0 && model_->open_count() == 0;
   const auto before =
       must_not_change ? snapshot() : std::vector<std::vector<uint8_t>>(devices_.size());
-  seen_result checked = seen(ifs_ioctl(device_path, 11, &flags));
+  seen_result checked = seen(files_.check(flags));
   checked.marked_down = false;
   const expected_result expected = model_->check();
   if (expected.error != 0) {
@@ -59,7 +57,7 @@ bool model_run::play_check(uint32_t flags) {
   if (checked.result != 0) {
     return fail("the check failed: " + output_.take());
   }
-  return expect_check_output(flags, settles) && settle((flags & check_quick) != 0) &&
+  return expect_check_output(flags, settles) && settle((flags & flashfs_check_quick) != 0) &&
          (!must_not_change || expect_unchanged(before, "the check")) && compare_maps() &&
          compare_space() && compare_flash();
 }
@@ -74,7 +72,7 @@ bool model_run::play_format(const step& one) {
   if (formatted.result != 0) {
     return fail("formatting failed: " + output_.take());
   }
-  return expect_check_output(0, false) && compare_flash();
+  return expect_check_output(flashfs_check_full, false) && compare_flash();
 }
 
 bool model_run::play_remount(uint32_t flags) {
@@ -86,8 +84,8 @@ bool model_run::play_remount(uint32_t flags) {
   }
   model_->remount();
   counts_->fresh_mounts++;
-  const bool may_change = settles || (flags & check_reclaim_all) != 0;
-  return expect_check_output(flags, settles) && settle((flags & check_quick) != 0) &&
+  const bool may_change = settles || (flags & flashfs_check_reclaim_all) != 0;
+  return expect_check_output(flags, settles) && settle((flags & flashfs_check_quick) != 0) &&
          (may_change || expect_unchanged(before, "a fresh mount")) && compare_maps() &&
          compare_space() && compare_flash();
 }
@@ -150,11 +148,12 @@ bool model_run::raw_copy(uint32_t chunk) {
   }
   model_->restart();
   return (image() == whole || fail("the flash differs from the raw image")) &&
-         expect_check_output(0, false) && compare_maps() && compare_space() && compare_flash();
+         expect_check_output(flashfs_check_full, false) && compare_maps() && compare_space() &&
+         compare_flash();
 }
 
 bool model_run::finish() {
-  for (const uint32_t flags : {check_quick, 0U}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     if (!play_remount(flags) || !compare_through_switch()) {
       return false;
     }
@@ -163,7 +162,7 @@ bool model_run::finish() {
     }
   }
   // What a check had to settle is settled: from here on nothing may change.
-  if (!play_remount(check_quick)) {
+  if (!play_remount(flashfs_check_quick)) {
     return false;
   }
   for (const auto& device : devices_) {

@@ -1,22 +1,19 @@
 // One run: the devices, the mounts, and what each step calls.
 #include "tests/model/model_run.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
 
+#include "flashfs/control_codes.h"
 #include "tests/support/flashfs_fixture.h"
 
 namespace model_test {
 
 namespace {
 
-constexpr const char* prefix = "bootflash";
-constexpr uint32_t check_reclaim_all = 2;
 constexpr uint32_t largest_transfer = 64U << 20;
 
 const char* const down_line = "flashfs[0]: filesystem marked down.  Use \"fsck\" to recover.";
@@ -24,10 +21,6 @@ const char* const time_line = "flashfs[0]: flashfs fsck took 0 seconds.";
 const char* const name_line = "flashfs[0]: Cannot accept filenames longer than 45 characters.";
 const char* const empty_block_line = "flashfs[0]: inconsistency during sector reclamation";
 const char* const block_test = "flashfs[0]: testing block ";
-
-std::string on_device(const std::string& path) {
-  return std::string(prefix) + ":" + path;
-}
 
 bool starts_with(const std::string& text, const char* start) {
   return text.compare(0, std::strlen(start), start) == 0;
@@ -80,43 +73,6 @@ uint32_t total_sectors(const geometry& shape) {
 
 }  // namespace
 
-caught_output::caught_output() : file_(std::tmpfile()) {
-  std::fflush(stdout);
-  saved_fd_ = dup(STDOUT_FILENO);
-  if (file_ == nullptr || saved_fd_ < 0 || dup2(fileno(file_), STDOUT_FILENO) < 0) {
-    std::perror("cannot catch the standard output");
-    std::abort();
-  }
-}
-
-caught_output::~caught_output() {
-  std::fflush(stdout);
-  dup2(saved_fd_, STDOUT_FILENO);
-  ::close(saved_fd_);
-  std::fclose(file_);
-}
-
-std::string caught_output::peek() {
-  std::fflush(stdout);
-  const off_t length = lseek(STDOUT_FILENO, 0, SEEK_CUR);
-  std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-  if (!text.empty() && pread(STDOUT_FILENO, text.data(), text.size(), 0) != length) {
-    std::perror("cannot read the standard output");
-    std::abort();
-  }
-  return text;
-}
-
-std::string caught_output::take() {
-  const std::string text = peek();
-  if (!text.empty() &&
-      (lseek(STDOUT_FILENO, 0, SEEK_SET) != 0 || ftruncate(STDOUT_FILENO, 0) != 0)) {
-    std::perror("cannot drop the standard output");
-    std::abort();
-  }
-  return text;
-}
-
 model_run::model_run(const geometry& shape, run_counts* counts) : shape_(shape), counts_(counts) {
   sim::install_chassis(&clock_);
   clock_.clock_hold(now_);
@@ -126,7 +82,7 @@ model_run::model_run(const geometry& shape, run_counts* counts) : shape_(shape),
     }
   }
   model_ = std::make_unique<fs_model>(total_sectors(shape), now_);
-  mount(1);
+  mount(flashfs_check_quick);
   output_.take();
 }
 
@@ -145,35 +101,22 @@ bool model_run::fail(const std::string& what) {
   return false;
 }
 
-bool model_run::make_state() {
-  ifs_init();
-  const void* handles[flashfs_max_devices] = {};
-  const flash_driver_info* records[flashfs_max_devices] = {};
-  for (size_t i = 0; i < devices_.size(); ++i) {
-    handles[i] = devices_[i]->handle();
-    records[i] = devices_[i]->driver();
-  }
-  const int32_t fsid =
-      flashfs_initialize(handles, records, static_cast<int32_t>(devices_.size()), prefix);
-  if (fsid < 0) {
-    return fail("flashfs_initialize failed");
-  }
-  fs_ = static_cast<flashfs*>(ifs_fsid_get_fs_context(static_cast<ppc_fsid_t>(fsid)));
-  return true;
-}
-
 void model_run::drop_state() {
-  test_support::free_flashfs(fs_);
+  files_.detach();
   fs_ = nullptr;
   output_.take();
 }
 
 bool model_run::mount(uint32_t flags) {
-  if (!make_state()) {
-    return false;
+  std::vector<volume::device> devices;
+  for (const auto& device : devices_) {
+    devices.push_back(test_support::device_of(*device));
   }
-  const int32_t result = ifs_ioctl(on_device("").c_str(), 11, &flags);
-  return result == 0 || fail("mounting failed: " + output_.take());
+  if (files_.attach(devices) < 0) {
+    return fail("attaching failed");
+  }
+  fs_ = files_.state();
+  return files_.check(flags) == 0 || fail("mounting failed: " + output_.take());
 }
 
 int32_t model_run::fd_of(uint32_t handle) const {
@@ -240,7 +183,7 @@ bool model_run::expect_check_output(uint32_t flags, bool settles) {
   }
   printed.pop_back();
   for (const std::string& line : printed) {
-    const bool is_test = (flags & check_reclaim_all) != 0 && starts_with(line, block_test);
+    const bool is_test = (flags & flashfs_check_reclaim_all) != 0 && starts_with(line, block_test);
     const bool is_repair = settles && (starts_with(line, "flashfs[0]: inconsistent sector list") ||
                                        line.find("checksum (") != std::string::npos);
     if (!is_test && !is_repair) {
@@ -318,7 +261,7 @@ bool model_run::play_open(const step& one) {
   seen_result opened;
   expected_result expected;
   if (one.kind == step_kind::open) {
-    opened = seen(ifs_open(on_device(one.path).c_str(), oflags, mode));
+    opened = seen(ifs_open(files_.full_path(one.path).c_str(), oflags, mode));
     expected = model_->open(one.handle, one.path, oflags, mode, opened);
   } else {
     // No operation of the switch leads here, so what the switch does around an open is done here.
@@ -356,7 +299,7 @@ bool model_run::play_on_descriptor(const step& one) {
     }
     case step_kind::truncate: {
       auto length = static_cast<uint32_t>(one.a);
-      const seen_result cut = seen(ifs_fioctl(fd, 1, &length));
+      const seen_result cut = seen(ifs_fioctl(fd, flashfs_fioctl_truncate, &length));
       return expect(cut, model_->truncate(one.handle, length, cut));
     }
     case step_kind::getdents:
@@ -364,7 +307,7 @@ bool model_run::play_on_descriptor(const step& one) {
     case step_kind::fstat:
       return play_status(one);
     case step_kind::fverify:
-      return expect(seen(ifs_fioctl(fd, 7, nullptr)), model_->look(one.handle));
+      return expect(seen(ifs_fioctl(fd, flashfs_fioctl_verify, nullptr)), model_->look(one.handle));
     case step_kind::file_control: {
       uint32_t argument = 0;
       const seen_result refused = seen(ifs_fioctl(fd, static_cast<uint32_t>(one.a), &argument));
@@ -377,7 +320,7 @@ bool model_run::play_on_descriptor(const step& one) {
 }
 
 bool model_run::play_on_path(const step& one) {
-  const std::string path = on_device(one.path);
+  const std::string path = files_.full_path(one.path);
   const auto mode = static_cast<ppc_mode_t>(one.a);
   switch (one.kind) {
     case step_kind::chmod: {
@@ -391,7 +334,7 @@ bool model_run::play_on_path(const step& one) {
       return expect(gone, model_->remove(one.path, directory, gone));
     }
     case step_kind::rename: {
-      const std::string to = on_device(one.second_path);
+      const std::string to = files_.full_path(one.second_path);
       const seen_result renamed = seen(ifs_rename(path.c_str(), to.c_str()));
       return expect(renamed, model_->rename(one.path, one.second_path, renamed));
     }
@@ -405,11 +348,13 @@ bool model_run::play_on_path(const step& one) {
     case step_kind::statfs:
       return play_statfs(one);
     case step_kind::verify:
-      return expect(seen(ifs_ioctl(path.c_str(), 7, nullptr)), model_->verify(one.path));
+      return expect(seen(ifs_ioctl(path.c_str(), flashfs_ioctl_verify, nullptr)),
+                    model_->verify(one.path));
     case step_kind::highest_id: {
       uint32_t highest = 0;
       uint32_t expected_id = 0;
-      const seen_result told = seen(ifs_ioctl(path.c_str(), 36, &highest));
+      const seen_result told =
+          seen(ifs_ioctl(path.c_str(), flashfs_ioctl_highest_fileid, &highest));
       const expected_result expected = model_->highest_id(&expected_id);
       return expect(told, expected) &&
              (expected.error != 0 || (highest & 0xFFFF) == expected_id || fail("wrong highest id"));
@@ -483,7 +428,7 @@ bool model_run::play_getdents(const step& one) {
 bool model_run::play_status(const step& one) {
   ppc_stat actual = {};
   ppc_stat expected_status = {};
-  const std::string path = on_device(one.path);
+  const std::string path = files_.full_path(one.path);
   seen_result told;
   expected_result expected;
   if (one.kind == step_kind::fstat) {
@@ -519,7 +464,7 @@ bool model_run::play_statfs(const step& one) {
           state_on_flash(b) == block_available ? block.num_sectors : block.invalid_sectors;
     }
   }
-  const seen_result told = seen(ifs_statfs(on_device(one.path).c_str(), &actual));
+  const seen_result told = seen(ifs_statfs(files_.full_path(one.path).c_str(), &actual));
   const expected_result expected = model_->statfs(free_sectors == 0, &told_by_model);
   if (!expect(told, expected) || expected.error != 0) {
     return failure_.empty();
@@ -544,7 +489,7 @@ bool model_run::play_file_info(const step& one) {
   if (one.kind == step_kind::file_name) {
     flashfs_file_name record = {};
     const expected_result expected = model_->look(one.handle);
-    if (!expect(seen(ifs_fioctl(fd, 12, &record)), expected)) {
+    if (!expect(seen(ifs_fioctl(fd, flashfs_fioctl_name, &record)), expected)) {
       return false;
     }
     return expected.error != 0 ||
@@ -556,7 +501,7 @@ bool model_run::play_file_info(const step& one) {
   std::string path;
   uint32_t size = 0;
   const expected_result expected = model_->file_info(one.handle, &path, &size);
-  if (!expect(seen(ifs_fioctl(fd, 15, &record)), expected)) {
+  if (!expect(seen(ifs_fioctl(fd, flashfs_fioctl_path_and_size, &record)), expected)) {
     return false;
   }
   return expected.error != 0 ||

@@ -2,7 +2,6 @@
 // after every step.
 #pragma once
 
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
@@ -12,7 +11,9 @@
 #include "sim/chassis.h"
 #include "tests/model/fs_model.h"
 #include "tests/model/model_operation.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/ram_flash.h"
+#include "volume/volume.h"
 
 namespace model_test {
 
@@ -37,22 +38,6 @@ struct run_counts {
   uint64_t short_writes = 0;
   uint64_t fresh_mounts = 0;
   uint64_t erases = 0;
-};
-
-// Standard output caught in a file while this lives.
-class caught_output {
- public:
-  caught_output();
-  ~caught_output();
-  caught_output(const caught_output&) = delete;
-  caught_output& operator=(const caught_output&) = delete;
-  // What was printed since the last take.
-  std::string take();
-  std::string peek();
-
- private:
-  FILE* file_;
-  int saved_fd_;
 };
 
 class model_run {
@@ -104,7 +89,6 @@ class model_run {
 
   int32_t fd_of(uint32_t handle) const;
   bool mount(uint32_t flags);
-  bool make_state();
   void drop_state();
   bool settle(bool quick);
   std::vector<std::vector<uint8_t>> snapshot();
@@ -127,8 +111,9 @@ class model_run {
   sim::chassis clock_;
   sim::power supply_;
   std::vector<std::unique_ptr<test_support::ram_flash>> devices_;
-  caught_output output_;
+  test_support::output_capture output_;
   std::unique_ptr<fs_model> model_;
+  volume::file_system files_;
   flashfs* fs_ = nullptr;
   uint32_t now_ = 1800000000;
   uint64_t played_ = 0;

@@ -127,7 +127,17 @@ int64_t step_generator::open_flags() {
     }
     return flags;
   }
-  static constexpr int64_t usual[] = {0x001, 0x001, 0x103, 0x003, 0x10B, 0x30A, 0x303, 0x503};
+  constexpr int64_t both = ifs_open_read | ifs_open_write;
+  static constexpr int64_t usual[] = {
+      ifs_open_read,
+      ifs_open_read,
+      both | ifs_open_create,
+      both,
+      both | ifs_open_create | ifs_open_append,
+      ifs_open_write | ifs_open_append | ifs_open_create | ifs_open_truncate,
+      both | ifs_open_create | ifs_open_truncate,
+      both | ifs_open_create | ifs_open_exclusive,
+  };
   return usual[below(std::size(usual))];
 }
 

@@ -5,47 +5,26 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "flashfs/flashfs.h"
 #include "sim/chassis.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/ram_flash.h"
+#include "volume/volume.h"
 
 namespace test_support {
 
-// Catches what is written to standard output while it lives. They may be nested.
-class output_capture {
- public:
-  output_capture();
-  ~output_capture();
-  output_capture(const output_capture&) = delete;
-  output_capture& operator=(const output_capture&) = delete;
-  // Ends the capture and gives the text.
-  std::string take();
+constexpr int64_t fixture_time = 1800000000;  // seconds since the epoch
 
- private:
-  void end();
-
-  std::FILE* file_;
-  int saved_fd_;  // what standard output was; negative once the capture has ended
-};
-
-// What a call printed.
-template <typename callable>
-std::string output_of(callable&& call) {
-  output_capture capture;
-  call();
-  return capture.take();
+inline volume::device device_of(const ram_flash& flash) {
+  return {flash.driver(), flash.handle()};
 }
 
-// Gives back all memory of a registered file system, closing what is still open on it, and takes it
-// out of the switch. Null is ignored.
-void free_flashfs(flashfs* fs);
-
-constexpr int64_t fixture_time = 1800000000;  // seconds since the epoch
+// The contents of a file; "<errno n>" when it cannot be read.
+std::string contents_of(const volume::files& files, const std::string& path);
 
 class flashfs_fixture : public testing::Test {
  protected:
@@ -56,24 +35,27 @@ class flashfs_fixture : public testing::Test {
   // Makes erased devices; nothing is registered yet. They share one supply.
   void make_flash(const std::vector<ram_block>& device_0);
   void make_flash(const std::vector<ram_block>& device_0, const std::vector<ram_block>& device_1);
-  // Empties the switch and registers a file system on the devices as "bootflash"; what it prints is
-  // dropped. Returns the result of flashfs_initialize.
+  // Registers a file system on the devices as "bootflash"; what it prints is dropped. Returns its
+  // fsid or -1.
   int32_t initialize();
-  // ioctl 11 through the switch. Returns its result; the text it printed is in check_output().
-  int32_t check(uint32_t flags = 1);
+  // The check through the switch. Returns its result; what it printed is in check_output().
+  int32_t check(uint32_t flags = flashfs_check_quick);
   // initialize and check, both asserted to succeed.
-  void mount(uint32_t flags = 1);
+  void mount(uint32_t flags = flashfs_check_quick);
   // make_flash and mount, on `count` erased blocks.
   void mount_new(size_t count = 8, uint32_t size_bytes = 0x20000);
   // Gives the file system back and mounts the flash again, as the next run would.
-  void remount(uint32_t flags = 1);
+  void remount(uint32_t flags = flashfs_check_quick);
   // Gives the file system back; the flash stays.
   void unmount();
   // Whether the flash passes a check, quick and not, that changes nothing on it; says what differs.
   testing::AssertionResult flash_is_consistent();
 
+  volume::file_system& files() {
+    return files_;
+  }
   flashfs* fs() {
-    return fs_;
+    return files_.state();
   }
   ram_flash& device(size_t number = 0) {
     return *devices_.at(number);
@@ -95,9 +77,9 @@ class flashfs_fixture : public testing::Test {
 
  private:
   sim::chassis chassis_;
-  flashfs* fs_ = nullptr;
   sim::power supply_;
   std::vector<std::unique_ptr<ram_flash>> devices_;
+  volume::file_system files_;
   std::string check_output_;
 };
 

@@ -20,11 +20,11 @@ const std::string deepest(600, 'd');
 void make_files(console& console) {
   console.make_empty_file_system();
   ASSERT_EQ(start_flashfs(), 1);
-  console::write_file("bootflash:readme", "first line\nsecond line\n");
-  console::write_file("bootflash:empty", "");
-  console::write_file("bootflash:large", std::string(5000, 'x'));
+  console::write_file("readme", "first line\nsecond line\n");
+  console::write_file("empty", "");
+  console::write_file("large", std::string(5000, 'x'));
   ASSERT_EQ(ifs_mkdir("bootflash:config", 0), 0);
-  console::write_file("bootflash:config/startup", "line\n");
+  console::write_file("config/startup", "line\n");
 }
 
 // Damages the first data byte of a file's first sector, which holds this text.
@@ -97,11 +97,11 @@ TEST(cat_command, prints_files_and_returns_1) {
 TEST(cat_command, stops_a_file_at_its_first_nul_or_ctrl_z) {
   expect_session("cat_end.txt", [](console& console) {
     make_files(console);
-    console::write_file("bootflash:nul", std::string("before\0after", 12));
-    console::write_file("bootflash:ctrl_z",
+    console::write_file("nul", std::string("before\0after", 12));
+    console::write_file("ctrl_z",
                         "before\x1A"
                         "after");
-    console::write_file("bootflash:late", std::string(511, 'l') + std::string("e\0after", 7));
+    console::write_file("late", std::string(511, 'l') + std::string("e\0after", 7));
     console.run(cat_cmd, {"cat", "bootflash:nul", "bootflash:ctrl_z", "bootflash:late"});
   });
 }
@@ -114,7 +114,7 @@ TEST(cat_command, prints_every_other_byte_of_a_long_file_as_it_is) {
       const int value = i % 256;
       bytes += static_cast<char>(value == 0 || value == 26 ? 'z' : value);
     }
-    console::write_file("bootflash:bytes", bytes);
+    console::write_file("bytes", bytes);
     console.run(cat_cmd, {"cat", "bootflash:bytes"});
   });
 }
@@ -122,7 +122,7 @@ TEST(cat_command, prints_every_other_byte_of_a_long_file_as_it_is) {
 TEST(cat_command, goes_on_behind_files_that_cannot_be_opened_or_read) {
   expect_session("cat_failures.txt", [](console& console) {
     make_files(console);
-    console::write_file("bootflash:damaged", "a text that stands nowhere else");
+    console::write_file("damaged", "a text that stands nowhere else");
     damage_sector_with(console, "a text that stands nowhere else");
     console.run(cat_cmd,
                 {"cat", "bootflash:missing", "bootflash:config", "", "readme", "bootflash:readme"});
@@ -186,7 +186,7 @@ TEST(verify_command, reads_files_back) {
 TEST(verify_command, finds_a_damaged_sector) {
   expect_session("verify_damaged.txt", [](console& console) {
     make_files(console);
-    console::write_file("bootflash:damaged", "a text that stands nowhere else");
+    console::write_file("damaged", "a text that stands nowhere else");
     damage_sector_with(console, "a text that stands nowhere else");
     console.run(verify_cmd, {"verify", "bootflash:damaged"});
   });
@@ -244,13 +244,13 @@ TEST(copy_command, copies_in_buffers_and_prints_a_dot_for_each) {
   expect_session("copy.txt", [](console& console) {
     make_files(console);
     console.run(copy_cmd, {"copy", "bootflash:large", "bootflash:large2"});
-    EXPECT_EQ(console::read_file("bootflash:large2"), std::string(5000, 'x'));
+    EXPECT_EQ(console::read_file("large2"), std::string(5000, 'x'));
     console.run(copy_cmd, {"copy", "-b", "1000", "bootflash:large", "bootflash:config/large3"});
-    EXPECT_EQ(console::read_file("bootflash:config/large3"), std::string(5000, 'x'));
+    EXPECT_EQ(console::read_file("config/large3"), std::string(5000, 'x'));
     console.run(copy_cmd, {"copy", "bootflash:empty", "bootflash:large2"});
-    EXPECT_EQ(console::read_file("bootflash:large2"), "");
+    EXPECT_EQ(console::read_file("large2"), "");
     console.run(copy_cmd, {"copy", "-b", "7", "-b", "100000", "bootflash:readme", "bootflash:r"});
-    EXPECT_EQ(console::read_file("bootflash:r"), "first line\nsecond line\n");
+    EXPECT_EQ(console::read_file("r"), "first line\nsecond line\n");
     console.run(dir_cmd, {"dir", "bootflash:"});
   });
 }
@@ -307,8 +307,7 @@ TEST(copy_command, that_does_not_fit_leaves_no_destination) {
 TEST(copy_command, that_cannot_read_its_source_says_so_and_fails) {
   expect_session("copy_failure.txt", [](console& console) {
     make_files(console);
-    console::write_file("bootflash:damaged",
-                        std::string(3000, 'd') + "a text that stands nowhere else");
+    console::write_file("damaged", std::string(3000, 'd') + "a text that stands nowhere else");
     damage_sector_with(console, "a text that stands nowhere else");
     console.run(copy_cmd, {"copy", "-b", "2048", "bootflash:damaged", "bootflash:b"});
   });

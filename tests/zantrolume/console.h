@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "ifs/ifs.h"
+#include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
 #include "tests/support/image_builder.h"
 #include "tests/zantrolume/selected_complex.h"
@@ -56,27 +56,12 @@ class console {
     printf("= %d\n", result_of(one, words));
   }
 
-  // Makes a file through the switch, on a started file system.
+  // The files of a started file system.
   static void write_file(const std::string& path, const std::string& contents) {
-    const int32_t fd =
-        ifs_open(path.c_str(), ifs_open_write | ifs_open_create | ifs_open_truncate, 0);
-    ASSERT_GE(fd, 0) << path;
-    const auto length = static_cast<uint32_t>(contents.size());
-    ASSERT_EQ(ifs_write_until(fd, contents.data(), length), static_cast<int32_t>(length));
-    ASSERT_EQ(ifs_close(fd), 0);
+    ASSERT_EQ(volume::files("bootflash").write_file(path, contents), 0) << path;
   }
   static std::string read_file(const std::string& path) {
-    const int32_t fd = ifs_open(path.c_str(), ifs_open_read, 0);
-    if (fd < 0) {
-      return "<cannot be opened>";
-    }
-    std::string contents;
-    char piece[4096];
-    for (int32_t got = 0; (got = ifs_read(fd, piece, sizeof(piece))) > 0;) {
-      contents.append(piece, static_cast<size_t>(got));
-    }
-    ifs_close(fd);
-    return contents;
+    return test_support::contents_of(volume::files("bootflash"), path);
   }
 
  private:

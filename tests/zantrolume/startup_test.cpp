@@ -118,7 +118,7 @@ TEST(fsck_command, without_f_reads_more) {
     console console;
     console.make_empty_file_system();
     ASSERT_EQ(start_flashfs(), 1);
-    console::write_file("bootflash:file", std::string(5000, 'x'));
+    console::write_file("file", std::string(5000, 'x'));
     const auto words_read_by = [&](const std::vector<std::string>& words) {
       console.complex().chassis().clear_counts();
       console.run(fsck_cmd, words);
@@ -185,7 +185,7 @@ TEST(format_command, of_a_path_formats_its_file_system) {
   expect_session("format.txt", [](console& console) {
     console.make_empty_file_system();
     console.run(start_words, {"start"});
-    console::write_file("bootflash:file", "gone soon");
+    console::write_file("file", "gone soon");
     console.run(dir_cmd, {"dir", "bootflash:"});
     console.run(format_cmd, {"format", "bootflash:some/file:with"});
     console.run(start_words, {"start"});

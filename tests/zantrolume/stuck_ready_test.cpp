@@ -8,15 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "flashfs/check_flags.h"
-#include "flashfs/control_codes.h"
-#include "flashfs/flashfs.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/zantrolume/selected_complex.h"
 
 namespace {
 
-using test_support::free_flashfs;
+using test_support::contents_of;
 using test_support::output_of;
 using zantrolume_test::selected_complex;
 
@@ -48,47 +45,22 @@ class stuck_ready : public testing::Test {
       blocks_[i] = {i * block_size_bytes, block_size_bytes, 0};
     }
     EXPECT_EQ(mount(flashfs_check_full), 0);
-    write("bootflash:keep", kept_content);
-    write("bootflash:file", std::string(100, 'f'));
+    EXPECT_EQ(write("keep", kept_content), 0);
+    EXPECT_EQ(write("file", std::string(100, 'f')), 0);
     start_.assign(complex_.flash().bytes(),
                   complex_.flash().bytes() + block_count * block_size_bytes);
   }
   ~stuck_ready() override {
-    free_flashfs(fs_);
+    files_.detach();
   }
 
   int32_t mount(uint32_t check_flags) {
-    free_flashfs(fs_);
     int32_t result = -1;
-    output_of([&] {
-      ifs_init();
-      const void* const handles[] = {this};
-      const flash_driver_info* const records[] = {&driver_};
-      flashfs_initialize(handles, records, 1, "bootflash");
-      fs_ = flashfs_get_fsp("bootflash:");
-      result = ifs_ioctl("bootflash:", flashfs_ioctl_check, &check_flags);
-    });
+    output_of([&] { result = files_.mount({{&driver_, this}}, check_flags); });
     return result;
   }
-  static int32_t write(const char* path, const std::string& content) {
-    const int32_t fd = ifs_open(path, ifs_open_write | ifs_open_create, 0);
-    const int32_t written =
-        fd < 0 ? fd : ifs_write(fd, content.data(), static_cast<uint32_t>(content.size()));
-    const int error = errno;
-    if (fd >= 0) {
-      ifs_close(fd);
-    }
-    errno = error;
-    return written;
-  }
-  static std::string read(const char* path) {
-    const int32_t fd = ifs_open(path, ifs_open_read, 0);
-    std::string content(5000, '\0');
-    const int32_t got = fd < 0 ? 0 : ifs_read(fd, content.data(), 5000);
-    if (fd >= 0) {
-      ifs_close(fd);
-    }
-    return content.substr(0, static_cast<size_t>(std::max(got, 0)));
+  int32_t write(const char* path, const std::string& content) {
+    return files_.write_file(path, content, ifs_open_write | ifs_open_create);
   }
   void restart() {
     std::copy(start_.begin(), start_.end(), complex_.flash().bytes());
@@ -101,7 +73,7 @@ class stuck_ready : public testing::Test {
   uint64_t cycles_of(const std::function<int32_t()>& act) {
     restart();
     complex_.chassis().clear_counts();
-    output_of([&] { EXPECT_GE(act(), 0); });
+    output_of([&] { EXPECT_EQ(act(), 0); });
     const sim::access_counts counts = complex_.chassis().counts();
     return counts.command_cycles + counts.programs;
   }
@@ -124,12 +96,12 @@ class stuck_ready : public testing::Test {
       EXPECT_EQ(error, EIO);
       EXPECT_NE(said.find("Timeout waiting for flash ready: bit 0x4\n"), std::string::npos) << said;
       EXPECT_NE(said.find(": Poll Timeout\n"), std::string::npos) << said;
-      EXPECT_EQ(fs_->ready, 0U);
-      EXPECT_EQ(fs_->sctr_bufs_allocated, 0U);
+      EXPECT_EQ(files_.state()->ready, 0U);
+      EXPECT_EQ(files_.state()->sctr_bufs_allocated, 0U);
       power_on();
       ASSERT_EQ(mount(flashfs_check_full), 0);
       if (keeps_files) {
-        EXPECT_EQ(read("bootflash:keep"), kept_content);
+        EXPECT_EQ(contents_of(files_, "keep"), kept_content);
       }
     }
   }
@@ -137,29 +109,24 @@ class stuck_ready : public testing::Test {
   selected_complex complex_;
   flash_block_info blocks_[block_count];
   flash_driver_info driver_;
-  flashfs* fs_ = nullptr;
+  volume::file_system files_;
   std::vector<uint8_t> start_;
 };
 
 TEST_F(stuck_ready, removing_marks_down_and_the_next_start_takes_the_flash) {
-  expect_reported_at_each_wait([] { return ifs_remove("bootflash:file"); });
+  expect_reported_at_each_wait([this] { return files_.remove("file"); });
 }
 
 TEST_F(stuck_ready, overwriting_marks_down_and_the_next_start_takes_the_flash) {
-  expect_reported_at_each_wait([] { return write("bootflash:file", "short"); });
+  expect_reported_at_each_wait([this] { return write("file", "short"); });
 }
 
 TEST_F(stuck_ready, making_a_directory_marks_down_and_the_next_start_takes_the_flash) {
-  expect_reported_at_each_wait([] { return ifs_mkdir("bootflash:made", 0); });
+  expect_reported_at_each_wait([this] { return files_.mkdir("made"); });
 }
 
 TEST_F(stuck_ready, formatting_fails_and_the_next_start_takes_the_flash) {
-  expect_reported_at_each_wait(
-      [] {
-        uint32_t argument = 0;
-        return ifs_ioctl("bootflash:", flashfs_ioctl_format, &argument);
-      },
-      false);
+  expect_reported_at_each_wait([this] { return files_.format(); }, false);
 }
 
 // The check brings a block into service and writes the root's slot.
@@ -167,13 +134,12 @@ TEST_F(stuck_ready, checking_an_erased_flash_fails_and_the_next_start_takes_the_
   std::fill(start_.begin(), start_.end(), uint8_t{0xFF});
   for (uint64_t n = 1; n <= 60; n = next_cycle(n)) {
     SCOPED_TRACE("cycle " + std::to_string(n));
-    free_flashfs(fs_);
-    fs_ = nullptr;
+    files_.detach();
     std::copy(start_.begin(), start_.end(), complex_.flash().bytes());
     complex_.node().set_ready_never(static_cast<int>(complex_.index()), n);
     EXPECT_EQ(mount(flashfs_check_full), -1);
-    EXPECT_EQ(fs_->ready, 0U);
-    EXPECT_EQ(fs_->sctr_bufs_allocated, 0U);
+    EXPECT_EQ(files_.state()->ready, 0U);
+    EXPECT_EQ(files_.state()->sctr_bufs_allocated, 0U);
     power_on();
     EXPECT_EQ(mount(flashfs_check_full), 0);
   }

@@ -1,13 +1,11 @@
 // What the dumps, the binding and the copy do when the driver's read or an allocation fails. The
-// real driver's reads cannot fail, so this program links one of its own in its place, and an
-// allocation function that can run dry.
+// real driver's reads cannot fail, so this program links one of its own in its place.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <string>
 
+#include "tests/support/failing_memory.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
 #include "zantrolume/zantrolume_commands.h"
@@ -17,31 +15,10 @@
 
 namespace {
 
-bool memory_is_gone;
 uint32_t failing_address = 0xFFFFFFFF;
 int reads;
 
 }  // namespace
-
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return memory_is_gone ? nullptr : malloc(size);
-}
-
-void operator delete[](void* memory) noexcept {
-  free(memory);
-}
-
-void operator delete[](void* memory, size_t) noexcept {
-  free(memory);
-}
-
-void* operator new[](size_t size) {
-  void* memory = malloc(size);
-  if (memory == nullptr) {
-    throw std::bad_alloc();
-  }
-  return memory;
-}
 
 // --- the driver in the place of the real one: erased flash of which one address cannot be read ---
 
@@ -96,6 +73,7 @@ flash_return_code zantrolume_cpld_lock_master() {
   return flash_illegal_operation;
 }
 
+using test_support::fail_allocation;
 using test_support::output_of;
 using test_support::run_isolated;
 
@@ -130,17 +108,17 @@ TEST(sector_dump, is_one_read) {
 }
 
 TEST(no_memory, both_dumps_say_so) {
-  memory_is_gone = true;
+  fail_allocation(1, true);
   const std::string flash_dump = output_of([] { zantrolume_display_flash(0x20000, 32); });
   const std::string sector_dump = output_of([] { zantrolume_display_flash_sector(1, 32); });
-  memory_is_gone = false;
+  fail_allocation(0);
   EXPECT_EQ(flash_dump, "Unable to allocate buffer!\n");
   EXPECT_EQ(sector_dump, "Unable to allocate buffer!\n");
 }
 
 TEST(no_memory, the_binding_fails_with_2_and_no_message) {
   const auto result = run_isolated([] {
-    memory_is_gone = true;
+    fail_allocation(1, true);
     EXPECT_EQ(zantrolume_flashfs_initialize(), 2U);
   });
   EXPECT_EQ(result.status, 0);
@@ -149,7 +127,7 @@ TEST(no_memory, the_binding_fails_with_2_and_no_message) {
 
 TEST(no_memory, a_binding_that_fails_ends_the_program_with_status_1) {
   const auto result = run_isolated([] {
-    memory_is_gone = true;
+    fail_allocation(1, true);
     register_flashfs();
   });
   EXPECT_EQ(result.status, 1);

@@ -1,42 +1,16 @@
-// What the file system's lower half does when there is no memory. This program's allocation
-// function can run dry, which those of the other programs cannot.
+// What the file system's lower half does when there is no memory.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 #include <string>
 
 #include "flashfs/flashfs.h"
 #include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/failing_memory.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
-
-namespace {
-
-// The allocation that fails, counted from 1; 0: none does.
-uint64_t failing_allocation;
-uint64_t allocations;
-
-bool next_allocation_fails() {
-  return ++allocations == failing_allocation;
-}
-
-void fail_allocation(uint64_t number) {
-  failing_allocation = number;
-  allocations = 0;
-}
-
-}  // namespace
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return next_allocation_fails() ? nullptr : ::operator new(size);
-}
-
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return next_allocation_fails() ? nullptr : ::operator new[](size);
-}
 
 namespace {
 
@@ -80,7 +54,7 @@ TEST_F(short_memory, a_missing_pool_of_sector_buffers_is_reported_on_its_own) {
 
 TEST_F(short_memory, a_switch_without_memory_cannot_register_the_file_system) {
   // In a child: the state stays allocated.
-  const child_end end = end_of_child([&] {
+  const isolated_result end = end_of_child([&] {
     fail_allocation(5);
     std::printf("%d", initialize_again("second"));
   });
@@ -164,7 +138,7 @@ TEST_F(short_memory, a_block_is_not_collected_to_its_end) {
   }
   fail_allocation(0);
   EXPECT_EQ(flashfs_scan_block_available(fs(), spare), 0);
-  EXPECT_EQ(allocations, 1U + 31 + 62);
+  EXPECT_EQ(allocations(), 1U + 31 + 62);
   available_drop_block(fs(), spare);
   EXPECT_EQ(fs()->num_available_slots + fs()->num_available_sectors, before);
 }
@@ -204,7 +178,7 @@ TEST_F(short_memory, creating_fails_at_any_of_its_allocations_and_gives_everythi
   flashfs_sctr_map* created = nullptr;
   for (; created == nullptr; n++) {
     ASSERT_LT(n, 200U);
-    remount(0);
+    remount(flashfs_check_full);
     const std::string name = "file" + std::to_string(n);
     errno = 0;
     output_of([&] {
@@ -221,7 +195,7 @@ TEST_F(short_memory, creating_fails_at_any_of_its_allocations_and_gives_everythi
     EXPECT_EQ(filemap_lookup(fs(), 1)->writer, 0U) << n;
     // Where the name stands on flash and only its list entry is missing, memory is what was short.
     const bool dating_failed = error == EIO;
-    remount(0);
+    remount(flashfs_check_full);
     if (path_lookup(fs(), name.c_str()) != 0 && !dating_failed) {
       named_without_a_list++;
       EXPECT_EQ(error, ENOMEM) << n;

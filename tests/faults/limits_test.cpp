@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/control_codes.h"
 #include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
@@ -11,7 +12,6 @@
 namespace test_support {
 namespace {
 
-constexpr uint32_t full = 0;
 constexpr uint32_t small_block = 32 + 6 * 2056;
 
 class limits : public flashfs_fixture {
@@ -44,7 +44,7 @@ TEST_F(limits, a_clock_before_1970_gives_the_same_32_bits) {
   hold_clock(-1000);
   mount_new(4, small_block);
   ASSERT_EQ(write_file("early", "text"), 0);
-  remount(full);
+  remount(flashfs_check_full);
   EXPECT_EQ(date_of("bootflash:early"), static_cast<uint32_t>(-1000));
   EXPECT_EQ(read_file("early"), "text");
 }
@@ -79,10 +79,10 @@ TEST_F(limits, the_highest_file_ids_are_mounted_read_and_reported) {
   image.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 65534, .name = "last"});
   image.data_sector(1, 1, 65534, 0, "the last file");
   initialize();
-  ASSERT_EQ(check(full), 0) << check_output();
+  ASSERT_EQ(check(flashfs_check_full), 0) << check_output();
   EXPECT_EQ(read_file("last"), "the last file");
   uint32_t highest = 0;
-  EXPECT_EQ(ifs_ioctl("bootflash:", 36, &highest), 0);
+  EXPECT_EQ(ifs_ioctl("bootflash:", flashfs_ioctl_highest_fileid, &highest), 0);
   EXPECT_EQ(highest, 65534U);
   ASSERT_EQ(write_file("next", "x"), 0);
   ppc_stat status = {};
@@ -99,7 +99,7 @@ TEST_F(limits, a_count_above_the_data_area_is_cut_to_it) {
   image.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 2, .name = "file"});
   image.data_sector(1, 1, 2, 0, data, 65535);
   initialize();
-  ASSERT_EQ(check(full), 0) << check_output();
+  ASSERT_EQ(check(flashfs_check_full), 0) << check_output();
   EXPECT_EQ(ifs_file_size("bootflash:file"), 2048);
   EXPECT_EQ(read_file("file"), data);
   const int32_t fd = ifs_open("bootflash:file", ifs_open_write | ifs_open_append, 0);
@@ -115,7 +115,7 @@ TEST_F(limits, the_highest_sequence_number_of_a_directory_is_followed_by_the_low
   image.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4700, .name = ""});
   image.slot(1, 0, 30, {.seq_no = 65535, .entry_fileid = 2, .name = "high"});
   initialize();
-  ASSERT_EQ(check(full), 0) << check_output();
+  ASSERT_EQ(check(flashfs_check_full), 0) << check_output();
   EXPECT_EQ(flashfs_next_slot_seq_no(filemap_lookup(fs(), fileid_root)), 1);
   ASSERT_EQ(write_file("next", "x"), 0);
   remount();
@@ -127,7 +127,7 @@ TEST_F(limits, blocks_without_sectors_hold_no_file_system) {
   make_flash(ram_blocks(4, 40));
   initialize();
   EXPECT_EQ(fs()->largest_block_size, 0);
-  EXPECT_EQ(check(full), -1);
+  EXPECT_EQ(check(flashfs_check_full), -1);
   EXPECT_EQ(errno, EIO);
   EXPECT_NE(check_output().find("error initializing the root directory."), std::string::npos)
       << check_output();
@@ -136,7 +136,7 @@ TEST_F(limits, blocks_without_sectors_hold_no_file_system) {
 TEST_F(limits, blocks_without_sectors_among_others_do_no_harm) {
   make_flash({{40}, {small_block}, {40}, {small_block}, {small_block}});
   initialize();
-  ASSERT_EQ(check(full), 0) << check_output();
+  ASSERT_EQ(check(flashfs_check_full), 0) << check_output();
   ASSERT_EQ(write_file("file", "text"), 0);
   remount();
   EXPECT_EQ(read_file("file"), "text");
@@ -146,7 +146,7 @@ TEST_F(limits, a_device_without_usable_blocks_cannot_be_mounted) {
   make_flash({{small_block, true}, {small_block, true}});
   ASSERT_GE(initialize(), 0);
   EXPECT_EQ(fs()->num_blocks, 0);
-  EXPECT_EQ(check(full), -1);
+  EXPECT_EQ(check(flashfs_check_full), -1);
   EXPECT_NE(check_output().find("unable to allocate available block."), std::string::npos)
       << check_output();
 }

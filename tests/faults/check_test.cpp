@@ -1,73 +1,34 @@
 // Allocation, garbage collection, the entry steps and the check when memory runs out, and the check
-// when a request for interruption comes. The poll and the allocation that may fail are this
-// program's own.
+// when a request for interruption comes.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 
+#include "tests/faults/interruptions.h"
 #include "tests/flashfs/flashfs_recipe.h"
-
-namespace {
-
-int polls;
-int interrupting_poll;   // counted from 1; 0: no request comes
-int allocations;         // of those that may fail
-int failing_allocation;  // counted from 1; 0: memory never runs out
-bool all_later_fail_too;
-
-bool next_allocation_fails() {
-  allocations++;
-  return failing_allocation != 0 && (allocations == failing_allocation ||
-                                     (all_later_fail_too && allocations > failing_allocation));
-}
-
-void fail_allocation(int number, bool and_later = false) {
-  allocations = 0;
-  failing_allocation = number;
-  all_later_fail_too = and_later;
-}
-
-}  // namespace
-
-int intr_req() {
-  return ++polls == interrupting_poll ? 1 : 0;
-}
-
-void process_may_suspend() {}
-
-void process_suspend() {}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return next_allocation_fails() ? nullptr : ::operator new(size);
-}
+#include "tests/support/failing_memory.h"
 
 namespace {
 
 using namespace test_support;
+using faults::polls;
+using faults::request_interruption;
 
 class faulty : public recipe_fixture {
  protected:
   ~faulty() override {
     fail_allocation(0);
-    interrupting_poll = 0;
+    request_interruption(0);
   }
-  // File 2 "f" of two sectors, directory 3 "d" with the empty file 4 "x".
   void make() {
-    make_blocks({4, 4, 4});
-    image().headers(2);
-    root_slot(0, 0, 0);
-    name(0, 0, 1, 1, 1, 2, "f");
-    directory(0, 0, 2, 2, 1, 3, "d");
-    name(0, 0, 3, 0, 3, 4, "x");
-    data(2, {{0, 1}, {1, 0}});
+    make_small_tree(3);
   }
   void make_and_mount() {
     make();
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   }
-  std::string check_with_failure(uint32_t flags, int number) {
+  std::string check_with_failure(uint32_t flags, uint64_t number) {
     initialize();
     fail_allocation(number);
     const int32_t result = check(flags);
@@ -87,70 +48,69 @@ TEST_F(interrupted_check, stops_at_every_block_of_both_passes_and_every_file_of_
   // Three blocks twice, and the entries 1 to 3 at the duplicates and at the broken lists. Entry 4
   // is known by its name alone, which is read later.
   const int expected_polls = 3 + 3 + 3 + 3;
-  for (const uint32_t flags : {quick, full}) {
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
     for (int n = 1; n <= expected_polls; n++) {
       make();
       initialize();
-      polls = 0;
-      interrupting_poll = n;
+      request_interruption(n);
       errno = 0;
       EXPECT_EQ(check(flags), -1) << n;
       EXPECT_EQ(errno, EIO);
       EXPECT_EQ(check_output(), "flashfs[0]: filesystem check interrupted!\n");
-      EXPECT_EQ(polls, n);
+      EXPECT_EQ(polls(), n);
       EXPECT_EQ(fs()->ready, 0U);
       EXPECT_EQ(fs()->file_map, nullptr);
       EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
     }
-    interrupting_poll = 0;
-    polls = 0;
+    request_interruption(0);
     EXPECT_EQ(check_of_recipe(flags), quiet_check);
-    EXPECT_EQ(polls, expected_polls);
+    EXPECT_EQ(polls(), expected_polls);
   }
 }
 
 TEST_F(check_without_memory, the_pool_of_list_entries_comes_first) {
   make();
-  EXPECT_EQ(check_with_failure(quick, 1),
+  EXPECT_EQ(check_with_failure(flashfs_check_quick, 1),
             "result -1: flashfs[0]: unable to allocate chunk of memory.\n");
 }
 
 TEST_F(check_without_memory, then_the_sector_buffer) {
   make();
-  EXPECT_EQ(check_with_failure(quick, 2),
+  EXPECT_EQ(check_with_failure(flashfs_check_quick, 2),
             "result -1: flashfs[0]: unable to allocate sector buffer\n");
 }
 
 TEST_F(check_without_memory, the_file_map_and_its_lists_are_told_as_out_of_memory) {
   make();
   // The root's list entry, its page of the index and its map entry.
-  for (const int n : {3, 4, 5}) {
-    EXPECT_EQ(check_with_failure(quick, n), "result -1: flashfs[0]: out of memory\n") << n;
+  for (const uint64_t n : {3, 4, 5}) {
+    EXPECT_EQ(check_with_failure(flashfs_check_quick, n), "result -1: flashfs[0]: out of memory\n")
+        << n;
   }
 }
 
 TEST_F(check_without_memory, an_orphan_that_cannot_be_listed_fails_the_check) {
   make();
-  data(9, {{1, 1}});
+  data(9, "1.1");
   std::string told;
-  for (int n = 1; told.find("out of memory error.") == std::string::npos; n++) {
-    ASSERT_LT(n, 60);
-    told = check_with_failure(quick, n);
+  for (uint64_t n = 1; told.find("out of memory error.") == std::string::npos; n++) {
+    ASSERT_LT(n, 60U);
+    told = check_with_failure(flashfs_check_quick, n);
   }
   EXPECT_EQ(told, "result -1: flashfs[0]: out of memory error.\n");
 }
 
 TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_check_succeeds) {
   bool reached = true;
-  int n = 1;
+  uint64_t n = 1;
   for (; reached; n++) {
     make();
-    data(9, {{1, 1}});
-    directory(0, 0, 4, 0, 8, 7, "below-an-orphan");
+    data(9, "1.1");
+    names({"0:0.0/4 7<8 below-an-orphan/"});
     initialize();
     fail_allocation(n);
-    const int32_t result = check(full);
-    reached = allocations >= n;
+    const int32_t result = check(flashfs_check_full);
+    reached = allocations() >= n;
     fail_allocation(0);
     if (reached && result == 0) {
       // Relinking alone may fail without ending the check, and a look-up in it without harm.
@@ -159,7 +119,7 @@ TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_c
                   check_output().find("unable to allocate sector buffer") != std::string::npos)
           << n << check_output();
     }
-    ASSERT_EQ(check(full), 0) << n << check_output();
+    ASSERT_EQ(check(flashfs_check_full), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
     EXPECT_EQ(path_lookup(fs(), "d/x"), 4) << n;
     // Everything has a path, though not always the same one: a "/lost+found" that was written and
@@ -171,22 +131,21 @@ TEST_F(check_without_memory, any_failing_allocation_harms_nothing_and_the_next_c
     EXPECT_EQ(path_lookup(fs(), path), 7) << n << path;
     EXPECT_EQ(list_text(fs(), 9), "0:1.1/255") << n;
   }
-  EXPECT_GT(n, 30);
+  EXPECT_GT(n, 30U);
 }
 
 TEST_F(check_without_memory, a_name_that_could_not_be_looked_up_is_not_given_twice) {
   bool reached = true;
-  for (int n = 1; reached; n++) {
+  for (uint64_t n = 1; reached; n++) {
     make();
-    directory(0, 0, 4, 3, 1, 5, "lost+found");
-    name(0, 0, 5, 0, 5, 6, "00009");
-    data(9, {{1, 1}});
+    names({"3:0.0/4 5<1 lost+found/", "0:0.0/5 6<5 00009"});
+    data(9, "1.1");
     initialize();
     fail_allocation(n);
-    check(quick);
-    reached = allocations >= n;
+    check(flashfs_check_quick);
+    reached = allocations() >= n;
     fail_allocation(0);
-    ASSERT_EQ(check(quick), 0) << n << check_output();
+    ASSERT_EQ(check(flashfs_check_quick), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "lost+found/00009"), 9) << n;
     EXPECT_EQ(sctr_list_length(entry(5)->sctr_list), 1U) << n;
   }
@@ -231,7 +190,7 @@ TEST_F(allocation_without_memory, a_file_grows_as_far_as_the_pool_allows) {
 
 TEST_F(allocation_without_memory, dating_an_entry_needs_two_buffers) {
   make_and_mount();
-  for (const int n : {1, 2}) {
+  for (const uint64_t n : {1, 2}) {
     fail_allocation(n);
     errno = 0;
     output_of([&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 0), -1); });
@@ -250,23 +209,22 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
   const auto make_slots = [&] {
     make_blocks({2, 2, 2});
     image().headers(2);
-    root_slot(0, 0, 0);
-    delete_slots(0, 0, 1, 32);
-    name(0, 1, 0, 1, 1, 2, "f");
-    name(0, 1, 1, 2, 1, 3, "g");
-    delete_slots(0, 1, 2, 32);
-    data(2, {{1, 0}, {1, 1}});
-    ASSERT_EQ(check_of_recipe(quick), quiet_check);
+    names({"0:0.0/0 1<1"});
+    delete_slots("0.0/1-31");
+    names({"1:0.1/0 2<1 f", "2:0.1/1 3<1 g"});
+    delete_slots("0.1/2-31");
+    data(2, "1.0 1.1");
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   };
   std::string told;
   int failures = 0;
-  for (int n = 1;; n++) {
+  for (uint64_t n = 1;; n++) {
     make_slots();
     flashfs_sctr_ptr pointer = {5, 5};
     int result = 0;
     fail_allocation(n);
     const std::string output = output_of([&] { result = flashfs_alloc_sector(fs(), &pointer, 1); });
-    const bool reached = allocations >= n;
+    const bool reached = allocations() >= n;
     fail_allocation(0);
     EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
     if (!reached) {
@@ -279,7 +237,7 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
     if (output.find("garbage") != std::string::npos) {
       told += output;
     }
-    EXPECT_EQ(check(full), 0) << n << check_output();
+    EXPECT_EQ(check(flashfs_check_full), 0) << n << check_output();
     EXPECT_EQ(path_lookup(fs(), "f"), 2) << n;
   }
   EXPECT_GT(failures, 60);
@@ -292,13 +250,13 @@ TEST_F(collection_without_memory, a_move_that_cannot_be_noted_ends_compaction) {
 TEST_F(steps_without_memory, a_moved_entry_that_cannot_be_listed_is_enomem) {
   make_and_mount();
   int of_lists = 0;
-  for (int n = 1;; n++) {
+  for (uint64_t n = 1;; n++) {
     make_and_mount();
     fail_allocation(n);
     errno = 0;
     int32_t result = 0;
     output_of([&] { result = flashfs_rename_entry(fs(), entry(2), entry(3), "g"); });
-    const bool reached = allocations >= n;
+    const bool reached = allocations() >= n;
     fail_allocation(0);
     EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
     if (!reached) {
@@ -309,7 +267,7 @@ TEST_F(steps_without_memory, a_moved_entry_that_cannot_be_listed_is_enomem) {
     const int error = errno;
     EXPECT_TRUE(error == ENOMEM || error == EIO);
     // The fresh slot stays on flash, and the next check finds the entry under its new name.
-    ASSERT_EQ(check(quick), 0);
+    ASSERT_EQ(check(flashfs_check_quick), 0);
     if (path_lookup(fs(), "d/g") == 2) {
       of_lists++;
       EXPECT_EQ(error, ENOMEM);

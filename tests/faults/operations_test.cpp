@@ -1,58 +1,22 @@
-// The operations of the file system when a request for interruption comes or memory runs out. The
-// poll and the allocation that may fail are this program's own.
+// The operations of the file system when a request for interruption comes or memory runs out.
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <new>
 
+#include "flashfs/control_codes.h"
+#include "tests/faults/interruptions.h"
 #include "tests/flashfs/operations_fixture.h"
-
-namespace {
-
-int polls_until_interrupt;  // 0: no request ever comes
-uint32_t offers;            // of the processor, that may be declined
-uint32_t suspensions;
-int allocations_until_none;  // of those that may fail; 0: memory never runs out
-
-// From the planned allocation on there is no memory.
-bool memory_is_gone() {
-  if (allocations_until_none > 1) {
-    allocations_until_none--;
-    return false;
-  }
-  return allocations_until_none == 1;
-}
-
-}  // namespace
-
-int intr_req() {
-  return polls_until_interrupt > 0 && --polls_until_interrupt == 0 ? 1 : 0;
-}
-
-void process_may_suspend() {
-  offers++;
-}
-
-void process_suspend() {
-  suspensions++;
-}
-
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  return memory_is_gone() ? nullptr : ::operator new(size);
-}
-
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-  return memory_is_gone() ? nullptr : ::operator new[](size);
-}
+#include "tests/support/failing_memory.h"
 
 namespace {
 
 using namespace test_support;
+using faults::request_interruption;
 
 class operations_interrupted : public operations_fixture {
  protected:
   ~operations_interrupted() override {
-    polls_until_interrupt = 0;
+    request_interruption(0);
   }
   uint32_t position_of(int32_t fd) {
     return static_cast<const flashfs_open_file*>(ifs_fd_get_entry(fd)->fd_context)->filepos;
@@ -62,14 +26,14 @@ class operations_interrupted : public operations_fixture {
 class operations_without_memory : public operations_fixture {
  protected:
   ~operations_without_memory() override {
-    allocations_until_none = 0;
+    fail_allocation(0);
   }
   // Runs an operation on a device made anew with ever more allocations before memory runs out,
   // until it succeeds. No failure may leave a buffer or a descriptor out, nor a claim while the
   // file system is up, and a check brings everything back.
   void expect_that_failures_leave_nothing_out(const std::function<void()>& prepare,
                                               const std::function<int32_t()>& operation) {
-    for (int n = 1; n < 200; n++) {
+    for (uint64_t n = 1; n < 200; n++) {
       SCOPED_TRACE("allocation " + std::to_string(n));
       prepare();
       const int descriptors = open_descriptors();
@@ -77,15 +41,15 @@ class operations_without_memory : public operations_fixture {
       int32_t result = -1;
       int error = 0;
       output_of([&] {
-        allocations_until_none = n;
+        fail_allocation(n, true);
         errno = 0;
         result = operation();
         error = errno;
-        allocations_until_none = 0;
+        fail_allocation(0);
       });
       EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
       if (result >= 0) {
-        EXPECT_GT(n, 1);
+        EXPECT_GT(n, 1U);
         return;
       }
       EXPECT_EQ(result, -1);
@@ -111,7 +75,7 @@ TEST_F(operations_interrupted, a_read_fails_and_leaves_the_position) {
   put("a", pattern(5000));
   const int32_t fd = open("a");
   char buffer[5000];
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(read(fd, buffer, 5000)), EINTR);
   EXPECT_EQ(output(), "");
   EXPECT_EQ(position_of(fd), 0U);
@@ -126,7 +90,7 @@ TEST_F(operations_interrupted, a_write_fails_after_a_sector_and_keeps_the_sector
   put("a", text);
   const int32_t fd = open("a", open_rw);
   const std::string over = pattern(4 * 2048, 5);
-  polls_until_interrupt = 2;
+  request_interruption(2);
   EXPECT_EQ(error_of(write(fd, over)), EINTR);
   EXPECT_EQ(position_of(fd), 4096U);
   EXPECT_EQ(fs()->ready, 1U);
@@ -138,7 +102,7 @@ TEST_F(operations_interrupted, a_write_fails_after_a_sector_and_keeps_the_sector
 TEST_F(operations_interrupted, sectors_reserved_by_an_interrupted_write_hold_nothing) {
   make();
   const int32_t fd = open("a", open_new);
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
   EXPECT_EQ(seek(fd, 0), 0);
   EXPECT_TRUE(read_text(fd, 10000) == pattern(2048));
@@ -150,7 +114,7 @@ TEST_F(operations_interrupted, the_next_write_zeroes_the_reserved_sectors_that_i
   for (const int32_t whence : {ifs_seek_set, ifs_seek_end}) {
     make();
     const int32_t fd = open("a", open_new);
-    polls_until_interrupt = 1;
+    request_interruption(1);
     EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
     EXPECT_EQ(seek(fd, whence == ifs_seek_end ? 0 : 4 * 2048, whence), 4 * 2048);
     EXPECT_EQ(write(fd, "end"), 3);
@@ -165,7 +129,7 @@ TEST_F(operations_interrupted,
        reading_first_does_not_hide_the_reserved_sectors_from_the_next_write) {
   make();
   const int32_t fd = open("a", open_new);
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
   EXPECT_EQ(seek(fd, 0), 0);
   EXPECT_TRUE(read_text(fd, 10000) == pattern(2048));
@@ -179,10 +143,10 @@ TEST_F(operations_interrupted,
 TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a_file_to_write_on) {
   make();
   const int32_t fd = open("a", open_new);
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
   uint32_t length = 3000;
-  EXPECT_EQ(ifs_fioctl(fd, 1, &length), 0);
+  EXPECT_EQ(ifs_fioctl(fd, flashfs_fioctl_truncate, &length), 0);
   EXPECT_EQ(seek(fd, 3000), 3000);
   EXPECT_EQ(write(fd, "end"), 3);
   EXPECT_EQ(close(fd), 0);
@@ -193,7 +157,7 @@ TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a
 TEST_F(operations_interrupted, a_reserved_sector_found_erased_is_zero_filled_before_the_data) {
   make();
   const int32_t fd = open("a", open_new);
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(write(fd, pattern(2 * 2048))), EINTR);
   const flashfs_sctr_ptr reserved = entry(fileid_of("a"))->sctr_list->next->sctr_ptr;
   memset(image().sector_at(reserved.block_num, reserved.sctr_num), 0xFF, 2);
@@ -212,13 +176,13 @@ TEST_F(operations_interrupted, the_raw_device_stops_after_a_block) {
   const std::string image_text(flash.begin(), flash.end());
   const int32_t reader = open("...");
   std::string buffer(flash.size(), '#');
-  polls_until_interrupt = 2;
+  request_interruption(2);
   EXPECT_EQ(error_of(read(reader, buffer.data(), static_cast<uint32_t>(buffer.size()))), EINTR);
   EXPECT_EQ(position_of(reader), 0U);
   EXPECT_EQ(close(reader), 0);
 
   const int32_t writer = open("...", open_rw);
-  polls_until_interrupt = 2;
+  request_interruption(2);
   EXPECT_EQ(error_of(write(writer, image_text)), EINTR);
   EXPECT_EQ(position_of(writer), 2 * block_bytes(8));
   EXPECT_EQ(write(writer, image_text.substr(2 * block_bytes(8))),
@@ -230,11 +194,11 @@ TEST_F(operations_interrupted, the_raw_device_stops_after_a_block) {
 TEST_F(operations_interrupted, a_check_stops_and_discards_the_state) {
   make();
   put("a", "text");
-  uint32_t word = 0;
+  uint32_t word = flashfs_check_full;
   // The check asks at every block of both passes and at every file of two walks.
   for (int poll = 1;; poll++) {
-    polls_until_interrupt = poll;
-    const int32_t result = ioctl("", 11, &word);
+    request_interruption(poll);
+    const int32_t result = ioctl("", flashfs_ioctl_check, &word);
     if (result == 0) {
       EXPECT_GT(poll, 8 + 4);
       break;
@@ -244,7 +208,7 @@ TEST_F(operations_interrupted, a_check_stops_and_discards_the_state) {
     EXPECT_EQ(fs()->ready, 0U);
     EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
   }
-  polls_until_interrupt = 0;
+  request_interruption(0);
   EXPECT_EQ(get("a"), "text");
 }
 
@@ -254,10 +218,10 @@ class operations_yield : public operations_fixture {
  protected:
   // The offers in a call, with those that may be declined first: "offers/suspensions".
   std::string yields_of(const std::function<void()>& call) {
-    offers = 0;
-    suspensions = 0;
+    faults::clear_offers();
     output_of(call);
-    return std::to_string(offers) + "/" + std::to_string(suspensions);
+    const faults::offer_counts offered = faults::offers();
+    return std::to_string(offered.declinable) + "/" + std::to_string(offered.suspensions);
   }
 };
 
@@ -272,14 +236,14 @@ TEST_F(operations_yield, at_every_sector_read_written_passed_over_cut_or_verifie
   EXPECT_EQ(seek(fd, 0), 0);
   std::string buffer(4 * 2048, ' ');
   EXPECT_EQ(yields_of([&] { (void)ifs_read(fd, buffer.data(), 4 * 2048); }), "4/0");
-  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, 7, nullptr); }), "4/0");
+  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, flashfs_fioctl_verify, nullptr); }), "4/0");
   EXPECT_EQ(seek(fd, 6 * 2048), 6 * 2048);
   // The last sector read, two of a hole, and the one behind it.
   EXPECT_EQ(yields_of([&] { (void)ifs_write(fd, "end", 3); }), "4/0");
   uint32_t length = 2048;
-  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, 1, &length); }), "6/0");
+  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, flashfs_fioctl_truncate, &length); }), "6/0");
   length = 0;
-  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, 1, &length); }), "1/0");
+  EXPECT_EQ(yields_of([&] { (void)ifs_fioctl(fd, flashfs_fioctl_truncate, &length); }), "1/0");
   EXPECT_EQ(close(fd), 0);
 }
 
@@ -326,15 +290,16 @@ TEST_F(operations_yield, in_a_format_after_every_block_and_in_the_check_at_every
   make({4, 4, 4});
   put("a", pattern(5000));
   put("b", "text");
-  uint32_t flags = 1;
+  uint32_t flags = flashfs_check_quick;
   // Three blocks four times: in both passes, for their free space, and counted; the four sectors of
   // both blocks in use twice. Then three slots, one block up to the spare, the spare's four
   // sectors.
-  EXPECT_EQ(yields_of([&] { (void)ifs_ioctl("bootflash:", 11, &flags); }), "28/8");
+  EXPECT_EQ(yields_of([&] { (void)ifs_ioctl("bootflash:", flashfs_ioctl_check, &flags); }), "28/8");
   // The same without a block in use; two blocks are looked at and four sectors of one collected for
   // the root's slot. Each block is left once, and the four sectors of the spare looked through
   // twice.
-  EXPECT_EQ(yields_of([&] { (void)ifs_ioctl("bootflash:", 6, &flags); }), "18/12");
+  EXPECT_EQ(yields_of([&] { (void)ifs_ioctl("bootflash:", flashfs_ioctl_format, &flags); }),
+            "18/12");
 }
 
 // --- memory ---
@@ -346,9 +311,9 @@ TEST_F(operations_without_memory, an_open_without_a_record_or_a_descriptor_is_ou
     for (const int n : {1, 2}) {
       int32_t fd = 0;
       said([&] {
-        allocations_until_none = n;
+        fail_allocation(n, true);
         fd = ifs_open(on_bootflash(name).c_str(), ifs_open_read, 0);
-        allocations_until_none = 0;
+        fail_allocation(0);
       });
       EXPECT_EQ(error_of(fd), ENOMEM) << name << n;
       EXPECT_EQ(open_descriptors(), 0);
@@ -367,9 +332,9 @@ TEST_F(operations_without_memory, the_raw_device_needs_a_sector_and_a_block_of_m
     for (const bool writing : {false, true}) {
       int32_t result = 0;
       said([&] {
-        allocations_until_none = n;
+        fail_allocation(n, true);
         result = writing ? ifs_write(raw, "x", 1) : ifs_read(raw, &byte, 1);
-        allocations_until_none = 0;
+        fail_allocation(0);
       });
       EXPECT_EQ(error_of(result), ENOMEM);
       EXPECT_EQ(output(), n == 1 ? no_sector : "");
@@ -385,9 +350,9 @@ TEST_F(operations_without_memory, a_transfer_takes_its_buffer_before_it_checks) 
   const int32_t fd = open("a");
   int32_t result = 0;
   said([&] {
-    allocations_until_none = 1;
+    fail_allocation(1, true);
     result = ifs_write(fd, "x", 1);
-    allocations_until_none = 0;
+    fail_allocation(0);
   });
   EXPECT_EQ(error_of(result), ENOMEM);
   EXPECT_EQ(error_of(write(fd, "x")), EBADF);
@@ -407,7 +372,7 @@ TEST_F(operations_without_memory, operations_on_names_leave_nothing_out) {
       [&] { return ifs_mkdir("bootflash:e", 0); },
       [&] { return ifs_stat("bootflash:d/b", &status); },
       [&] { return ifs_istat("bootflash:x", 2, &status); },
-      [&] { return ifs_ioctl("bootflash:a", 7, nullptr); },
+      [&] { return ifs_ioctl("bootflash:a", flashfs_ioctl_verify, nullptr); },
       [&] { return flashfs_vctr_open_by_fileid(fs()->fsid, 0, 2, ifs_open_read, 0) < 0 ? -1 : 0; },
   };
   for (size_t i = 0; i < std::size(operations); i++) {
@@ -437,11 +402,11 @@ TEST_F(operations_without_memory, operations_on_descriptors_leave_nothing_out) {
       [&] { return ifs_lseek(fd, 0, ifs_seek_end); },
       [&] { return ifs_getdents(directory, buffer, sizeof buffer); },
       [&] { return ifs_fstat(fd, &status); },
-      [&] { return ifs_fioctl(fd, 1, &(length = 1000)); },
-      [&] { return ifs_fioctl(fd, 1, &(length = 0)); },
-      [&] { return ifs_fioctl(fd, 7, nullptr); },
-      [&] { return ifs_fioctl(fd, 12, &name_record); },
-      [&] { return ifs_fioctl(fd, 15, &info_record); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_truncate, &(length = 1000)); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_truncate, &(length = 0)); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_verify, nullptr); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_name, &name_record); },
+      [&] { return ifs_fioctl(fd, flashfs_fioctl_path_and_size, &info_record); },
   };
   for (size_t i = 0; i < std::size(operations); i++) {
     SCOPED_TRACE("operation " + std::to_string(i));
@@ -464,9 +429,9 @@ TEST_F(operations_without_memory, a_dump_prints_what_the_buffer_says) {
                                          [&] { flashfs_dump_slot(fs(), 0, 0, 0); }};
   for (const auto& one : dumps) {
     const std::string text = output_of([&] {
-      allocations_until_none = 1;
+      fail_allocation(1, true);
       one();
-      allocations_until_none = 0;
+      fail_allocation(0);
     });
     EXPECT_EQ(text.rfind("flashfs[0]: unable to allocate sector buffer\n", 0), 0U) << text;
     EXPECT_EQ(text.find("Contents"), std::string::npos);
