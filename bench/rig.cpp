@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"

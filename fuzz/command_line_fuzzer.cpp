@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "flashfs/check_flags.h"
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "ifs/ifs.h"
 #include "sim/chassis.h"

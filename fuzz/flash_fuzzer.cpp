@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/file.h"
 #include "fuzz/input_bytes.h"
 #include "reliability/rig.h"
 #include "sim/chassis.h"

@@ -3,6 +3,8 @@
 #include <map>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/operations.h"
+#include "flashfs/vector.h"
 #include "reliability/faults.h"
 
 namespace reliability {

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <optional>
 
+#include "flashfs/io.h"
+
 namespace reliability {
 
 namespace {

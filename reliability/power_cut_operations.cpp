@@ -2,6 +2,9 @@
 // what the order of its writes is known to leave.
 #include <cstring>
 
+#include "flashfs/alloc.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
 #include "reliability/power_cuts.h"
 #include "tests/support/image_builder.h"
 

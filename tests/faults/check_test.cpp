@@ -5,6 +5,15 @@
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/alloc.h"
+#include "flashfs/available.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/fsck.h"
+#include "flashfs/fsck_tree.h"
+#include "flashfs/gc.h"
+#include "flashfs/path.h"
+#include "flashfs/status.h"
 #include "tests/faults/interruptions.h"
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/support/failing_memory.h"

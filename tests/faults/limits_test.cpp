@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/filemap.h"
 #include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"

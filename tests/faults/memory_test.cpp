@@ -5,7 +5,16 @@
 #include <cstring>
 #include <string>
 
+#include "flashfs/alloc.h"
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
+#include "flashfs/entry.h"
+#include "flashfs/erase.h"
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/path.h"
+#include "flashfs/scan.h"
+#include "flashfs/slots.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/failing_memory.h"
 #include "tests/support/image_builder.h"

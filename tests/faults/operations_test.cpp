@@ -1,9 +1,12 @@
 // The operations of the file system when a request for interruption comes or memory runs out.
+#include "flashfs/operations.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/file.h"
 #include "tests/faults/interruptions.h"
 #include "tests/flashfs/operations_fixture.h"
 #include "tests/support/failing_memory.h"

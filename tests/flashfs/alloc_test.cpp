@@ -1,5 +1,7 @@
 // Handing out sectors and slots, growing a file, dating an entry, the lock's complaints, admission,
 // and the numbers for what is new. What is done when nothing is left to hand out: gc_test.cpp.
+#include "flashfs/alloc.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -7,6 +9,12 @@
 #include <cstring>
 #include <vector>
 
+#include "flashfs/available.h"
+#include "flashfs/claim.h"
+#include "flashfs/entry.h"
+#include "flashfs/filemap.h"
+#include "flashfs/gc.h"
+#include "flashfs/path.h"
 #include "tests/flashfs/flashfs_recipe.h"
 
 namespace {
@@ -79,7 +87,7 @@ TEST_F(alloc_sector, the_head_of_the_list_is_given_without_a_look_at_the_flash) 
 
 TEST_F(alloc_sector, the_last_one_is_given_at_once_from_the_reserve) {
   make_full_with_two_invalid_sectors();
-  available_sector_push(fs(), {1, 3});
+  (void)available_sector_push(fs(), {1, 3});
   device().clear_counts();
   flashfs_sctr_ptr pointer = {};
   EXPECT_EQ(flashfs_alloc_sector(fs(), &pointer, 1), 0);
@@ -498,7 +506,7 @@ TEST(admission, many_readers_are_admitted) {
 
 TEST(admission, a_writer_is_refused_while_a_reader_is_admitted) {
   flashfs_sctr_map file = {};
-  flashfs_file_acquire(&file, acquire_read);
+  (void)flashfs_file_acquire(&file, acquire_read);
   EXPECT_EQ(flashfs_file_acquire(&file, acquire_write), 1);
   EXPECT_EQ(file.writer, 0U);
   flashfs_file_release(&file);

@@ -1,8 +1,17 @@
 // The control codes of a file system and of a descriptor - format, verify, check, highest id,
 // names and paths - and the operations vector. Truncation is in truncate_test.cpp.
+#include "flashfs/control.h"
+
 #include <gtest/gtest.h>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/file.h"
+#include "flashfs/filemap.h"
+#include "flashfs/listing.h"
+#include "flashfs/log.h"
+#include "flashfs/namespace.h"
+#include "flashfs/vector.h"
+#include "flashfs/write.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

@@ -1,6 +1,8 @@
 // The diagnostic dumps, letter by letter, and that they change nothing.
 #include <gtest/gtest.h>
 
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

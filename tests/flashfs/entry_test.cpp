@@ -1,10 +1,18 @@
 // The steps behind names: renaming, moving, changing modes, emptying, removing and verifying
 // entries, and the root's own slot.
+#include "flashfs/entry.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/alloc.h"
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
+#include "flashfs/claim.h"
+#include "flashfs/filemap.h"
+#include "flashfs/path.h"
 #include "tests/flashfs/flashfs_recipe.h"
 
 namespace {

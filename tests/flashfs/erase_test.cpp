@@ -1,4 +1,6 @@
 // Erasing blocks, with and without their history, and the destructive block test.
+#include "flashfs/erase.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 

@@ -1,10 +1,16 @@
 // Reading, seeking and closing of files, and opening by file id. Opening by path is in
 // open_test.cpp, writing in write_test.cpp.
+#include "flashfs/file.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
 
+#include "flashfs/control.h"
 #include "flashfs/control_codes.h"
+#include "flashfs/listing.h"
+#include "flashfs/operations.h"
+#include "flashfs/write.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

@@ -1,4 +1,6 @@
 // The file map and the lists of sectors and slots in memory.
+#include "flashfs/filemap.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -7,7 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/available.h"
+#include "flashfs/buffer.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
+#include "flashfs/slots.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 
@@ -148,7 +154,7 @@ TEST_F(file_map, an_id_that_is_taken_is_refused_and_the_map_stays) {
 
 TEST_F(file_map, a_removed_entry_is_gone_and_its_list_too) {
   for (const uint16_t fileid : u16s{5, 300, 9}) {
-    filemap_add_sector(fs(), {0, fileid}, data_sector(fileid, 0), slot_of_sector);
+    (void)filemap_add_sector(fs(), {0, fileid}, data_sector(fileid, 0), slot_of_sector);
   }
   filemap_remove(fs(), filemap_lookup(fs(), 9));
   EXPECT_EQ(fileids(), (std::vector<uint16_t>{5, 300}));
@@ -197,22 +203,22 @@ TEST_F(file_map, a_known_owner_keeps_its_mode_and_parent) {
 }
 
 TEST_F(file_map, a_new_duplicate_stands_before_the_old_one) {
-  filemap_add_sector(fs(), {0, 0}, data_sector(12, 0), slot_of_sector);
-  filemap_add_sector(fs(), {0, 3}, data_sector(12, 3), slot_of_sector);
-  filemap_add_sector(fs(), {0, 5}, data_sector(12, 5), slot_of_sector);
+  (void)filemap_add_sector(fs(), {0, 0}, data_sector(12, 0), slot_of_sector);
+  (void)filemap_add_sector(fs(), {0, 3}, data_sector(12, 3), slot_of_sector);
+  (void)filemap_add_sector(fs(), {0, 5}, data_sector(12, 5), slot_of_sector);
   EXPECT_EQ(filemap_add_sector(fs(), {2, 9}, data_sector(12, 3), slot_of_sector), 0);
   EXPECT_EQ(list_of(12), "0@0.0 3@2.9 3@0.3 5@0.5");
 }
 
 TEST_F(file_map, a_new_duplicate_of_the_head_becomes_the_head) {
-  filemap_add_sector(fs(), {0, 0}, data_sector(12, 1), slot_of_sector);
-  filemap_add_sector(fs(), {0, 1}, data_sector(12, 1), slot_of_sector);
+  (void)filemap_add_sector(fs(), {0, 0}, data_sector(12, 1), slot_of_sector);
+  (void)filemap_add_sector(fs(), {0, 1}, data_sector(12, 1), slot_of_sector);
   EXPECT_EQ(list_of(12), "1@0.1 1@0.0");
 }
 
 TEST_F(file_map, sectors_stand_in_ascending_order_however_they_come) {
   for (const uint16_t seq_no : u16s{500, 2, 65535, 0, 3, 1}) {
-    filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector);
+    (void)filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector);
   }
   EXPECT_EQ(list_of(12), "0@0.0 1@0.1 2@0.2 3@0.3 500@0.500 65535@0.65535");
 }
@@ -352,14 +358,14 @@ TEST_F(slot_search, gives_null_and_its_buffer_back_when_the_flash_fails) {
 
 TEST_F(slot_search, tells_a_failure_from_a_slot_that_is_not_there) {
   sector_buffer buffer(fs());
-  bool failed = true;
-  EXPECT_EQ(filemap_find_slot_in(fs(), entry(999), buffer, &failed), nullptr);
-  EXPECT_FALSE(failed);
-  buffer.forget();
+  found_slot found = filemap_find_slot_in(fs(), entry(999), buffer);
+  EXPECT_EQ(found.entry, nullptr);
+  EXPECT_FALSE(found.failed);
+  sector_buffers_forget();
   device().fail(flash_call::read, 1, flash_busy);
-  output_of(
-      [&] { EXPECT_EQ(filemap_find_slot_in(fs(), entry(entry_id(1)), buffer, &failed), nullptr); });
-  EXPECT_TRUE(failed);
+  output_of([&] { found = filemap_find_slot_in(fs(), entry(entry_id(1)), buffer); });
+  EXPECT_EQ(found.entry, nullptr);
+  EXPECT_TRUE(found.failed);
 }
 
 TEST_F(slot_search, passes_over_data_sectors_in_a_directorys_list) {
@@ -426,7 +432,7 @@ TEST_F(file_map, a_file_can_have_all_65536_sector_numbers) {
 
 TEST_F(file_map, entries_are_taken_out_of_a_list_one_by_one_or_all_at_once) {
   for (uint16_t seq_no = 0; seq_no < 4; seq_no++) {
-    filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector);
+    (void)filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector);
   }
   flashfs_sctr_map* file = filemap_lookup(fs(), 12);
   sctr_list_remove(fs(), file, file->sctr_list->next);
@@ -451,10 +457,10 @@ TEST_F(file_map, available_sectors_and_slots_are_pushed_on_the_front) {
 }
 
 TEST_F(file_map, available_sectors_and_slots_are_taken_from_the_front) {
-  available_sector_push(fs(), {1, 9});
-  available_sector_push(fs(), {1, 8});
-  available_slot_push(fs(), {2, 3}, 31);
-  available_slot_push(fs(), {2, 4}, 7);
+  (void)available_sector_push(fs(), {1, 9});
+  (void)available_sector_push(fs(), {1, 8});
+  (void)available_slot_push(fs(), {2, 3}, 31);
+  (void)available_slot_push(fs(), {2, 4}, 7);
   uint8_t slot_no = 0;
   EXPECT_EQ(available_sector_take(fs()), (flashfs_sctr_ptr{1, 8}));
   EXPECT_EQ(available_slot_take(fs(), &slot_no), (flashfs_sctr_ptr{2, 4}));
@@ -467,8 +473,8 @@ TEST_F(file_map, available_sectors_and_slots_are_taken_from_the_front) {
 
 TEST_F(file_map, everything_available_in_a_block_can_be_dropped) {
   for (const int16_t block : std::initializer_list<int16_t>{1, 2, 2, 1, 0, 1}) {
-    available_sector_push(fs(), {block, 5});
-    available_slot_push(fs(), {block, 6}, 4);
+    (void)available_sector_push(fs(), {block, 5});
+    (void)available_slot_push(fs(), {block, 6}, 4);
   }
   available_drop_block(fs(), 1);
   EXPECT_EQ(available(fs()->available_sectors), "0.5/255 2.5/255 2.5/255");

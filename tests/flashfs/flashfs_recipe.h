@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/recipe_text.h"

@@ -6,7 +6,9 @@
 #include <set>
 #include <string>
 
+#include "flashfs/erase.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 

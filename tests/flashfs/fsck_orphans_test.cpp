@@ -1,6 +1,9 @@
 // The check as it finds what no directory names, and relinks it.
 #include <gtest/gtest.h>
 
+#include "flashfs/filemap.h"
+#include "flashfs/fsck_tree.h"
+#include "flashfs/path.h"
 #include "tests/flashfs/fsck_recipe.h"
 
 namespace {

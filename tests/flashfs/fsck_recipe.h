@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/filemap.h"
+#include "flashfs/path.h"
 #include "tests/flashfs/flashfs_recipe.h"
 
 namespace test_support {

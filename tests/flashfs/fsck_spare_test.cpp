@@ -3,6 +3,8 @@
 
 #include <vector>
 
+#include "flashfs/filemap.h"
+#include "flashfs/fsck_blocks.h"
 #include "tests/flashfs/fsck_recipe.h"
 
 namespace {

@@ -1,11 +1,16 @@
 // The check as it deals with the directory tree: parents and modes, second names, directories that
 // contain themselves or each other, and deep nesting. Orphans are in fsck_orphans_test.cpp.
+#include "flashfs/fsck_tree.h"
+
 #include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <algorithm>
 #include <climits>
 
+#include "flashfs/entry.h"
+#include "flashfs/path.h"
+#include "flashfs/status.h"
 #include "tests/flashfs/fsck_recipe.h"
 
 namespace {

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "flashfs/alloc.h"
+#include "flashfs/available.h"
 #include "tests/flashfs/flashfs_recipe.h"
 
 namespace test_support {

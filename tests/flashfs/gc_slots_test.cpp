@@ -4,6 +4,9 @@
 
 #include <cstring>
 
+#include "flashfs/available.h"
+#include "flashfs/filemap.h"
+#include "flashfs/path.h"
 #include "tests/flashfs/gc_recipe.h"
 
 namespace {
@@ -374,10 +377,10 @@ TEST_F(slots, the_lower_sector_of_a_block_is_filled_first_whatever_the_lists_ord
     available_slot_take(fs(), &higher.emplace_back());
   }
   for (auto slot = lower.rbegin(); slot != lower.rend(); ++slot) {
-    available_slot_push(fs(), {0, 0}, *slot);
+    (void)available_slot_push(fs(), {0, 0}, *slot);
   }
   for (auto slot = higher.rbegin(); slot != higher.rend(); ++slot) {
-    available_slot_push(fs(), {0, 1}, *slot);
+    (void)available_slot_push(fs(), {0, 1}, *slot);
   }
   ASSERT_EQ(slots_text(fs()).substr(0, 6), "0.1/31");
   allocate(1);

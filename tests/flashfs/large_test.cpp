@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <set>
 
+#include "flashfs/io.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace test_support {

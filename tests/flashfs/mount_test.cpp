@@ -7,7 +7,11 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
+#include "flashfs/log.h"
+#include "flashfs/vector.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 
 using namespace test_support;

@@ -1,8 +1,12 @@
 // Operations on names: changing modes, removing files and directories, making directories, and what
 // all operations by path share. Renaming is in rename_test.cpp, listing in getdents_test.cpp.
+#include "flashfs/namespace.h"
+
 #include <gtest/gtest.h>
 
+#include "flashfs/control.h"
 #include "flashfs/control_codes.h"
+#include "flashfs/listing.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

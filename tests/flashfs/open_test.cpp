@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "flashfs/file.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

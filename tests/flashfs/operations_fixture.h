@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/file.h"
 #include "flashfs/operations.h"
 #include "tests/flashfs/flashfs_recipe.h"
 

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/operations.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

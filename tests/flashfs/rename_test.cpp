@@ -1,6 +1,7 @@
 // Renaming: within a directory and between directories, what is refused and in which order.
 #include <gtest/gtest.h>
 
+#include "flashfs/filemap.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

@@ -6,6 +6,8 @@
 #include <string>
 
 #include "flashfs/flashfs.h"
+#include "flashfs/io.h"
+#include "flashfs/scan.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 

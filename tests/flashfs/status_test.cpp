@@ -3,6 +3,8 @@
 
 #include <climits>
 
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "flashfs/operations.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -380,7 +381,7 @@ TEST_F(file_write, small_appends_cost_the_same_at_the_end_of_a_long_file) {
   const int32_t fd = open("a", open_rw | ifs_open_append);
   EXPECT_EQ(write(fd, "first"), 5);
   const auto* open = static_cast<const flashfs_open_file*>(ifs_fd_get_entry(fd)->fd_context);
-  EXPECT_EQ(open->place.index, 300U);
+  EXPECT_EQ(open->place.index(), 300U);
   device().clear_counts();
   EXPECT_EQ(write(fd, "second"), 6);
   EXPECT_LT(device().counts().calls(), 20U);

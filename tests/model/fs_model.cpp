@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "flashfs/path.h"
 #include "tests/model/fs_model_rules.h"
 
 namespace model_test {

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "flashfs/filemap.h"
+#include "flashfs/path.h"
 #include "tests/model/model_run.h"
 #include "tests/support/image_builder.h"
 

@@ -8,6 +8,9 @@
 #include <sstream>
 
 #include "flashfs/control_codes.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
+#include "flashfs/vector.h"
 #include "tests/support/flashfs_fixture.h"
 
 namespace model_test {

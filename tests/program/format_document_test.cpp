@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "ifs/crc.h"
 #include "ifs/runtime.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/run_program.h"

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "flashfs/io.h"
 #include "tests/volume/volume_fixture.h"
 
 namespace volume_test {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/io.h"
 #include "tests/ifs/recording_fs.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/zantrolume/console.h"
