@@ -163,7 +163,7 @@ TEST_F(relinking, without_space_for_lost_and_found_every_one_fails_and_the_check
   image().headers(2);
   names({"0:0.0/0 1<1"});
   for (int k = 1; k < 32; k++) {
-    slots(
+    names(
         {std::to_string(k) + ":0.0/" + std::to_string(k) + " " + std::to_string(100 + k) + "<1 n"});
   }
   data(5, "0.1 1.0");
@@ -180,7 +180,7 @@ TEST_F(relinking, without_space_for_the_name_it_fails_and_the_check_goes_on) {
   image().headers(2);
   names({"0:0.0/0 1<1", "1:0.0/1 2<1 lost+found/"});
   for (int k = 2; k < 32; k++) {
-    slots(
+    names(
         {std::to_string(k) + ":0.0/" + std::to_string(k) + " " + std::to_string(100 + k) + "<1 n"});
   }
   data(5, "0.1 1.0");
@@ -197,7 +197,7 @@ TEST_F(relinking, the_last_slot_is_kept_back) {
   image().headers(2);
   names({"0:0.0/0 1<1", "1:0.0/1 2<1 lost+found/"});
   for (int k = 2; k < 31; k++) {
-    slots(
+    names(
         {std::to_string(k) + ":0.0/" + std::to_string(k) + " " + std::to_string(100 + k) + "<1 n"});
   }
   data(5, "0.1 1.0 1.1");
