@@ -157,6 +157,22 @@ TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a
   EXPECT_TRUE(flash_is_consistent());
 }
 
+TEST_F(operations_interrupted, a_written_sector_behind_reserved_ones_does_not_hide_them_either) {
+  make();
+  const int32_t fd = open("a", open_rw | ifs_open_create);
+  polls_until_interrupt = 1;
+  EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
+  // The cut falls into the third sector, which is written for it; the second stays reserved.
+  uint32_t length = 2 * 2048 + 100;
+  EXPECT_EQ(ifs_fioctl(fd, flashfs_fioctl_truncate, &length), 0);
+  EXPECT_EQ(seek(fd, 2 * 2048), 2 * 2048);
+  EXPECT_EQ(read_text(fd, 10000), std::string(100, '\0'));
+  EXPECT_EQ(write(fd, "end"), 3);
+  EXPECT_EQ(close(fd), 0);
+  EXPECT_TRUE(get("a") == pattern(2048) + std::string(2048 + 100, '\0') + "end");
+  EXPECT_TRUE(flash_is_consistent());
+}
+
 TEST_F(operations_interrupted, a_reserved_sector_found_erased_is_zero_filled_before_the_data) {
   make();
   const int32_t fd = open("a", open_new);

@@ -227,6 +227,41 @@ TEST_F(relinking, every_failing_write_is_told_and_the_check_goes_on) {
   }
 }
 
+TEST_F(relinking, an_orphan_is_placed_as_soon_as_its_name_stands_whatever_becomes_of_the_date) {
+  // The writes of the directory's date: its fresh slot, and the end of the old one.
+  for (const uint64_t n : {5U, 6U}) {
+    make();
+    data(5, "1.0");
+    initialize();
+    device().fail(flash_call::write, n, flash_operation_failed);
+    ASSERT_EQ(check(flashfs_check_quick), 0) << n;
+    EXPECT_NE(check_output().find(said("error accessing/creating /lost+found/00005")),
+              std::string::npos);
+    device().fail(flash_call::any, 0, flash_ok);
+    EXPECT_EQ(entry(5)->parent_fileid, path_lookup(fs(), "lost+found")) << n;
+    ppc_stat status;
+    EXPECT_EQ(ifs_stat("bootflash:lost+found/00005", &status), 0) << n;
+    EXPECT_EQ(fs()->ready, 1U) << n;
+  }
+}
+
+TEST_F(relinking, a_directory_for_orphans_that_could_not_be_dated_is_there_all_the_same) {
+  for (const uint64_t n : {2U, 3U}) {
+    make();
+    data(5, "1.0");
+    initialize();
+    device().fail(flash_call::write, n, flash_operation_failed);
+    ASSERT_EQ(check(flashfs_check_quick), 0) << n;
+    EXPECT_NE(check_output().find(said("error accessing/creating /lost+found")), std::string::npos);
+    device().fail(flash_call::any, 0, flash_ok);
+    ppc_stat status;
+    EXPECT_EQ(ifs_stat("bootflash:lost+found", &status), 0) << n;
+    EXPECT_EQ(fs()->ready, 1U) << n;
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(fsck_relink_orphan(fs(), 5), 0); }),
+              relinked("file", "00005"));
+  }
+}
+
 TEST_F(relinking, a_failing_removal_of_what_has_the_name_is_told) {
   make();
   names({"1:0.0/1 2<1 lost+found/", "0:0.0/2 3<2 00005"});

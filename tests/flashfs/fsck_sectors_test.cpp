@@ -314,8 +314,8 @@ TEST_F(check_duplicates, a_failing_call_is_told) {
     make();
     ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
     image().data_sector(2, 2, 2, 1, "a copy");
-    (void)filemap_add_sector(fs(), {2, 2}, reinterpret_cast<flashfs_sector*>(image().sector_at(2, 2)),
-                       255);
+    (void)filemap_add_sector(fs(), {2, 2},
+                             reinterpret_cast<flashfs_sector*>(image().sector_at(2, 2)), 255);
     device().fail(flash_call::any, n, flash_operation_failed);
     output_of([&] { EXPECT_EQ(fsck_resolve_duplicates(fs(), entry(2)), 1); });
     EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
