@@ -11,7 +11,7 @@ test_packages=(googletest libgtest-dev)
 mips_packages=(g++-mips-linux-gnu qemu-user-static)
 style_packages=(clang-format clang-tidy python3)
 coverage_packages=(gcovr)
-fuzz_packages=(clang-14 libclang-rt-14-dev)
+sanitizer_packages=(clang-14 libclang-rt-14-dev)
 bench_packages=(libbenchmark-dev)
 
 step() {
