@@ -1,6 +1,4 @@
-# GoogleTest for the tests of all folders.
-include(GoogleTest)
-
+# GoogleTest for the tests of all folders, and how a test program is made of it.
 if(CMAKE_CROSSCOMPILING)
   # The packaged library is for the host; its sources serve the target.
   set(BUILD_GMOCK OFF)
@@ -9,3 +7,50 @@ if(CMAKE_CROSSCOMPILING)
 else()
   find_package(GTest REQUIRED)
 endif()
+
+# What the sources of tests are compiled with: without optimisation, which took most of the build of
+# so many of them. What they test is optimised, as it ships.
+add_library(test_options INTERFACE)
+target_link_libraries(test_options INTERFACE whole_project GTest::gtest_main)
+# Clang means signs, too, by -Wconversion, which g++ does not.
+target_compile_options(test_options INTERFACE -O0 -Wno-sign-conversion)
+
+# The headers that nearly every test source includes, read once. (They are still to be included
+# where they are used: scripts/style looks without this.)
+add_library(test_headers OBJECT ${PROJECT_SOURCE_DIR}/cmake/test_headers.cpp)
+target_link_libraries(test_headers PRIVATE test_options)
+target_precompile_headers(test_headers PRIVATE
+  <gtest/gtest.h> <algorithm> <filesystem> <functional> <map> <memory> <set> <string> <vector>)
+
+# program_options(TARGET): how a program that is not shipped is linked.
+function(program_options target)
+  if(ZANTROLUME_LTO)
+    target_link_options(${target} PRIVATE -fno-lto)
+  endif()
+  if(CMAKE_CROSSCOMPILING)
+    # GoogleTest's result streaming, which nothing uses, makes static links warn of name services.
+    target_link_options(${target} PRIVATE LINKER:--no-warnings)
+  endif()
+endfunction()
+
+# test_program(TARGET [LONG] SHARDS number SOURCES ... USES libraries ...): a program of GoogleTest
+# tests. It runs whole, in so many processes side by side: a process for each test took most of the
+# time that the suite ran, under emulation above all. scripts/test --quick leaves out the LONG ones.
+function(test_program target)
+  cmake_parse_arguments(arg "LONG" "SHARDS" "SOURCES;USES" ${ARGN})
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_USES} test_options)
+  target_precompile_headers(${target} REUSE_FROM test_headers)
+  program_options(${target})
+  math(EXPR last "${arg_SHARDS} - 1")
+  foreach(shard RANGE ${last})
+    math(EXPR number "${shard} + 1")
+    set(name ${target}.${number}_of_${arg_SHARDS})
+    add_test(NAME ${name} COMMAND ${target})
+    set_tests_properties(${name} PROPERTIES
+      TIMEOUT 600
+      COST ${arg_SHARDS}  # the longest begin first
+      LABELS "$<$<BOOL:${arg_LONG}>:long>"
+      ENVIRONMENT "GTEST_TOTAL_SHARDS=${arg_SHARDS};GTEST_SHARD_INDEX=${shard};GTEST_COLOR=no")
+  endforeach()
+endfunction()

@@ -9,9 +9,9 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 build_packages=(cmake g++ ninja-build xz-utils)
 test_packages=(googletest libgtest-dev)
 mips_packages=(g++-mips-linux-gnu qemu-user-static)
-style_packages=(clang-format clang-tidy)
+style_packages=(clang-format clang-tidy iwyu python3)
 coverage_packages=(gcovr)
-fuzz_packages=(clang-14 libclang-rt-14-dev)
+sanitizer_packages=(clang-14 libclang-rt-14-dev)
 bench_packages=(libbenchmark-dev)
 
 step() {

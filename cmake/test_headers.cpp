@@ -1,0 +1,1 @@
+// Nothing: a library needs a source. This one stands for the precompiled headers of the tests.
