@@ -160,7 +160,7 @@ TEST_F(operations_interrupted, a_cut_inside_a_reserved_sector_leaves_zeros_and_a
 TEST_F(operations_interrupted, a_written_sector_behind_reserved_ones_does_not_hide_them_either) {
   make();
   const int32_t fd = open("a", open_rw | ifs_open_create);
-  polls_until_interrupt = 1;
+  request_interruption(1);
   EXPECT_EQ(error_of(write(fd, pattern(4 * 2048))), EINTR);
   // The cut falls into the third sector, which is written for it; the second stays reserved.
   uint32_t length = 2 * 2048 + 100;

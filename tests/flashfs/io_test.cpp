@@ -449,8 +449,8 @@ TEST_F(block_io, whatever_changes_flash_makes_every_buffer_forget_its_sector) {
         return write_sector(fs(), {2, 0}, &sector_, only_fileid);
       },
       [&] { return erase_whole_block(fs(), 2); },
-      [&] { return read_blkheader(fs(), 2, &header) + write_blkheader(fs(), 2, &header); },
       [&] { return write_block(fs(), 2, contents.data()); },
+      [&] { return read_blkheader(fs(), 2, &header) + write_blkheader(fs(), 2, &header); },
   };
   for (const auto& change : changes) {
     sector_buffer buffer(fs());
