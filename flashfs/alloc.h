@@ -2,6 +2,8 @@
 // space comes from when none is left is gc.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 #include "flashfs/place.h"
 

@@ -1,6 +1,8 @@
 // The lists of available sectors and slots: pushed and taken at the head.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // 0, or 1 when there is no memory.

@@ -2,6 +2,8 @@
 // happens.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Null with EINVAL or ENOMEM after a message.

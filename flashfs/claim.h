@@ -1,6 +1,8 @@
 // Who may use what: the file system's lock, and the readers and the writer of a file.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Both complain when a sector buffer is out: an operation has leaked it.

@@ -16,6 +16,7 @@
 #include "flashfs/io.h"
 #include "flashfs/log.h"
 #include "flashfs/operations.h"
+#include "flashfs/path.h"
 #include "flashfs/raw.h"
 #include "flashfs/slots.h"
 #include "flashfs/status.h"

@@ -1,5 +1,6 @@
 // Diagnostic dumps of the file system's state, for a person debugging it. They change nothing, on
 // flash or in memory. No command prints them.
+#include <cstdint>
 #include <cstdio>
 
 #include "flashfs/buffer.h"

@@ -6,6 +6,8 @@
 // the flash fails or no slot can be had, or the error of a buffer that cannot be had.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list:

@@ -2,6 +2,8 @@
 // a message.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Erases a block, optionally with the destructive test, optionally carrying the erase count over

@@ -14,6 +14,7 @@
 #include "flashfs/log.h"
 #include "flashfs/operations.h"
 #include "flashfs/path.h"
+#include "flashfs/place.h"
 #include "flashfs/raw.h"
 #include "flashfs/status.h"
 

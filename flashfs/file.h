@@ -1,6 +1,8 @@
 // Opening, reading, seeking and closing of files: slots 0, 2, 3, 4 and 18 of the vector.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 int32_t flashfs_vctr_open(ppc_fsid_t fsid, const char* path, uint32_t oflags, ppc_mode_t mode);

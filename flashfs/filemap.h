@@ -3,6 +3,8 @@
 // memory.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // The entry, or null.

@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "flashfs/flash_driver.h"
-#include "flashfs/format.h"
-#include "ifs/ifs.h"
+#include "flashfs/flash_driver.h"  // IWYU pragma: export
+#include "flashfs/format.h"        // IWYU pragma: export
+#include "ifs/ifs.h"               // IWYU pragma: export
 
 constexpr int flashfs_max_devices = 2;
 

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "flashfs/big_endian.h"
+#include "flashfs/big_endian.h"  // IWYU pragma: export
 #include "ifs/ifs.h"
 
 constexpr uint8_t flash_erased_byte = 0xFF;

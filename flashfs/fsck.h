@@ -2,6 +2,8 @@
 // operation left.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // The arguments are the two flags of flashfs/check_flags.h, zero or not. 0, or 1 after a message:

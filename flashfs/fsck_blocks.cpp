@@ -5,7 +5,6 @@
 
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
-#include "flashfs/filemap.h"
 #include "flashfs/io.h"
 #include "flashfs/log.h"
 

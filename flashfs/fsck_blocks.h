@@ -2,6 +2,8 @@
 // return 0, or 1 after a message.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Judges a header that has been read. A bad one is erased with its block when `fix` is set, and

@@ -2,6 +2,8 @@
 // no directory names, and naming those under "/lost+found". Steps return 0, or 1 after a message.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // The entries that no directory names, in ascending file-id order.

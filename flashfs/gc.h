@@ -1,6 +1,8 @@
 // Garbage collection: how erased space comes about when none is left.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Collects garbage until a sector can be given or nothing is left to collect. 1 on a flash failure.

@@ -3,6 +3,8 @@
 // Steps return 0, or 1 after a message.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/buffer.h"
 #include "flashfs/flashfs.h"
 

@@ -10,6 +10,8 @@
 #include "flashfs/filemap.h"
 #include "flashfs/log.h"
 #include "flashfs/operations.h"
+#include "flashfs/path.h"
+#include "flashfs/place.h"
 #include "flashfs/raw.h"
 #include "flashfs/slots.h"
 #include "flashfs/status.h"

@@ -2,6 +2,8 @@
 // the vector.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 int32_t flashfs_vctr_getdents(int32_t fd, void* buffer, uint32_t length);

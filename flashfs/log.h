@@ -1,6 +1,8 @@
 // How the file system speaks and fails: its message lines, the line that marks it down, errno.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Prints one message line: "flashfs[<fsid>]: ", the text, a newline.

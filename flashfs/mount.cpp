@@ -1,7 +1,7 @@
 // Making a file system of the devices' driver records, registering it with the switch, and giving
 // it back. The maps are built by the check.
 #include <cerrno>
-#include <climits>
+#include <cstdint>
 #include <cstdio>
 #include <new>
 

@@ -1,6 +1,8 @@
 // The operations on names: slots 5 to 9 of the vector.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 int32_t flashfs_vctr_chmod(ppc_fsid_t fsid, const char* path, ppc_mode_t mode);

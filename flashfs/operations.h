@@ -2,6 +2,8 @@
 // file is, and how an operation fails.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 #include "flashfs/path.h"
 #include "flashfs/place.h"

@@ -6,6 +6,8 @@
 // next write must meet such a sector, to fill it.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 class list_place {

@@ -3,6 +3,8 @@
 // count or 0, or -1 with errno; their callers end them with flashfs_finish.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
 

@@ -2,6 +2,8 @@
 // 1 when the flash fails or there is no memory.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 
 // Validates the sector in the buffer; what is bad in it is invalidated, also on flash.

@@ -14,6 +14,7 @@
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
 #include "flashfs/log.h"
+#include "flashfs/place.h"
 #include "flashfs/raw.h"
 #include "flashfs/status.h"
 

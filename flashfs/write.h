@@ -1,6 +1,8 @@
 // Writing to a file, slot 1 of the vector, and cutting it short.
 #pragma once
 
+#include <cstdint>
+
 #include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
 

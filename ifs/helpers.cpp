@@ -4,9 +4,9 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "ifs/descriptors.h"
 #include "ifs/operations.h"
 #include "ifs/tables.h"
+#include "ifs/types.h"
 
 namespace {
 

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 
-#include "ifs/open_flags.h"
 #include "ifs/types.h"
 
 constexpr int32_t ifs_seek_set = 0;

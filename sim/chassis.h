@@ -3,6 +3,8 @@
 // registers have headers of their own.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 

@@ -10,6 +10,7 @@
 #include "sim/clock.h"
 #include "sim/counts.h"
 #include "sim/flash.h"
+#include "sim/power.h"
 
 namespace sim {
 

@@ -11,9 +11,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <memory>
 #include <optional>
-#include <sstream>
+#include <sstream>  // IWYU pragma: keep
+#include <vector>
+
+#include "sim/counts.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
 
 namespace sim {
 

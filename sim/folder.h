@@ -14,12 +14,12 @@
 //   report                        the run writes its counts to report.txt when it ends
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include "sim/chassis.h"
+#include "sim/power.h"
 
 namespace sim {
 

@@ -3,6 +3,7 @@
 #include "window/window.h"
 
 #include "sim/chassis.h"
+#include "sim/cpld.h"
 #include "sim/folder.h"
 #include "window/clock.h"
 

@@ -2,6 +2,7 @@
 #include "volume/files.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <set>
 #include <utility>
 

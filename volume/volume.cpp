@@ -2,6 +2,10 @@
 #include "volume/volume.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <memory>
+
+#include "flashfs/flash_driver.h"
 
 namespace volume {
 

@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "flashfs/check_flags.h"
-#include "flashfs/flash_driver.h"
 #include "flashfs/flashfs.h"
 #include "volume/files.h"
 

@@ -2,7 +2,8 @@
 // volatile access of the stated width. It knows no registers.
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
+
+#include <cstdint>
 
 #include "window/window.h"
 

@@ -2,6 +2,7 @@
 // programs and erases one complex's NOR flash with 16-bit accesses through a paged data window.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "flashfs/flash_driver.h"

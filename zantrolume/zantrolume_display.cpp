@@ -2,16 +2,12 @@
 // Nothing here goes through the file system.
 #include "zantrolume/zantrolume_display.h"
 
-#include <sys/types.h>
-
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
 #include <new>
 
 #include "flashfs/control_codes.h"
-#include "flashfs/flash_driver.h"
-#include "ifs/ifs.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace {

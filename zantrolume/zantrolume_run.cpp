@@ -3,6 +3,7 @@
 #include "zantrolume/zantrolume_run.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 
 #include "window/window.h"
