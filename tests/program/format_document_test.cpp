@@ -130,7 +130,7 @@ class format_document : public testing::Test {
 TEST_F(format_document, shows_the_bytes_and_checksums_of_the_image) {
   const findings found = judge(document, image);
   EXPECT_EQ(found.wrong, std::vector<std::string>{});
-  EXPECT_EQ(found.checksums, 12);
+  EXPECT_EQ(found.checksums, 14);
 }
 
 TEST_F(format_document, shows_headers_slots_and_a_data_sector) {
