@@ -7,7 +7,7 @@
 #include "flashfs/flashfs.h"
 
 // Null with EINVAL or ENOMEM after a message.
-flashfs_sector* sector_buffer_alloc(flashfs* fs);
+[[nodiscard]] flashfs_sector* sector_buffer_alloc(flashfs* fs);
 void sector_buffer_free(flashfs* fs, flashfs_sector* buffer);
 
 // Makes every sector_buffer forget what it holds. Whatever changes flash calls it.

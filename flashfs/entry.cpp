@@ -78,7 +78,7 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
   if (old_directory == nullptr) {
     return flashfs_fail(ENOENT);
   }
-  fresh_slot fresh;
+  fresh_slot fresh = {};
   if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         dir_slot_set_name(&slot, new_name);
         slot.dir_fileid = directory->fileid;
@@ -138,12 +138,12 @@ bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffe
   return !walk.failed();
 }
 
-bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, flashfs_sector* buffer) {
+bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& buffer) {
   for (const auto* each = file->sctr_list; each != nullptr; each = each->next) {
-    if (read_sector(fs, each->sctr_ptr, buffer, whole_sector) != 0) {
+    if (read_sector_once(fs, each->sctr_ptr, buffer) != 0) {
       return false;
     }
-    const bool good = sector_crc(buffer) == flashfs_good_crc;
+    const bool good = sector_crc(buffer.view()) == flashfs_good_crc;
     process_may_suspend();
     if (!good) {
       return false;
@@ -204,7 +204,7 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
   if (entry->parent_fileid != directory->fileid) {
     return move_entry(fs, entry, directory, new_name);
   }
-  fresh_slot fresh;
+  fresh_slot fresh = {};
   if (rewrite_slot(fs, entry, &fresh,
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
@@ -214,7 +214,7 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
 }
 
 int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mode) {
-  fresh_slot fresh;
+  fresh_slot fresh = {};
   if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         slot.mode = with_permissions(slot.mode, mode);
       }) != 0) {
@@ -271,7 +271,7 @@ int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry) {
     return flashfs_fail(EIO);
   }
   const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry, buffer)
-                                                   : sectors_are_good(fs, entry, buffer.get());
+                                                   : sectors_are_good(fs, entry, buffer);
   return good ? 0 : flashfs_fail(EIO);
 }
 

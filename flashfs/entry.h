@@ -26,7 +26,8 @@
 [[nodiscard]] int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mode);
 // Frees all of a file's sectors. Non-zero on a flash failure; the rest of the list then stays.
 [[nodiscard]] int flashfs_truncate_entry(flashfs* fs, flashfs_sctr_map* file);
-// Removes a file or directory and frees the entry. EBUSY when it or its directory is in use.
+// Removes a file or directory and frees the entry. EBUSY when it or its directory is in
+// use, and for the root.
 [[nodiscard]] int32_t flashfs_remove_entry(flashfs* fs, flashfs_sctr_map* entry);
 // Checks the checksums of a file's sectors or of a directory's slots.
 [[nodiscard]] int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry);

@@ -1,6 +1,6 @@
 // The file map: one entry for each file or directory, in ascending file-id order, and the list of
 // each in ascending sequence numbers. Nothing here touches flash. Steps return 0, or 1 without
-// memory.
+// memory or for an owner whose id is reserved.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "flashfs/flashfs.h"
 
 // The entry, or null.
-flashfs_sctr_map* filemap_lookup(const flashfs* fs, uint16_t fileid);
+[[nodiscard]] flashfs_sctr_map* filemap_lookup(const flashfs* fs, uint16_t fileid);
 // The entry with the highest file id, or null.
 flashfs_sctr_map* filemap_last(const flashfs* fs);
 // A new entry, or null when the id is reserved or taken or there is no memory.
@@ -18,7 +18,8 @@ flashfs_sctr_map* filemap_insert(flashfs* fs, uint16_t fileid, uint16_t parent_f
 void filemap_remove(flashfs* fs, flashfs_sctr_map* entry);
 // Frees the whole map.
 void filemap_clear(flashfs* fs);
-// Discards the file map, the available lists and the block accounting; not ready afterwards.
+// Discards the file map, the available lists and the block accounting; not ready
+// afterwards. The entries of open files are gone with it.
 void flashfs_clear_maps(flashfs* fs);
 
 // The number for a new slot of a directory.
@@ -41,7 +42,7 @@ void filemap_sort_lists(flashfs* fs);
 flashfs_sctr_list_ordered* sctr_list_find(flashfs_sctr_list_ordered* head, int16_t block_num,
                                           uint16_t sctr_num, uint8_t slot_no);
 // 0 when the sequence numbers run 0, 1, 2, ... without a gap.
-int sctr_list_is_contiguous_bad(const flashfs_sctr_list_ordered* head);
+[[nodiscard]] int sctr_list_is_contiguous_bad(const flashfs_sctr_list_ordered* head);
 uint32_t sctr_list_length(const flashfs_sctr_list_ordered* head);
 // Unlinks an entry of the file's list and gives it back to the pool.
 void sctr_list_remove(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* entry);

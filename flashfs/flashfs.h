@@ -124,11 +124,12 @@ struct flashfs {
 [[nodiscard]] int32_t flashfs_initialize(const void* const handles[],
                                          const flash_driver_info* const records[],
                                          int32_t num_devices, const char* prefix);
-// Gives back all memory of a registered file system, closing what is open on it, and takes it out
-// of the switch. The program never does: its one file system lives as long as the process.
+// Gives back all memory of a registered file system, closing what is open on it (a raw handle that
+// was written to is checked then, which may change flash), and takes it out of the switch. The
+// program never does: its one file system lives as long as the process.
 void flashfs_release(flashfs* fs);
 // The state of the file system that a path's prefix names; null with ENODEV when there is none.
-flashfs* flashfs_get_fsp(const char* prefix);
+[[nodiscard]] flashfs* flashfs_get_fsp(const char* prefix);
 // A row of the table of flash chips, found by the file system's fsid; 0 or null when there is none,
 // with EINVAL when the file system is not ready.
 int32_t flashfs_get_chip_code(const char* prefix);

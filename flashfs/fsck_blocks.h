@@ -1,5 +1,5 @@
 // The check's work on blocks: their headers, erased blocks that are not, and the spare. Steps
-// return 0, or 1 after a message.
+// return 0 or 1; what failed has been said, but for a spare that cannot be had.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,6 @@
 // The check's work on the directory tree: giving every entry its parent, finding the entries that
-// no directory names, and naming those under "/lost+found". Steps return 0, or 1 after a message.
+// no directory names, and naming those under "/lost+found". Steps return 0 or 1; those that
+// name something say so themselves, of the others the caller does.
 #pragma once
 
 #include <cstdint>

@@ -5,7 +5,8 @@
 
 #include "flashfs/flashfs.h"
 
-// Collects garbage until a sector can be given or nothing is left to collect. 1 on a flash failure.
+// Collects garbage until a sector can be given or nothing is left to collect. 1 when
+// the flash fails, memory runs out, or what is found contradicts the maps.
 [[nodiscard]] int flashfs_collect_garbage(flashfs* fs, uint32_t use_reserve);
 // Copies a block's live contents through the spare and erases it; `verify` tests the erased block.
 // 1 on a flash failure.

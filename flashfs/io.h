@@ -21,7 +21,9 @@ uint32_t block_spare_bytes(uint32_t block_size_bytes);
 // Bytes of a block of this file system.
 uint32_t block_size(const flashfs* fs, int16_t block_num);
 
-// Header and whole-block access; a block number out of range ends the program.
+// Header and whole-block access; a block number out of range ends the program. Writes and erases
+// leave a mark on standard output, " wS<block>" or " eS<block>". A header that is written gets the
+// number of its block first.
 [[nodiscard]] int read_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header);
 [[nodiscard]] int write_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header);
 [[nodiscard]] int read_block(flashfs* fs, int16_t block_num, void* buffer);

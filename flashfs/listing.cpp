@@ -118,10 +118,14 @@ int32_t flashfs_vctr_getdents(int32_t fd, void* buffer, uint32_t length) {
 int32_t flashfs_vctr_stat(ppc_fsid_t fsid, const char* path, ppc_stat* status) {
   flashfs* fs = flashfs_of_ready(fsid);
   if (fs == nullptr) {
-    if (flashfs_of(fsid) != nullptr) {
-      puts("fsp not ready");
+    if (flashfs_of(fsid) == nullptr) {
+      return -1;
     }
-    return -1;
+    puts("fsp not ready");
+    return flashfs_fail(EINVAL);
+  }
+  if (*path == '\0') {
+    return flashfs_fail(ENOENT);
   }
   const flashfs_lock_guard lock(fs);
   return flashfs_finish(fs, status_of_named(fs, path, status));

@@ -24,22 +24,22 @@ constexpr uint32_t flashfs_opened_for_writing = ifs_open_write | ifs_open_trunca
 constexpr const char* flashfs_raw_name = "...";
 
 // The state of a file system, or null with errno untouched.
-flashfs* flashfs_of(ppc_fsid_t fsid);
+[[nodiscard]] flashfs* flashfs_of(ppc_fsid_t fsid);
 // The same when it is ready; null with EINVAL when it is not.
-flashfs* flashfs_of_ready(ppc_fsid_t fsid);
+[[nodiscard]] flashfs* flashfs_of_ready(ppc_fsid_t fsid);
 
 struct opened_descriptor {
   flashfs* fs = nullptr;
   flashfs_open_file* open = nullptr;
 };
 // What a descriptor stands for; nulls when there is none.
-opened_descriptor flashfs_of_descriptor(int32_t fd);
+[[nodiscard]] opened_descriptor flashfs_of_descriptor(int32_t fd);
 
 // Whether the operation in progress is the only use of the file system.
 bool flashfs_is_only_user(const flashfs* fs);
 
 // As path_find; everything that is not there, for whatever reason, is ENOENT, also an empty path.
-found_name flashfs_resolve(flashfs* fs, const char* path);
+[[nodiscard]] found_name flashfs_resolve(flashfs* fs, const char* path);
 
 // When a failure marks the file system down.
 enum class marks_down { when_flash_failed, always };

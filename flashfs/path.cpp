@@ -136,7 +136,9 @@ found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::yes);
   while (walk.next()) {
     if (dir_slot_name_equals(&walk.slot(), name)) {
-      return {walk.slot().entry_fileid, 0};
+      // A slot that has lost its bits since the check names nothing: id 0 is nobody's.
+      const uint16_t fileid = walk.slot().entry_fileid;
+      return {fileid, fileid == 0 ? ENOENT : 0};
     }
   }
   // A failing flash is not "no such name": nobody may create the name because of it.

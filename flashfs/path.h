@@ -16,14 +16,15 @@ struct found_name {
   uint16_t fileid;
   int error;
 };
-found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name);
-found_name path_find(flashfs* fs, const char* path);
-// Whether the search has shown that nothing is there; otherwise it could not tell.
+[[nodiscard]] found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name);
+[[nodiscard]] found_name path_find(flashfs* fs, const char* path);
+// Whether it is an answer that nothing is there, also of a path too long to be looked up; otherwise
+// the search could not tell.
 bool is_absent(const found_name& search);
 
 // The same searches with the error in errno; a path of 320 bytes or more leaves it alone.
-uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name);
-uint16_t path_lookup(flashfs* fs, const char* path);
+[[nodiscard]] uint16_t dir_lookup(flashfs* fs, uint16_t dir_fileid, const char* name);
+[[nodiscard]] uint16_t path_lookup(flashfs* fs, const char* path);
 
 // The last component, or the part before it, of a path; the buffer holds the whole path.
 char* path_basename(const char* path, char* work);
@@ -44,8 +45,9 @@ struct name_place {
 // Looks, in this order, whether the path is taken (EEXIST; `existing` is what was found under it),
 // and, in the order of the rules, whether the name is acceptable (ENAMETOOLONG after a message,
 // EINVAL) and its directory is one (ENOTDIR).
-name_place find_place_for_name(flashfs* fs, const char* path, const found_name& existing,
-                               char (&work)[path_size_max], const name_rules& rules);
+[[nodiscard]] name_place find_place_for_name(flashfs* fs, const char* path,
+                                             const found_name& existing,
+                                             char (&work)[path_size_max], const name_rules& rules);
 
 // Makes a file or directory with a fresh id and slot. Null with errno: ENOENT, the errors of
 // find_place_for_name, EBUSY, ENOSPC, ENOMEM or EIO.

@@ -9,5 +9,6 @@
 // Validates the sector in the buffer; what is bad in it is invalidated, also on flash.
 [[nodiscard]] int flashfs_check_sector(flashfs* fs, flashfs_sctr_ptr pointer,
                                        flashfs_sector* sector);
-// Puts a block's erased sectors and slots on the available lists.
+// Puts a block's erased sectors and slots, none of which is listed yet, on the available lists.
+// Fails also, after a message, when a slot that should be erased is not.
 [[nodiscard]] int flashfs_scan_block_available(flashfs* fs, int16_t block_num);

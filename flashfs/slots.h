@@ -53,6 +53,8 @@ struct found_slot {
 };
 
 // The entry of the parent's list that names this file. The buffer holds the slot's sector then.
-found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry, sector_buffer& buffer);
+[[nodiscard]] found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry,
+                                              sector_buffer& buffer);
 // The same with a buffer of its own; null for whatever reason.
-flashfs_sctr_list_ordered* filemap_find_slot(flashfs* fs, const flashfs_sctr_map* entry);
+[[nodiscard]] flashfs_sctr_list_ordered* filemap_find_slot(flashfs* fs,
+                                                           const flashfs_sctr_map* entry);

@@ -6,7 +6,10 @@
 
 #include "flashfs/control.h"
 #include "flashfs/control_codes.h"
+#include "flashfs/filemap.h"
+#include "flashfs/io.h"
 #include "flashfs/listing.h"
+#include "flashfs/slots.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -362,4 +365,38 @@ TEST_F(namespace_mkdir, directories_nest_40_deep) {
     EXPECT_EQ(error_of(rmdir(path)), ENOTEMPTY);
     path.pop_back();
   }
+}
+
+// --- flash that loses bits under a mounted file system ---
+
+class name_of_nobody : public operations_fixture {
+ protected:
+  // The slot of `name` comes to name the id 0.
+  void make_nobody(const std::string& name) {
+    const auto* entry = filemap_find_slot(fs(), filemap_lookup(fs(), fileid_of(name)));
+    ASSERT_NE(entry, nullptr);
+    flashfs_sector sector;
+    ASSERT_EQ(read_sector(fs(), entry->sctr_ptr, &sector, whole_sector), 0);
+    sector.slots[entry->slot_no].entry_fileid = 0;
+    ASSERT_EQ(write_sector(fs(), entry->sctr_ptr, &sector, whole_sector), 0);
+  }
+};
+
+TEST_F(name_of_nobody, is_not_there) {
+  make();
+  put("a", "text");
+  make_nobody("a");
+  ppc_stat status;
+  EXPECT_EQ(error_of(stat("a", &status)), ENOENT);
+  EXPECT_EQ(error_of(open("a")), ENOENT);
+}
+
+TEST_F(name_of_nobody, is_no_directory_to_make_or_move_something_in) {
+  make();
+  put("a", "text");
+  ASSERT_EQ(mkdir("d"), 0);
+  make_nobody("d");
+  EXPECT_EQ(error_of(mkdir("d/x")), ENOENT);
+  EXPECT_EQ(error_of(rename("a", "d/x")), EEXIST);
+  EXPECT_EQ(fs()->ready, 1U);
 }
