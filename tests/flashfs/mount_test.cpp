@@ -7,10 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
-#include "flashfs/log.h"
 #include "flashfs/vector.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 
@@ -19,7 +17,6 @@ using namespace test_support;
 namespace {
 
 constexpr uint32_t block_bytes = 0x20000;
-const std::string log_start = "flashfs[0]: ";
 
 class mounting : public flashfs_fixture {
  protected:
@@ -313,49 +310,4 @@ TEST_F(mounting, a_chip_is_not_looked_for_while_the_file_system_is_not_ready) {
     EXPECT_EQ(flashfs_get_chip_desc(prefix), nullptr);
     EXPECT_EQ(errno, EINVAL);
   }
-}
-
-// --- discarding and marking down ---
-
-TEST_F(mounting, clearing_the_maps_discards_what_was_built) {
-  mount_new(4, block_bytes);
-  ASSERT_EQ(write_file("one", std::string(5000, 'x')), 0);
-  fs()->flashfs_blocks[1].invalid_sectors = 3;
-  fs()->flashfs_blocks[1].invalid_slots = 3;
-  flashfs_clear_maps(fs());
-  EXPECT_EQ(fs()->file_map, nullptr);
-  EXPECT_EQ(fs()->available_sectors, nullptr);
-  EXPECT_EQ(fs()->available_slots, nullptr);
-  EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
-  EXPECT_EQ(fs()->ready, 0U);
-  for (int b = 0; b < 4; b++) {
-    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_sectors, 0);
-    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_slots, 0);
-  }
-  ASSERT_EQ(check(), 0) << "the check builds them again";
-  EXPECT_EQ(read_file("one"), std::string(5000, 'x'));
-}
-
-TEST_F(mounting, clearing_maps_that_were_never_built_does_no_harm) {
-  make_flash(ram_blocks(2, block_bytes));
-  ASSERT_EQ(initialize(), 0);
-  fs()->flashfs_blocks[1].invalid_slots = 3;
-  flashfs_clear_maps(fs());
-  flashfs_clear_maps(fs());
-  EXPECT_EQ(fs()->flashfs_blocks[1].invalid_slots, 0);
-  EXPECT_EQ(fs()->ready, 0U);
-}
-
-TEST_F(mounting, marking_down_says_so_and_keeps_the_maps) {
-  mount_new(4, block_bytes);
-  ASSERT_EQ(write_file("one", "x"), 0);
-  const flashfs_sctr_map* map = fs()->file_map;
-  EXPECT_EQ(output_of([&] { flashfs_mark_down(fs()); }),
-            log_start + "filesystem marked down.  Use \"fsck\" to recover.\n");
-  EXPECT_EQ(fs()->ready, 0U);
-  EXPECT_EQ(fs()->file_map, map);
-  EXPECT_NE(fs()->sctr_ptr_chunk, nullptr);
-  EXPECT_EQ(read_file("one"), "<errno " + std::to_string(EINVAL) + ">");
-  ASSERT_EQ(check(), 0);
-  EXPECT_EQ(read_file("one"), "x");
 }

@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "flashfs/alloc.h"
+#include "flashfs/claim.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
 #include "flashfs/slots.h"
-#include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/unchecked_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
@@ -25,6 +27,8 @@ constexpr uint32_t new_file = 0x8000;
 constexpr uint32_t new_directory = 0x4000;
 constexpr int errno_before = 12345;
 const std::string log_start = "flashfs[0]: ";
+
+using create_step = recipe_fixture;
 
 class paths : public flashfs_fixture {
  protected:
@@ -243,13 +247,11 @@ TEST_F(paths, without_a_sector_buffer_nothing_is_found) {
 
 // --- looking up in directories made by hand ---
 
-class crafted_directory : public flashfs_fixture {
+class crafted_directory : public unchecked_fixture {
  protected:
   // 32 names in sector 0 and 32 in sector 1 of block 1, the numbers rising.
   void SetUp() override {
-    make_flash(ram_blocks(3, 0x20000));
-    ASSERT_EQ(initialize(), 0);
-    fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+    unchecked_fixture::SetUp();
     image_builder image(device());
     for (int i = 0; i < 64; i++) {
       image.slot(1, i / 32, i % 32, named(i, "n" + std::to_string(i)));
@@ -268,7 +270,6 @@ class crafted_directory : public flashfs_fixture {
     }
     device().clear_counts();
   }
-  held_clock clock_{1000};
 };
 
 TEST_F(crafted_directory, a_sector_that_slots_share_is_read_once) {
@@ -631,4 +632,33 @@ TEST_F(paths, a_cut_at_any_mutation_leaves_a_directory_with_or_without_the_name)
       EXPECT_TRUE(flash_is_consistent()) << n;
     }
   }
+}
+
+TEST_F(create_step, forty_five_characters_are_accepted_and_forty_six_refused) {
+  make_small_tree(3);
+  mount_recipe();
+  const std::string longest(45, 'n');
+  const flashfs_sctr_map* made = flashfs_create_entry(fs(), longest.c_str(), 0x8000);
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(path_lookup(fs(), longest.c_str()), made->fileid);
+  errno = 0;
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(flashfs_create_entry(fs(), (longest + "n").c_str(), 0x8000), nullptr);
+            }),
+            "flashfs[0]: Cannot accept filenames longer than 45 characters.\n");
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(create_step, a_claimed_directory_is_busy) {
+  make_small_tree(3);
+  mount_recipe();
+  for (const uint32_t mode : {acquire_read, acquire_write}) {
+    ASSERT_EQ(flashfs_file_acquire(entry(3), mode), 0);
+    errno = 0;
+    EXPECT_EQ(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    flashfs_file_release(entry(3));
+  }
+  EXPECT_NE(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+  EXPECT_EQ(entry(3)->writer, 0U);
 }
