@@ -5,12 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "flashfs/control_codes.h"
-#include "flashfs/file.h"
 #include "flashfs/filemap.h"
-#include "flashfs/listing.h"
 #include "flashfs/log.h"
-#include "flashfs/namespace.h"
-#include "flashfs/write.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {

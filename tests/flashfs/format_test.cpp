@@ -7,7 +7,6 @@
 #include <string>
 
 #include "flashfs/flashfs.h"
-#include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -12,7 +11,6 @@
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/flashfs.h"
-#include "flashfs/log.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 

@@ -2,10 +2,6 @@
 // The operations themselves: listing_test.cpp.
 #include <gtest/gtest.h>
 
-#include <climits>
-
-#include "flashfs/filemap.h"
-#include "flashfs/io.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
