@@ -81,3 +81,45 @@ TEST(admission, another_mode_is_refused) {
   EXPECT_EQ(file.readers, 0U);
   EXPECT_EQ(file.writer, 0U);
 }
+
+// --- claims of a scope ---
+
+TEST(file_claim, ends_with_its_scope) {
+  for (const uint32_t mode : {acquire_read, acquire_write}) {
+    flashfs_sctr_map file = {};
+    {
+      file_claim claim;
+      EXPECT_TRUE(claim.take(&file, mode));
+      EXPECT_EQ(file.readers, mode == acquire_read ? 1U : 0U);
+      EXPECT_EQ(file.writer, mode == acquire_write ? 1U : 0U);
+    }
+    EXPECT_EQ(file.readers + file.writer, 0U);
+  }
+}
+
+TEST(file_claim, that_is_refused_takes_nothing_from_those_who_hold_the_file) {
+  flashfs_sctr_map file = {};
+  file_claim reader;
+  ASSERT_TRUE(reader.take(&file, acquire_read));
+  {
+    file_claim writer;
+    EXPECT_FALSE(writer.take(&file, acquire_write));
+  }
+  EXPECT_EQ(file.readers, 1U);
+  EXPECT_EQ(file.writer, 0U);
+}
+
+TEST(file_claim, that_is_kept_outlives_its_scope) {
+  flashfs_sctr_map file = {};
+  {
+    file_claim claim;
+    ASSERT_TRUE(claim.take(&file, acquire_write));
+    claim.keep();
+  }
+  EXPECT_EQ(file.writer, 1U);
+}
+
+TEST(file_claim, on_nothing_ends_in_peace) {
+  file_claim never_taken;
+  never_taken.keep();
+}

@@ -372,6 +372,21 @@ TEST_F(file_map, deleted_slots_of_a_copy_become_available_again) {
   EXPECT_EQ(std::memcmp(&sector_, &expected, sizeof expected), 0);
 }
 
+TEST_F(file_map, the_entry_behind_another_is_taken_out_and_given_back) {
+  // An entry that were not given back would be found as a leak when the program ends.
+  for (uint16_t seq_no = 0; seq_no < 4; seq_no++) {
+    ASSERT_EQ(filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector), 0);
+  }
+  flashfs_sctr_list_ordered* head = filemap_lookup(fs(), 12)->sctr_list;
+  sctr_list_remove_behind(fs(), head->next);
+  EXPECT_EQ(list_of(12), "0@0.0 1@0.1 3@0.3");
+  sctr_list_remove_behind(fs(), head->next);
+  EXPECT_EQ(list_of(12), "0@0.0 1@0.1") << "the last one";
+  sctr_list_remove_behind(fs(), head);
+  EXPECT_EQ(list_of(12), "0@0.0");
+  EXPECT_EQ(filemap_lookup(fs(), 12)->sctr_list, head);
+}
+
 // --- discarding everything ---
 
 TEST_F(file_map, clearing_the_maps_discards_what_was_built) {

@@ -228,6 +228,31 @@ TEST_F(block_io, without_blocks_every_number_is_out_of_range) {
 
 // --- block states ---
 
+TEST_F(block_io, a_blocks_state_is_the_low_nibble_in_its_header) {
+  image_builder image(device());
+  for (const uint8_t expected : {block_available, block_invalid1, block_committed, block_invalid2,
+                                 block_in_use, block_state{5}}) {
+    for (const uint8_t high_nibble : {uint8_t{0xF0}, uint8_t{0x20}}) {
+      image.header(1);
+      image.header_at(1)[12] = high_nibble | expected;
+      device().clear_counts();
+      uint8_t state = 0xAA;
+      EXPECT_EQ(read_block_state(fs(), 1, &state), 0);
+      EXPECT_EQ(state, expected);
+      EXPECT_EQ(device().counts().calls(), 1U);
+      EXPECT_EQ(device().counts().bytes_read, 32U);
+    }
+  }
+}
+
+TEST_F(block_io, a_state_that_cannot_be_read_is_told_and_leaves_the_callers) {
+  device().fail(flash_call::read, 1, flash_busy);
+  uint8_t state = 0xAA;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_block_state(fs(), 1, &state), 1); }),
+            log_start + "reading from " + at(0, 0x20000) + ": Busy\n");
+  EXPECT_EQ(state, 0xAA);
+}
+
 TEST_F(block_io, a_block_moves_down_all_its_states_without_an_erase) {
   make(ram_blocks(2, 0x20000));
   output_of([&] {

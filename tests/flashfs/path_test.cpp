@@ -368,6 +368,118 @@ TEST_F(crafted_directory, a_deep_path_reads_each_directory_once) {
   EXPECT_EQ(device().counts().reads, 3U);
 }
 
+// --- places for new names ---
+
+class place_for_name : public recipe_fixture {
+ protected:
+  // The file "f" (2), the directory "d" (3), in it "x" (4), and "ghost", a directory of which
+  // nothing but the name is known.
+  void SetUp() override {
+    make_small_tree(3);
+    names({"3:0.0/4 5<1 ghost/"});
+    mount_recipe();
+    filemap_remove(fs(), entry(5));
+  }
+  name_place find(const std::string& path, const name_rules& rules) {
+    name_place place = {};
+    const found_name existing = path_find(fs(), path.c_str());
+    output_ =
+        output_of([&] { place = find_place_for_name(fs(), path.c_str(), existing, work_, rules); });
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    return place;
+  }
+
+  static constexpr name_rules creation_ = {true, ENOENT, ENOTDIR};
+  static constexpr name_rules renaming_ = {false, EEXIST, EIO};
+  const std::string too_long_ = std::string(46, 'n');
+  char work_[path_size_max];
+  std::string output_;
+};
+
+TEST_F(place_for_name, is_its_directory_and_its_last_component) {
+  const std::string longest(45, 'n');
+  const struct {
+    std::string path;
+    uint16_t directory;
+    std::string name;
+  } places[] = {
+      {"new", 1, "new"},        {"/new", 1, "new"},           {"d/new", 3, "new"},
+      {"//d//new//", 3, "new"}, {"d/" + longest, 3, longest}, {"d/..", 3, ".."},
+  };
+  for (const name_rules& rules : {creation_, renaming_}) {
+    for (const auto& expected : places) {
+      const name_place place = find(expected.path, rules);
+      EXPECT_EQ(place.error, 0) << expected.path;
+      EXPECT_EQ(place.directory, entry(expected.directory)) << expected.path;
+      EXPECT_STREQ(place.name, expected.name.c_str());
+      EXPECT_EQ(output_, "");
+    }
+  }
+}
+
+TEST_F(place_for_name, the_first_thing_in_the_way_is_the_error) {
+  const struct {
+    std::string path;
+    int creation;
+    int renaming;
+  } refusals[] = {
+      // taken
+      {"f", EEXIST, EEXIST},
+      {"d/x/", EEXIST, EEXIST},
+      {"ghost", EEXIST, EEXIST},
+      {"", EEXIST, EEXIST},
+      {"//", EEXIST, EEXIST},
+      // longer than a path can be
+      {std::string(320, 'n'), ENAMETOOLONG, ENAMETOOLONG},
+      {std::string(319, '/') + "n", ENAMETOOLONG, ENAMETOOLONG},
+      // the name alone
+      {too_long_, ENAMETOOLONG, ENAMETOOLONG},
+      {"d/new name", EINVAL, EINVAL},
+      {too_long_ + " ", ENAMETOOLONG, ENAMETOOLONG},
+      // the directory alone
+      {"missing/new", ENOENT, EEXIST},
+      {"missing/d/new", ENOENT, EEXIST},
+      {"f/new", ENOTDIR, ENOTDIR},
+      {"f/d/new", ENOENT, EEXIST},
+      {"ghost/new", ENOTDIR, EIO},
+      {"ghost/d/new", ENOENT, EEXIST},
+      // both
+      {"missing/" + too_long_, ENAMETOOLONG, EEXIST},
+      {"missing/new name", EINVAL, EEXIST},
+      {"f/" + too_long_, ENAMETOOLONG, ENOTDIR},
+      {"f/new name", EINVAL, ENOTDIR},
+      {"ghost/new name", EINVAL, EIO},
+  };
+  for (const auto& refusal : refusals) {
+    EXPECT_EQ(find(refusal.path, creation_).error, refusal.creation) << refusal.path;
+    EXPECT_EQ(find(refusal.path, renaming_).error, refusal.renaming) << refusal.path;
+  }
+}
+
+TEST_F(place_for_name, a_name_that_is_too_long_is_told_when_it_is_the_error) {
+  const std::string told = "flashfs[0]: Cannot accept filenames longer than 45 characters.\n";
+  find("d/" + too_long_, creation_);
+  EXPECT_EQ(output_, told);
+  find("d/" + too_long_, renaming_);
+  EXPECT_EQ(output_, told);
+  find("missing/" + too_long_, creation_);
+  EXPECT_EQ(output_, told);
+  find("missing/" + too_long_, renaming_);
+  EXPECT_EQ(output_, "");
+}
+
+TEST_F(place_for_name, a_search_that_the_flash_has_ended_is_no_missing_name_or_directory) {
+  for (const name_rules& rules : {creation_, renaming_}) {
+    for (uint64_t n = 1; n <= 3; n++) {  // "d" and "new" for the path, "d" for its directory
+      device().fail(flash_call::read, n, flash_operation_failed);
+      name_place place = {};
+      output_of([&] { place = find("d/new", rules); });
+      EXPECT_EQ(place.error, EIO) << n;
+    }
+    device().fail(flash_call::any, 0, flash_ok);
+  }
+}
+
 // --- creating ---
 
 TEST_F(paths, a_created_file_is_found_and_in_its_directory) {

@@ -1,7 +1,11 @@
-// The slots of a directory, and the search for the one that names a file.
+// The walk over the slots of a directory, and the search for the one that names a file.
 #include "flashfs/slots.h"
 
 #include <gtest/gtest.h>
+
+#include <cstring>
+#include <numeric>
+#include <vector>
 
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
@@ -40,7 +44,104 @@ class slot_search : public unchecked_fixture {
   }
 };
 
+class walk_over_slots : public slot_search {
+ protected:
+  flashfs_sctr_list_ordered* head() {
+    return filemap_lookup(fs(), fileid_root)->sctr_list;
+  }
+  flashfs_sctr_list_ordered* at(int index) {
+    flashfs_sctr_list_ordered* each = head();
+    while (index-- > 0) {
+      each = each->next;
+    }
+    return each;
+  }
+  // The numbers of the entries that the rest of a walk finds: those of entry_id.
+  static std::vector<int> numbers_of(slot_walk& walk) {
+    std::vector<int> numbers;
+    while (walk.next()) {
+      EXPECT_EQ(walk.slot().seq_no, walk.entry()->seq_no);
+      EXPECT_EQ(walk.rest(), walk.entry()->next);
+      numbers.push_back(walk.slot().entry_fileid - entry_id(0));
+    }
+    return numbers;
+  }
+  static std::vector<int> numbers_from(int first, int behind_last) {
+    std::vector<int> numbers(static_cast<size_t>(behind_last - first));
+    std::iota(numbers.begin(), numbers.end(), first);
+    return numbers;
+  }
+};
+
 }  // namespace
+
+// --- walking over slots ---
+
+TEST_F(walk_over_slots, gives_every_slot_in_the_order_of_the_list) {
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
+  EXPECT_EQ(numbers_of(walk), numbers_from(0, 25));
+  EXPECT_FALSE(walk.failed());
+  EXPECT_EQ(walk.rest(), nullptr);
+  EXPECT_FALSE(walk.next()) << "the end stays the end";
+}
+
+TEST_F(walk_over_slots, begins_where_it_is_told_to) {
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), at(17), buffer, slot_walk_yields::no);
+  EXPECT_EQ(numbers_of(walk), numbers_from(17, 25));
+}
+
+TEST_F(walk_over_slots, of_an_empty_list_ends_at_once) {
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), nullptr, buffer, slot_walk_yields::yes);
+  EXPECT_FALSE(walk.next());
+  EXPECT_FALSE(walk.failed());
+  EXPECT_EQ(device().counts().reads, 0U);
+}
+
+TEST_F(walk_over_slots, passes_over_strays_without_a_look_at_their_address) {
+  for (const uint8_t stray : {uint8_t{32}, slot_of_reserved_sector, slot_of_sector}) {
+    for (const int index : {0, 7, 8, 24}) {
+      at(index)->slot_no = stray;
+      at(index)->sctr_ptr = {no_block, 0};
+    }
+    sector_buffer buffer(fs());
+    slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
+    std::vector<int> expected = numbers_from(1, 7);
+    const std::vector<int> rest = numbers_from(9, 24);
+    expected.insert(expected.end(), rest.begin(), rest.end());
+    EXPECT_EQ(output_of([&] { EXPECT_EQ(numbers_of(walk), expected); }), "");
+    EXPECT_FALSE(walk.failed());
+  }
+}
+
+TEST_F(walk_over_slots, reads_a_sector_that_slots_share_once) {
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
+  numbers_of(walk);
+  EXPECT_EQ(device().counts().reads, 2U);
+  EXPECT_EQ(device().counts().bytes_read, 2U * 2056);
+}
+
+TEST_F(walk_over_slots, reads_a_sector_again_when_its_buffer_was_used_on_the_way) {
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
+  ASSERT_TRUE(walk.next());
+  std::memset(buffer.get(), 0, sizeof(flashfs_sector));
+  EXPECT_EQ(numbers_of(walk), numbers_from(1, 25));
+  EXPECT_EQ(device().counts().reads, 3U);
+}
+
+TEST_F(walk_over_slots, that_the_flash_ends_has_failed) {
+  device().fail(flash_call::read, 2, flash_busy);
+  sector_buffer buffer(fs());
+  slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(numbers_of(walk), numbers_from(0, 20)); }),
+            "flashfs[0]: reading from flash handle " + handle_text(device()) +
+                ", device 0, offset " + hex(2 * 0x20000 + 32 + 8 * 2056) + ": Busy\n");
+  EXPECT_TRUE(walk.failed());
+}
 
 // --- finding slots ---
 
