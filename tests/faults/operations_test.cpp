@@ -7,6 +7,7 @@
 
 #include "flashfs/control_codes.h"
 #include "flashfs/file.h"
+#include "flashfs/slots.h"
 #include "tests/faults/interruptions.h"
 #include "tests/flashfs/operations_fixture.h"
 #include "tests/support/failing_memory.h"
@@ -281,6 +282,25 @@ TEST_F(operations_yield, at_every_slot_looked_up_and_listed_and_at_every_block_c
   EXPECT_EQ(close(fd), 0);
   ppc_statfs space;
   EXPECT_EQ(yields_of([&] { (void)ifs_statfs("bootflash:", &space); }), "4/0");
+}
+
+TEST_F(operations_yield, a_walk_over_slots_does_so_at_every_entry_of_the_list_if_it_is_asked_to) {
+  make();
+  put("a", "");
+  put("b", "");
+  entry(fileid_root)->sctr_list->next->slot_no = slot_of_sector;  // a stray is an entry, too
+  for (const auto when : {slot_walk_yields::no, slot_walk_yields::yes}) {
+    sector_buffer buffer(fs());
+    slot_walk walk(fs(), entry(fileid_root)->sctr_list, buffer, when);
+    int slots = 0;
+    EXPECT_EQ(yields_of([&] {
+                while (walk.next()) {
+                  slots++;
+                }
+              }),
+              when == slot_walk_yields::yes ? "3/0" : "0/0");
+    EXPECT_EQ(slots, 2);
+  }
 }
 
 TEST_F(operations_yield, at_every_block_of_the_raw_device) {

@@ -125,7 +125,8 @@ TEST_F(dump, a_data_sector_in_the_list_of_a_directory_is_printed_and_has_no_slot
   names({"1:0.0/1 5<1 d/", "1:0.0/2 6<5 f"});
   image().data_sector(0, 1, 5, 0, "astray");
   mount_recipe();
-  EXPECT_EQ(list_of(5), "(0,1,255) (0,0,2) Fileid: 5, 2 slots (sequence nos. good) (cksums good)\n");
+  EXPECT_EQ(list_of(5),
+            "(0,1,255) (0,0,2) Fileid: 5, 2 slots (sequence nos. good) (cksums good)\n");
 }
 
 TEST_F(dump, a_read_failure_ends_the_list_without_a_summary) {

@@ -1,5 +1,5 @@
-// The steps behind names: renaming, moving, changing modes, emptying, removing and verifying
-// entries, and the root's own slot.
+// The steps behind names: renaming, moving, changing modes, emptying, removing, verifying and
+// dating entries, and the root's own slot.
 #include "flashfs/entry.h"
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 #include "flashfs/claim.h"
 #include "flashfs/filemap.h"
 #include "flashfs/path.h"
-#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/alloc_recipe.h"
 
 namespace {
 
@@ -68,37 +68,8 @@ using truncate_step = small_tree;
 using remove_step = small_tree;
 using verify_step = small_tree;
 using root_step = small_tree;
-using create_step = small_tree;
 using new_slot_step = small_tree;
-
-// --- creating (the steps' own tests are the paths') ---
-
-TEST_F(create_step, forty_five_characters_are_accepted_and_forty_six_refused) {
-  make_and_mount();
-  const std::string longest(45, 'n');
-  const flashfs_sctr_map* made = flashfs_create_entry(fs(), longest.c_str(), 0x8000);
-  ASSERT_NE(made, nullptr);
-  EXPECT_EQ(path_lookup(fs(), longest.c_str()), made->fileid);
-  errno = 0;
-  EXPECT_EQ(output_of([&] {
-              EXPECT_EQ(flashfs_create_entry(fs(), (longest + "n").c_str(), 0x8000), nullptr);
-            }),
-            "flashfs[0]: Cannot accept filenames longer than 45 characters.\n");
-  EXPECT_EQ(errno, ENAMETOOLONG);
-}
-
-TEST_F(create_step, a_claimed_directory_is_busy) {
-  make_and_mount();
-  for (const uint32_t mode : {acquire_read, acquire_write}) {
-    ASSERT_EQ(flashfs_file_acquire(entry(3), mode), 0);
-    errno = 0;
-    EXPECT_EQ(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
-    EXPECT_EQ(errno, EBUSY);
-    flashfs_file_release(entry(3));
-  }
-  EXPECT_NE(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
-  EXPECT_EQ(entry(3)->writer, 0U);
-}
+using touch = small_device;
 
 // --- a fresh slot ---
 
@@ -634,6 +605,147 @@ TEST_F(root_step, every_failing_flash_call_is_told) {
 TEST_F(root_step, without_buffers_fails) {
   make_and_mount();
   without_buffers([&] { EXPECT_NE(flashfs_ensure_root_slot(fs()), 0); });
+}
+
+// --- dating ---
+
+TEST_F(touch, the_fresh_slot_has_the_date_and_keeps_all_else) {
+  make();
+  names({"4:0.0/1 3<1 dir/"});
+  image().slot_at(0, 0, 1)[13] = 0x5A;  // in the carried bytes
+  image().fix_slot_checksum(0, 0, 1);
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 0x87654321), 0); }),
+            "0.0 0.0");
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 4:0.0/31");
+  flashfs_dir_slot expected = slot_on_flash(0, 0, 1);
+  EXPECT_EQ(expected.dir_fileid, 0);  // the old one is deleted
+  expected.dir_fileid = 1;
+  expected.date = 0x87654321;
+  expected.checksum = image_crc(&expected, 62);
+  const flashfs_dir_slot fresh = slot_on_flash(0, 0, 31);
+  EXPECT_EQ(memcmp(&fresh, &expected, sizeof(fresh)), 0);
+  EXPECT_EQ(counters_text(), "0/1 0/0 0/0");
+}
+
+TEST_F(touch, time_0_is_now) {
+  make();
+  names({"4:0.0/1 3<1 dir/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  EXPECT_EQ(flashfs_touch(fs(), entry(3), 0), 0);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).date, recipe_time);
+  EXPECT_EQ(slot_on_flash(0, 0, 31).seq_no, 4);
+}
+
+TEST_F(touch, the_root_has_a_date_too) {
+  make_and_mount();
+  EXPECT_EQ(flashfs_touch(fs(), entry(1), 77), 0);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/31");
+  EXPECT_EQ(slot_on_flash(0, 0, 31).date, 77U);
+}
+
+TEST_F(touch, the_last_slot_is_used) {
+  make_and_mount();
+  keep_slots(1);
+  EXPECT_EQ(flashfs_touch(fs(), entry(1), 77), 0);
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/1");
+}
+
+TEST_F(touch, the_fresh_slot_is_written_before_the_old_one_goes) {
+  make();
+  names({"4:0.0/1 3<1 dir/"});
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  keep_slots(0);
+  // The fresh sector's owner, the fresh slot in it, the old slot.
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 1), 0); }),
+            "1.0 1.0 0.0");
+}
+
+TEST_F(touch, an_entry_without_a_slot_is_an_error_that_names_its_directory) {
+  make_and_mount();
+  flashfs_sctr_map* file = filemap_insert(fs(), 7, 1, 0x8700);
+  flashfs_sctr_map* child = filemap_insert(fs(), 8, 21, 0x8700);
+  errno = 0;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_touch(fs(), file, 0), -1); }),
+            "flashfs[0]: flashfs_touch, unable to lookup filemap for fileid 1\n");
+  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(flashfs_touch(fs(), child, 0), -1); }),
+            "flashfs[0]: flashfs_touch, unable to lookup filemap for fileid 21\n");
+}
+
+TEST_F(touch, any_failure_of_the_flash_is_eio_and_leaves_a_valid_slot) {
+  int failures = 0;
+  for (uint64_t n = 1; failures == static_cast<int>(n) - 1; n++) {
+    ASSERT_LT(n, 20U);
+    make();
+    names({"4:0.0/1 3<1 dir/"});
+    ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+    device().fail(flash_call::any, n, flash_operation_failed);
+    errno = 0;
+    output_of([&] {
+      if (flashfs_touch(fs(), entry(3), 0) != 0) {
+        failures++;
+        EXPECT_EQ(errno, EIO);
+      }
+    });
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    device().fail(flash_call::any, 0, flash_ok);
+    check_of_recipe(flashfs_check_quick);
+    EXPECT_EQ(path_lookup(fs(), "dir"), 3) << "call " << n;
+  }
+  // Finding and reading the slots, writing the fresh one, reading and writing the old one.
+  EXPECT_EQ(failures, 5);
+}
+
+TEST_F(touch, no_space_is_eio) {
+  make_full_but_one();
+  keep_sectors(0);
+  errno = 0;
+  EXPECT_EQ(flashfs_touch(fs(), entry(2), 0), -1);
+  EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(touch, without_two_buffers_nothing_is_done) {
+  make_and_mount();
+  chunk_pool* pool = fs()->sctr_buf_chunk;
+  fs()->sctr_buf_chunk = nullptr;
+  output_of([&] { EXPECT_EQ(flashfs_touch(fs(), entry(1), 0), -1); });
+  fs()->sctr_buf_chunk = pool;
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0");
+}
+
+TEST_F(touch, a_slot_that_reclamation_moves_is_deleted_at_its_new_place) {
+  make_blocks({2, 2, 2});
+  image().headers(2);
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  delete_slots("0.0/2-31");
+  invalidate("0.1");
+  data(2, "1.0 1.1");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  ASSERT_EQ(fs()->available_slots, nullptr);
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(flashfs_touch(fs(), entry(2), 5), 0); }),
+            "2=invalid1 2.0 2=committed erase 0 0=available 2=in_use 2.1 2.1 2.0");
+  EXPECT_EQ(list_text(fs(), 1), "0:2.0/0 1:2.1/31");
+  EXPECT_EQ(slot_on_flash(2, 0, 1).dir_fileid, 0);
+  EXPECT_EQ(slot_on_flash(2, 1, 31).date, 5U);
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(touch, a_slot_that_compaction_moves_is_deleted_at_its_new_place) {
+  make();
+  names({"1:0.0/1 2<1 f"});
+  delete_slots("0.0/2-31");
+  names({"2:0.1/0 3<1 dir/"});
+  delete_slots("0.1/1-31");
+  data(2, "0.2 0.3 1.0 1.1 1.2 1.3");
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  output_of([&] { EXPECT_EQ(flashfs_touch(fs(), entry(3), 5), 0); });
+  // Compaction has moved the slot to 0.0/31, its sector was freed and has become the fresh one.
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/1 2:0.1/31");
+  EXPECT_EQ(slot_on_flash(0, 0, 31).dir_fileid, 0);
+  EXPECT_EQ(slot_on_flash(0, 1, 31).date, 5U);
+  EXPECT_STREQ(slot_on_flash(0, 1, 31).name, "dir");
+  EXPECT_TRUE(is_repaired());
 }
 
 }  // namespace

@@ -249,3 +249,54 @@ TEST_F(block_erase, the_test_has_no_sectors_to_write_in_a_tiny_block) {
   ASSERT_EQ(read_blkheader(fs(), 0, &header_), 0);
   EXPECT_EQ(header_.erase_count, 2U);
 }
+
+TEST_F(block_erase, a_block_without_sectors_still_has_a_header) {
+  make({{2048, false}, {0x20000, false}});
+  EXPECT_EQ(fs()->flashfs_blocks[0].num_sectors, 0);
+  output_of([&] { EXPECT_EQ(erase_block(fs(), 0, true, false), 0); });
+  flashfs_blkheader header;
+  ASSERT_EQ(read_blkheader(fs(), 0, &header), 0);
+  EXPECT_EQ(header.erase_count, 0U);
+  flashfs_sector sector;
+  output_of([&] { EXPECT_EQ(read_sector(fs(), {0, 0}, &sector, whole_sector), 1); });
+}
+
+TEST_F(block_erase, the_destructive_test_leaves_the_tail_alone) {
+  make({{6000, false}});
+  const uint8_t before = device().bytes()[5999];
+  output_of([&] { ASSERT_EQ(erase_block(fs(), 0, false, true), 0); });
+  EXPECT_EQ(before, 0xFF);
+  EXPECT_EQ(device().deviations(), 0U);
+  // Two passes over two sectors of 1028 words each, and nothing else.
+  EXPECT_EQ(device().counts().words_programmed, 2U * 2U * 1028U);
+}
+
+TEST_F(block_erase, an_erased_header_counts_ffffffff_and_its_first_counted_erase_stores_0) {
+  make(ram_blocks(2, 0x20000));
+  flashfs_blkheader header;
+  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
+  EXPECT_EQ(header.erase_count, 0xFFFFFFFFU);
+  output_of([&] { ASSERT_EQ(erase_block(fs(), 1, true, false), 0); });
+  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
+  EXPECT_EQ(header.erase_count, 0U);
+  output_of([&] { ASSERT_EQ(erase_block(fs(), 1, true, false), 0); });
+  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
+  EXPECT_EQ(header.erase_count, 1U);
+}
+
+TEST_F(block_erase, a_header_written_after_an_erase_is_available_and_else_erased) {
+  make(ram_blocks(3, 0x20000));
+  image_builder image(device());
+  image.header(2, {.erase_count = 0x00FFFFFF, .state = 0});
+  output_of([&] { ASSERT_EQ(erase_block(fs(), 2, true, false), 0); });
+  const uint16_t checksum = image_crc("abcd", 4);  // of the time that it is
+  std::string expected(
+      "\x01\x00\x00\x00"
+      "abcd",
+      8);
+  expected += static_cast<char>(checksum >> 8);
+  expected += static_cast<char>(checksum);
+  expected += std::string("\x00\x02", 2);
+  expected += std::string(20, '\xFF');
+  EXPECT_EQ(std::string(image.header_at(2), image.header_at(2) + 32), expected);
+}

@@ -1,4 +1,4 @@
-// The file map and the lists of sectors and slots in memory.
+// The file map, the list of each file, and the numbers for what is new.
 #include "flashfs/filemap.h"
 
 #include <gtest/gtest.h>
@@ -9,24 +9,17 @@
 #include <string>
 #include <vector>
 
-#include "flashfs/available.h"
-#include "flashfs/buffer.h"
 #include "flashfs/flashfs.h"
-#include "flashfs/io.h"
-#include "flashfs/slots.h"
-#include "tests/flashfs/flashfs_test_tools.h"
-#include "tests/support/image_builder.h"
+#include "tests/flashfs/unchecked_fixture.h"
 
 using namespace test_support;
 
 namespace {
 
-class file_map : public flashfs_fixture {
+class file_map : public unchecked_fixture {
  protected:
   void SetUp() override {
-    make_flash(ram_blocks(3, 0x20000));
-    ASSERT_EQ(initialize(), 0);
-    fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+    unchecked_fixture::SetUp();
     std::memset(&sector_, 0xFF, sizeof sector_);
   }
   // The buffer becomes a data sector.
@@ -65,16 +58,6 @@ class file_map : public flashfs_fixture {
     }
     return text;
   }
-  std::string available(const flashfs_sctr_list_unordered* each) {
-    std::string text;
-    for (; each != nullptr; each = each->next) {
-      text += (text.empty() ? "" : " ") + std::to_string(each->sctr_ptr.block_num) + "." +
-              std::to_string(each->sctr_ptr.sctr_num) + "/" + std::to_string(each->slot_no);
-    }
-    return text;
-  }
-  held_clock clock_{1000};
-  flashfs_sector sector_;
 };
 
 // Lists that need no file system.
@@ -95,6 +78,29 @@ int contiguous_bad(const uint16_t (&seq_nos)[count]) {
   }
   return sctr_list_is_contiguous_bad(list.data());
 }
+
+uint16_t next_slot_after(std::initializer_list<uint16_t> numbers) {
+  std::vector<flashfs_sctr_list_ordered> held(numbers.size());
+  size_t i = 0;
+  for (const uint16_t number : numbers) {
+    held[i].next = i + 1 < held.size() ? &held[i + 1] : nullptr;
+    held[i++].seq_no = number;
+  }
+  flashfs_sctr_map directory = {};
+  directory.sctr_list = held.empty() ? nullptr : held.data();
+  return flashfs_next_slot_seq_no(&directory);
+}
+
+class next_fileid : public unchecked_fixture {
+ protected:
+  uint16_t after(std::initializer_list<uint16_t> ids) {
+    filemap_clear(fs());
+    for (const uint16_t id : ids) {
+      filemap_insert(fs(), id, 1, 0x8700);
+    }
+    return flashfs_next_fileid(fs());
+  }
+};
 
 }  // namespace
 
@@ -292,100 +298,6 @@ TEST_F(file_map, collecting_all_of_a_directory_sector_counts_its_deleted_slots) 
   EXPECT_EQ(fs()->flashfs_blocks[2].invalid_slots, 1);
 }
 
-// --- finding slots ---
-
-class slot_search : public file_map {
- protected:
-  void SetUp() override {
-    file_map::SetUp();
-    image_builder image(device());
-    for (int k = 0; k < 20; k++) {
-      image.slot(1, 4, k,
-                 {.seq_no = static_cast<uint16_t>(k), .entry_fileid = entry_id(k), .name = "n"});
-    }
-    for (int k = 0; k < 5; k++) {
-      image.slot(
-          2, 8, k,
-          {.seq_no = static_cast<uint16_t>(20 + k), .entry_fileid = entry_id(20 + k), .name = "n"});
-    }
-    for (const flashfs_sctr_ptr pointer : {flashfs_sctr_ptr{1, 4}, flashfs_sctr_ptr{2, 8}}) {
-      ASSERT_EQ(read_sector(fs(), pointer, &sector_, whole_sector), 0);
-      ASSERT_EQ(filemap_add_sector_all(fs(), pointer, &sector_), 0);
-    }
-    device().clear_counts();
-  }
-  static uint16_t entry_id(int number) {
-    return static_cast<uint16_t>(100 + number);
-  }
-  flashfs_sctr_map* entry(uint16_t fileid, uint16_t parent = 1) {
-    return filemap_insert(fs(), fileid, parent, 0x8000);
-  }
-};
-
-TEST_F(slot_search, finds_the_parents_list_entry_that_names_the_file) {
-  const flashfs_sctr_list_ordered* found = filemap_find_slot(fs(), entry(entry_id(23)));
-  ASSERT_NE(found, nullptr);
-  EXPECT_EQ(found->slot_no, 3);
-  EXPECT_EQ(found->sctr_ptr, (flashfs_sctr_ptr{2, 8}));
-  EXPECT_EQ(found->seq_no, 23);
-}
-
-TEST_F(slot_search, reads_a_sector_that_slots_share_once) {
-  ASSERT_NE(filemap_find_slot(fs(), entry(entry_id(19))), nullptr);
-  EXPECT_EQ(device().counts().reads, 1U);
-  EXPECT_EQ(device().counts().bytes_read, 2056U);
-  ASSERT_NE(filemap_find_slot(fs(), entry(entry_id(24))), nullptr);
-  EXPECT_EQ(device().counts().reads, 1U + 2);
-}
-
-TEST_F(slot_search, gives_null_for_a_file_that_its_parent_does_not_name) {
-  EXPECT_EQ(filemap_find_slot(fs(), entry(999)), nullptr);
-}
-
-TEST_F(slot_search, gives_null_without_a_read_when_the_parent_is_missing) {
-  EXPECT_EQ(filemap_find_slot(fs(), entry(entry_id(3), 50)), nullptr);
-  EXPECT_EQ(filemap_find_slot(fs(), entry(entry_id(4), 0)), nullptr);
-  EXPECT_EQ(device().counts().reads, 0U);
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-}
-
-TEST_F(slot_search, gives_null_and_its_buffer_back_when_the_flash_fails) {
-  device().fail(flash_call::read, 2, flash_busy);
-  output_of([&] { EXPECT_EQ(filemap_find_slot(fs(), entry(entry_id(23))), nullptr); });
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-  EXPECT_EQ(device().counts().reads, 2U);
-}
-
-TEST_F(slot_search, tells_a_failure_from_a_slot_that_is_not_there) {
-  sector_buffer buffer(fs());
-  found_slot found = filemap_find_slot_in(fs(), entry(999), buffer);
-  EXPECT_EQ(found.entry, nullptr);
-  EXPECT_FALSE(found.failed);
-  sector_buffers_forget();
-  device().fail(flash_call::read, 1, flash_busy);
-  output_of([&] { found = filemap_find_slot_in(fs(), entry(entry_id(1)), buffer); });
-  EXPECT_EQ(found.entry, nullptr);
-  EXPECT_TRUE(found.failed);
-}
-
-TEST_F(slot_search, passes_over_data_sectors_in_a_directorys_list) {
-  // Damaged flash: sectors owned by a directory's id.
-  for (const uint16_t seq_no : u16s{0, 30}) {
-    ASSERT_EQ(filemap_add_sector(fs(), {0, seq_no}, data_sector(30, seq_no), slot_of_sector), 0);
-  }
-  filemap_lookup(fs(), 30)->mode = 0x4600;
-  filemap_lookup(fs(), 30)->sctr_list->slot_no = slot_of_reserved_sector;
-  EXPECT_EQ(filemap_find_slot(fs(), entry(0xFFFE, 30)), nullptr);
-  EXPECT_EQ(device().counts().reads, 0U);
-}
-
-TEST_F(slot_search, without_a_sector_buffer_gives_null) {
-  chunk_pool* pool = fs()->sctr_buf_chunk;
-  fs()->sctr_buf_chunk = nullptr;
-  output_of([&] { EXPECT_EQ(filemap_find_slot(fs(), entry(entry_id(3))), nullptr); });
-  fs()->sctr_buf_chunk = pool;
-}
-
 // --- lists ---
 
 TEST(sector_list, an_entry_is_found_by_block_sector_and_slot) {
@@ -445,48 +357,6 @@ TEST_F(file_map, entries_are_taken_out_of_a_list_one_by_one_or_all_at_once) {
   EXPECT_EQ(sctr_list_length(file->sctr_list), 0U);
 }
 
-TEST_F(file_map, available_sectors_and_slots_are_pushed_on_the_front) {
-  EXPECT_EQ(available_sector_push(fs(), {1, 9}), 0);
-  EXPECT_EQ(available_sector_push(fs(), {1, 8}), 0);
-  EXPECT_EQ(available_slot_push(fs(), {2, 3}, 31), 0);
-  EXPECT_EQ(available_slot_push(fs(), {2, 3}, 0), 0);
-  EXPECT_EQ(available(fs()->available_sectors), "1.8/255 1.9/255");
-  EXPECT_EQ(available(fs()->available_slots), "2.3/0 2.3/31");
-  EXPECT_EQ(fs()->num_available_sectors, 2U);
-  EXPECT_EQ(fs()->num_available_slots, 2U);
-}
-
-TEST_F(file_map, available_sectors_and_slots_are_taken_from_the_front) {
-  (void)available_sector_push(fs(), {1, 9});
-  (void)available_sector_push(fs(), {1, 8});
-  (void)available_slot_push(fs(), {2, 3}, 31);
-  (void)available_slot_push(fs(), {2, 4}, 7);
-  uint8_t slot_no = 0;
-  EXPECT_EQ(available_sector_take(fs()), (flashfs_sctr_ptr{1, 8}));
-  EXPECT_EQ(available_slot_take(fs(), &slot_no), (flashfs_sctr_ptr{2, 4}));
-  EXPECT_EQ(slot_no, 7);
-  EXPECT_EQ(available(fs()->available_sectors), "1.9/255");
-  EXPECT_EQ(available(fs()->available_slots), "2.3/31");
-  EXPECT_EQ(fs()->num_available_sectors, 1U);
-  EXPECT_EQ(fs()->num_available_slots, 1U);
-}
-
-TEST_F(file_map, everything_available_in_a_block_can_be_dropped) {
-  for (const int16_t block : std::initializer_list<int16_t>{1, 2, 2, 1, 0, 1}) {
-    (void)available_sector_push(fs(), {block, 5});
-    (void)available_slot_push(fs(), {block, 6}, 4);
-  }
-  available_drop_block(fs(), 1);
-  EXPECT_EQ(available(fs()->available_sectors), "0.5/255 2.5/255 2.5/255");
-  EXPECT_EQ(available(fs()->available_slots), "0.6/4 2.6/4 2.6/4");
-  EXPECT_EQ(fs()->num_available_sectors, 3U);
-  EXPECT_EQ(fs()->num_available_slots, 3U);
-  available_clear(fs());
-  EXPECT_EQ(fs()->available_sectors, nullptr);
-  EXPECT_EQ(fs()->available_slots, nullptr);
-  EXPECT_EQ(fs()->num_available_sectors + fs()->num_available_slots, 0U);
-}
-
 TEST_F(file_map, deleted_slots_of_a_copy_become_available_again) {
   std::memset(&sector_, 0x11, sizeof sector_);
   sector_.fileid = fileid_root;
@@ -500,4 +370,102 @@ TEST_F(file_map, deleted_slots_of_a_copy_become_available_again) {
   }
   EXPECT_EQ(dir_sector_clear_deleted(&sector_), 32);
   EXPECT_EQ(std::memcmp(&sector_, &expected, sizeof expected), 0);
+}
+
+TEST_F(file_map, the_entry_behind_another_is_taken_out_and_given_back) {
+  // An entry that were not given back would be found as a leak when the program ends.
+  for (uint16_t seq_no = 0; seq_no < 4; seq_no++) {
+    ASSERT_EQ(filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector), 0);
+  }
+  flashfs_sctr_list_ordered* head = filemap_lookup(fs(), 12)->sctr_list;
+  sctr_list_remove_behind(fs(), head->next);
+  EXPECT_EQ(list_of(12), "0@0.0 1@0.1 3@0.3");
+  sctr_list_remove_behind(fs(), head->next);
+  EXPECT_EQ(list_of(12), "0@0.0 1@0.1") << "the last one";
+  sctr_list_remove_behind(fs(), head);
+  EXPECT_EQ(list_of(12), "0@0.0");
+  EXPECT_EQ(filemap_lookup(fs(), 12)->sctr_list, head);
+}
+
+// --- discarding everything ---
+
+TEST_F(file_map, clearing_the_maps_discards_what_was_built) {
+  mount_new(4);
+  ASSERT_EQ(write_file("one", std::string(5000, 'x')), 0);
+  fs()->flashfs_blocks[1].invalid_sectors = 3;
+  fs()->flashfs_blocks[1].invalid_slots = 3;
+  flashfs_clear_maps(fs());
+  EXPECT_EQ(fs()->file_map, nullptr);
+  EXPECT_EQ(fs()->available_sectors, nullptr);
+  EXPECT_EQ(fs()->available_slots, nullptr);
+  EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
+  EXPECT_EQ(fs()->ready, 0U);
+  for (int b = 0; b < 4; b++) {
+    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_sectors, 0);
+    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_slots, 0);
+  }
+  ASSERT_EQ(check(), 0) << "the check builds them again";
+  EXPECT_EQ(read_file("one"), std::string(5000, 'x'));
+}
+
+TEST_F(file_map, clearing_maps_that_were_never_built_does_no_harm) {
+  make_flash(ram_blocks(2, 0x20000));
+  ASSERT_EQ(initialize(), 0);
+  fs()->flashfs_blocks[1].invalid_slots = 3;
+  flashfs_clear_maps(fs());
+  flashfs_clear_maps(fs());
+  EXPECT_EQ(fs()->flashfs_blocks[1].invalid_slots, 0);
+  EXPECT_EQ(fs()->ready, 0U);
+}
+
+// --- numbers for what is new ---
+
+TEST(next_slot_seq_no, is_0_for_an_empty_directory_and_one_that_does_not_begin_with_0) {
+  EXPECT_EQ(next_slot_after({}), 0);
+  EXPECT_EQ(next_slot_after({1, 2}), 0);
+}
+
+TEST(next_slot_seq_no, follows_the_unbroken_run_from_0) {
+  EXPECT_EQ(next_slot_after({0}), 1);
+  EXPECT_EQ(next_slot_after({0, 1, 2}), 3);
+  EXPECT_EQ(next_slot_after({0, 1, 3, 4}), 2);
+  EXPECT_EQ(next_slot_after({0, 65535}), 1);
+  EXPECT_EQ(next_slot_after({0, 0, 1}), 1);
+}
+
+TEST(next_slot_seq_no, has_16_bits) {
+  std::vector<flashfs_sctr_list_ordered> held(65536);
+  for (size_t i = 0; i < held.size(); i++) {
+    held[i].next = i + 1 < held.size() ? &held[i + 1] : nullptr;
+    held[i].seq_no = static_cast<uint16_t>(i);
+  }
+  flashfs_sctr_map directory = {};
+  directory.sctr_list = held.data();
+  EXPECT_EQ(flashfs_next_slot_seq_no(&directory), 0);
+  held[65534].next = nullptr;
+  EXPECT_EQ(flashfs_next_slot_seq_no(&directory), 65535);
+}
+
+TEST_F(next_fileid, is_2_for_an_empty_map) {
+  EXPECT_EQ(after({}), 2);
+}
+
+TEST_F(next_fileid, follows_the_unbroken_run_at_the_beginning_of_the_map) {
+  EXPECT_EQ(after({1}), 2);
+  EXPECT_EQ(after({1, 2, 3, 5}), 4);
+  EXPECT_EQ(after({5, 6, 9}), 7);
+}
+
+TEST_F(next_fileid, says_65535_when_none_is_left_behind_the_run) {
+  EXPECT_EQ(after({65533, 65534}), 65535);
+  EXPECT_EQ(after({65533}), 65534);
+}
+
+TEST_F(next_fileid, says_65535_when_every_id_is_taken) {
+  for (uint32_t id = fileid_root; id <= fileid_last; id++) {
+    filemap_insert(fs(), static_cast<uint16_t>(id), 1, 0x8700);
+  }
+  EXPECT_EQ(flashfs_next_fileid(fs()), 65535);
+  filemap_remove(fs(), filemap_lookup(fs(), 40000));
+  EXPECT_EQ(flashfs_next_fileid(fs()), 40000);
 }

@@ -6,26 +6,13 @@
 #include <set>
 #include <string>
 
-#include "flashfs/erase.h"
 #include "flashfs/flashfs.h"
-#include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
 
 namespace {
-
-constexpr int64_t now = 0x65A1B2C3;
-
-class format_on_flash : public flashfs_fixture {
- protected:
-  void make(const std::vector<ram_block>& blocks) {
-    make_flash(blocks);
-    ASSERT_EQ(initialize(), 0);
-  }
-  held_clock clock_{now};
-};
 
 template <typename record>
 std::array<uint8_t, sizeof(record)> bytes_of(const record& value) {
@@ -118,74 +105,6 @@ TEST(format_fields, slot_k_of_a_directory_sector_lies_at_4_plus_64_k) {
   }
 }
 
-// --- geometry ---
-
-TEST(format_geometry, a_block_of_128_kib_has_63_sectors_and_1512_bytes_over) {
-  EXPECT_EQ(block_sector_count(131072), 63);
-  EXPECT_EQ(block_spare_bytes(131072), 1512U);
-}
-
-TEST(format_geometry, a_block_too_small_for_a_sector_holds_only_its_header) {
-  EXPECT_EQ(block_sector_count(32 + 2055), 0);
-  EXPECT_EQ(block_spare_bytes(32 + 2055), 2055U);
-  EXPECT_EQ(block_sector_count(32 + 2056), 1);
-  EXPECT_EQ(block_spare_bytes(32 + 2056), 0U);
-  EXPECT_EQ(block_sector_count(32), 0);
-}
-
-TEST(format_geometry, a_block_smaller_than_a_header_has_nothing) {
-  for (const uint32_t size : {0U, 1U, 31U}) {
-    EXPECT_EQ(block_sector_count(size), 0) << size;
-    EXPECT_EQ(block_spare_bytes(size), 0U) << size;
-  }
-}
-
-TEST(format_geometry, the_sector_count_is_cut_to_16_bits) {
-  EXPECT_EQ(block_sector_count(32 + 2056 * 65537U), 1);
-}
-
-TEST_F(format_on_flash, a_block_without_sectors_still_has_a_header) {
-  make({{2048, false}, {0x20000, false}});
-  EXPECT_EQ(fs()->flashfs_blocks[0].num_sectors, 0);
-  output_of([&] { EXPECT_EQ(erase_block(fs(), 0, true, false), 0); });
-  auto header = erased_record<flashfs_blkheader>();
-  ASSERT_EQ(read_blkheader(fs(), 0, &header), 0);
-  EXPECT_EQ(header.erase_count, 0U);
-  auto sector = erased_record<flashfs_sector>();
-  output_of([&] { EXPECT_EQ(read_sector(fs(), {0, 0}, &sector, whole_sector), 1); });
-}
-
-TEST_F(format_on_flash, sectors_follow_the_header_and_the_tail_is_never_written) {
-  make({{6000, false}, {6000, false}});
-  ASSERT_EQ(fs()->flashfs_blocks[1].num_sectors, 2);
-  flashfs_sector sector;
-  std::memset(&sector, 0, sizeof sector);
-  for (uint16_t s = 0; s < 2; s++) {
-    sector.seq_no = static_cast<uint16_t>(0x1100 + s);
-    ASSERT_EQ(write_sector(fs(), {1, s}, &sector, whole_sector), 0);
-  }
-  const uint8_t* block = device().bytes() + 6000;
-  for (size_t i = 0; i < 6000; i++) {
-    const bool in_sectors = i >= 32 && i < 32 + 2 * 2056;
-    const size_t in_sector = (i - 32) % 2056;
-    const int expected = !in_sectors         ? 0xFF
-                         : in_sector == 2052 ? 0x11
-                         : in_sector == 2053 ? static_cast<int>((i - 32) / 2056)
-                                             : 0;
-    ASSERT_EQ(block[i], expected) << i;
-  }
-}
-
-TEST_F(format_on_flash, the_destructive_test_leaves_the_tail_alone) {
-  make({{6000, false}});
-  const uint8_t before = device().bytes()[5999];
-  output_of([&] { ASSERT_EQ(erase_block(fs(), 0, false, true), 0); });
-  EXPECT_EQ(before, 0xFF);
-  EXPECT_EQ(device().deviations(), 0U);
-  // Two passes over two sectors of 1028 words each, and nothing else.
-  EXPECT_EQ(device().counts().words_programmed, 2U * 2U * 1028U);
-}
-
 // --- block headers ---
 
 TEST(format_header, the_state_is_the_low_nibble) {
@@ -258,80 +177,6 @@ TEST(format_header, the_checksum_covers_the_timestamp_only) {
 TEST(format_header, an_erased_header_is_not_good) {
   const auto header = erased_record<flashfs_blkheader>();
   EXPECT_NE(blkheader_crc(&header), 0xE2F0U);
-}
-
-TEST_F(format_on_flash, an_erased_header_counts_ffffffff_and_its_first_counted_erase_stores_0) {
-  make(ram_blocks(2, 0x20000));
-  auto header = erased_record<flashfs_blkheader>();
-  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
-  EXPECT_EQ(header.erase_count, 0xFFFFFFFFU);
-  output_of([&] { ASSERT_EQ(erase_block(fs(), 1, true, false), 0); });
-  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
-  EXPECT_EQ(header.erase_count, 0U);
-  output_of([&] { ASSERT_EQ(erase_block(fs(), 1, true, false), 0); });
-  ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
-  EXPECT_EQ(header.erase_count, 1U);
-}
-
-TEST_F(format_on_flash, a_header_written_after_an_erase_is_available_and_else_erased) {
-  make(ram_blocks(3, 0x20000));
-  image_builder image(device());
-  image.header(2, {.erase_count = 0x00FFFFFF, .state = 0});
-  output_of([&] { ASSERT_EQ(erase_block(fs(), 2, true, false), 0); });
-  const uint16_t checksum = image_crc("\x65\xA1\xB2\xC3", 4);
-  std::string expected("\x01\x00\x00\x00\x65\xA1\xB2\xC3", 8);
-  expected += static_cast<char>(checksum >> 8);
-  expected += static_cast<char>(checksum);
-  expected += std::string("\x00\x02", 2);
-  expected += std::string(20, '\xFF');
-  EXPECT_EQ(std::string(image.header_at(2), image.header_at(2) + 32), expected);
-}
-
-TEST_F(format_on_flash, a_block_moves_down_all_its_states_without_an_erase) {
-  make(ram_blocks(2, 0x20000));
-  output_of([&] {
-    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
-    device().clear_counts();
-    for (const block_state state :
-         {block_invalid1, block_committed, block_invalid2, block_in_use}) {
-      ASSERT_EQ(set_block_state(fs(), 1, state), 0);
-      auto header = erased_record<flashfs_blkheader>();
-      ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
-      EXPECT_EQ(blkheader_state(&header), state);
-      EXPECT_EQ(header.state >> 4, 0xF);
-      EXPECT_EQ(blkheader_crc(&header), flashfs_good_crc);
-    }
-  });
-  EXPECT_EQ(device().counts().erases, 0U);
-  EXPECT_EQ(device().counts().writes, 4U);
-  EXPECT_EQ(device().counts().words_programmed, 4U);
-}
-
-TEST_F(format_on_flash, states_may_be_skipped_on_the_way_down) {
-  make(ram_blocks(2, 0x20000));
-  output_of([&] {
-    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
-    EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 0);
-  });
-  EXPECT_EQ(image_builder(device()).header_at(1)[12], 0xF0);
-}
-
-TEST_F(format_on_flash, a_state_that_would_set_bits_is_refused_by_the_driver) {
-  expect_no_deviations_ = false;
-  make(ram_blocks(2, 0x20000));
-  output_of([&] {
-    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
-    ASSERT_EQ(set_block_state(fs(), 1, block_in_use), 0);
-  });
-  const std::string output = output_of([&] {
-    EXPECT_EQ(set_block_state(fs(), 1, block_invalid1), 1);
-    EXPECT_EQ(set_block_state(fs(), 1, block_available), 1);
-  });
-  const std::string line = " wS1flashfs[0]: writing to flash handle " + handle_text(device()) +
-                           ", device 0, offset 0x20000, length: 0x20: "
-                           "Illegal Operation -- setting bit(s) with write operation\n";
-  EXPECT_EQ(output, line + line);
-  EXPECT_EQ(image_builder(device()).header_at(1)[12], 0xF0);
 }
 
 // --- sectors and slots ---
@@ -408,50 +253,6 @@ TEST(format_sector, a_record_is_erased_when_every_byte_is) {
   }
   std::memset(&sector, 0, sizeof sector);
   EXPECT_FALSE(is_erased(&sector, sizeof sector)) << "equal bytes, but not erased";
-}
-
-// --- deleting slots and invalidating sectors ---
-
-TEST_F(format_on_flash, a_sector_whose_slots_are_all_deleted_is_invalidated) {
-  make(ram_blocks(1, 0x20000));
-  auto sector = erased_record<flashfs_sector>();
-  sector.fileid = fileid_root;
-  for (uint32_t k = 0; k < 31; k++) {
-    delete_slot_buf(fs(), {0, 5}, &sector, k);
-    EXPECT_EQ(sector.fileid, 1) << "an available slot keeps the sector";
-  }
-  delete_slot_buf(fs(), {0, 5}, &sector, 31);
-  EXPECT_EQ(sector.fileid, 0);
-}
-
-TEST_F(format_on_flash, a_slot_is_deleted_by_clearing_its_directory_id_alone) {
-  make(ram_blocks(1, 0x20000));
-  image_builder image(device());
-  image.slot(0, 3, 7, {.entry_fileid = 9, .name = "gone"});
-  image.slot(0, 3, 8, {.entry_fileid = 10, .name = "kept"});
-  std::string expected(image.sector_at(0, 3), image.sector_at(0, 3) + 2056);
-  expected[4 + 64 * 7 + 2] = 0;
-  expected[4 + 64 * 7 + 3] = 0;
-  flashfs_sector buffer;
-  ASSERT_EQ(obsolete_on_flash(fs(), {0, 3}, 7, &buffer), 0);
-  EXPECT_EQ(std::string(image.sector_at(0, 3), image.sector_at(0, 3) + 2056), expected);
-  EXPECT_EQ(device().counts().reads, 1U);
-  EXPECT_EQ(device().counts().writes, 1U);
-  EXPECT_EQ(device().counts().bytes_read, 2056U) << "the record is read whole";
-  EXPECT_EQ(device().counts().words_programmed, 1U);
-}
-
-TEST_F(format_on_flash, a_sector_is_invalidated_by_clearing_its_file_id_alone) {
-  make(ram_blocks(1, 0x20000));
-  image_builder image(device());
-  image.data_sector(0, 3, 9, 0, "contents");
-  std::string expected(image.sector_at(0, 3), image.sector_at(0, 3) + 2056);
-  expected[0] = 0;
-  expected[1] = 0;
-  flashfs_sector buffer;
-  ASSERT_EQ(obsolete_on_flash(fs(), {0, 3}, slot_of_sector, &buffer), 0);
-  EXPECT_EQ(std::string(image.sector_at(0, 3), image.sector_at(0, 3) + 2056), expected);
-  EXPECT_EQ(fs()->flashfs_blocks[0].invalid_sectors, 1);
 }
 
 // --- names ---

@@ -1,12 +1,12 @@
-// The check as it deals with block headers and states, and its result as a whole. Each test is a
+// The check as it deals with block states, and its result as a whole. Each test is a
 // recipe - an image, the bytes that are wrong in it - with what the check says of it, what it
 // leaves, and that a second check has nothing to say. Sectors and lists are in
-// fsck_sectors_test.cpp, the directory tree in fsck_tree_test.cpp.
+// fsck_sectors_test.cpp, headers and the spare in fsck_blocks_test.cpp, the directory tree in
+// fsck_tree_test.cpp.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
-#include "flashfs/fsck_blocks.h"
 #include "tests/flashfs/fsck_recipe.h"
 
 namespace {
@@ -14,8 +14,8 @@ namespace {
 using namespace test_support;
 
 using check_result = check_recipe;
-using check_headers = check_recipe;
 using check_states = check_recipe;
+using check_reclaim = check_recipe;
 
 // --- the result as a whole ---
 
@@ -176,107 +176,6 @@ TEST_F(check_result, a_file_may_lie_on_two_devices) {
   EXPECT_TRUE(is_repaired());
 }
 
-// --- headers ---
-
-TEST_F(check_headers, a_wrong_block_number_has_the_block_erased) {
-  make();
-  image().header(2, {.erase_count = 9, .block_num = 7, .state = 0});
-  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
-            said("Checking block 2...bad block number (7)") +
-                "flashfs[0]: erasing block 2... eS2 wS2done.\n" + quiet_check);
-  EXPECT_EQ(states_text(), "00ff");
-  EXPECT_EQ(header_on_flash(2).block_num, 2);
-  EXPECT_EQ(header_on_flash(2).erase_count, 10U);
-  EXPECT_EQ(header_on_flash(2).timestamp, recipe_time);
-  EXPECT_EQ(fs()->available_block, 2);
-  expect_tree();
-  EXPECT_TRUE(is_repaired());
-}
-
-TEST_F(check_headers, a_live_block_goes_with_its_header) {
-  make();
-  image().header(1, {.block_num = 0, .state = 0});
-  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
-            said("Checking block 1...bad block number (0)") +
-                "flashfs[0]: erasing block 1... eS1 wS1done.\n" + quiet_check);
-  EXPECT_EQ(list_text(fs(), 2), "0:0.1/255");
-  EXPECT_TRUE(is_repaired());
-}
-
-TEST_F(check_headers, a_wrong_checksum_has_the_block_erased) {
-  make();
-  image().header(2, {.state = 0, .good_checksum = false});
-  const uint32_t crc = image_crc(image().header_at(2) + 4, 6);
-  EXPECT_EQ(check_of_recipe(flashfs_check_full),
-            said("Checking block 2...bad checksum (58096 != " + std::to_string(crc) + ")") +
-                "flashfs[0]: erasing block 2... eS2 wS2done.\n" + quiet_check);
-  EXPECT_EQ(states_text(), "00ff");
-  EXPECT_TRUE(is_repaired());
-}
-
-TEST_F(check_headers, the_number_is_looked_at_before_the_checksum) {
-  make();
-  image().header(2, {.block_num = 65534, .state = 0, .good_checksum = false});
-  const std::string told = said("Checking block 2...bad block number (65534)");
-  EXPECT_EQ(check_of_recipe(flashfs_check_full).substr(0, told.size()), told);
-  EXPECT_EQ(check_output().find("checksum"), std::string::npos);
-}
-
-TEST_F(check_headers, the_erase_count_is_not_covered_and_wraps) {
-  make();
-  image().header(2, {.erase_count = 0xFFFFFFFF, .state = 0});
-  EXPECT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
-  image().header(2, {.erase_count = 0xFFFFFFFF, .block_num = 1});
-  check_of_recipe(flashfs_check_full);
-  EXPECT_EQ(header_on_flash(2).erase_count, 0U);
-}
-
-TEST_F(check_headers, one_that_stays_bad_fails_the_second_pass) {
-  make();
-  image().header(2, {.block_num = 7, .state = 0});
-  // The block number's highest bit cannot be programmed.
-  device().flash().stick(2 * block_bytes(4) + 10, 0, 0x80);
-  EXPECT_EQ(check_of_recipe(flashfs_check_quick),
-            "result -1: " + said("Checking block 2...bad block number (7)") +
-                "flashfs[0]: erasing block 2... eS2 wS2done.\n" +
-                said("Checking block 2...bad block number (32770)") +
-                said("Inconsistency in flash found on second pass"));
-}
-
-TEST_F(check_headers, a_block_that_does_not_erase_fails_the_check_unfinished) {
-  make();
-  image().header(2, {.block_num = 7, .state = 0});
-  initialize();
-  device().fail(flash_call::erase, 1, flash_operation_failed);
-  EXPECT_EQ(check(flashfs_check_quick), -1);
-  EXPECT_EQ(check_output(),
-            said("Checking block 2...bad block number (7)") +
-                "flashfs[0]: erasing block 2... eS2flashfs[0]: erasing block, flash handle " +
-                handle_text(device()) + ", device 0, offset " + hex(2 * block_bytes(4)) +
-                ": Operation Failed\n");
-}
-
-TEST_F(check_headers, without_fixing_a_bad_one_is_only_told) {
-  make();
-  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
-  flashfs_blkheader header = header_on_flash(2);
-  EXPECT_EQ(output_of([&] { EXPECT_EQ(fsck_check_header(fs(), 2, &header, false), 0); }), "");
-  header.block_num = 1;
-  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(fsck_check_header(fs(), 2, &header, false), 1); }), "");
-  EXPECT_EQ(output_of([&] { (void)fsck_check_header(fs(), 2, &header, false); }),
-            said("Checking block 2...bad block number (1)"));
-}
-
-TEST_F(check_headers, fixing_reads_the_new_header_into_the_callers) {
-  make();
-  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
-  flashfs_blkheader header = header_on_flash(2);
-  header.block_num = 1;
-  output_of([&] { EXPECT_EQ(fsck_check_header(fs(), 2, &header, true), 0); });
-  EXPECT_EQ(header.block_num, 2);
-  EXPECT_EQ(blkheader_state(&header), block_available);
-}
-
 // --- block states ---
 
 TEST_F(check_states, a_committed_block_is_kept_in_use) {
@@ -335,6 +234,72 @@ TEST_F(check_states, a_failing_write_or_erase_fails_the_check) {
       device().fail(kind, 0, flash_ok);
     }
   }
+}
+
+// --- reclaiming everything ---
+
+std::string tested(int block, const std::string& copy_of) {
+  const std::string b = std::to_string(block);
+  return copy_of + " eS" + b + said("testing block " + b + "...erased 0x0 times") + " eS" + b +
+         " eS" + b + " wS" + b;
+}
+
+TEST_F(check_reclaim, every_block_goes_through_the_spare_and_every_erase_is_tested) {
+  make_blocks({4, 4, 4});
+  image().headers(0);
+  names({"0:1.0/0 1<1", "1:1.0/5 2<1 f"});
+  delete_slots("1.0/6-9");
+  data(2, "1.1 2.0");
+  invalidate("2.1");
+  EXPECT_EQ(check_of_recipe(flashfs_check_quick | flashfs_check_reclaim_all),
+            // the spare itself, then block 1 into it, and block 2 into block 1
+            tested(0, "") + tested(1, " wS0 wS0") + " wS0" + tested(2, " wS1 wS1") + " wS1" +
+                quiet_check);
+  EXPECT_EQ(fs()->available_block, 2);
+  EXPECT_EQ(states_text(), "00f");
+  EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:0.0/5");
+  EXPECT_EQ(list_text(fs(), 2), "0:0.1/255 1:1.0/255");
+  EXPECT_EQ(counters_text(), "0/0 0/0 0/0");
+  EXPECT_EQ(sectors_text(fs()), "1.1 1.2 1.3 0.2 0.3");
+  EXPECT_EQ(fs()->num_available_slots, 30U);
+  for (int block = 0; block < 3; block++) {
+    EXPECT_EQ(header_on_flash(block).erase_count, 3U);
+  }
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(check_reclaim, a_block_is_the_spare_or_not_at_the_time_its_turn_comes) {
+  make_blocks({2, 2, 2});
+  image().headers(2);
+  names({"0:0.0/0 1<1", "1:0.0/1 2<1 f"});
+  data(2, "1.1");
+  check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);
+  // 0 went to 2, 1 to 0, and 2, which is not the spare any more, to 1.
+  EXPECT_EQ(fs()->available_block, 2);
+  EXPECT_EQ(list_text(fs(), 1), "0:1.0/0 1:1.0/1");
+  EXPECT_EQ(list_text(fs(), 2), "0:0.1/255");
+  EXPECT_TRUE(is_repaired());
+}
+
+TEST_F(check_reclaim, a_block_that_fails_its_test_fails_the_check) {
+  make_blocks({2, 2, 2});
+  image().headers(2);
+  names({"0:0.0/0 1<1"});
+  // A bit that cannot be programmed, in a sector that holds nothing.
+  device().flash().stick(block_bytes(2) + 32 + 2056 + 10, 0, 0x01);
+  const std::string output = check_of_recipe(flashfs_check_full | flashfs_check_reclaim_all);
+  EXPECT_EQ(output.substr(0, 11), "result -1: ");
+  EXPECT_NE(output.find("testing block 1...erased 0x0 times\n"), std::string::npos);
+  EXPECT_NE(output.find("block 1, sector 1, byte 10\n"), std::string::npos);
+}
+
+TEST_F(check_reclaim, a_failing_reclamation_fails_the_check) {
+  make();
+  initialize();
+  device().fail(flash_call::erase, 1, flash_operation_failed);
+  EXPECT_EQ(check(flashfs_check_quick | flashfs_check_reclaim_all), -1);
+  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+  device().fail(flash_call::any, 0, flash_ok);
 }
 
 }  // namespace

@@ -237,6 +237,22 @@ TEST_F(choice_of_victim, one_after_the_other_goes_until_two_sectors_are_there) {
   EXPECT_EQ(fs()->available_block, 1);
 }
 
+TEST(toggle_random, gives_the_new_value) {
+  flashfs fs = {};
+  EXPECT_EQ(flashfs_toggle_random(&fs), 1U);
+  EXPECT_EQ(fs.random, 1U);
+  EXPECT_EQ(flashfs_toggle_random(&fs), 0U);
+  EXPECT_EQ(fs.random, 0U);
+  fs.random = 8;
+  EXPECT_EQ(flashfs_toggle_random(&fs), 0U);
+}
+
+TEST_F(choice_of_victim, random_is_0_after_the_first_mount) {
+  make_root(3);
+  mount_recipe();
+  EXPECT_EQ(fs()->random, 0U);
+}
+
 // --- reclaiming one block ---
 
 class one_block : public collection_recipe {

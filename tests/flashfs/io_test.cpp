@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -12,7 +11,6 @@
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/flashfs.h"
-#include "flashfs/log.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
 
@@ -69,7 +67,7 @@ std::string bytes_at(const uint8_t* bytes, size_t count) {
 
 }  // namespace
 
-// --- texts, buffers, geometry ---
+// --- texts, time, geometry ---
 
 TEST(flash_return_code_text, every_code_has_its_text) {
   const char* const texts[] = {
@@ -97,43 +95,28 @@ TEST(flash_return_code_text, an_unknown_code_leaves_the_text_of_the_call_before)
   EXPECT_STREQ(flash_return_code_text(8), "Busy");
 }
 
-TEST_F(block_io, sector_buffers_are_counted_while_they_are_out) {
-  flashfs_sector* first = sector_buffer_alloc(fs());
-  flashfs_sector* second = sector_buffer_alloc(fs());
-  ASSERT_NE(first, nullptr);
-  ASSERT_NE(second, nullptr);
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 2U);
-  std::memset(second, 0, sizeof *second);  // all 2056 bytes are ours
-  sector_buffer_free(fs(), first);
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 1U);
-  sector_buffer_free(fs(), nullptr);
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 1U) << "null is ignored";
-  sector_buffer_free(fs(), second);
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+TEST(block_geometry, a_block_of_128_kib_has_63_sectors_and_1512_bytes_over) {
+  EXPECT_EQ(block_sector_count(131072), 63);
+  EXPECT_EQ(block_spare_bytes(131072), 1512U);
 }
 
-TEST_F(block_io, without_its_pool_no_sector_buffer_can_be_had) {
-  chunk_pool* pool = fs()->sctr_buf_chunk;
-  fs()->sctr_buf_chunk = nullptr;
-  errno = 0;
-  EXPECT_EQ(output_of([&] { EXPECT_EQ(sector_buffer_alloc(fs()), nullptr); }),
-            log_start + "unable to allocate sector buffer -- chunk not initialized\n");
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(output_of([&] { sector_buffer_free(fs(), &sector_); }),
-            log_start + "unable to free sector buffer -- chunk not initialized\n");
-  EXPECT_EQ(output_of([&] { sector_buffer_free(fs(), nullptr); }),
-            log_start + "unable to free sector buffer -- chunk not initialized\n");
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
-  fs()->sctr_buf_chunk = pool;
+TEST(block_geometry, a_block_too_small_for_a_sector_holds_only_its_header) {
+  EXPECT_EQ(block_sector_count(32 + 2055), 0);
+  EXPECT_EQ(block_spare_bytes(32 + 2055), 2055U);
+  EXPECT_EQ(block_sector_count(32 + 2056), 1);
+  EXPECT_EQ(block_spare_bytes(32 + 2056), 0U);
+  EXPECT_EQ(block_sector_count(32), 0);
 }
 
-TEST_F(block_io, a_borrowed_buffer_is_given_back_when_its_scope_ends) {
-  {
-    sector_buffer buffer(fs());
-    EXPECT_TRUE(static_cast<bool>(buffer));
-    EXPECT_EQ(fs()->sctr_bufs_allocated, 1U);
+TEST(block_geometry, a_block_smaller_than_a_header_has_nothing) {
+  for (const uint32_t size : {0U, 1U, 31U}) {
+    EXPECT_EQ(block_sector_count(size), 0) << size;
+    EXPECT_EQ(block_spare_bytes(size), 0U) << size;
   }
-  EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+}
+
+TEST(block_geometry, the_sector_count_is_cut_to_16_bits) {
+  EXPECT_EQ(block_sector_count(32 + 2056 * 65537U), 1);
 }
 
 TEST_F(block_io, a_block_has_the_size_that_the_driver_gave) {
@@ -243,7 +226,111 @@ TEST_F(block_io, without_blocks_every_number_is_out_of_range) {
                             log_start + "block_num (0) not in range between 0 and -1.\n");
 }
 
+// --- block states ---
+
+TEST_F(block_io, a_blocks_state_is_the_low_nibble_in_its_header) {
+  image_builder image(device());
+  for (const uint8_t expected : {block_available, block_invalid1, block_committed, block_invalid2,
+                                 block_in_use, block_state{5}}) {
+    for (const uint8_t high_nibble : {uint8_t{0xF0}, uint8_t{0x20}}) {
+      image.header(1);
+      image.header_at(1)[12] = high_nibble | expected;
+      device().clear_counts();
+      uint8_t state = 0xAA;
+      EXPECT_EQ(read_block_state(fs(), 1, &state), 0);
+      EXPECT_EQ(state, expected);
+      EXPECT_EQ(device().counts().calls(), 1U);
+      EXPECT_EQ(device().counts().bytes_read, 32U);
+    }
+  }
+}
+
+TEST_F(block_io, a_state_that_cannot_be_read_is_told_and_leaves_the_callers) {
+  device().fail(flash_call::read, 1, flash_busy);
+  uint8_t state = 0xAA;
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(read_block_state(fs(), 1, &state), 1); }),
+            log_start + "reading from " + at(0, 0x20000) + ": Busy\n");
+  EXPECT_EQ(state, 0xAA);
+}
+
+TEST_F(block_io, a_block_moves_down_all_its_states_without_an_erase) {
+  make(ram_blocks(2, 0x20000));
+  output_of([&] {
+    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
+    device().clear_counts();
+    for (const block_state state :
+         {block_invalid1, block_committed, block_invalid2, block_in_use}) {
+      ASSERT_EQ(set_block_state(fs(), 1, state), 0);
+      flashfs_blkheader header;
+      ASSERT_EQ(read_blkheader(fs(), 1, &header), 0);
+      EXPECT_EQ(blkheader_state(&header), state);
+      EXPECT_EQ(header.state >> 4, 0xF);
+      EXPECT_EQ(blkheader_crc(&header), flashfs_good_crc);
+    }
+  });
+  EXPECT_EQ(device().counts().erases, 0U);
+  EXPECT_EQ(device().counts().writes, 4U);
+  EXPECT_EQ(device().counts().words_programmed, 4U);
+}
+
+TEST_F(block_io, states_may_be_skipped_on_the_way_down) {
+  make(ram_blocks(2, 0x20000));
+  output_of([&] {
+    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
+    EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 0);
+  });
+  EXPECT_EQ(image_builder(device()).header_at(1)[12], 0xF0);
+}
+
+TEST_F(block_io, a_state_that_would_set_bits_is_refused_by_the_driver) {
+  expect_no_deviations_ = false;
+  make(ram_blocks(2, 0x20000));
+  output_of([&] {
+    ASSERT_EQ(erase_block(fs(), 1, true, false), 0);
+    ASSERT_EQ(set_block_state(fs(), 1, block_in_use), 0);
+  });
+  const std::string output = output_of([&] {
+    EXPECT_EQ(set_block_state(fs(), 1, block_invalid1), 1);
+    EXPECT_EQ(set_block_state(fs(), 1, block_available), 1);
+  });
+  const std::string line = " wS1flashfs[0]: writing to flash handle " + handle_text(device()) +
+                           ", device 0, offset 0x20000, length: 0x20: "
+                           "Illegal Operation -- setting bit(s) with write operation\n";
+  EXPECT_EQ(output, line + line);
+  EXPECT_EQ(image_builder(device()).header_at(1)[12], 0xF0);
+}
+
+TEST_F(block_io, failing_to_read_or_write_a_header_fails_the_change_of_state) {
+  device().fail(flash_call::read, 1, flash_busy);
+  EXPECT_EQ(output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); }),
+            log_start + "reading from " + at(0, 0x20000) + ": Busy\n");
+  device().fail(flash_call::write, 1, flash_busy);
+  output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); });
+  EXPECT_EQ(device().counts().words_programmed, 0U);
+}
+
 // --- sectors ---
+
+TEST_F(block_io, sectors_follow_the_header_and_the_tail_is_never_written) {
+  make({{6000, false}, {6000, false}});
+  ASSERT_EQ(fs()->flashfs_blocks[1].num_sectors, 2);
+  flashfs_sector sector;
+  std::memset(&sector, 0, sizeof sector);
+  for (uint16_t s = 0; s < 2; s++) {
+    sector.seq_no = static_cast<uint16_t>(0x1100 + s);
+    ASSERT_EQ(write_sector(fs(), {1, s}, &sector, whole_sector), 0);
+  }
+  const uint8_t* block = device().bytes() + 6000;
+  for (size_t i = 0; i < 6000; i++) {
+    const bool in_sectors = i >= 32 && i < 32 + 2 * 2056;
+    const size_t in_sector = (i - 32) % 2056;
+    const int expected = !in_sectors         ? 0xFF
+                         : in_sector == 2052 ? 0x11
+                         : in_sector == 2053 ? static_cast<int>((i - 32) / 2056)
+                                             : 0;
+    ASSERT_EQ(block[i], expected) << i;
+  }
+}
 
 TEST_F(block_io, a_read_of_length_2_gives_just_the_file_id) {
   image_builder(device()).data_sector(1, 5, 0x1234, 0, "abc");
@@ -412,15 +499,6 @@ TEST_F(block_io, a_null_handle_is_printed_as_0x0) {
             log_start + "reading from flash handle 0x0, device 0, offset 0x20000: No Resources\n");
 }
 
-TEST_F(block_io, messages_carry_the_file_systems_id) {
-  fs()->fsid = 7;
-  EXPECT_EQ(output_of([&] { flashfs_log(fs(), "n %d", 3); }), "flashfs[7]: n 3\n");
-  EXPECT_EQ(output_of([&] { flashfs_log_open(fs(), "n %d", 3); }), "flashfs[7]: n 3");
-  fs()->fsid = 0;
-  EXPECT_STREQ(flashfs_log_prefix, "");
-  EXPECT_STREQ(flashfs_log_suffix, "\n");
-}
-
 TEST_F(block_io, a_sector_that_the_buffer_still_holds_is_not_read_again) {
   image_builder(device()).data_sector(1, 5, 0x1234, 0, "abc");
   sector_buffer buffer(fs());
@@ -431,14 +509,6 @@ TEST_F(block_io, a_sector_that_the_buffer_still_holds_is_not_read_again) {
   EXPECT_EQ(read_sector_once(fs(), {1, 6}, buffer), 0);
   EXPECT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
   EXPECT_EQ(device().counts().reads, 3U);
-}
-
-TEST_F(block_io, a_buffer_that_may_have_been_changed_holds_no_sector) {
-  sector_buffer buffer(fs());
-  ASSERT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
-  EXPECT_TRUE(buffer.holds({1, 5}));
-  EXPECT_EQ(buffer.get(), buffer.view());
-  EXPECT_FALSE(buffer.holds({1, 5}));
 }
 
 TEST_F(block_io, whatever_changes_flash_makes_every_buffer_forget_its_sector) {
@@ -565,11 +635,45 @@ TEST_F(block_io, a_reserved_sector_is_made_obsolete_as_a_sector) {
   EXPECT_EQ(bytes_at(image.sector_at(1, 5), 2), std::string(2, '\0'));
 }
 
-TEST_F(block_io, failing_to_read_or_write_a_header_fails_the_change_of_state) {
-  device().fail(flash_call::read, 1, flash_busy);
-  EXPECT_EQ(output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); }),
-            log_start + "reading from " + at(0, 0x20000) + ": Busy\n");
-  device().fail(flash_call::write, 1, flash_busy);
-  output_of([&] { EXPECT_EQ(set_block_state(fs(), 1, block_in_use), 1); });
-  EXPECT_EQ(device().counts().words_programmed, 0U);
+TEST_F(block_io, a_sector_whose_slots_are_all_deleted_is_invalidated) {
+  make(ram_blocks(1, 0x20000));
+  flashfs_sector sector;
+  std::memset(&sector, 0xFF, sizeof sector);
+  sector.fileid = fileid_root;
+  for (uint32_t k = 0; k < 31; k++) {
+    delete_slot_buf(fs(), {0, 5}, &sector, k);
+    EXPECT_EQ(sector.fileid, 1) << "an available slot keeps the sector";
+  }
+  delete_slot_buf(fs(), {0, 5}, &sector, 31);
+  EXPECT_EQ(sector.fileid, 0);
+}
+
+TEST_F(block_io, a_slot_is_deleted_by_clearing_its_directory_id_alone) {
+  make(ram_blocks(1, 0x20000));
+  image_builder image(device());
+  image.slot(0, 3, 7, {.entry_fileid = 9, .name = "gone"});
+  image.slot(0, 3, 8, {.entry_fileid = 10, .name = "kept"});
+  std::string expected(image.sector_at(0, 3), image.sector_at(0, 3) + 2056);
+  expected[4 + 64 * 7 + 2] = 0;
+  expected[4 + 64 * 7 + 3] = 0;
+  flashfs_sector buffer;
+  ASSERT_EQ(obsolete_on_flash(fs(), {0, 3}, 7, &buffer), 0);
+  EXPECT_EQ(std::string(image.sector_at(0, 3), image.sector_at(0, 3) + 2056), expected);
+  EXPECT_EQ(device().counts().reads, 1U);
+  EXPECT_EQ(device().counts().writes, 1U);
+  EXPECT_EQ(device().counts().bytes_read, 2056U) << "the record is read whole";
+  EXPECT_EQ(device().counts().words_programmed, 1U);
+}
+
+TEST_F(block_io, a_sector_is_invalidated_by_clearing_its_file_id_alone) {
+  make(ram_blocks(1, 0x20000));
+  image_builder image(device());
+  image.data_sector(0, 3, 9, 0, "contents");
+  std::string expected(image.sector_at(0, 3), image.sector_at(0, 3) + 2056);
+  expected[0] = 0;
+  expected[1] = 0;
+  flashfs_sector buffer;
+  ASSERT_EQ(obsolete_on_flash(fs(), {0, 3}, slot_of_sector, &buffer), 0);
+  EXPECT_EQ(std::string(image.sector_at(0, 3), image.sector_at(0, 3) + 2056), expected);
+  EXPECT_EQ(fs()->flashfs_blocks[0].invalid_sectors, 1);
 }

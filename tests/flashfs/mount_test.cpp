@@ -7,10 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
 #include "flashfs/log.h"
+#include "flashfs/operations.h"
 #include "flashfs/vector.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 
@@ -19,7 +22,6 @@ using namespace test_support;
 namespace {
 
 constexpr uint32_t block_bytes = 0x20000;
-const std::string log_start = "flashfs[0]: ";
 
 class mounting : public flashfs_fixture {
  protected:
@@ -39,6 +41,41 @@ class mounting : public flashfs_fixture {
     const flash_driver_info* records[] = {&good, &record};
     expect_silent_refusal(records, 2);
     expect_silent_refusal(records + 1, 1);
+  }
+  // A checked file system with files and directories that the fixture does not know of: for tests
+  // that give it back themselves.
+  flashfs* make_to_release() {
+    make_flash(ram_blocks(4, block_bytes));
+    return mount_to_release();
+  }
+  flashfs* mount_to_release() {
+    const void* handles[] = {device().handle()};
+    const flash_driver_info* records[] = {device().driver()};
+    EXPECT_EQ(flashfs_initialize(handles, records, 1, "bootflash"), 0);
+    uint32_t flags = flashfs_check_quick;
+    output_of([&] { EXPECT_EQ(ifs_ioctl("bootflash:", flashfs_ioctl_check, &flags), 0); });
+    return flashfs_get_fsp("bootflash:");
+  }
+  // A file of 5000 bytes, left open.
+  static int32_t open_new(const char* path) {
+    const int32_t fd = ifs_open(path, ifs_open_read | ifs_open_write | ifs_open_create, 0);
+    const std::string text(5000, 'x');
+    EXPECT_EQ(ifs_write(fd, text.data(), 5000), 5000);
+    return fd;
+  }
+  // Gives it back. Memory that is not is found as a leak when the program ends.
+  static std::string output_of_release(flashfs* fs) {
+    const std::string output = output_of([&] { flashfs_release(fs); });
+    EXPECT_EQ(ifs_lookup_prefix("bootflash:"), -1);
+    EXPECT_EQ(ifs_fsid_get_entry(0), nullptr);
+    return output;
+  }
+  static int open_descriptors() {
+    int count = 0;
+    for (int32_t fd = 0; fd < ifs_max_descriptors; fd++) {
+      count += ifs_fd_is_valid(fd);
+    }
+    return count;
   }
   held_clock clock_{1000};
 };
@@ -315,47 +352,78 @@ TEST_F(mounting, a_chip_is_not_looked_for_while_the_file_system_is_not_ready) {
   }
 }
 
-// --- discarding and marking down ---
+// --- giving a file system back ---
 
-TEST_F(mounting, clearing_the_maps_discards_what_was_built) {
-  mount_new(4, block_bytes);
-  ASSERT_EQ(write_file("one", std::string(5000, 'x')), 0);
-  fs()->flashfs_blocks[1].invalid_sectors = 3;
-  fs()->flashfs_blocks[1].invalid_slots = 3;
-  flashfs_clear_maps(fs());
-  EXPECT_EQ(fs()->file_map, nullptr);
-  EXPECT_EQ(fs()->available_sectors, nullptr);
-  EXPECT_EQ(fs()->available_slots, nullptr);
-  EXPECT_EQ(fs()->sctr_ptr_chunk, nullptr);
-  EXPECT_EQ(fs()->ready, 0U);
-  for (int b = 0; b < 4; b++) {
-    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_sectors, 0);
-    EXPECT_EQ(fs()->flashfs_blocks[b].invalid_slots, 0);
+TEST_F(mounting, giving_back_closes_what_is_open_and_leaves_the_flash_alone) {
+  flashfs* fs = make_to_release();
+  ASSERT_EQ(ifs_mkdir("bootflash:d", 0), 0);
+  EXPECT_GE(open_new("bootflash:a"), 0);
+  EXPECT_EQ(ifs_close(open_new("bootflash:d/b")), 0);
+  EXPECT_GE(ifs_open("bootflash:d/b", ifs_open_read, 0), 0);
+  EXPECT_GE(ifs_open("bootflash:d", ifs_open_read, 0), 0);
+  device().clear_counts();
+  EXPECT_EQ(output_of_release(fs), "");
+  EXPECT_EQ(device().counts().calls(), 0U);
+  EXPECT_EQ(open_descriptors(), 0);
+  mount();
+  EXPECT_EQ(read_file("a"), std::string(5000, 'x')) << "under the prefix that is free again";
+}
+
+TEST_F(mounting, giving_back_leaves_the_files_of_others_open) {
+  make_flash(ram_blocks(4, block_bytes), ram_blocks(4, block_bytes));
+  mount();
+  const int32_t fd = open_new("bootflash:a");
+  const void* handles[] = {device(1).handle()};
+  const flash_driver_info* records[] = {device(1).driver()};
+  EXPECT_EQ(flashfs_initialize(handles, records, 1, "second"), 1);
+  flashfs_release(flashfs_get_fsp("second:"));
+  EXPECT_EQ(ifs_fsid_get_entry(0)->open_count, 1);
+  EXPECT_EQ(ifs_close(fd), 0);
+}
+
+TEST_F(mounting, giving_back_frees_a_full_map_with_all_its_lists) {
+  flashfs* fs = make_to_release();
+  flashfs_sector sector = {};
+  for (uint32_t id = fileid_first; id <= fileid_last; id++) {
+    sector.fileid = static_cast<uint16_t>(id);
+    ASSERT_EQ(filemap_collect_sector_all(fs, {0, 0}, &sector), 0);
   }
-  ASSERT_EQ(check(), 0) << "the check builds them again";
-  EXPECT_EQ(read_file("one"), std::string(5000, 'x'));
+  EXPECT_EQ(fs->num_files, 65534U);
+  EXPECT_EQ(output_of_release(fs), "");
 }
 
-TEST_F(mounting, clearing_maps_that_were_never_built_does_no_harm) {
-  make_flash(ram_blocks(2, block_bytes));
-  ASSERT_EQ(initialize(), 0);
-  fs()->flashfs_blocks[1].invalid_slots = 3;
-  flashfs_clear_maps(fs());
-  flashfs_clear_maps(fs());
-  EXPECT_EQ(fs()->flashfs_blocks[1].invalid_slots, 0);
-  EXPECT_EQ(fs()->ready, 0U);
+TEST_F(mounting, giving_back_closes_the_files_of_one_that_is_down) {
+  flashfs* fs = make_to_release();
+  EXPECT_GE(open_new("bootflash:a"), 0);
+  output_of([&] { flashfs_mark_down(fs); });
+  EXPECT_EQ(output_of_release(fs), "");
+  EXPECT_EQ(open_descriptors(), 0);
 }
 
-TEST_F(mounting, marking_down_says_so_and_keeps_the_maps) {
-  mount_new(4, block_bytes);
-  ASSERT_EQ(write_file("one", "x"), 0);
-  const flashfs_sctr_map* map = fs()->file_map;
-  EXPECT_EQ(output_of([&] { flashfs_mark_down(fs()); }),
-            log_start + "filesystem marked down.  Use \"fsck\" to recover.\n");
-  EXPECT_EQ(fs()->ready, 0U);
-  EXPECT_EQ(fs()->file_map, map);
-  EXPECT_NE(fs()->sctr_ptr_chunk, nullptr);
-  EXPECT_EQ(read_file("one"), "<errno " + std::to_string(EINVAL) + ">");
-  ASSERT_EQ(check(), 0);
-  EXPECT_EQ(read_file("one"), "x");
+TEST_F(mounting, giving_back_closes_the_raw_device_whatever_becomes_of_it) {
+  flashfs* fs = make_to_release();
+  EXPECT_GE(ifs_open("bootflash:...", ifs_open_read, 0), 0);
+  EXPECT_EQ(output_of_release(fs), "");
+  EXPECT_EQ(open_descriptors(), 0);
+  // Closing a device that was opened for writing checks it, which may fail.
+  fs = mount_to_release();
+  output_of([&] { EXPECT_GE(ifs_open("bootflash:...", ifs_open_write, 0), 0); });
+  device().fail(flash_call::read, 1, flash_operation_failed);
+  EXPECT_NE(output_of_release(fs), "");
+  EXPECT_EQ(open_descriptors(), 0);
+}
+
+TEST_F(mounting, giving_back_is_not_kept_by_a_descriptor_that_has_failed) {
+  flashfs* fs = make_to_release();
+  EXPECT_GE(open_new("bootflash:a"), 0);
+  const int32_t fd = open_new("bootflash:b");
+  ifs_descriptor* failed = ifs_fd_get_entry(fd);
+  failed->flags = -1;
+  EXPECT_EQ(output_of_release(fs), "");
+  EXPECT_EQ(open_descriptors(), 0);
+  // The switch does not ask for the closing of such a descriptor and keeps its entry.
+  EXPECT_EQ(ifs_fd_get_entry(fd), nullptr);
+  failed->flags = 0;
+  delete static_cast<flashfs_open_file*>(failed->fd_context);
+  EXPECT_EQ(ifs_fd_destroy(fd), 1);
 }

@@ -9,12 +9,14 @@
 #include <vector>
 
 #include "flashfs/alloc.h"
+#include "flashfs/claim.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
 #include "flashfs/slots.h"
-#include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/unchecked_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
@@ -25,6 +27,8 @@ constexpr uint32_t new_file = 0x8000;
 constexpr uint32_t new_directory = 0x4000;
 constexpr int errno_before = 12345;
 const std::string log_start = "flashfs[0]: ";
+
+using create_step = recipe_fixture;
 
 class paths : public flashfs_fixture {
  protected:
@@ -243,13 +247,11 @@ TEST_F(paths, without_a_sector_buffer_nothing_is_found) {
 
 // --- looking up in directories made by hand ---
 
-class crafted_directory : public flashfs_fixture {
+class crafted_directory : public unchecked_fixture {
  protected:
   // 32 names in sector 0 and 32 in sector 1 of block 1, the numbers rising.
   void SetUp() override {
-    make_flash(ram_blocks(3, 0x20000));
-    ASSERT_EQ(initialize(), 0);
-    fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+    unchecked_fixture::SetUp();
     image_builder image(device());
     for (int i = 0; i < 64; i++) {
       image.slot(1, i / 32, i % 32, named(i, "n" + std::to_string(i)));
@@ -268,7 +270,6 @@ class crafted_directory : public flashfs_fixture {
     }
     device().clear_counts();
   }
-  held_clock clock_{1000};
 };
 
 TEST_F(crafted_directory, a_sector_that_slots_share_is_read_once) {
@@ -365,6 +366,118 @@ TEST_F(crafted_directory, a_deep_path_reads_each_directory_once) {
   }
   EXPECT_EQ(path_lookup(fs(), "d/d/d"), 102);
   EXPECT_EQ(device().counts().reads, 3U);
+}
+
+// --- places for new names ---
+
+class place_for_name : public recipe_fixture {
+ protected:
+  // The file "f" (2), the directory "d" (3), in it "x" (4), and "ghost", a directory of which
+  // nothing but the name is known.
+  void SetUp() override {
+    make_small_tree(3);
+    names({"3:0.0/4 5<1 ghost/"});
+    mount_recipe();
+    filemap_remove(fs(), entry(5));
+  }
+  name_place find(const std::string& path, const name_rules& rules) {
+    name_place place = {};
+    const found_name existing = path_find(fs(), path.c_str());
+    output_ =
+        output_of([&] { place = find_place_for_name(fs(), path.c_str(), existing, work_, rules); });
+    EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
+    return place;
+  }
+
+  static constexpr name_rules creation_ = {true, ENOENT, ENOTDIR};
+  static constexpr name_rules renaming_ = {false, EEXIST, EIO};
+  const std::string too_long_ = std::string(46, 'n');
+  char work_[path_size_max];
+  std::string output_;
+};
+
+TEST_F(place_for_name, is_its_directory_and_its_last_component) {
+  const std::string longest(45, 'n');
+  const struct {
+    std::string path;
+    uint16_t directory;
+    std::string name;
+  } places[] = {
+      {"new", 1, "new"},        {"/new", 1, "new"},           {"d/new", 3, "new"},
+      {"//d//new//", 3, "new"}, {"d/" + longest, 3, longest}, {"d/..", 3, ".."},
+  };
+  for (const name_rules& rules : {creation_, renaming_}) {
+    for (const auto& expected : places) {
+      const name_place place = find(expected.path, rules);
+      EXPECT_EQ(place.error, 0) << expected.path;
+      EXPECT_EQ(place.directory, entry(expected.directory)) << expected.path;
+      EXPECT_STREQ(place.name, expected.name.c_str());
+      EXPECT_EQ(output_, "");
+    }
+  }
+}
+
+TEST_F(place_for_name, the_first_thing_in_the_way_is_the_error) {
+  const struct {
+    std::string path;
+    int creation;
+    int renaming;
+  } refusals[] = {
+      // taken
+      {"f", EEXIST, EEXIST},
+      {"d/x/", EEXIST, EEXIST},
+      {"ghost", EEXIST, EEXIST},
+      {"", EEXIST, EEXIST},
+      {"//", EEXIST, EEXIST},
+      // longer than a path can be
+      {std::string(320, 'n'), ENAMETOOLONG, ENAMETOOLONG},
+      {std::string(319, '/') + "n", ENAMETOOLONG, ENAMETOOLONG},
+      // the name alone
+      {too_long_, ENAMETOOLONG, ENAMETOOLONG},
+      {"d/new name", EINVAL, EINVAL},
+      {too_long_ + " ", ENAMETOOLONG, ENAMETOOLONG},
+      // the directory alone
+      {"missing/new", ENOENT, EEXIST},
+      {"missing/d/new", ENOENT, EEXIST},
+      {"f/new", ENOTDIR, ENOTDIR},
+      {"f/d/new", ENOENT, EEXIST},
+      {"ghost/new", ENOTDIR, EIO},
+      {"ghost/d/new", ENOENT, EEXIST},
+      // both
+      {"missing/" + too_long_, ENAMETOOLONG, EEXIST},
+      {"missing/new name", EINVAL, EEXIST},
+      {"f/" + too_long_, ENAMETOOLONG, ENOTDIR},
+      {"f/new name", EINVAL, ENOTDIR},
+      {"ghost/new name", EINVAL, EIO},
+  };
+  for (const auto& refusal : refusals) {
+    EXPECT_EQ(find(refusal.path, creation_).error, refusal.creation) << refusal.path;
+    EXPECT_EQ(find(refusal.path, renaming_).error, refusal.renaming) << refusal.path;
+  }
+}
+
+TEST_F(place_for_name, a_name_that_is_too_long_is_told_when_it_is_the_error) {
+  const std::string told = "flashfs[0]: Cannot accept filenames longer than 45 characters.\n";
+  find("d/" + too_long_, creation_);
+  EXPECT_EQ(output_, told);
+  find("d/" + too_long_, renaming_);
+  EXPECT_EQ(output_, told);
+  find("missing/" + too_long_, creation_);
+  EXPECT_EQ(output_, told);
+  find("missing/" + too_long_, renaming_);
+  EXPECT_EQ(output_, "");
+}
+
+TEST_F(place_for_name, a_search_that_the_flash_has_ended_is_no_missing_name_or_directory) {
+  for (const name_rules& rules : {creation_, renaming_}) {
+    for (uint64_t n = 1; n <= 3; n++) {  // "d" and "new" for the path, "d" for its directory
+      device().fail(flash_call::read, n, flash_operation_failed);
+      name_place place = {};
+      output_of([&] { place = find("d/new", rules); });
+      EXPECT_EQ(place.error, EIO) << n;
+    }
+    device().fail(flash_call::any, 0, flash_ok);
+  }
 }
 
 // --- creating ---
@@ -631,4 +744,33 @@ TEST_F(paths, a_cut_at_any_mutation_leaves_a_directory_with_or_without_the_name)
       EXPECT_TRUE(flash_is_consistent()) << n;
     }
   }
+}
+
+TEST_F(create_step, forty_five_characters_are_accepted_and_forty_six_refused) {
+  make_small_tree(3);
+  mount_recipe();
+  const std::string longest(45, 'n');
+  const flashfs_sctr_map* made = flashfs_create_entry(fs(), longest.c_str(), 0x8000);
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(path_lookup(fs(), longest.c_str()), made->fileid);
+  errno = 0;
+  EXPECT_EQ(output_of([&] {
+              EXPECT_EQ(flashfs_create_entry(fs(), (longest + "n").c_str(), 0x8000), nullptr);
+            }),
+            "flashfs[0]: Cannot accept filenames longer than 45 characters.\n");
+  EXPECT_EQ(errno, ENAMETOOLONG);
+}
+
+TEST_F(create_step, a_claimed_directory_is_busy) {
+  make_small_tree(3);
+  mount_recipe();
+  for (const uint32_t mode : {acquire_read, acquire_write}) {
+    ASSERT_EQ(flashfs_file_acquire(entry(3), mode), 0);
+    errno = 0;
+    EXPECT_EQ(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+    flashfs_file_release(entry(3));
+  }
+  EXPECT_NE(flashfs_create_entry(fs(), "d/new", 0x8000), nullptr);
+  EXPECT_EQ(entry(3)->writer, 0U);
 }

@@ -1,10 +1,7 @@
-// The status of files and directories and the space report of the file system.
+// What is said of files and directories, and of the space of the file system, through the switch.
+// The operations themselves: listing_test.cpp.
 #include <gtest/gtest.h>
 
-#include <climits>
-
-#include "flashfs/filemap.h"
-#include "flashfs/io.h"
 #include "tests/flashfs/operations_fixture.h"
 
 namespace {
@@ -12,20 +9,11 @@ namespace {
 using namespace test_support;
 
 class status_stat : public operations_fixture {};
-class status_fstat : public operations_fixture {};
-class status_istat : public operations_fixture {};
 class status_statfs : public operations_fixture {};
-
-bool same(const ppc_stat& one, const ppc_stat& other) {
-  return one.fsid == other.fsid && one.link_count == other.link_count && one.owner == other.owner &&
-         one.group == other.group && one.fileid == other.fileid && one.mode == other.mode &&
-         one.size == other.size && one.access_date == other.access_date &&
-         one.modification_date == other.modification_date && one.change_date == other.change_date;
-}
 
 }  // namespace
 
-// --- stat ---
+// --- a file or directory ---
 
 TEST_F(status_stat, every_field_of_a_file) {
   make();
@@ -74,15 +62,6 @@ TEST_F(status_stat, the_dates_are_that_of_the_slot) {
   EXPECT_EQ(status.size, 0U);
 }
 
-TEST_F(status_stat, a_name_without_a_record_marks_down) {
-  make();
-  put("a", "text");
-  filemap_remove(fs(), entry(fileid_of("a")));
-  ppc_stat status;
-  EXPECT_EQ(error_of(stat("a", &status)), EIO);
-  EXPECT_EQ(output(), down_line);
-}
-
 TEST_F(status_stat, a_record_without_a_slot_names_its_directory_and_marks_down) {
   make();
   put("a", "text");
@@ -92,95 +71,7 @@ TEST_F(status_stat, a_record_without_a_slot_names_its_directory_and_marks_down) 
   EXPECT_EQ(output(), "flashfs[0]: dostat, unable to lookup filemap for fileid 77\n" + down_line);
 }
 
-TEST_F(status_stat, a_failing_flash_marks_down) {
-  expect_that_flash_failures_mark_down(
-      [&] {
-        make();
-        ASSERT_EQ(mkdir("d"), 0);
-        put("d/a", "text");
-      },
-      [&] {
-        ppc_stat status;
-        return ifs_stat("bootflash:d/a", &status);
-      });
-}
-
-// --- fstat ---
-
-TEST_F(status_fstat, it_tells_the_same_as_stat) {
-  make();
-  put("a", pattern(3000));
-  for (const char* name : {"a", "/"}) {
-    ppc_stat by_name{};
-    ppc_stat by_descriptor{};
-    const int32_t fd = open(name);
-    EXPECT_EQ(stat(name, &by_name), 0);
-    EXPECT_EQ(fstat(fd, &by_descriptor), 0);
-    EXPECT_TRUE(same(by_name, by_descriptor)) << name;
-    EXPECT_EQ(close(fd), 0);
-  }
-}
-
-TEST_F(status_fstat, it_sees_what_its_descriptor_has_written) {
-  make();
-  const int32_t fd = open("a", open_new);
-  ppc_stat status{};
-  for (uint32_t i = 1; i <= 5; i++) {
-    ASSERT_EQ(write(fd, pattern(1000)), 1000);
-    EXPECT_EQ(fstat(fd, &status), 0);
-    EXPECT_EQ(status.size, i * 1000);
-  }
-  EXPECT_EQ(close(fd), 0);
-}
-
-TEST_F(status_fstat, a_failing_flash_marks_down) {
-  int32_t fd = -1;
-  ppc_stat status;
-  expect_that_flash_failures_mark_down(
-      [&] {
-        make();
-        put("a", "text");
-        fd = open("a");
-      },
-      [&] { return ifs_fstat(fd, &status); });
-}
-
-// --- istat ---
-
-TEST_F(status_istat, a_file_id_tells_the_same_as_its_name) {
-  make();
-  ASSERT_EQ(mkdir("d"), 0);
-  put("d/a", pattern(3000));
-  for (const char* name : {"/", "d", "d/a"}) {
-    ppc_stat by_name{};
-    ppc_stat by_id{};
-    EXPECT_EQ(stat(name, &by_name), 0);
-    EXPECT_EQ(istat("any path", by_name.fileid, &by_id), 0);
-    EXPECT_TRUE(same(by_name, by_id)) << name;
-  }
-}
-
-TEST_F(status_istat, an_unknown_id_fails_and_leaves_the_file_system_up) {
-  make();
-  ppc_stat status;
-  for (const uint32_t fileid : {0U, 2U, 65535U, 65536U, 65537U, 0xFFFFFFFFU}) {
-    EXPECT_EQ(error_of(istat("a", fileid, &status)), EIO) << fileid;
-    EXPECT_EQ(output(), "");
-  }
-  EXPECT_EQ(fs()->ready, 1U);
-}
-
-TEST_F(status_istat, a_failing_flash_marks_down) {
-  ppc_stat status;
-  expect_that_flash_failures_mark_down(
-      [&] {
-        make();
-        put("a", "text");
-      },
-      [&] { return ifs_istat("bootflash:x", 2, &status); });
-}
-
-// --- statfs ---
+// --- space ---
 
 TEST_F(status_statfs, a_new_file_system_has_one_block_less_free_than_sectors) {
   make({8, 8, 8, 8});
@@ -249,10 +140,4 @@ TEST_F(status_statfs, a_block_in_another_state_marks_down) {
   ppc_statfs status;
   EXPECT_EQ(error_of(statfs(&status)), EIO);
   EXPECT_EQ(output(), down_line);
-}
-
-TEST_F(status_statfs, a_failing_flash_marks_down) {
-  ppc_statfs status;
-  expect_that_flash_failures_mark_down([&] { make(); },
-                                       [&] { return ifs_statfs("bootflash:", &status); });
 }

@@ -1,5 +1,7 @@
 // The validation and repair of sectors, and the collection of a block's available sectors and
 // slots.
+#include "flashfs/scan.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,24 +9,17 @@
 
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
-#include "flashfs/scan.h"
-#include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/flashfs/unchecked_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace test_support;
 
 namespace {
 
-constexpr uint32_t block_bytes = 0x20000;
 const std::string log_start = "flashfs[0]: ";
 
-class sector_check : public flashfs_fixture {
+class sector_check : public unchecked_fixture {
  protected:
-  void SetUp() override {
-    make_flash(ram_blocks(3, block_bytes));
-    ASSERT_EQ(initialize(), 0);
-    fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
-  }
   image_builder image() {
     return image_builder(device());
   }
@@ -49,16 +44,6 @@ class sector_check : public flashfs_fixture {
     return log_start + "Dir slot " + std::to_string(slot_no) + ", sector 5, block 1, " + rest +
            "\n";
   }
-  std::string available(const flashfs_sctr_list_unordered* each) {
-    std::string text;
-    for (; each != nullptr; each = each->next) {
-      text += std::to_string(each->sctr_ptr.block_num) + "." +
-              std::to_string(each->sctr_ptr.sctr_num) + "/" + std::to_string(each->slot_no) + " ";
-    }
-    return text;
-  }
-  held_clock clock_{1000};
-  flashfs_sector sector_;
   std::string output_;
 };
 
@@ -252,7 +237,7 @@ TEST_F(sector_check, an_erased_block_gives_all_its_sectors_in_ascending_order) {
   EXPECT_EQ(output_, "");
   std::string expected;
   for (int s = 0; s < 63; s++) {
-    expected += "1." + std::to_string(s) + "/255 ";
+    expected += (s == 0 ? "1." : " 1.") + std::to_string(s) + "/255";
   }
   EXPECT_EQ(available(fs()->available_sectors), expected);
   EXPECT_EQ(fs()->available_slots, nullptr);
@@ -274,20 +259,18 @@ TEST_F(sector_check, only_erased_sectors_and_slots_are_collected) {
     }
   }
   EXPECT_EQ(flashfs_scan_block_available(fs(), 1), 0);
-  EXPECT_EQ(available(fs()->available_sectors), "1.7/255 1.40/255 ");
-  EXPECT_EQ(available(fs()->available_slots), "1.20/31 1.20/30 1.30/31 1.30/30 ");
+  EXPECT_EQ(available(fs()->available_sectors), "1.7/255 1.40/255");
+  EXPECT_EQ(available(fs()->available_slots), "1.20/31 1.20/30 1.30/31 1.30/30");
   EXPECT_EQ(device().counts().reads, 63U + 2) << "a directory sector is also read whole";
   EXPECT_EQ(device().counts().bytes_read, 126U + 2 * 2056);
   EXPECT_EQ(device().counts().writes, 0U);
 }
 
 TEST_F(sector_check, blocks_are_pushed_in_front_of_those_scanned_before) {
-  make_flash(ram_blocks(3, 4200));
-  ASSERT_EQ(initialize(), 0);
-  fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+  make(ram_blocks(3, 4200));
   EXPECT_EQ(flashfs_scan_block_available(fs(), 2), 0);
   EXPECT_EQ(flashfs_scan_block_available(fs(), 0), 0);
-  EXPECT_EQ(available(fs()->available_sectors), "0.0/255 0.1/255 2.0/255 2.1/255 ");
+  EXPECT_EQ(available(fs()->available_sectors), "0.0/255 0.1/255 2.0/255 2.1/255");
 }
 
 TEST_F(sector_check, an_available_slot_that_is_not_erased_ends_the_collection) {
@@ -302,9 +285,7 @@ TEST_F(sector_check, an_available_slot_that_is_not_erased_ends_the_collection) {
 }
 
 TEST_F(sector_check, the_collection_fails_with_any_of_its_reads) {
-  make_flash(ram_blocks(2, 4200));
-  ASSERT_EQ(initialize(), 0);
-  fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+  make(ram_blocks(2, 4200));
   image().slot(1, 1, 0, {.name = "good"});
   for (uint64_t n = 1; n <= 3; n++) {
     device().clear_counts();
@@ -325,9 +306,7 @@ TEST_F(sector_check, without_a_sector_buffer_nothing_is_collected) {
 }
 
 TEST_F(sector_check, a_block_without_sectors_has_nothing_to_collect) {
-  make_flash({{2000, false}, {4200, false}});
-  ASSERT_EQ(initialize(), 0);
-  fs()->sctr_ptr_chunk = chunk_create(sizeof(flashfs_sctr_list_either), 512);
+  make({{2000, false}, {4200, false}});
   EXPECT_EQ(flashfs_scan_block_available(fs(), 0), 0);
   EXPECT_EQ(fs()->available_sectors, nullptr);
   EXPECT_EQ(device().counts().reads, 0U);
