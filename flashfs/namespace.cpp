@@ -70,7 +70,7 @@ int32_t rename_named(flashfs* fs, const char* old_path, const char* new_path) {
   char work[path_size_max];
   const name_place target =
       find_place_for_name(fs, new_path, path_find(fs, new_path), work, rules_of_renaming);
-  if (target.error != 0) {
+  if (target.directory == nullptr) {
     return flashfs_fail(target.error);
   }
   return target.directory == old_directory

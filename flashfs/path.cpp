@@ -52,18 +52,20 @@ int name_error(flashfs* fs, const char* name) {
   return filename_illegal_char(name) != 0 ? EINVAL : 0;
 }
 
-// The directory that a path leads to. 0, or why it is none.
-int find_directory(flashfs* fs, const char* dir_path, const name_rules& rules,
-                   flashfs_sctr_map** directory) {
+// The directory that a path leads to, for a name; without one, why.
+name_place find_directory(flashfs* fs, const char* dir_path, const name_rules& rules) {
   const found_name found = path_find(fs, dir_path);
   if (found.fileid == 0) {
-    return is_absent(found) ? rules.missing_directory : found.error;
+    return {nullptr, nullptr, is_absent(found) ? rules.missing_directory : found.error};
   }
-  *directory = filemap_lookup(fs, found.fileid);
-  if (*directory == nullptr) {
-    return rules.directory_without_record;
+  flashfs_sctr_map* directory = filemap_lookup(fs, found.fileid);
+  if (directory == nullptr) {
+    return {nullptr, nullptr, rules.directory_without_record};
   }
-  return is_directory_mode((*directory)->mode) ? 0 : ENOTDIR;
+  if (!is_directory_mode(directory->mode)) {
+    return {nullptr, nullptr, ENOTDIR};
+  }
+  return {directory, nullptr, 0};
 }
 
 // Makes the entry in a directory that is claimed for writing. 0, or the error.
@@ -105,7 +107,7 @@ int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map*
   }
   char work[path_size_max];
   const name_place place = find_place_for_name(fs, path, existing, work, rules_of_creation);
-  if (place.error != 0) {
+  if (place.directory == nullptr) {
     return place.error;
   }
   file_claim claim;
@@ -191,22 +193,22 @@ char* path_dirname(const char* path, char* work) {
 
 name_place find_place_for_name(flashfs* fs, const char* path, const found_name& existing,
                                char (&work)[path_size_max], const name_rules& rules) {
-  name_place place = {};
-  place.error = taken_error(existing);
-  if (place.error != 0) {
+  int error = taken_error(existing);
+  if (error == 0 && rules.name_before_directory) {
+    error = name_error(fs, path_basename(path, work));
+  }
+  if (error != 0) {
+    return {nullptr, nullptr, error};
+  }
+  name_place place = find_directory(fs, path_dirname(path, work), rules);
+  if (place.directory == nullptr) {
     return place;
   }
-  if (rules.name_before_directory) {
-    place.error = name_error(fs, path_basename(path, work));
-  }
-  if (place.error == 0) {
-    place.error = find_directory(fs, path_dirname(path, work), rules, &place.directory);
-  }
   place.name = path_basename(path, work);
-  if (place.error == 0 && !rules.name_before_directory) {
-    place.error = name_error(fs, place.name);
+  if (!rules.name_before_directory) {
+    error = name_error(fs, place.name);
   }
-  return place;
+  return error == 0 ? place : name_place{nullptr, nullptr, error};
 }
 
 flashfs_sctr_map* flashfs_create_entry(flashfs* fs, const char* path, uint32_t mode) {

@@ -38,9 +38,9 @@ struct name_rules {
 };
 // A place for a new name, or the first thing that is in its way.
 struct name_place {
-  int error;  // 0: there is a place
-  flashfs_sctr_map* directory;
-  const char* name;  // in the work buffer
+  flashfs_sctr_map* directory;  // null: there is no place
+  const char* name;             // in the work buffer
+  int error;                    // why there is none, or 0
 };
 // Looks, in this order, whether the path is taken (EEXIST; `existing` is what was found under it),
 // and, in the order of the rules, whether the name is acceptable (ENAMETOOLONG after a message,

@@ -10,10 +10,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <fstream>  // IWYU pragma: keep
 #include <functional>
 #include <iterator>
-#include <memory>
 #include <optional>
 #include <sstream>  // IWYU pragma: keep
 #include <vector>

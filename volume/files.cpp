@@ -140,7 +140,7 @@ int32_t files::list(std::string_view directory, std::vector<entry>* found) const
     return -1;
   }
   ppc_dirent record;
-  int32_t got;
+  int32_t got = 0;
   while ((got = listed.read(&record)) > 0) {
     entry one = {record.name, {}, 0};
     if (stat(joined(base, record.name), &one.status) != 0) {
@@ -192,7 +192,7 @@ int32_t files::read_file(std::string_view path, std::string* contents) const {
     return -1;
   }
   char piece[piece_size];
-  int32_t got;
+  int32_t got = 0;
   while ((got = opened.read(piece, sizeof(piece))) > 0) {
     contents->append(piece, static_cast<size_t>(got));
   }

@@ -5,8 +5,6 @@
 #include <cstddef>
 #include <memory>
 
-#include "flashfs/flash_driver.h"
-
 namespace volume {
 
 file_system::file_system(std::string_view prefix) : files(prefix), prefix_(prefix) {}

@@ -4,30 +4,25 @@
 
 #include <gtest/gtest.h>
 
-<<<<<<< HEAD
 #include "flashfs/control.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
 #include "flashfs/listing.h"
 #include "flashfs/slots.h"
-    == == ==
-    =
->>>>>>> h-tests
 #include "tests/flashfs/operations_fixture.h"
+namespace {
 
-        namespace {
+using namespace test_support;
 
-  using namespace test_support;
+class namespace_chmod : public operations_fixture {};
+class namespace_remove : public operations_fixture {};
+class namespace_rmdir : public operations_fixture {};
+class namespace_mkdir : public operations_fixture {};
 
-  class namespace_chmod : public operations_fixture {};
-  class namespace_remove : public operations_fixture {};
-  class namespace_rmdir : public operations_fixture {};
-  class namespace_mkdir : public operations_fixture {};
-
-  constexpr uint16_t mode_of(const ppc_stat& status) {
-    return status.mode;
-  }
+constexpr uint16_t mode_of(const ppc_stat& status) {
+  return status.mode;
+}
 
 }  // namespace
 
