@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "ifs/runtime.h"
+#include "ifs/crc.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/run_program.h"
 #include "tests/support/stored_image.h"

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "flashfs/filemap.h"
 #include "tests/support/flashfs_fixture.h"
 
 namespace {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "flashfs/flashfs.h"
+#include "flashfs/vector.h"
 #include "tests/zantrolume/console.h"
 
 using zantrolume_test::console;

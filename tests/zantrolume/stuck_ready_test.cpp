@@ -64,7 +64,7 @@ class stuck_ready : public testing::Test {
       ifs_init();
       const void* const handles[] = {this};
       const flash_driver_info* const records[] = {&driver_};
-      flashfs_initialize(handles, records, 1, "bootflash");
+      (void)flashfs_initialize(handles, records, 1, "bootflash");
       fs_ = flashfs_get_fsp("bootflash:");
       result = ifs_ioctl("bootflash:", flashfs_ioctl_check, &check_flags);
     });
