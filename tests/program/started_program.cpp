@@ -54,9 +54,9 @@ started_program::~started_program() {
 
 ending started_program::wait(int timeout_seconds) {
   int waited = 0;
-  const bool done = comes_true(
-      [&] { return process_ > 0 && waitpid(process_, &waited, WNOHANG) == process_; },
-      timeout_seconds);
+  const bool done =
+      comes_true([&] { return process_ > 0 && waitpid(process_, &waited, WNOHANG) == process_; },
+                 timeout_seconds);
   waited_ = done;
   ending result;
   result.ended = done;
