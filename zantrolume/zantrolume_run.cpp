@@ -61,6 +61,17 @@ bool occupy_output_descriptors() {
   return true;
 }
 
+// Waits until no other run has the device. Signals end the waiting: they are not held yet.
+void take_device(int fd, const char* path) {
+  if (window_lock(fd, false) == 0) {
+    return;
+  }
+  fflush(stdout);
+  fprintf(stderr, "zantrolume: another run has %s, waiting for its end\n", path);
+  // It waits until it has it.
+  (void)window_lock(fd, true);
+}
+
 // Opens and maps the window into vexmor_mapped_ptr. False after a message.
 bool map_window(const cpld_node& node) {
   const int fd = zantrolume_open_vexmor_device(node.path);
@@ -71,6 +82,7 @@ bool map_window(const cpld_node& node) {
   if (fd != 0) {
     print_verbose("\nZANTROLUME : vexmor device driver opened");
   }
+  take_device(fd, node.path);
   vexmor_mapped_ptr = window_map(fd, cpld_window_size, node.window_offset);
   const auto base = reinterpret_cast<uintptr_t>(vexmor_mapped_ptr);
   if (base == 0 || base == UINTPTR_MAX) {
