@@ -376,7 +376,7 @@ int folder_chassis::lock_node(int node, bool wait) {
       end_with_error(system_error(path, "open the lock file") + "; remove it");
     }
   }
-  int result;
+  int result = 0;
   do {
     result = flock(locks_[node], wait ? LOCK_EX : LOCK_EX | LOCK_NB);
   } while (result != 0 && errno == EINTR);

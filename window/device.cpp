@@ -23,7 +23,7 @@ int window_open(const char* path) {
 
 int window_lock(int fd, bool wait) {
   const int operation = wait ? LOCK_EX : LOCK_EX | LOCK_NB;
-  int result;
+  int result = 0;
   do {
     result = flock(fd, operation);
   } while (result != 0 && errno == EINTR);
