@@ -249,7 +249,10 @@ bool is_unfinished(const std::string& name, int ppc) {
 std::string read_text(const std::string& name, std::string* text) {
   const int fd = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   struct stat status;
-  const bool is_file = fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  const bool looked = fd >= 0 && fstat(fd, &status) == 0;
+  // A size that 32 bits cannot tell is no reason to look into the file.
+  bool too_long = !looked && errno == EOVERFLOW;
+  const bool is_file = looked && S_ISREG(status.st_mode);
   // One more than there may be, since a file can grow.
   text->resize(is_file ? longest_settings + 1 : 0);
   size_t length = 0;
@@ -263,12 +266,13 @@ std::string read_text(const std::string& name, std::string* text) {
     close(fd);
   }
   text->resize(length);
-  if (part < 0) {
-    return name + ": cannot read the chassis's text file; make it (it may be empty)";
+  too_long = too_long || length > longest_settings;
+  if (too_long) {
+    return name + ": has more than " + std::to_string(longest_settings) +
+           " bytes; it is no text for a chassis";
   }
-  return length <= longest_settings ? std::string()
-                                    : name + ": has more than " + std::to_string(longest_settings) +
-                                          " bytes; it is no text for a chassis";
+  return part < 0 ? name + ": cannot read the chassis's text file; make it (it may be empty)"
+                  : std::string();
 }
 
 // Makes an erased flash file under its name only when it is whole, so that a killed run leaves no
