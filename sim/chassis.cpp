@@ -76,6 +76,11 @@ int chassis::open(const char* path) {
   return -1;
 }
 
+int chassis::lock(int fd, bool wait) {
+  const int node = fd - first_descriptor_;
+  return lock_ && node >= 0 && node < node_count ? lock_(node, wait) : 0;
+}
+
 window_base chassis::map(int fd, size_t length, off_t offset) {
   const auto failed = reinterpret_cast<window_base>(UINTPTR_MAX);
   if (map_error_ != 0) {

@@ -7,6 +7,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <utility>
 
 #include "sim/clock.h"
 #include "sim/counts.h"
@@ -106,9 +108,17 @@ class chassis {
     map_null_ = true;
   }
 
+  // How a node is locked, as window_lock says; a chassis of its own has nobody to share with and
+  // needs none.
+  using lock_source = std::function<int(int node, bool wait)>;
+  void set_lock(lock_source lock) {
+    lock_ = std::move(lock);
+  }
+
   // --- for the window functions: as those of window/window.h ---
 
   [[nodiscard]] int open(const char* path);
+  [[nodiscard]] int lock(int fd, bool wait);
   [[nodiscard]] window_base map(int fd, size_t length, off_t offset);
   [[nodiscard]] int unmap(window_base base, size_t length);
   // Windows mapped and not unmapped.
@@ -124,6 +134,7 @@ class chassis {
   power supply_;
   chassis_clock clock_;
   cpld nodes_[node_count];
+  lock_source lock_;
   bool node_open_[node_count] = {};
   int open_error_ = 0;
   int map_error_ = 0;

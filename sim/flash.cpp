@@ -130,7 +130,8 @@ void nor_flash::stick(uint32_t offset, uint8_t stuck_at_zero, uint8_t stuck_at_o
 
 void nor_flash::apply_stuck_bits(uint32_t offset, size_t length) {
   for (const stuck_byte& stuck : stuck_) {
-    if (stuck.offset >= offset && stuck.offset - offset < length) {
+    // What stands before the range wraps to far behind it.
+    if (stuck.offset - offset < length) {
       uint8_t& byte = bytes_[stuck.offset];
       byte = static_cast<uint8_t>((byte & ~stuck.at_zero) | stuck.at_one);
     }

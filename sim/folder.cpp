@@ -2,24 +2,24 @@
 #include "sim/folder.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>  // IWYU pragma: keep
+#include <filesystem>
 #include <functional>
 #include <iterator>
 #include <optional>
 #include <sstream>  // IWYU pragma: keep
+#include <system_error>
 #include <vector>
-
-#include "sim/counts.h"
-#include "sim/cpld.h"
-#include "sim/flash.h"
 
 namespace sim {
 
@@ -30,7 +30,7 @@ constexpr const char* default_folder = "./chassis";
 constexpr const char* settings_name = "chassis.txt";
 constexpr const char* report_name = "report.txt";
 constexpr const char* program_name = "zantrolume-sim";
-constexpr size_t longest_number = 18;  // digits that surely fit
+constexpr const char* unfinished_suffix = ".new";
 
 std::string flash_path(const std::string& folder, int ppc) {
   return folder + "/ppc" + std::to_string(ppc) + ".flash";
@@ -41,15 +41,30 @@ std::string system_error(const std::string& path, const char* doing) {
 }
 
 std::optional<int64_t> parse_number(const std::string& word, int64_t lowest, int64_t highest) {
-  if (word.empty() || word.size() > longest_number ||
-      word.find_first_not_of("0123456789") != std::string::npos) {
+  if (word.empty() || word.find_first_not_of("0123456789") != std::string::npos) {
     return std::nullopt;
   }
-  const int64_t value = std::strtoll(word.c_str(), nullptr, 10);
-  if (value < lowest || value > highest) {
+  int64_t value = 0;
+  const auto parsed = std::from_chars(word.data(), word.data() + word.size(), value);
+  if (parsed.ec != std::errc() || value < lowest || value > highest) {
     return std::nullopt;
   }
   return value;
+}
+
+// A word for a message: whatever a file holds, the message stays one line of plain text.
+std::string in_quotes(const std::string& word) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text = "'";
+  for (const char each : word) {
+    const auto byte = static_cast<unsigned char>(each);
+    if (byte < ' ' || byte > '~' || byte == '\\') {
+      text += {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]};
+    } else {
+      text += each;
+    }
+  }
+  return text + "'";
 }
 
 // One line's words, taken from the front. The first error stays.
@@ -70,7 +85,7 @@ class line_parser {
     const std::string text = word();
     const auto value = parse_number(text, lowest, highest);
     if (!value) {
-      fail("'" + text + "' is not " + what + " (" + std::to_string(lowest) + " to " +
+      fail(in_quotes(text) + " is not " + what + " (" + std::to_string(lowest) + " to " +
            std::to_string(highest) + ")");
     }
     return value.value_or(lowest);
@@ -85,7 +100,7 @@ class line_parser {
   }
   std::string finish() {
     if (!at_end()) {
-      fail("'" + words_[next_] + "' is too much on this line; remove it");
+      fail(in_quotes(words_[next_]) + " is too much on this line; remove it");
     }
     return error_;
   }
@@ -114,7 +129,7 @@ void parse_ready(line_parser& line, folder_settings* settings) {
   } else if (kind == "low") {
     complex.ready_low = static_cast<uint32_t>(line.number("a number of reads", 0, UINT32_MAX));
   } else {
-    line.fail("unknown word '" + kind + "'; use never [<cycles>] or low <reads>");
+    line.fail("unknown word " + in_quotes(kind) + "; use never [<cycles>] or low <reads>");
   }
 }
 
@@ -130,7 +145,7 @@ void parse_cut(line_parser& line, folder_settings* settings) {
   } else if (kind == "after") {
     complex.kind = cut_kind::after;
   } else {
-    line.fail("unknown word '" + kind + "'; use before, during, during-noise or after");
+    line.fail("unknown word " + in_quotes(kind) + "; use before, during, during-noise or after");
   }
   complex.cut_mutation =
       static_cast<uint64_t>(line.number("the number of a program or erase", 1, INT64_MAX));
@@ -142,7 +157,7 @@ void parse_cut(line_parser& line, folder_settings* settings) {
 void parse_fail(line_parser& line, folder_settings* settings) {
   const std::string call = line.word();
   if (call != "open" && call != "map") {
-    line.fail("unknown word '" + call + "'; use open <errno> or map <errno>");
+    line.fail("unknown word " + in_quotes(call) + "; use open <errno> or map <errno>");
   }
   const auto error = static_cast<int>(line.number("an errno value", 1, 4095));
   (call == "open" ? settings->open_error : settings->map_error) = error;
@@ -168,7 +183,7 @@ std::string parse_line(const std::string& text, folder_settings* settings) {
   } else if (word == "report") {
     settings->report = true;
   } else {
-    return "unknown word '" + word + "'; use running, clock, ready, cut, fail or report";
+    return "unknown word " + in_quotes(word) + "; use running, clock, ready, cut, fail or report";
   }
   return line.finish();
 }
@@ -193,17 +208,20 @@ std::string check_flash_file(const std::string& path) {
   return {};
 }
 
-[[noreturn]] void end_with_error(const std::string& error) {
+void print_error(const std::string& error) {
   std::fflush(stdout);
   std::fprintf(stderr, "%s: %s\n", program_name, error.c_str());
+}
+
+[[noreturn]] void end_with_error(const std::string& error) {
+  print_error(error);
   std::exit(folder_error_status);
 }
 
-bool write_erased(int fd, size_t size) {
-  const std::vector<uint8_t> ones(chassis_sector_size, 0xFF);
+// False with errno.
+bool write_all(int fd, const char* bytes, size_t size) {
   for (size_t written = 0; written < size;) {
-    const size_t left = size - written;
-    const ssize_t part = write(fd, ones.data(), left < ones.size() ? left : ones.size());
+    const ssize_t part = write(fd, bytes + written, size - written);
     if (part < 0 && errno != EINTR) {
       return false;
     }
@@ -212,11 +230,58 @@ bool write_erased(int fd, size_t size) {
   return true;
 }
 
+bool write_erased(int fd, size_t size) {
+  const std::string ones(chassis_sector_size, '\xFF');
+  for (size_t written = 0; written < size; written += ones.size()) {
+    if (!write_all(fd, ones.data(), std::min(ones.size(), size - written))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Whether a file is an image that a run was making. The number of its process follows.
+bool is_unfinished(const std::string& name, int ppc) {
+  const std::string path = flash_path("", ppc) + unfinished_suffix;
+  return ("/" + name).compare(0, path.size(), path) == 0;
+}
+
+// Reads the whole text file, which must be one: opening does not wait for anybody, and what is not
+// a file or has no end is refused. Returns an empty string, or the error.
+std::string read_text(const std::string& name, std::string* text) {
+  const int fd = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  struct stat status;
+  const bool looked = fd >= 0 && fstat(fd, &status) == 0;
+  // A size that 32 bits cannot tell is no reason to look into the file.
+  bool too_long = !looked && errno == EOVERFLOW;
+  const bool is_file = looked && S_ISREG(status.st_mode);
+  // One more than there may be, since a file can grow.
+  text->resize(is_file ? longest_settings + 1 : 0);
+  size_t length = 0;
+  ssize_t part = -1;
+  while (is_file && length < text->size() &&
+         ((part = read(fd, text->data() + length, text->size() - length)) > 0 ||
+          (part < 0 && errno == EINTR))) {
+    length += part < 0 ? 0 : static_cast<size_t>(part);
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+  text->resize(length);
+  too_long = too_long || length > longest_settings;
+  if (too_long) {
+    return name + ": has more than " + std::to_string(longest_settings) +
+           " bytes; it is no text for a chassis";
+  }
+  return part < 0 ? name + ": cannot read the chassis's text file; make it (it may be empty)"
+                  : std::string();
+}
+
 // Makes an erased flash file under its name only when it is whole, so that a killed run leaves no
 // short one.
 void create_flash_file(const std::string& path, size_t size) {
-  const std::string unfinished = path + ".new." + std::to_string(getpid());
-  const int fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  const std::string unfinished = path + unfinished_suffix + "." + std::to_string(getpid());
+  const int fd = open(unfinished.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (fd < 0) {
     end_with_error(system_error(unfinished, "make the erased flash") +
                    "; make the folder writable");
@@ -257,12 +322,11 @@ std::string read_folder(const std::string& folder, folder_settings* settings) {
            " in it (it may be empty), or name another one in " + folder_variable;
   }
   const std::string name = folder + "/" + settings_name;
-  std::ifstream file(name);
-  if (!file || stat(name.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    return name + ": cannot read the chassis's text file; make it (it may be empty)";
+  std::string text;
+  std::string error = read_text(name, &text);
+  if (error.empty()) {
+    error = parse_settings(text, name, settings);
   }
-  const std::string text{std::istreambuf_iterator<char>(file), {}};
-  std::string error = parse_settings(text, name, settings);
   for (int ppc = first_ppc; ppc <= last_ppc && error.empty(); ++ppc) {
     error = check_flash_file(flash_path(folder, ppc));
   }
@@ -273,7 +337,8 @@ std::string read_folder(const std::string& folder, folder_settings* settings) {
 }
 
 folder_chassis::folder_chassis(const std::string& folder, const folder_settings& settings)
-    : folder_(folder), report_(settings.report) {
+    : folder_(folder), report_(settings.report), locks_{-1, -1} {
+  chassis_.set_lock([this](int node, bool wait) { return lock_node(node, wait); });
   for (int ppc = first_ppc; ppc <= last_ppc; ++ppc) {
     const auto& complex = settings.complexes[ppc - first_ppc];
     power& supply = supplies_[ppc - first_ppc];
@@ -301,6 +366,43 @@ folder_chassis::~folder_chassis() {
       munmap(mapping, chassis_flash_size);
     }
   }
+  for (const int lock : locks_) {
+    if (lock >= 0) {
+      close(lock);
+    }
+  }
+}
+
+int folder_chassis::lock_node(int node, bool wait) {
+  if (locks_[node] < 0) {
+    const std::string path = folder_ + "/.lock" + std::to_string(node + 1);
+    constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    locks_[node] = open(path.c_str(), flags, 0666);
+    if (locks_[node] < 0) {
+      end_with_error(system_error(path, "open the lock file") + "; remove it");
+    }
+  }
+  int result = 0;
+  do {
+    result = flock(locks_[node], wait ? LOCK_EX : LOCK_EX | LOCK_NB);
+  } while (result != 0 && errno == EINTR);
+  if (result == 0) {
+    remove_unfinished(node);
+    return 0;
+  }
+  return errno == EWOULDBLOCK ? 1 : 0;
+}
+
+// Removes the images that killed runs have left unfinished. Nobody is making one: the lock is held.
+void folder_chassis::remove_unfinished(int node) const {
+  std::error_code ignored;
+  for (const auto& file : std::filesystem::directory_iterator(folder_, ignored)) {
+    for (int index = 0; index < flashes_per_node; ++index) {
+      if (is_unfinished(file.path().filename(), first_ppc + node * flashes_per_node + index)) {
+        std::filesystem::remove(file.path(), ignored);
+      }
+    }
+  }
 }
 
 uint8_t* folder_chassis::map_flash(int ppc, size_t size) {
@@ -318,6 +420,13 @@ uint8_t* folder_chassis::map_flash(int ppc, size_t size) {
   if (fstat(fd, &status) != 0 || status.st_size != static_cast<off_t>(size)) {
     end_with_error(path + ": has changed its size; put a whole image there");
   }
+  // A hole in the file for which the disk has no room would end the process with SIGBUS as well.
+  do {
+    errno = posix_fallocate(fd, 0, static_cast<off_t>(size));
+  } while (errno == EINTR);
+  if (errno != 0) {
+    end_with_error(system_error(path, "fill the flash file") + "; make room");
+  }
   void* mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (mapping == MAP_FAILED) {
     end_with_error(system_error(path, "map the flash file") + "; free some memory");
@@ -327,18 +436,34 @@ uint8_t* folder_chassis::map_flash(int ppc, size_t size) {
   return static_cast<uint8_t*>(mapping);
 }
 
-void folder_chassis::report() const {
+std::string folder_chassis::report() const {
   if (!report_) {
-    return;
+    return {};
   }
-  std::ofstream file(folder_ + "/" + report_name);
+  std::ostringstream text;
   const access_counts counts = chassis_.counts();
   const deviation_counts deviations = chassis_.deviations();
-  file << "deviations " << deviations.total() << "\n"
+  text << "deviations " << deviations.total() << "\n"
        << deviations << "words_read " << counts.words_read << "\nprograms " << counts.programs
        << "\nerases " << counts.erases << "\ncommand_cycles " << counts.command_cycles
        << "\npage_writes " << counts.page_writes << "\nstatus_reads " << counts.status_reads
        << "\nrun_state_reads " << counts.run_state_reads << "\n";
+  const std::string path = folder_ + "/" + report_name;
+  // Opened without waiting for a reader, and never through a link to another file.
+  constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags, 0666);
+  struct stat status;
+  const bool is_file = fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  const bool written = is_file && write_all(fd, text.str().data(), text.str().size());
+  std::string error;
+  if (!written) {
+    error = fd >= 0 && !is_file ? path + ": is not a file" : system_error(path, "write the report");
+    error += "; remove it, or make room";
+  }
+  if (fd >= 0) {
+    close(fd);
+  }
+  return error;
 }
 
 chassis* environment_chassis() {
@@ -355,7 +480,15 @@ chassis* environment_chassis() {
     end_with_error(error);
   }
   kept = new folder_chassis(folder, settings);
-  std::atexit([] { kept->report(); });
+  std::atexit([] {
+    const std::string report_error = kept->report();
+    if (!report_error.empty()) {
+      // It is too late for exit.
+      print_error(report_error);
+      std::fflush(nullptr);
+      _exit(folder_error_status);
+    }
+  });
   return &kept->get();
 }
 

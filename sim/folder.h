@@ -3,6 +3,9 @@
 // mapped shared so that a killed process loses nothing that it had programmed. A missing image is
 // made, erased, when its flash is first touched.
 //
+// A run takes the device by locking .lock1 (complexes 3 to 5) or .lock2 (6 to 8), before it makes
+// or maps an image, and has it until its process ends. The files are made when missing and stay.
+//
 // Lines of chassis.txt ('#' begins a comment):
 //   running <ppc>...              these complexes run; the others are held in reset
 //   clock <seconds>               the clock stands still at this time (seconds since the epoch)
@@ -25,6 +28,8 @@ namespace sim {
 
 constexpr int folder_error_status = 2;  // exit status for a folder that cannot be used
 constexpr int power_cut_status = 3;     // exit status of a run whose power was cut
+
+constexpr size_t longest_settings = 65536;  // bytes of chassis.txt
 
 // What chassis.txt says.
 struct folder_settings {
@@ -66,15 +71,18 @@ class folder_chassis {
   chassis& get() {
     return chassis_;
   }
-  // Writes report.txt when the settings ask for it.
-  void report() const;
+  // Writes report.txt when the settings ask for it. Returns an empty string, or the error.
+  [[nodiscard]] std::string report() const;
 
  private:
   uint8_t* map_flash(int ppc, size_t size);
+  int lock_node(int node, bool wait);
+  void remove_unfinished(int node) const;
 
   std::string folder_;
   bool report_;
   power supplies_[ppc_count];  // one for each complex: a cut concerns one of them
+  int locks_[node_count];      // descriptors of the lock files; -1: not opened
   void* mappings_[ppc_count] = {};
   chassis chassis_;
 };

@@ -26,6 +26,10 @@ int window_open(const char* path) {
   return chassis_in_use().open(path);
 }
 
+int window_lock(int fd, bool wait) {
+  return chassis_in_use().lock(fd, wait);
+}
+
 window_base window_map(int fd, size_t length, off_t offset) {
   return chassis_in_use().map(fd, length, offset);
 }

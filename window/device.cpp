@@ -1,9 +1,12 @@
 // The seam over the real device: the window is the mapped device node and each access is one
 // volatile access of the stated width. It knows no registers.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 
 #include <cstdint>
+
+#include <cerrno>
 
 #include "window/window.h"
 
@@ -17,6 +20,15 @@ volatile uint8_t* window_address(window_base base, uint32_t offset) {
 
 int window_open(const char* path) {
   return open(path, O_RDWR);
+}
+
+int window_lock(int fd, bool wait) {
+  const int operation = wait ? LOCK_EX : LOCK_EX | LOCK_NB;
+  int result = 0;
+  do {
+    result = flock(fd, operation);
+  } while (result != 0 && errno == EINTR);
+  return result != 0 && errno == EWOULDBLOCK ? 1 : 0;
 }
 
 window_base window_map(int fd, size_t length, off_t offset) {

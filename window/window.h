@@ -13,6 +13,10 @@ using window_base = volatile void*;
 
 // Opens a device node for reading and writing. Returns a descriptor, or -1 with errno.
 [[nodiscard]] int window_open(const char* path);
+// Takes the device for this process until it ends, so that no two runs drive its page register at
+// the same time. Returns 0 when the process has it, or when the device supports no locks; 1 when
+// another process has it and `wait` is false. With `wait` it waits for that to end.
+[[nodiscard]] int window_lock(int fd, bool wait);
 // Maps `length` bytes of the device at `offset`, readable and writable, shared. Returns the base,
 // or the failure value of mmap (all bits set) with errno.
 [[nodiscard]] window_base window_map(int fd, size_t length, off_t offset);

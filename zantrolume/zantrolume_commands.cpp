@@ -11,6 +11,7 @@
 
 #include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
+#include "zantrolume/zantrolume_signals.h"
 #include "zantrolume/zantrolume_startup.h"
 
 namespace {
@@ -29,6 +30,8 @@ constexpr ppc_mode_t listed_execute = 0x100;
 constexpr ppc_mode_t mode_link = 0xC000;
 
 // --- dir ---
+
+constexpr char listing_step[] = "a step of the listing";
 
 // 32 bits on every build, so that all of them print the same.
 long listed_number(uint32_t value) {
@@ -60,6 +63,7 @@ void list_filesystems(bool show_hidden) {
       continue;
     }
     for (const ifs_prefix* prefix = entry->prefixes; prefix != nullptr; prefix = prefix->next) {
+      zantrolume_next_step(listing_step);
       printf("%20s: (%s)\n", prefix->name, access_word(flags));
     }
   }
@@ -97,6 +101,7 @@ void print_entry(const ppc_stat& status, const char* name) {
 bool print_entries(int32_t fd, const std::string& path) {
   for (bool first = true;; first = false) {
     ppc_dirent entry = {};
+    zantrolume_next_step(listing_step);
     const int32_t got = ifs_getdents(fd, &entry, sizeof(entry));
     if (got < 0) {
       return false;
@@ -109,6 +114,7 @@ bool print_entries(int32_t fd, const std::string& path) {
     }
     const std::string full_name = path + entry.name;
     ppc_stat status = {};
+    zantrolume_next_step(listing_step);
     if (ifs_stat(full_name.c_str(), &status) < 0) {
       report_error(full_name.c_str(), errno);
       return false;
@@ -119,6 +125,7 @@ bool print_entries(int32_t fd, const std::string& path) {
 
 void print_space(const std::string& path) {
   ppc_statfs space = {};
+  zantrolume_next_step(listing_step);
   if (ifs_statfs(path.c_str(), &space) < 0) {
     puts("\nNo space information available");
     return;
@@ -131,6 +138,7 @@ void print_space(const std::string& path) {
 void list_directory(const char* argument) {
   const std::string path = std::string(argument) + "/";
   ppc_stat status = {};
+  zantrolume_next_step(listing_step);
   if (ifs_stat(path.c_str(), &status) < 0) {
     const int error = errno;
     printf("unable to stat ");
@@ -141,6 +149,7 @@ void list_directory(const char* argument) {
     printf("Not a directory: %s\n", path.c_str());
     return;
   }
+  zantrolume_next_step(listing_step);
   const int32_t fd = ifs_open(path.c_str(), ifs_open_read, 0);
   if (fd < 0) {
     const int error = errno;
@@ -151,10 +160,13 @@ void list_directory(const char* argument) {
   if (print_entries(fd, path)) {
     print_space(path);
   }
+  zantrolume_next_step(listing_step);
   ifs_close(fd);
 }
 
 // --- cat ---
+
+constexpr char reading_step[] = "a step of the reading";
 
 // The number of bytes before the first NUL or Ctrl-Z.
 size_t text_length(const uint8_t* bytes, size_t count) {
@@ -169,6 +181,7 @@ void print_file(int32_t fd, const char* path) {
   bool more = true;
   while (more) {
     uint8_t piece[cat_piece_size];
+    zantrolume_next_step(reading_step);
     const int32_t got = ifs_read(fd, piece, sizeof(piece));
     if (got < 0) {
       const int error = errno;
@@ -192,14 +205,17 @@ void print_file(int32_t fd, const char* path) {
 
 // --- one operation per argument ---
 
-// Carries out `operation` (negative: failed, with errno) on every argument and prints its line.
+// Carries out `operation` (negative: failed, with errno), which `step` names to who interrupts it,
+// on every argument and prints its line.
 int for_each_argument(int argc, char* argv[], int32_t (*operation)(const char* path),
-                      const char* subject, const char* done, const char* not_done) {
+                      const char* step, const char* subject, const char* done,
+                      const char* not_done) {
   if (!start_or_abort()) {
     return 1;
   }
   int result = 0;
   for (int i = 1; i < argc; ++i) {
+    zantrolume_next_step(step);
     if (operation(argv[i]) >= 0) {
       printf("%s \"%s\" %s\n", subject, argv[i], done);
       continue;
@@ -212,13 +228,17 @@ int for_each_argument(int argc, char* argv[], int32_t (*operation)(const char* p
   return result;
 }
 
+constexpr char verifying_step[] = "a step of the verification";
+
 int32_t verify_file(const char* path) {
   const int32_t fd = ifs_open(path, ifs_open_read, 0);
   if (fd < 0) {
     return fd;
   }
+  zantrolume_next_step(verifying_step);
   const int32_t result = ifs_fioctl(fd, flashfs_fioctl_verify, nullptr);
   const int error = errno;
+  zantrolume_next_step(verifying_step);
   ifs_close(fd);
   errno = error;
   return result;
@@ -237,6 +257,7 @@ int rename_cmd(int argc, char* argv[]) {
   if (argc != 3) {
     return -1;
   }
+  zantrolume_next_step("the renaming");
   if (ifs_rename(argv[1], argv[2]) < 0) {
     report_error("rename", errno);
     return 1;
@@ -271,12 +292,14 @@ int cat_cmd(int argc, char* argv[]) {
     return 1;
   }
   for (int i = 1; i < argc; ++i) {
+    zantrolume_next_step(reading_step);
     const int32_t fd = ifs_open(argv[i], ifs_open_read, 0);
     if (fd < 0) {
       report_error(argv[i], errno);
       continue;
     }
     print_file(fd, argv[i]);
+    zantrolume_next_step(reading_step);
     ifs_close(fd);
   }
   return 1;
@@ -288,17 +311,20 @@ int more_cmd(int argc, char* argv[]) {
 }
 
 int delete_cmd(int argc, char* argv[]) {
-  return for_each_argument(argc, argv, ifs_remove, "File", "deleted", "not deleted");
+  return for_each_argument(argc, argv, ifs_remove, "the removal", "File", "deleted", "not deleted");
 }
 
 int verify_cmd(int argc, char* argv[]) {
-  return for_each_argument(argc, argv, verify_file, "File", "verified", "verify failed");
+  return for_each_argument(argc, argv, verify_file, verifying_step, "File", "verified",
+                           "verify failed");
 }
 
 int mkdir_cmd(int argc, char* argv[]) {
-  return for_each_argument(argc, argv, make_directory, "Directory", "created", "not created");
+  return for_each_argument(argc, argv, make_directory, "the new directory", "Directory", "created",
+                           "not created");
 }
 
 int rmdir_cmd(int argc, char* argv[]) {
-  return for_each_argument(argc, argv, ifs_rmdir, "Directory", "removed", "not removed");
+  return for_each_argument(argc, argv, ifs_rmdir, "the removal", "Directory", "removed",
+                           "not removed");
 }

@@ -11,6 +11,7 @@
 
 #include "ifs/ifs.h"
 #include "zantrolume/zantrolume_number.h"
+#include "zantrolume/zantrolume_signals.h"
 #include "zantrolume/zantrolume_startup.h"
 
 namespace {
@@ -21,6 +22,8 @@ constexpr uint32_t destination_flags =
 static_assert(destination_flags == 778);
 
 using copy_buffer = std::unique_ptr<uint8_t[]>;
+
+constexpr char copying_step[] = "a step of the copying";
 
 struct copy_request {
   const char* source;
@@ -59,14 +62,17 @@ copy_buffer allocate_buffer(int32_t size) {
 
 // Tells the destination how much will come. False when it cannot hold that.
 bool reserve_space(int32_t source_fd, int32_t destination_fd, const char* destination) {
+  zantrolume_next_step(copying_step);
   const int32_t size = ifs_fd_get_size(source_fd);
   if (size <= 0) {
     return true;
   }
+  zantrolume_next_step(copying_step);
   const int32_t free_bytes = ifs_get_free_bytes(destination);
   if (free_bytes >= 0 && size > free_bytes) {
     return false;
   }
+  zantrolume_next_step(copying_step);
   ifs_fd_set_size(destination_fd, static_cast<uint32_t>(size));
   return true;
 }
@@ -75,6 +81,7 @@ bool reserve_space(int32_t source_fd, int32_t destination_fd, const char* destin
 bool copy_data(const copy_request& request, int32_t source_fd, int32_t destination_fd,
                uint8_t* buffer) {
   for (;;) {
+    zantrolume_next_step(copying_step);
     const int32_t got =
         ifs_read_until(source_fd, buffer, static_cast<uint32_t>(request.buffer_size));
     if (got < 0) {
@@ -85,6 +92,7 @@ bool copy_data(const copy_request& request, int32_t source_fd, int32_t destinati
       return true;
     }
     process_suspend();
+    zantrolume_next_step(copying_step);
     if (ifs_write_until(destination_fd, buffer, static_cast<uint32_t>(got)) != got) {
       report_error(request.destination, errno);
       return false;
@@ -104,9 +112,12 @@ int copy_between(const copy_request& request, int32_t source_fd, int32_t destina
   } else {
     puts("Not enough space on device");
   }
+  zantrolume_next_step(copying_step);
   ifs_close(source_fd);
+  zantrolume_next_step(copying_step);
   ifs_close(destination_fd);
   if (!copied) {
+    zantrolume_next_step(copying_step);
     // What failed has been told; a destination that cannot be removed either stays.
     (void)ifs_remove(request.destination);
     return 1;
@@ -135,14 +146,17 @@ int copy_cmd(int argc, char* argv[]) {
     printf("Unable to allocate %d bytes for buffer\n", request.buffer_size);
     return 1;
   }
+  zantrolume_next_step(copying_step);
   const int32_t source_fd = ifs_open(request.source, ifs_open_read, 0);
   if (source_fd < 0) {
     report_error(request.source, errno);
     return 1;
   }
+  zantrolume_next_step(copying_step);
   const int32_t destination_fd = ifs_open(request.destination, destination_flags, 0);
   if (destination_fd < 0) {
     report_error(request.destination, errno);
+    zantrolume_next_step(copying_step);
     ifs_close(source_fd);
     return 0;
   }

@@ -9,12 +9,15 @@
 
 #include "flashfs/control_codes.h"
 #include "zantrolume/zantrolume_cpld.h"
+#include "zantrolume/zantrolume_signals.h"
 
 namespace {
 
 constexpr int64_t dump_line_size = 32;  // bytes
 constexpr uint8_t first_printable = 0x20;
 constexpr uint8_t last_printable = 0x7F;
+
+constexpr char line_step[] = "a line of the dump";
 
 constexpr char source_name[] = "zantrolume_cpld";
 
@@ -50,6 +53,7 @@ template <size_t count>
 void display_size_lines(const char* heading, const sized_name (&lines)[count]) {
   puts(heading);
   for (const sized_name& line : lines) {
+    zantrolume_next_step(line_step);
     printf("0x%8x = %s\n", static_cast<unsigned>(line.size), line.name);
   }
 }
@@ -119,6 +123,7 @@ uintptr_t address_of(const void* pointer) {
 void zantrolume_display_buffer(uint32_t address, const void* buffer, int32_t length) {
   const auto* bytes = static_cast<const uint8_t*>(buffer);
   for (int64_t offset = 0; offset < length; offset += dump_line_size) {
+    zantrolume_next_step(line_step);
     display_line(address + static_cast<uint32_t>(offset), bytes + offset);
   }
 }
@@ -140,6 +145,7 @@ void zantrolume_display_flash(uint32_t address, int32_t length) {
     return;
   }
   for (int64_t done = 0; done < rounded; done += dump_line_size) {
+    zantrolume_next_step(line_step);
     const uint32_t step = address + static_cast<uint32_t>(done);
     if (zantrolume_cpld_read(nullptr, step, dump_line_size, buffer.get()) == flash_ok) {
       zantrolume_display_buffer(step, buffer.get(), dump_line_size);

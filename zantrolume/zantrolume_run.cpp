@@ -2,15 +2,21 @@
 // reset, carries out one command and unmaps. What the command line means is decided elsewhere.
 #include "zantrolume/zantrolume_run.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <initializer_list>
 
 #include "window/window.h"
 #include "zantrolume/zantrolume_command_line.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_display.h"
+#include "zantrolume/zantrolume_signals.h"
 
 namespace {
 
@@ -33,6 +39,40 @@ void print_verbose(const char* text) {
   }
 }
 
+// Puts /dev/null where standard output or standard error was closed, so that nothing that is opened
+// later gets their numbers and is printed into. False when it cannot be had.
+bool occupy_output_descriptors() {
+  for (const int wanted : {STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(wanted, F_GETFD) >= 0) {
+      continue;
+    }
+    // Gives descriptor 0 when that is closed too, which stays as it was.
+    const int opened = open("/dev/null", O_RDWR);
+    if (opened < 0) {
+      return false;
+    }
+    if (opened != wanted) {
+      const bool placed = dup2(opened, wanted) == wanted;
+      close(opened);
+      if (!placed) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+// Waits until no other run has the device. Signals end the waiting: they are not held yet.
+void take_device(int fd, const char* path) {
+  if (window_lock(fd, false) == 0) {
+    return;
+  }
+  fflush(stdout);
+  fprintf(stderr, "zantrolume: another run has %s, waiting for its end\n", path);
+  // It waits until it has it.
+  (void)window_lock(fd, true);
+}
+
 // Opens and maps the window into vexmor_mapped_ptr. False after a message.
 bool map_window(const cpld_node& node) {
   const int fd = zantrolume_open_vexmor_device(node.path);
@@ -43,6 +83,7 @@ bool map_window(const cpld_node& node) {
   if (fd != 0) {
     print_verbose("\nZANTROLUME : vexmor device driver opened");
   }
+  take_device(fd, node.path);
   vexmor_mapped_ptr = window_map(fd, cpld_window_size, node.window_offset);
   const auto base = reinterpret_cast<uintptr_t>(vexmor_mapped_ptr);
   if (base == 0 || base == UINTPTR_MAX) {
@@ -66,6 +107,7 @@ void run_command(const zantrolume_request& request) {
       run_file_command(dir_cmd, "dir_cmd", "bootflash:");
       break;
     case command_erase:
+      zantrolume_next_step("the erase of the sector");
       zantrolume_cpld_erase(nullptr, position << flash_sector_shift);
       break;
     case command_fsck:
@@ -94,6 +136,9 @@ void run_command(const zantrolume_request& request) {
 }  // namespace
 
 int zantrolume_run(int argc, char* argv[]) {
+  if (!occupy_output_descriptors()) {
+    return EXIT_FAILURE;
+  }
   zantrolume_request request;
   const int status = zantrolume_parse(argc, argv, &request);
   if (status != 0) {
@@ -106,6 +151,7 @@ int zantrolume_run(int argc, char* argv[]) {
   if (!map_window(node)) {
     return 0;
   }
+  zantrolume_hold_signals();
   if (zantrolume_is_ppc_in_reset(vexmor_mapped_ptr, index + 1) != 0) {
     run_command(request);
   } else {
@@ -115,5 +161,6 @@ int zantrolume_run(int argc, char* argv[]) {
   // The run is over, and its end unmaps the window anyway.
   (void)window_unmap(vexmor_mapped_ptr, cpld_window_size);
   print_verbose("\nZANTROLUME : unmapped vexmor device driver");
+  zantrolume_release_signals();
   return 0;
 }

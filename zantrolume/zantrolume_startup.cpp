@@ -12,10 +12,13 @@
 #include "flashfs/control_codes.h"
 #include "ifs/ifs.h"
 #include "zantrolume/zantrolume_flashfs.h"
+#include "zantrolume/zantrolume_signals.h"
 
 namespace {
 
 constexpr char bootflash_prefix[] = "bootflash:";
+constexpr char checking_step[] = "the check of the file system";
+constexpr char error_step[] = "an error message";
 
 bool registered;
 bool file_system_started;
@@ -40,6 +43,8 @@ bool cut_to_prefix(char* path) {
 
 void report_error(const char* prefix, int error) {
   fflush(stdout);
+  // Nobody reads any more? Then there was never a message.
+  zantrolume_next_step(error_step);
   errno = error;
   perror(prefix);
 }
@@ -70,6 +75,7 @@ int start_flashfs() {
   }
   register_again();
   uint32_t flags = flashfs_check_quick;
+  zantrolume_next_step(checking_step);
   if (ifs_ioctl(bootflash_prefix, flashfs_ioctl_check, &flags) != 0) {
     printf("%s file system initialization failed\n", bootflash_prefix);
     return 0;
@@ -89,6 +95,7 @@ int format_cmd(int argc, char* argv[]) {
   }
   puts("Formatting filesystem, please wait 150 seconds");
   uint32_t argument = 0;
+  zantrolume_next_step("the formatting");
   if (ifs_ioctl(filesystem, flashfs_ioctl_format, &argument) != 0) {
     const int error = errno;
     printf("Filesystem \"%s\" not formatted -- ", filesystem);
@@ -120,6 +127,7 @@ int fsck_cmd(int argc, char* argv[]) {
   if (!cut_to_prefix(filesystem)) {
     return 1;
   }
+  zantrolume_next_step(checking_step);
   if (ifs_ioctl(filesystem, flashfs_ioctl_check, &flags) != 0) {
     const int error = errno;
     printf("Filesystem \"%s\" not checked -- ", filesystem);

@@ -230,3 +230,20 @@ TEST(sim_flash, stuck_bits_show_after_programs_and_erases) {
   chip.flash.erase(0, 1024);
   EXPECT_EQ(chip.flash.read16(8), 0xFEFF);
 }
+
+TEST(sim_flash, a_stuck_bit_shows_only_after_what_covers_its_byte) {
+  for (const uint32_t stuck : {7U, 8U, 9U, 10U}) {
+    small_flash chip;
+    chip.flash.stick(stuck, 0x01, 0x00);
+    chip.flash.program16(8, 0xFFFF);
+    const bool covered = stuck == 8 || stuck == 9;
+    EXPECT_EQ(byte_at(chip.flash, stuck), covered ? 0xFE : 0xFF) << stuck;
+  }
+  for (const uint32_t stuck : {1023U, 1024U, 2047U, 2048U}) {
+    small_flash chip;
+    chip.flash.stick(stuck, 0x01, 0x00);
+    chip.flash.erase(1024, 1024);
+    const bool covered = stuck == 1024 || stuck == 2047;
+    EXPECT_EQ(byte_at(chip.flash, stuck), covered ? 0xFE : 0xFF) << stuck;
+  }
+}

@@ -1,11 +1,15 @@
 // The chassis folder: its text file, its flash files, its errors and what survives a run.
 #include "sim/folder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 
@@ -25,6 +29,20 @@ std::string error_of(const std::string& text) {
   return sim::parse_settings(text, "chassis.txt", &settings);
 }
 
+// Runs a function in a process of its own; gives its exit status.
+template <typename callable>
+int status_of_process(callable&& call) {
+  std::fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    call();
+    _exit(0);
+  }
+  int waited = 0;
+  waitpid(child, &waited, 0);
+  return WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
+}
+
 class sim_folder : public testing::Test {
  protected:
   void SetUp() override {
@@ -38,26 +56,30 @@ class sim_folder : public testing::Test {
     return static_cast<size_t>(std::distance(begin(files), end(files)));
   }
 
+  // The exit status of a process that touches the flash of complex 4, and what it tells.
+  int status_of_touch(
+      std::string* told, void (*prepare)() = [] {}) {
+    std::FILE* err = std::tmpfile();
+    const int status = status_of_process([&] {
+      dup2(fileno(err), STDERR_FILENO);
+      prepare();
+      sim::folder_chassis made(folder_.path(), settings_);
+      made.get().flash(4).read16(0);
+    });
+    std::rewind(err);
+    for (int byte; (byte = std::getc(err)) != EOF;) {
+      *told += static_cast<char>(byte);
+    }
+    std::fclose(err);
+    return status;
+  }
+
   test_support::temporary_folder folder_;
   sim::folder_settings settings_;
 };
 
 void program(sim::chassis& chassis, int ppc, uint32_t address, uint16_t value) {
   chassis.flash(ppc).program16(address, value);
-}
-
-// Runs a function in a process of its own; gives its exit status.
-template <typename callable>
-int status_of_process(callable&& call) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    call();
-    _exit(0);
-  }
-  int waited = 0;
-  waitpid(child, &waited, 0);
-  return WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
 }
 
 }  // namespace
@@ -111,6 +133,34 @@ TEST(sim_settings, errors_name_file_and_line_and_what_to_do) {
             "chassis.txt:1: unknown word 'close'; use open <errno> or map <errno>");
 }
 
+TEST(sim_settings, numbers_of_any_length_are_held_against_their_range) {
+  sim::folder_settings settings;
+  EXPECT_EQ(sim::parse_settings("cut 4 before 1000000000000000000", "x", &settings), "");
+  EXPECT_EQ(settings.complexes[1].cut_mutation, 1000000000000000000U);
+  EXPECT_EQ(sim::parse_settings("cut 4 before 9223372036854775807", "x", &settings), "");
+  EXPECT_EQ(settings.complexes[1].cut_mutation, 9223372036854775807U);
+  EXPECT_EQ(sim::parse_settings("cut 4 before 000000000000000000000000000007", "x", &settings), "");
+  EXPECT_EQ(settings.complexes[1].cut_mutation, 7U);
+  EXPECT_EQ(error_of("cut 4 before 9223372036854775808"),
+            "chassis.txt:1: '9223372036854775808' is not the number of a program or erase (1 to "
+            "9223372036854775807)");
+  EXPECT_NE(error_of("clock 2147483648"), "");
+  EXPECT_EQ(error_of("clock 2147483647"), "");
+}
+
+TEST(sim_settings, words_are_escaped_in_errors) {
+  EXPECT_EQ(
+      error_of("\x1B[2J"),
+      "chassis.txt:1: unknown word '\\x1b[2J'; use running, clock, ready, cut, fail or report");
+  EXPECT_EQ(error_of("running \x7F\\\xFF~"),
+            "chassis.txt:1: '\\x7f\\x5c\\xff~' is not a PPC number (3 to 8)");
+  EXPECT_EQ(error_of(std::string("clock 1 a\0b", 11)),
+            "chassis.txt:1: 'a\\x00b' is too much on this line; remove it");
+  EXPECT_NE(error_of("ready 4 \x01").find("'\\x01'"), std::string::npos);
+  EXPECT_NE(error_of("cut 4 \x01").find("'\\x01'"), std::string::npos);
+  EXPECT_NE(error_of("fail \x01").find("'\\x01'"), std::string::npos);
+}
+
 TEST_F(sim_folder, an_empty_text_file_is_enough) {
   write_whole_file(folder_.file("chassis.txt"), "");
   EXPECT_EQ(read(), "");
@@ -122,6 +172,70 @@ TEST_F(sim_folder, a_missing_folder_or_text_file_is_an_error_that_changes_nothin
   EXPECT_EQ(file_count(), 0U);
   const std::string missing = folder_.file("none");
   EXPECT_EQ(sim::read_folder(missing, &settings_).find(missing + ": there is no such"), 0U);
+}
+
+TEST_F(sim_folder, a_text_file_that_is_no_file_is_refused_at_once) {
+  const std::string name = folder_.file("chassis.txt");
+  ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+  EXPECT_EQ(read().find(name + ": cannot read the chassis's text file"), 0U);
+  // A pipe into which somebody writes is none either.
+  const int writer = open(name.c_str(), O_RDWR | O_CLOEXEC);
+  EXPECT_EQ(read().find(name + ": cannot read the chassis's text file"), 0U);
+  close(writer);
+  std::filesystem::remove(name);
+  std::filesystem::create_symlink("/dev/zero", name);
+  EXPECT_EQ(read().find(name + ": cannot read the chassis's text file"), 0U);
+  std::filesystem::remove(name);
+  std::filesystem::create_directory(name);
+  EXPECT_EQ(read().find(name + ": cannot read the chassis's text file"), 0U);
+}
+
+TEST_F(sim_folder, a_huge_text_file_is_refused_at_once) {
+  const std::string name = folder_.file("chassis.txt");
+  write_whole_file(name, std::string(sim::longest_settings, '\n'));
+  EXPECT_EQ(read(), "");
+  std::filesystem::resize_file(name, sim::longest_settings + 1);
+  EXPECT_EQ(read(), name + ": has more than 65536 bytes; it is no text for a chassis");
+  std::filesystem::resize_file(name, 3000000000);
+  EXPECT_EQ(read(), name + ": has more than 65536 bytes; it is no text for a chassis");
+}
+
+TEST_F(sim_folder, a_flash_file_that_became_short_is_an_error_and_is_not_mapped) {
+  write_whole_file(folder_.file("ppc4.flash"), "short");
+  std::string told;
+  EXPECT_EQ(status_of_touch(&told), 2);
+  EXPECT_EQ(told, "zantrolume-sim: " + folder_.file("ppc4.flash") +
+                      ": has changed its size; put a whole image there\n");
+}
+
+TEST_F(sim_folder, a_sparse_flash_file_is_filled_before_it_is_mapped) {
+  const std::string path = folder_.file("ppc4.flash");
+  write_whole_file(path, "");
+  std::filesystem::resize_file(path, sim::chassis_flash_size);
+  sim::folder_chassis made(folder_.path(), settings_);
+  EXPECT_EQ(made.get().flash(4).read16(0), 0);
+  struct stat status;
+  ASSERT_EQ(stat(path.c_str(), &status), 0);
+  EXPECT_GE(status.st_blocks * off_t{512}, off_t{sim::chassis_flash_size});
+  const std::string contents = read_whole_file(path);
+  EXPECT_TRUE(contents == std::string(sim::chassis_flash_size, '\0'));
+}
+
+TEST_F(sim_folder, a_flash_that_cannot_be_made_is_an_error_and_leaves_nothing) {
+  std::string told;
+  EXPECT_EQ(status_of_touch(&told,
+                            [] {
+                              // As on a full disk: the first part is taken, the rest is not.
+                              std::signal(SIGXFSZ, SIG_IGN);
+                              const rlimit limit = {1 << 20, 1 << 20};
+                              setrlimit(RLIMIT_FSIZE, &limit);
+                            }),
+            2);
+  EXPECT_NE(told.find("cannot make the erased flash: File too large; make room or make the folder "
+                      "writable\n"),
+            std::string::npos)
+      << told;
+  EXPECT_EQ(file_count(), 0U);
 }
 
 TEST_F(sim_folder, a_flash_file_of_another_size_is_an_error) {
@@ -202,11 +316,88 @@ TEST_F(sim_folder, a_report_is_written_when_asked_for) {
   settings_.report = true;
   sim::folder_chassis made(folder_.path(), settings_);
   made.get().node_of(3).load32(0x20);
-  made.report();
+  EXPECT_EQ(made.report(), "");
   const std::string text = read_whole_file(folder_.file("report.txt"));
   EXPECT_EQ(text.find("deviations 1\n"), 0U);
   EXPECT_NE(text.find("wrong_direction 1\n"), std::string::npos);
   EXPECT_NE(text.find("words_read 0\n"), std::string::npos);
+}
+
+TEST_F(sim_folder, a_report_that_cannot_be_written_is_an_error_and_no_link_is_followed) {
+  settings_.report = true;
+  sim::folder_chassis made(folder_.path(), settings_);
+  const std::string name = folder_.file("report.txt");
+  const std::string target = folder_.file("target");
+  write_whole_file(target, "kept");
+  std::filesystem::create_symlink(target, name);
+  EXPECT_EQ(made.report().find(name + ": cannot write the report: "), 0U);
+  EXPECT_EQ(read_whole_file(target), "kept");
+  std::filesystem::remove(name);
+  ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+  EXPECT_EQ(made.report().find(name + ": cannot write the report: "), 0U);
+  std::filesystem::remove(name);
+  std::filesystem::create_directory(name);
+  EXPECT_EQ(made.report().find(name + ": cannot write the report: "), 0U);
+}
+
+TEST_F(sim_folder, a_run_whose_report_cannot_be_written_ends_with_status_2) {
+  write_whole_file(folder_.file("chassis.txt"), "report\n");
+  std::filesystem::create_directory(folder_.file("report.txt"));
+  test_support::program_call call;
+  call.path = ZANTROLUME_SIM_PROGRAM;
+  call.arguments = {"4", "sread", "1", "32"};
+  call.environment = {{"ZANTROLUME_CHASSIS", folder_.path()}};
+  const test_support::program_result result = test_support::run_program(call);
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out.find("0x00020000    ffffffff"), 0U);
+  EXPECT_EQ(result.err.find("zantrolume-sim: " + folder_.file("report.txt") +
+                            ": cannot write the report: "),
+            0U)
+      << result.err;
+}
+
+TEST_F(sim_folder, a_run_whose_power_was_cut_writes_nothing_more) {
+  write_whole_file(folder_.file("chassis.txt"), "report\nclock 1800000000\ncut 4 after 100\n");
+  test_support::program_call call;
+  call.path = ZANTROLUME_SIM_PROGRAM;
+  call.arguments = {"4", "dir"};
+  call.environment = {{"ZANTROLUME_CHASSIS", folder_.path()}};
+  const test_support::program_result result = test_support::run_program(call);
+  EXPECT_EQ(result.status, 3);
+  // Neither what was still buffered nor the report.
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, "");
+  EXPECT_FALSE(std::filesystem::exists(folder_.file("report.txt")));
+}
+
+TEST_F(sim_folder, a_lock_is_one_for_each_device_and_goes_with_its_chassis) {
+  {
+    sim::folder_chassis first(folder_.path(), settings_);
+    sim::folder_chassis second(folder_.path(), settings_);
+    const int node = first.get().open("/dev/vexmor1");
+    ASSERT_EQ(second.get().open("/dev/vexmor1"), node);
+    const int other = second.get().open("/dev/vexmor2");
+    EXPECT_EQ(first.get().lock(node, false), 0);
+    EXPECT_EQ(first.get().lock(node, true), 0);
+    EXPECT_EQ(second.get().lock(node, false), 1);
+    EXPECT_EQ(second.get().lock(other, false), 0);
+    EXPECT_TRUE(std::filesystem::exists(folder_.file(".lock1")));
+    EXPECT_TRUE(std::filesystem::exists(folder_.file(".lock2")));
+    EXPECT_EQ(file_count(), 2U);
+  }
+  sim::folder_chassis third(folder_.path(), settings_);
+  EXPECT_EQ(third.get().lock(third.get().open("/dev/vexmor1"), false), 0);
+}
+
+TEST_F(sim_folder, a_lock_file_that_is_a_link_is_an_error) {
+  std::filesystem::create_symlink(folder_.file("target"), folder_.file(".lock1"));
+  const int status = status_of_process([&] {
+    std::fclose(stderr);
+    sim::folder_chassis made(folder_.path(), settings_);
+    (void)made.get().lock(made.get().open("/dev/vexmor1"), false);
+  });
+  EXPECT_EQ(status, 2);
+  EXPECT_FALSE(std::filesystem::exists(folder_.file("target")));
 }
 
 TEST_F(sim_folder, opening_a_device_without_a_chassis_loads_the_folder_of_the_environment) {

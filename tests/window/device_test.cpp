@@ -1,6 +1,7 @@
 // The window over a device node. A sparse file stands in for the device: it begins as zeros, so it
 // is a window in which every complex is in reset and no flash is ever ready.
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -87,6 +88,25 @@ TEST_F(window_device_stand_in, a_store_is_one_register_of_its_width_in_host_orde
   EXPECT_EQ(device_value<uint16_t>(cpld_data_window), 0xABCD);
   EXPECT_EQ(device_value<uint16_t>(cpld_data_window + 2), 0);
   EXPECT_EQ(window_load16(base, cpld_data_window), 0xABCD);
+}
+
+// Two descriptors of the node stand for two runs.
+TEST_F(window_device_stand_in, one_process_has_the_device_until_it_lets_go) {
+  EXPECT_EQ(window_lock(fd, false), 0);
+  EXPECT_EQ(window_lock(fd, true), 0);
+  const int other = window_open(folder.file("node").c_str());
+  ASSERT_GE(other, 0);
+  EXPECT_EQ(window_lock(other, false), 1);
+  ASSERT_EQ(flock(fd, LOCK_UN), 0);
+  EXPECT_EQ(window_lock(other, true), 0);
+  EXPECT_EQ(window_lock(fd, false), 1);
+  EXPECT_EQ(close(other), 0);
+  EXPECT_EQ(window_lock(fd, false), 0);
+}
+
+TEST(window_device, a_device_without_locks_counts_as_taken) {
+  EXPECT_EQ(window_lock(-1, false), 0);
+  EXPECT_EQ(window_lock(-1, true), 0);
 }
 
 TEST_F(window_device_stand_in, the_reset_test_reads_the_run_state_register) {

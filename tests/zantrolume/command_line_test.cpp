@@ -330,6 +330,17 @@ TEST(command_line, erase_of_what_is_no_number_erases_sector_0) {
   EXPECT_EQ(result.status, 0) << result.output;
 }
 
+TEST(command_line, erase_of_a_word_that_begins_as_a_number_erases_that_sector) {
+  const auto result = run(
+      {"4", "erase", "1x"},
+      [](sim::chassis& chassis) { memset(chassis.flash(4).bytes(), 0, 2U << 17); },
+      [](sim::chassis& chassis) {
+        EXPECT_EQ(chassis.flash(4).bytes()[0], 0);
+        EXPECT_EQ(chassis.flash(4).bytes()[1U << 17], 0xFF);
+      });
+  EXPECT_EQ(result.status, 0) << result.output;
+}
+
 TEST(command_line, a_huge_sector_number_stays_in_32_bits) {
   for (const char* number : {"2147483647", "32767", "99999999999"}) {
     const auto result = run({"4", "erase", number}, nothing, [](sim::chassis& chassis) {
@@ -352,6 +363,16 @@ TEST(command_line, sread_takes_a_sector_number_and_a_length) {
   expect_run({"4", "sread", "2", "64"}, 0, dump_line("0x00040000") + dump_line("0x00040020"));
   expect_run({"4", "sread", "0", "64"}, 0, "");
   expect_run({"4", "sread", "1", "x"}, 0, "");
+}
+
+TEST(command_line, sread_behind_the_end_reads_from_the_beginning) {
+  // The only way to print the first line of a flash: addresses wrap, and 0 is no address.
+  const auto result = run({"4", "sread", "256", "64"},
+                          [](sim::chassis& chassis) { memset(chassis.flash(4).bytes(), 'A', 32); });
+  const std::string words = "41414141 41414141 41414141 41414141 ";
+  EXPECT_EQ(result.output, "0x02000000    " + words + words + "    " + std::string(32, 'A') + "\n" +
+                               dump_line("0x02000020"));
+  EXPECT_EQ(result.status, 0);
 }
 
 TEST(command_line, aread_takes_a_hexadecimal_address_and_a_length) {
