@@ -42,8 +42,7 @@ class mounting : public flashfs_fixture {
     expect_silent_refusal(records, 2);
     expect_silent_refusal(records + 1, 1);
   }
-  // A checked file system with files and directories that the fixture does not know of: for tests
-  // that give it back themselves.
+  // A checked file system that the fixture does not know of: the test gives it back.
   flashfs* make_to_release() {
     make_flash(ram_blocks(4, block_bytes));
     return mount_to_release();
