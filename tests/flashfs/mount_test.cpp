@@ -64,7 +64,7 @@ class mounting : public flashfs_fixture {
   }
   // Gives it back. Memory that is not is found as a leak when the program ends.
   static std::string output_of_release(flashfs* fs) {
-    const std::string output = output_of([&] { flashfs_release(fs); });
+    std::string output = output_of([&] { flashfs_release(fs); });
     EXPECT_EQ(ifs_lookup_prefix("bootflash:"), -1);
     EXPECT_EQ(ifs_fsid_get_entry(0), nullptr);
     return output;
