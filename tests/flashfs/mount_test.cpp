@@ -42,8 +42,7 @@ class mounting : public flashfs_fixture {
     expect_silent_refusal(records, 2);
     expect_silent_refusal(records + 1, 1);
   }
-  // A checked file system with files and directories that the fixture does not know of: for tests
-  // that give it back themselves.
+  // A checked file system that the fixture does not know of: the test gives it back.
   flashfs* make_to_release() {
     make_flash(ram_blocks(4, block_bytes));
     return mount_to_release();
@@ -65,7 +64,7 @@ class mounting : public flashfs_fixture {
   }
   // Gives it back. Memory that is not is found as a leak when the program ends.
   static std::string output_of_release(flashfs* fs) {
-    const std::string output = output_of([&] { flashfs_release(fs); });
+    std::string output = output_of([&] { flashfs_release(fs); });
     EXPECT_EQ(ifs_lookup_prefix("bootflash:"), -1);
     EXPECT_EQ(ifs_fsid_get_entry(0), nullptr);
     return output;
