@@ -31,7 +31,17 @@ opened_descriptor flashfs_of_descriptor(int32_t fd) {
 
 bool flashfs_is_only_user(const flashfs* fs) {
   const ifs_filesystem* entry = ifs_fsid_get_entry(fs->fsid);
-  return entry != nullptr && entry->open_count == 1;
+  if (entry == nullptr || entry->open_count != 1) {
+    return false;
+  }
+  // A failed descriptor that is closed twice lowers the count below what is open.
+  const int error = errno;
+  bool stands = false;
+  for (int32_t fd = 0; fd < ifs_max_descriptors && !stands; fd++) {
+    stands = ifs_fd_get_fsid(fd) == fs->fsid;
+  }
+  errno = error;
+  return !stands;
 }
 
 found_name flashfs_resolve(flashfs* fs, const char* path) {

@@ -35,7 +35,8 @@ struct opened_descriptor {
 // What a descriptor stands for; nulls when there is none.
 [[nodiscard]] opened_descriptor flashfs_of_descriptor(int32_t fd);
 
-// Whether the operation in progress is the only use of the file system.
+// Whether the operation in progress is the only use of the file system: nothing else is counted,
+// and no descriptor of it stands.
 bool flashfs_is_only_user(const flashfs* fs);
 
 // As path_find; everything that is not there, for whatever reason, is ENOENT, also an empty path.

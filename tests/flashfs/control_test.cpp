@@ -229,6 +229,29 @@ TEST_F(control_check, it_is_refused_while_any_file_is_open) {
   EXPECT_EQ(ioctl("", flashfs_ioctl_check, &word), 0);
 }
 
+TEST_F(control_check, it_is_refused_while_a_descriptor_stands_whatever_the_count_says) {
+  make();
+  put("a", "text");
+  const int32_t standing = open("a");
+  const int32_t failed = open("a");
+  ifs_descriptor* entry = ifs_fd_get_entry(failed);
+  entry->flags = -1;
+  // The switch only counts the closing of a failed descriptor, each time.
+  EXPECT_EQ(close(failed), 0);
+  EXPECT_EQ(close(failed), 0);
+  uint32_t word = flashfs_check_full;
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_check, &word)), EBUSY);
+  EXPECT_EQ(error_of(ioctl("", flashfs_ioctl_format, nullptr)), EBUSY);
+  EXPECT_EQ(error_of(open("...", open_rw)), EBUSY);
+  EXPECT_EQ(read_text(standing, 10), "text");
+  entry->flags = 0;
+  ifs_open_file_increment(fs()->fsid);
+  ifs_open_file_increment(fs()->fsid);
+  EXPECT_EQ(close(failed), 0);
+  EXPECT_EQ(close(standing), 0);
+  EXPECT_EQ(ioctl("", flashfs_ioctl_check, &word), 0);
+}
+
 TEST_F(control_check, a_failure_discards_the_state) {
   make();
   put("a", "text");

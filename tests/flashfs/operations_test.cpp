@@ -179,17 +179,22 @@ TEST_F(states, are_found_by_a_descriptor_with_what_is_open) {
   }
 }
 
-TEST_F(states, have_an_only_user_or_not) {
+TEST_F(states, have_an_only_user_while_nothing_but_one_operation_is_counted_and_nothing_is_open) {
   make();
   put("a", "text");
   EXPECT_FALSE(flashfs_is_only_user(fs())) << "nobody";
-  const int32_t first = open("a");
+  ifs_open_file_increment(fs()->fsid);  // an operation in progress
   EXPECT_TRUE(flashfs_is_only_user(fs()));
-  const int32_t second = open("a");
+  ifs_open_file_increment(fs()->fsid);
   EXPECT_FALSE(flashfs_is_only_user(fs()));
-  EXPECT_EQ(close(first), 0);
-  EXPECT_TRUE(flashfs_is_only_user(fs()));
-  EXPECT_EQ(close(second), 0);
+  ifs_open_file_decrement(fs()->fsid);
+  ifs_open_file_decrement(fs()->fsid);
+  const int32_t fd = open("a");
+  EXPECT_FALSE(flashfs_is_only_user(fs()));
+  errno = 0;
+  EXPECT_FALSE(flashfs_is_only_user(fs()));
+  EXPECT_EQ(errno, 0);
+  EXPECT_EQ(close(fd), 0);
 }
 
 // --- paths ---
