@@ -6,10 +6,14 @@
 #include <algorithm>
 #include <cstring>
 #include <fstream>
-#include <memory>
+#include <map>
 #include <string>
+#include <vector>
 
+#include "bench/cases.h"
 #include "bench/report.h"
+#include "bench/rig.h"
+#include "sim/counts.h"
 
 namespace {
 

@@ -3,8 +3,13 @@
 #include "bench/cases.h"
 
 #include <algorithm>
+#include <compare>
+#include <initializer_list>
 
+#include "flashfs/check_flags.h"
 #include "ifs/ifs.h"
+#include "sim/flash.h"
+#include "volume/files.h"
 #include "zantrolume/zantrolume_commands.h"
 
 namespace bench {

@@ -6,10 +6,13 @@
 //   bench_counts <file> --write      makes the file
 #include <fstream>
 #include <iostream>
-#include <sstream>
+#include <sstream>  // IWYU pragma: keep
 #include <string>
+#include <vector>
 
 #include "bench/cases.h"
+#include "bench/rig.h"
+#include "sim/counts.h"
 
 namespace {
 

@@ -6,14 +6,16 @@
 #include <malloc.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string>
 
 #include "bench/rig.h"
 #include "flashfs/flashfs.h"
-#include "ifs/ifs.h"
+#include "sim/flash.h"
 #include "tests/support/image_builder.h"
 
 namespace {

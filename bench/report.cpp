@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include "bench/checksums.h"
 #include "flashfs/format.h"
+#include "sim/counts.h"
+#include "sim/flash.h"
 #include "zantrolume/zantrolume_cpld.h"
 
 namespace bench {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bench/cases.h"
+#include "bench/rig.h"
 
 namespace bench {
 

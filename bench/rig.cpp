@@ -9,6 +9,7 @@
 
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
+#include "window/window.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 

@@ -4,11 +4,15 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "flashfs/check_flags.h"
 #include "sim/chassis.h"
+#include "sim/counts.h"
+#include "sim/flash.h"
 #include "tests/support/output_capture.h"
 #include "volume/files.h"
 

@@ -4,9 +4,12 @@
 //
 //   bench_target read|<index of a way> <times>
 //   bench_target ways                            lists the ways
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <vector>
 
 #include "bench/checksums.h"
 #include "flashfs/format.h"

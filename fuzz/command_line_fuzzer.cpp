@@ -2,18 +2,17 @@
 // over a simulated chassis that holds a few files.
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
-#include "ifs/ifs.h"
 #include "sim/chassis.h"
 #include "volume/files.h"
-#include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_main.h"
 
 namespace {

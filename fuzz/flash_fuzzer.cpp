@@ -1,17 +1,27 @@
 // Fuzzes the file system with hostile flash: the input is a recipe for a small flash of good and
 // damaged records, and for what is then done with it. Checksums are right where the recipe says so,
 // so that the code behind them is reached.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/file.h"
+#include "flashfs/flashfs.h"
 #include "fuzz/input_bytes.h"
 #include "reliability/rig.h"
 #include "sim/chassis.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/ram_flash.h"
+#include "volume/files.h"
+#include "volume/volume.h"
 
 namespace {
 

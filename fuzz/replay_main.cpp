@@ -1,4 +1,5 @@
 // Replays a fuzzer's stored inputs as an ordinary test, where there is no libFuzzer.
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>

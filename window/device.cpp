@@ -4,9 +4,8 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 
-#include <cstdint>
-
 #include <cerrno>
+#include <cstdint>
 
 #include "window/window.h"
 

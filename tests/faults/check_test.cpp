@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <string>
 
 #include "flashfs/alloc.h"
 #include "flashfs/available.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/fsck.h"
 #include "flashfs/fsck_tree.h"
 #include "flashfs/gc.h"
@@ -17,6 +22,8 @@
 #include "tests/faults/interruptions.h"
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
 
 namespace {
 

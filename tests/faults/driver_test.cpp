@@ -2,12 +2,15 @@
 // real driver's reads cannot fail, so this program links one of its own in its place.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
 
+#include "flashfs/flash_driver.h"
 #include "tests/support/failing_memory.h"
-#include "tests/support/flashfs_fixture.h"
 #include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
+#include "window/window.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_display.h"

@@ -1,8 +1,6 @@
 // The suspension points, in the place of the switch's.
 #include "tests/faults/interruptions.h"
 
-#include "ifs/runtime.h"
-
 namespace faults {
 
 namespace {

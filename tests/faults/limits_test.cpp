@@ -2,13 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "sim/chassis.h"
+#include "sim/flash.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/ram_flash.h"
 
 namespace test_support {
 namespace {

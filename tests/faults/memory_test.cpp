@@ -2,12 +2,16 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
 #include "flashfs/alloc.h"
 #include "flashfs/available.h"
 #include "flashfs/buffer.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/entry.h"
 #include "flashfs/erase.h"
 #include "flashfs/filemap.h"
@@ -17,7 +21,11 @@
 #include "flashfs/slots.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

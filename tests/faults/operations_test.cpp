@@ -3,14 +3,27 @@
 
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <string>
+#include <vector>
 
+#include "flashfs/buffer.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/file.h"
 #include "flashfs/slots.h"
+#include "sim/flash.h"
 #include "tests/faults/interruptions.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
 #include "tests/support/failing_memory.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -5,11 +5,22 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstddef>
+#include <ext/alloc_traits.h>
+#include <initializer_list>
+#include <memory>
+#include <string>
 #include <vector>
 
 #include "flashfs/available.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
 #include "tests/flashfs/alloc_recipe.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/output_capture.h"
 
 using namespace test_support;
 

@@ -5,9 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 
 #include "flashfs/io.h"
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/output_capture.h"
 
 using namespace test_support;
 

@@ -3,7 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
+#include <string>
+
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/output_capture.h"
 
 using namespace test_support;
 

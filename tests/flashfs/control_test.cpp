@@ -4,10 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
 #include "flashfs/log.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -1,9 +1,22 @@
 // The diagnostic dumps, letter by letter, and that they change nothing.
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
 #include "flashfs/available.h"
 #include "flashfs/buffer.h"
+#include "flashfs/flashfs.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -6,14 +6,22 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
+#include <initializer_list>
+#include <string>
 
 #include "flashfs/alloc.h"
 #include "flashfs/available.h"
 #include "flashfs/buffer.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/claim.h"
 #include "flashfs/filemap.h"
 #include "flashfs/path.h"
 #include "tests/flashfs/alloc_recipe.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -10,8 +10,12 @@
 
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
+#include "sim/flash.h"
 #include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <climits>
+#include <cstddef>
+#include <initializer_list>
+#include <string>
 
 #include "flashfs/control.h"
 #include "flashfs/control_codes.h"
@@ -12,6 +16,9 @@
 #include "flashfs/operations.h"
 #include "flashfs/write.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

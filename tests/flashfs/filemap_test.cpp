@@ -6,11 +6,15 @@
 #include <array>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "flashfs/flashfs.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

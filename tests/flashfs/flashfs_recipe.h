@@ -11,6 +11,7 @@
 #include "flashfs/io.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/recipe_text.h"
 
 namespace test_support {

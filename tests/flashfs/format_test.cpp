@@ -2,13 +2,18 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <bit>
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <iosfwd>
 #include <set>
 #include <string>
 
 #include "flashfs/flashfs.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
 
 using namespace test_support;
 

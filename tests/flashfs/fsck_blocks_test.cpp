@@ -3,10 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <initializer_list>
+#include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/fsck_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -1,10 +1,20 @@
 // The check as it finds what no directory names, and relinks it.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/fsck_tree.h"
 #include "flashfs/path.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/fsck_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -3,12 +3,24 @@
 // leaves, and that a second check has nothing to say.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/fsck.h"
 #include "flashfs/path.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/fsck_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -6,8 +6,21 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
+#include "sim/chassis.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/fsck_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -7,11 +7,21 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/entry.h"
 #include "flashfs/path.h"
 #include "flashfs/status.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/fsck_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include "flashfs/alloc.h"
 #include "flashfs/available.h"
 #include "tests/flashfs/flashfs_recipe.h"
+#include "tests/support/output_capture.h"
 
 namespace test_support {
 

@@ -2,12 +2,22 @@
 // ones move where, in what order the flash is written, and the reclamation that follows.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
 #include "flashfs/available.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/path.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/gc_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

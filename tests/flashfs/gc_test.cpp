@@ -6,11 +6,19 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
 #include "flashfs/available.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
 #include "flashfs/path.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/gc_recipe.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

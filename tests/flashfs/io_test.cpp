@@ -3,16 +3,23 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/flashfs.h"
+#include "sim/flash.h"
 #include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

@@ -1,11 +1,16 @@
 // The file system at the size of the real device: as much as it takes, and many names.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <set>
+#include <string>
 
-#include "flashfs/io.h"
-#include "tests/flashfs/operations_fixture.h"
+#include "flashfs/flashfs.h"
+#include "tests/support/flashfs_fixture.h"
+#include "tests/support/ram_flash.h"
 
 namespace test_support {
 namespace {

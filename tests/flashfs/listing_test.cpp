@@ -4,10 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <climits>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
 #include "flashfs/filemap.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/output_capture.h"
 
 using namespace test_support;
 

@@ -3,7 +3,10 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -16,6 +19,10 @@
 #include "flashfs/operations.h"
 #include "flashfs/vector.h"
 #include "tests/flashfs/flashfs_test_tools.h"
+#include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

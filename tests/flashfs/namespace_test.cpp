@@ -4,13 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include "flashfs/control.h"
-#include "flashfs/control_codes.h"
+#include <cerrno>
+#include <string>
+
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
-#include "flashfs/listing.h"
 #include "flashfs/slots.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+
 namespace {
 
 using namespace test_support;

@@ -3,9 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
 #include "flashfs/file.h"
+#include "flashfs/flashfs.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

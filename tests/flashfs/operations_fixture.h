@@ -11,6 +11,7 @@
 #include "flashfs/file.h"
 #include "flashfs/operations.h"
 #include "tests/flashfs/flashfs_recipe.h"
+#include "tests/support/output_capture.h"
 
 namespace test_support {
 

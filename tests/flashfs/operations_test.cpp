@@ -3,11 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <initializer_list>
+#include <string>
+
 #include "flashfs/control.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/listing.h"
 #include "flashfs/namespace.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -5,19 +5,27 @@
 
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "flashfs/alloc.h"
+#include "flashfs/check_flags.h"
 #include "flashfs/claim.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
 #include "flashfs/slots.h"
+#include "sim/flash.h"
+#include "sim/power.h"
 #include "tests/flashfs/flashfs_recipe.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/unchecked_fixture.h"
+#include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

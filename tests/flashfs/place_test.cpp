@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <ext/alloc_traits.h>
+#include <initializer_list>
 #include <vector>
 
 namespace {

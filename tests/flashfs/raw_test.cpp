@@ -2,11 +2,23 @@
 // its closing brings the file system back. The driver here has no limit on the length of a write.
 #include <gtest/gtest.h>
 
-#include <climits>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
+#include "sim/flash.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

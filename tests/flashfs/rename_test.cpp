@@ -1,8 +1,18 @@
 // Renaming: within a directory and between directories, what is refused and in which order.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+#include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
+#include "sim/power.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/output_capture.h"
 
 namespace {
 

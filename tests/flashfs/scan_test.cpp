@@ -5,12 +5,17 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <string>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/io.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/unchecked_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

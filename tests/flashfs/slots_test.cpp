@@ -3,14 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <numeric>
+#include <string>
 #include <vector>
 
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
+#include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/unchecked_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 using namespace test_support;
 

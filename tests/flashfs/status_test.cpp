@@ -2,7 +2,17 @@
 // The operations themselves: listing_test.cpp.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+
+#include "flashfs/flashfs.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
 
 namespace {
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+
 #include "flashfs/control.h"
 #include "flashfs/file.h"
 #include "flashfs/listing.h"

@@ -3,10 +3,25 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
+#include "flashfs/place.h"
+#include "sim/flash.h"
+#include "sim/power.h"
+#include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -1,9 +1,16 @@
 // The operations that take a descriptor: which slot they call, with what, what they report when
 // there is nothing to call, and close.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

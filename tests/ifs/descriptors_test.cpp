@@ -1,7 +1,13 @@
 // The table of descriptors: creation, validity, and the dump of an entry.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

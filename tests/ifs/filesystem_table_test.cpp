@@ -1,7 +1,15 @@
 // The table of file systems: registration, accessors, the open count, and destruction that waits
 // for the last user.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <functional>
 #include <string>
 
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

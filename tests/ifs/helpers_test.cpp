@@ -1,5 +1,15 @@
 // The shorthands over the operations: loops over partial transfers, the controls of a descriptor,
 // sizes and free bytes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

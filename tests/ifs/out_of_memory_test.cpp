@@ -1,4 +1,10 @@
 // What the switch and the runtime support do when the heap gives nothing.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <memory>
+
+#include "ifs/ifs.h"
 #include "ifs/runtime.h"
 #include "tests/ifs/recording_fs.h"
 #include "tests/support/failing_memory.h"

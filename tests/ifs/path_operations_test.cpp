@@ -1,10 +1,18 @@
 // The operations that take a path: which slot they call, with what, and what they report when there
 // is nothing to call.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <deque>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

@@ -1,6 +1,10 @@
 // Prefixes: which file system a name belongs to, and what of the name it gets to see.
+#include <gtest/gtest.h>
+
+#include <cerrno>
 #include <string>
 
+#include "ifs/ifs.h"
 #include "tests/ifs/recording_fs.h"
 
 namespace {

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <ext/alloc_traits.h>
+#include <iterator>
+#include <utility>
 
 #include "flashfs/path.h"
 #include "tests/model/fs_model_rules.h"

@@ -1,10 +1,20 @@
 // Descriptors and file data of the model.
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <ext/alloc_traits.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
+#include "flashfs/flashfs.h"
 #include "tests/model/fs_model.h"
 #include "tests/model/fs_model_rules.h"
+#include "tests/model/model_operation.h"
 
 namespace model_test {
 

@@ -1,12 +1,26 @@
 // Comparison of the file system's maps, its space and every byte that it keeps on flash with the
 // model, and of everything as it reads through the switch.
 #include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <ext/alloc_traits.h>
+#include <map>
+#include <memory>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
 #include "flashfs/path.h"
+#include "tests/model/fs_model.h"
+#include "tests/model/model_operation.h"
 #include "tests/model/model_run.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/ram_flash.h"
 
 namespace model_test {
 

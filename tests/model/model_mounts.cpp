@@ -2,9 +2,22 @@
 // copying of the raw image, and what a sequence must end with.
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
+#include "sim/flash.h"
+#include "tests/model/fs_model.h"
+#include "tests/model/model_operation.h"
 #include "tests/model/model_run.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
+#include "volume/volume.h"
 
 namespace model_test {
 

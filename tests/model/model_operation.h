@@ -2,6 +2,7 @@
 // as regressions and played again. It knows neither the model nor the file system.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -3,13 +3,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
+#include <iterator>
 #include <sstream>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
-#include "flashfs/io.h"
 #include "flashfs/vector.h"
 #include "tests/support/flashfs_fixture.h"
 

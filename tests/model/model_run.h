@@ -2,6 +2,7 @@
 // after every step.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,6 +10,7 @@
 
 #include "flashfs/flashfs.h"
 #include "sim/chassis.h"
+#include "sim/power.h"
 #include "tests/model/fs_model.h"
 #include "tests/model/model_operation.h"
 #include "tests/support/output_capture.h"

@@ -10,13 +10,24 @@
 
 #include <algorithm>
 #include <chrono>
+#include <compare>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
+#include <map>
+#include <optional>
+#include <sstream>  // IWYU pragma: keep
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
 
+#include "tests/model/model_operation.h"
 #include "tests/model/model_run.h"
 #include "tests/model/step_generator.h"
+#include "tests/support/ram_flash.h"
 
 namespace model_test {
 

@@ -3,8 +3,16 @@
 #include "tests/model/step_generator.h"
 
 #include <algorithm>
-#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
 #include <iterator>
+#include <map>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "flashfs/flashfs.h"
 
 namespace model_test {
 

@@ -1,9 +1,9 @@
 // Chooses random steps that mostly make sense for the present state of a model.
 #pragma once
 
+#include <cstdint>
 #include <random>
 #include <string>
-#include <vector>
 
 #include "tests/model/fs_model.h"
 #include "tests/model/model_operation.h"

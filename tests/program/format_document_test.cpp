@@ -6,14 +6,15 @@
 //   crc of 65 53 f1 00 = b9c6      | the checksum of these bytes
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <map>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "ifs/crc.h"
-#include "ifs/runtime.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/run_program.h"
 #include "tests/support/stored_image.h"

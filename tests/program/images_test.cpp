@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <compare>
 #include <filesystem>
 #include <iterator>
-#include <ostream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>

@@ -7,7 +7,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <filesystem>
+#include <initializer_list>
+#include <map>
 #include <memory>
 #include <set>
 #include <sstream>

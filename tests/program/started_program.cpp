@@ -7,10 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
+#include <compare>
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 namespace program_test {
 

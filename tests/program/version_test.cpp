@@ -1,7 +1,11 @@
 // The version is in both programs, for `what` and `strings`, and in nothing that they print.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <initializer_list>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 

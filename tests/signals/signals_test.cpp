@@ -11,14 +11,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "ifs/ifs.h"
 #include "sim/chassis.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
+#include "sim/power.h"
 #include "tests/signals/small_binding.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_main.h"

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <string>
 
 #include "tests/sim/command_cycles.h"
 #include "window/clock.h"

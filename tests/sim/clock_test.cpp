@@ -4,8 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <initializer_list>
+#include <memory>
 
 #include "sim/chassis.h"
+#include "sim/cpld.h"
 #include "tests/sim/command_cycles.h"
 
 using sim_test::page;

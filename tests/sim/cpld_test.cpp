@@ -3,6 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <initializer_list>
+#include <string>
+#include <utility>
+
 #include "sim/chassis.h"
 #include "tests/sim/command_cycles.h"
 

@@ -3,10 +3,16 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "flashfs/filemap.h"
+#include "flashfs/flashfs.h"
+#include "sim/power.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/output_capture.h"
+#include "tests/support/ram_flash.h"
 
 namespace {
 

@@ -12,7 +12,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <iterator>
+#include <map>
+#include <vector>
 
+#include "sim/cpld.h"
+#include "sim/flash.h"
 #include "tests/support/run_program.h"
 #include "window/clock.h"
 #include "window/window.h"

@@ -1,6 +1,14 @@
 // The test support itself: the driver over memory, the image builder and the runner of programs.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "flashfs/flash_driver.h"
+#include "sim/flash.h"
+#include "sim/power.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/ram_flash.h"
 #include "tests/support/run_program.h"

@@ -2,6 +2,11 @@
 #include "tests/support/flashfs_fixture.h"
 
 #include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+
+#include "sim/flash.h"
+#include "tests/support/output_capture.h"
 
 namespace test_support {
 

@@ -5,14 +5,18 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
 #include "flashfs/flashfs.h"
 #include "sim/chassis.h"
-#include "tests/support/output_capture.h"
+#include "sim/power.h"
 #include "tests/support/ram_flash.h"
+#include "volume/files.h"
 #include "volume/volume.h"
 
 namespace test_support {

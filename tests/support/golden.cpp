@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <sstream>
+#include <sstream>  // IWYU pragma: keep
 
 #ifdef ZANTROLUME_COVERAGE
 extern "C" void __gcov_dump();

@@ -5,6 +5,8 @@
 #include <cassert>
 #include <cstring>
 
+#include "flashfs/flash_driver.h"
+
 namespace test_support {
 
 namespace {

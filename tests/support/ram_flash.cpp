@@ -1,6 +1,8 @@
 // The driver calls over a NOR flash in memory, their checks and their planned failures.
 #include "tests/support/ram_flash.h"
 
+#include <memory>
+
 namespace test_support {
 
 namespace {

@@ -2,11 +2,13 @@
 // that need small or odd devices, failing calls or power cuts at single words.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "flashfs/flash_driver.h"
 #include "sim/flash.h"
+#include "sim/power.h"
 
 namespace test_support {
 

@@ -1,6 +1,7 @@
 // Reading the texts of recipes.
 #include "tests/support/recipe_text.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>

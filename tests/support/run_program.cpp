@@ -8,12 +8,15 @@
 
 #include <cerrno>
 #include <chrono>
+#include <compare>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 #include <iterator>
 #include <system_error>
+#include <type_traits>
 
 namespace test_support {
 

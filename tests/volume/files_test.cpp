@@ -5,10 +5,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <memory>
 #include <utility>
 
-#include "flashfs/io.h"
+#include "flashfs/check_flags.h"
+#include "flashfs/flash_driver.h"
+#include "sim/flash.h"
+#include "tests/support/ram_flash.h"
 #include "tests/volume/volume_fixture.h"
+#include "volume/volume.h"
 
 namespace volume_test {
 namespace {

@@ -5,6 +5,7 @@
 
 #include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/output_capture.h"
 #include "tests/support/ram_flash.h"
 #include "volume/volume.h"
 

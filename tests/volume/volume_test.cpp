@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "tests/support/flashfs_fixture.h"
+#include "tests/support/ram_flash.h"
 #include "tests/volume/volume_fixture.h"
 
 namespace volume_test {

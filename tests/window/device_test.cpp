@@ -11,6 +11,7 @@
 #include <fstream>
 #include <string>
 
+#include "flashfs/flash_driver.h"
 #include "tests/support/run_program.h"
 #include "window/clock.h"
 #include "window/window.h"

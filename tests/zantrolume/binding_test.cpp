@@ -1,9 +1,17 @@
 // The binding of the flash file system to the PowerPC flash.
 #include <gtest/gtest.h>
 
-#include "tests/support/flashfs_fixture.h"
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "flashfs/flashfs.h"
+#include "sim/chassis.h"
+#include "sim/counts.h"
 #include "tests/support/golden.h"
+#include "tests/support/ram_flash.h"
 #include "tests/zantrolume/selected_complex.h"
+#include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_flashfs.h"
 
 using test_support::run_isolated;

@@ -2,16 +2,22 @@
 // never gives: over a file system that notes its calls, behind a started switch.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <deque>
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "flashfs/io.h"
+#include "flashfs/flashfs.h"
 #include "tests/ifs/recording_fs.h"
-#include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
 #include "tests/zantrolume/console.h"
+#include "zantrolume/zantrolume_commands.h"
 
 using recording_fs::calls;
 using recording_fs::state;

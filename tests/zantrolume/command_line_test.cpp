@@ -1,19 +1,23 @@
 // The command line: words and codes, the usage text, and whole runs of the commands that need no
 // file system, over the simulated chassis.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "sim/chassis.h"
-#include "tests/support/flashfs_fixture.h"
+#include "sim/counts.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
 #include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
 #include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_main.h"
 

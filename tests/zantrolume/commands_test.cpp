@@ -3,12 +3,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
 #include "flashfs/flashfs.h"
 #include "flashfs/vector.h"
+#include "sim/flash.h"
+#include "tests/support/golden.h"
+#include "tests/support/image_builder.h"
 #include "tests/zantrolume/console.h"
+#include "tests/zantrolume/selected_complex.h"
+#include "zantrolume/zantrolume_commands.h"
 
 using zantrolume_test::console;
 using zantrolume_test::expect_session;

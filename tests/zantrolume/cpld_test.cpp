@@ -1,19 +1,27 @@
 // The CPLD flash driver over the simulated chassis: every register access, in its order and width,
 // and what it does to the flash.
+#include "sim/cpld.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "tests/support/flashfs_fixture.h"
+#include "flashfs/flash_driver.h"
+#include "sim/chassis.h"
+#include "sim/counts.h"
+#include "sim/flash.h"
 #include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
 #include "tests/zantrolume/selected_complex.h"
 #include "window/clock.h"
+#include "zantrolume/zantrolume_cpld.h"
 
 using test_support::output_of;
 using test_support::run_isolated;

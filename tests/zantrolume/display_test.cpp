@@ -3,14 +3,21 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "tests/support/flashfs_fixture.h"
+#include "flashfs/flashfs.h"
+#include "sim/chassis.h"
+#include "sim/counts.h"
+#include "sim/flash.h"
 #include "tests/support/golden.h"
+#include "tests/support/output_capture.h"
 #include "tests/zantrolume/selected_complex.h"
 #include "window/clock.h"
+#include "zantrolume/zantrolume_cpld.h"
 #include "zantrolume/zantrolume_display.h"
 
 using test_support::expect_golden;

@@ -1,7 +1,11 @@
 // Writing a raw image through the CPLD driver, whose count of words has 16 bits.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <string>
+
 #include "ifs/ifs.h"
+#include "sim/flash.h"
 #include "tests/support/golden.h"
 #include "tests/zantrolume/selected_complex.h"
 #include "zantrolume/zantrolume_commands.h"

@@ -1,10 +1,22 @@
 // Start-up of the file system and the maintenance commands, as sessions of whole commands.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <string>
+#include <vector>
 
+#include "flashfs/flashfs.h"
+#include "sim/chassis.h"
+#include "sim/counts.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
+#include "tests/support/golden.h"
+#include "tests/support/image_builder.h"
 #include "tests/zantrolume/console.h"
+#include "tests/zantrolume/selected_complex.h"
+#include "zantrolume/zantrolume_commands.h"
 
 using zantrolume_test::console;
 using zantrolume_test::expect_session;

@@ -4,12 +4,22 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
+#include "sim/chassis.h"
+#include "sim/counts.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/output_capture.h"
 #include "tests/zantrolume/selected_complex.h"
+#include "volume/volume.h"
+#include "zantrolume/zantrolume_cpld.h"
 
 namespace {
 
