@@ -159,8 +159,7 @@ int32_t flashfs_vctr_fioctl(int32_t fd, uint32_t command, void* argument) {
   if (fs == nullptr) {
     return flashfs_fail(EBADF);
   }
-  if (fs->ready == 0 || flashfs_is_raw(fs, open) ||
-      (argument == nullptr && command != flashfs_fioctl_verify)) {
+  if (!flashfs_is_usable(fs, open) || (argument == nullptr && command != flashfs_fioctl_verify)) {
     return flashfs_fail(EINVAL);
   }
   const flashfs_lock_guard lock(fs);

@@ -173,7 +173,7 @@ int32_t read_from_sector(flashfs* fs, const flashfs_sctr_list_ordered* entry, ui
 
 int32_t read_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* sector, void* buffer,
                   uint32_t length) {
-  if (fs->ready == 0) {
+  if (!flashfs_is_usable(fs, open)) {
     return flashfs_fail(EINVAL);
   }
   if (!is_regular_mode(open->file->mode)) {
@@ -280,7 +280,7 @@ int32_t flashfs_vctr_lseek(int32_t fd, int32_t offset, int32_t whence) {
     return flashfs_fail(EBADF);
   }
   const flashfs_lock_guard lock(fs);
-  if (flashfs_is_raw(fs, open) || fs->ready == 0) {
+  if (!flashfs_is_usable(fs, open)) {
     return flashfs_fail(EINVAL);
   }
   int64_t start = 0;

@@ -20,7 +20,7 @@ namespace {
 
 // 0, or the error of a listing that cannot be.
 int refusal_of_getdents(const flashfs* fs, const flashfs_open_file* open, uint32_t wanted) {
-  if (wanted == 0 || flashfs_is_raw(fs, open) || fs->ready == 0) {
+  if (wanted == 0 || !flashfs_is_usable(fs, open)) {
     return EINVAL;
   }
   if (!is_directory_mode(open->file->mode)) {
@@ -136,7 +136,7 @@ int32_t flashfs_vctr_fstat(int32_t fd, ppc_stat* status) {
   if (fs == nullptr) {
     return flashfs_fail(EBADF);
   }
-  if (fs->ready == 0 || flashfs_is_raw(fs, open)) {
+  if (!flashfs_is_usable(fs, open)) {
     return flashfs_fail(EINVAL);
   }
   const flashfs_lock_guard lock(fs);

@@ -49,6 +49,10 @@ bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open) {
   return open->file == &fs->raw_file_map;
 }
 
+bool flashfs_is_usable(const flashfs* fs, const flashfs_open_file* open) {
+  return fs->ready != 0 && !flashfs_is_raw(fs, open);
+}
+
 int flashfs_raw_prepare(flashfs* fs, uint32_t oflags) {
   if ((oflags & flashfs_opened_for_writing) == 0) {
     fs->ready = 0;

@@ -9,6 +9,9 @@
 #include "flashfs/operations.h"
 
 bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open);
+// Whether a descriptor can be used as a file's or directory's now: it is not the raw device's, and
+// the file system is ready.
+bool flashfs_is_usable(const flashfs* fs, const flashfs_open_file* open);
 // Erases the device for writing, or closes the file system to all others for reading. 1 on failure.
 [[nodiscard]] int flashfs_raw_prepare(flashfs* fs, uint32_t oflags);
 [[nodiscard]] int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer,

@@ -128,7 +128,7 @@ int32_t write_sectors(const write_request& request, list_place place) {
 // Moves the position to where the write begins: for an append, the file's end. 0, or -1 with errno,
 // and then the operation has ended.
 int32_t begin_write(flashfs* fs, flashfs_open_file* open, uint32_t length) {
-  if (fs->ready == 0) {
+  if (!flashfs_is_usable(fs, open)) {
     return flashfs_fail(EINVAL);
   }
   if ((open->oflags & ifs_open_write) == 0) {
