@@ -110,7 +110,7 @@ TEST_F(file_read, a_file_system_that_is_not_ready_is_invalid) {
 TEST_F(file_read, a_directory_is_refused_also_without_the_read_flag) {
   make();
   const int32_t fd = open("/");
-  char byte;
+  char byte = 0;
   EXPECT_EQ(error_of(read(fd, &byte, 1)), EISDIR);
   EXPECT_EQ(close(fd), 0);
   const int32_t unreadable = open("/", 0);
@@ -121,7 +121,7 @@ TEST_F(file_read, a_directory_is_refused_also_without_the_read_flag) {
 TEST_F(file_read, without_the_read_flag_the_descriptor_is_bad) {
   make();
   const int32_t fd = open("a", ifs_open_write | ifs_open_create);
-  char byte;
+  char byte = 0;
   EXPECT_EQ(error_of(read(fd, &byte, 1)), EBADF);
   EXPECT_EQ(close(fd), 0);
 }

@@ -314,7 +314,7 @@ class deep_nesting : public recipe_fixture {
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, std::max<size_t>(128 * 1024, PTHREAD_STACK_MIN));
     check_call call = {this, flags, "no thread"};
-    pthread_t thread;
+    pthread_t thread{};
     if (pthread_create(&thread, &attributes, run_check, &call) == 0) {
       pthread_join(thread, nullptr);
     }

@@ -57,7 +57,7 @@ class file_write : public operations_fixture {
   uint32_t fill(const std::string& name) {
     const int32_t fd = open(name, open_new);
     uint32_t size = 0;
-    int32_t written;
+    int32_t written = 0;
     while ((written = write(fd, std::string(2048, 'f'))) > 0) {
       size += static_cast<uint32_t>(written);
     }
@@ -99,8 +99,8 @@ TEST_F(file_write, overwriting_replaces_just_the_bytes_written) {
       const std::string text =
           pattern(static_cast<size_t>(size), static_cast<uint32_t>(offset) + 3);
       ASSERT_EQ(write_at("a", offset, text), size) << offset << " " << size;
-      if (expected.size() < static_cast<size_t>(offset + size)) {
-        expected.resize(static_cast<size_t>(offset + size));
+      if (expected.size() < static_cast<size_t>(offset) + static_cast<size_t>(size)) {
+        expected.resize(static_cast<size_t>(offset) + static_cast<size_t>(size));
       }
       expected.replace(static_cast<size_t>(offset), text.size(), text);
       ASSERT_TRUE(get("a") == expected) << offset << " " << size;
