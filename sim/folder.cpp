@@ -21,6 +21,10 @@
 #include <system_error>
 #include <vector>
 
+#include "sim/counts.h"
+#include "sim/cpld.h"
+#include "sim/flash.h"
+
 namespace sim {
 
 namespace {
