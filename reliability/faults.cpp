@@ -6,6 +6,8 @@
 #include <optional>
 
 #include "flashfs/io.h"
+#include "reliability/judge.h"
+#include "reliability/left_flash.h"
 
 namespace reliability {
 
@@ -176,7 +178,7 @@ class fault_run {
       return explained(outcome::check_refuses, flags) ? "" : " the next mount fails;";
     }
     std::string wrong;
-    for (const outcome kind : judge(each_.what, rig_.walk(), before_, after_)) {
+    for (const outcome kind : judge_tree(each_.what, rig_.walk(), {before_, after_})) {
       if (flags == flashfs_check_quick && unfinished && kind == outcome::touched_dropped) {
         counts_.dropped++;
       } else if (!explained(kind, flags)) {

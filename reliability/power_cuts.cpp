@@ -3,39 +3,17 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_map>
 #include <unordered_set>
+
+#include "reliability/left_flash.h"
+#include "reliability/use.h"
 
 namespace reliability {
 
 namespace {
 
-constexpr const char* lost_and_found = "lost+found";
 constexpr size_t max_samples = 40;
-
-bool is_touched(const operation& what, const std::string& path) {
-  return std::any_of(what.touched.begin(), what.touched.end(), [&](const std::string& touched) {
-    return path == touched || path.rfind(touched + "/", 0) == 0;
-  });
-}
-
-std::string sector_of(const std::string& content, size_t index) {
-  const size_t start = index * sector_data_size;
-  return start < content.size() ? content.substr(start, sector_data_size) : "";
-}
-
-// Whether each sector is the old one, the new one, or a reserved one that became zeros.
-bool is_mixture(const std::string& content, const std::string& before, const std::string& after) {
-  if (content.rfind("<errno", 0) == 0) {
-    return false;
-  }
-  for (size_t i = 0; i * sector_data_size < content.size(); i++) {
-    const std::string sector = sector_of(content, i);
-    if (sector != sector_of(before, i) && sector != sector_of(after, i)) {
-      return false;
-    }
-  }
-  return true;
-}
 
 constexpr sim::cut_kind cut_kinds[] = {sim::cut_kind::before, sim::cut_kind::during,
                                        sim::cut_kind::during_noise};
@@ -45,106 +23,6 @@ const char* cut_kind_name(sim::cut_kind kind) {
   return kind == sim::cut_kind::before   ? "before"
          : kind == sim::cut_kind::during ? "during"
                                          : "during_noise";
-}
-
-struct states {
-  tree before;
-  tree after;
-};
-
-const tree_node* find(const tree& nodes, const std::string& path) {
-  const auto found = nodes.find(path);
-  return found == nodes.end() ? nullptr : &found->second;
-}
-
-bool same_attributes(const tree_node& node, const tree_node* other) {
-  return other != nullptr && node.mode == other->mode && node.date == other->date;
-}
-
-void judge_touched(const tree& now, const states& expected, const std::string& path,
-                   std::set<outcome>* found) {
-  const tree_node* before = find(expected.before, path);
-  const tree_node* after = find(expected.after, path);
-  const tree_node* node = find(now, path);
-  if (node == nullptr) {
-    if (before != nullptr && after != nullptr) {
-      found->insert(outcome::touched_lost);
-    }
-    return;
-  }
-  const std::string old_content = before != nullptr ? before->content : "";
-  const std::string new_content = after != nullptr ? after->content : "";
-  const size_t least = std::min(old_content.size(), new_content.size());
-  if (node->content.empty() && least != 0) {
-    found->insert(outcome::touched_dropped);
-  } else if (node->content.size() < least || !is_mixture(node->content, old_content, new_content) ||
-             !(same_attributes(*node, before) || same_attributes(*node, after))) {
-    found->insert(outcome::touched_torn);
-  }
-}
-
-std::multiset<std::string> touched_contents(const operation& what, const tree& nodes) {
-  std::multiset<std::string> contents;
-  for (const auto& [path, node] : nodes) {
-    if (is_touched(what, path) && is_regular_mode(node.mode)) {
-      contents.insert(node.content);
-    }
-  }
-  return contents;
-}
-
-std::set<std::string> touched_paths(const operation& what, const tree& nodes) {
-  std::set<std::string> paths;
-  for (const auto& [path, node] : nodes) {
-    if (is_touched(what, path)) {
-      paths.insert(path);
-    }
-  }
-  return paths;
-}
-
-// A file that moved must be whole in its old or its new place.
-void judge_moves(const operation& what, const tree& now, const states& expected,
-                 std::set<outcome>* found) {
-  if (touched_paths(what, expected.before) == touched_paths(what, expected.after)) {
-    return;
-  }
-  const std::multiset<std::string> after = touched_contents(what, expected.after);
-  const std::multiset<std::string> held = touched_contents(what, now);
-  for (const std::string& content : touched_contents(what, expected.before)) {
-    if (after.count(content) != 0 && held.count(content) == 0) {
-      found->insert(outcome::touched_lost);
-    }
-  }
-}
-
-std::set<outcome> judge_tree(const operation& what, const tree& now, const states& expected) {
-  std::set<outcome> found;
-  for (const auto& [path, node] : now) {
-    if (path == lost_and_found || path.rfind(std::string(lost_and_found) + "/", 0) == 0) {
-      if (!is_touched(what, lost_and_found)) {
-        found.insert(outcome::relinked);
-      }
-    } else if (is_touched(what, path)) {
-      judge_touched(now, expected, path, &found);
-    } else if (const tree_node* old = find(expected.before, path); old == nullptr) {
-      found.insert(outcome::stray_name);
-    } else if (!(*old == node) && !(is_directory_mode(node.mode) && old->mode == node.mode)) {
-      // A directory's own date moves with what happens in it.
-      found.insert(outcome::other_changed);
-    }
-  }
-  for (const auto& [path, node] : expected.before) {
-    if (find(now, path) == nullptr) {
-      if (!is_touched(what, path)) {
-        found.insert(outcome::other_changed);
-      } else {
-        judge_touched(now, expected, path, &found);
-      }
-    }
-  }
-  judge_moves(what, now, expected, &found);
-  return found;
 }
 
 // Plays one operation with cuts.
@@ -233,14 +111,16 @@ class cut_run {
     counts_.mutations = player_.mutations();
   }
 
-  cut_counts run(uint64_t stride, uint64_t second_stride) {
-    for (uint64_t n = 1; n <= counts_.mutations; n += stride) {
+  cut_counts run(const cut_plan& plan) {
+    plan_ = plan;
+    counts_.completed_quick = look_at_completed(flashfs_check_quick);
+    counts_.completed_full = look_at_completed(flashfs_check_full);
+    for (uint64_t n = 1; n <= counts_.mutations; n += plan.stride) {
       for_each_cut(
           n, [&](const planned_cut& planned) { player_.play(planned); },
           [&](const planned_cut& planned, const cut& first) {
-            const std::vector<uint8_t> left = player_.flash().snapshot();
-            if (seen_.insert(hash_of(left)).second) {
-              try_checks(left, {.planned = planned, .where = first}, second_stride);
+            if (is_new(&seen_)) {
+              try_checks({.planned = planned, .where = first});
             }
           });
     }
@@ -248,6 +128,14 @@ class cut_run {
   }
 
  private:
+  // What a check of a flash finds.
+  struct finding {
+    std::set<outcome> found;
+    uint64_t mutations = 0;  // of the check
+
+    bool operator==(const finding&) const = default;
+  };
+
   struct made_cut {
     planned_cut planned;
     cut where;
@@ -283,74 +171,190 @@ class cut_run {
            where == place::sector_invalidation || where == place::slot_deletion;
   }
 
-  void try_checks(const std::vector<uint8_t>& left, const made_cut& first, uint64_t second_stride) {
+  // Whether the flash has not stood like this before.
+  bool is_new(std::unordered_set<uint64_t>* seen) {
+    sim::nor_flash& flash = player_.flash().device().flash();
+    return seen->insert(hash_of(flash.bytes(), flash.size())).second;
+  }
+
+  // How the flash after the whole operation differs from memory, and what is wrong in its use.
+  std::string look_at_completed(uint32_t flags) {
+    rig& flash = player_.flash();
+    player_.play({0, sim::cut_kind::before});
+    const uint64_t room = room_of(flash);
+    flash.unmount();
+    if (flash.mount(flags) != 0) {
+      return "    the check refuses\n";
+    }
+    std::string wrong = difference_of_trees(flash.walk(), player_.expected().after, {});
+    if (room_of(flash) != room) {
+      wrong += "    room for " + std::to_string(room_of(flash)) + " sectors, not " +
+               std::to_string(room) + "\n";
+    }
+    return wrong + use_flash(flash).story;
+  }
+
+  // Sectors that are free.
+  static uint64_t room_of(rig& flash) {
+    const rig::capture quiet(flash);
+    ppc_statfs space = {};
+    return flash.files().statfs(&space) == 0 ? space.free_blocks : UINT64_MAX;
+  }
+
+  void try_checks(const made_cut& first) {
+    const std::vector<uint8_t> left = player_.flash().snapshot();
+    const uint64_t meaning = meaning_of(player_.flash().device());
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       counts_.cuts++;
-      const uint64_t mutations = try_check(left, flags, first, std::nullopt);
-      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
+      const finding& checked = look_at(left, meaning, flags);
+      record(checked.found, flags, first, std::nullopt);
+      for (uint64_t m = 1; plan_.second_stride != 0 && m <= checked.mutations;
+           m += plan_.second_stride) {
         for_each_cut(
             m, [&](const planned_cut& planned) { player_.play_check(left, flags, planned); },
             [&](const planned_cut& planned, const cut& second) {
-              const std::vector<uint8_t> second_left = player_.flash().snapshot();
-              if (seen_second_.insert(hash_of(second_left)).second) {
-                counts_.second_cuts += 2;
-                for (const uint32_t last_flags : {flashfs_check_quick, flashfs_check_full}) {
-                  try_check(second_left, last_flags, first, made_cut{planned, second, flags});
-                }
+              if (is_new(&seen_second_)) {
+                try_last_checks(first, {planned, second, flags});
               }
             });
       }
     }
   }
 
-  // Mounts what a cut left, judges it and mounts once more. Returns the mutations of the check.
-  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const made_cut& first,
-                     const std::optional<made_cut>& second) {
-    rig& flash = player_.flash();
-    flash.restore(left);
-    flash.supply().restore();
-    const int32_t result = flash.mount(flags);
-    const uint64_t mutations = flash.supply().mutations();
-    std::set<outcome> found;
-    if (result != 0) {
-      found.insert(outcome::check_refuses);
-    } else {
-      found = judge_tree(what_, flash.walk(), player_.expected());
-      flash.unmount();
-      const std::vector<uint8_t> settled = flash.snapshot();
-      if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
-        found.insert(outcome::not_settled);
-      }
+  void try_last_checks(const made_cut& first, const made_cut& second) {
+    counts_.second_cuts += 2;
+    const std::vector<uint8_t> left = player_.flash().snapshot();
+    const uint64_t meaning = meaning_of(player_.flash().device());
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
+      record(look_at(left, meaning, flags).found, flags, first, second);
     }
-    record(found, flags == flashfs_check_quick, first, second);
-    return mutations;
   }
 
-  void record(const std::set<outcome>& found, bool quick, const made_cut& first,
+  // What a check finds of a flash. Flashes that differ only in what is obsolete are the same to it;
+  // one in a few of them is looked at all the same, and what is found must be, too.
+  const finding& look_at(const std::vector<uint8_t>& left, uint64_t meaning, uint32_t flags) {
+    constexpr uint64_t looked_at_again = 16;
+    auto& known = flags == flashfs_check_quick ? known_quick_ : known_full_;
+    const auto [place, is_new] = known.try_emplace(meaning);
+    if (is_new) {
+      place->second = mount_and_judge(left, flags);
+    } else if (++looked_up_ % looked_at_again == 0 &&
+               mount_and_judge(left, flags) != place->second) {
+      note_unexplained("'" + what_.name + "': a check depends on what is obsolete");
+    }
+    return place->second;
+  }
+
+  // Mounts what a cut left, judges it, mounts once more and uses it.
+  finding mount_and_judge(const std::vector<uint8_t>& left, uint32_t flags) {
+    rig& flash = player_.flash();
+    flash.restore(left);
+    const std::set<std::string> whole = files_that_stand_whole();
+    flash.supply().restore();
+    finding result;
+    const int32_t failure = flash.mount(flags);
+    result.mutations = flash.supply().mutations();
+    if (failure != 0) {
+      result.found.insert(outcome::check_refuses);
+      return result;
+    }
+    const tree now = flash.walk();
+    result.found = judge_tree(what_, now, player_.expected());
+    if (std::any_of(whole.begin(), whole.end(), [&](const std::string& path) {
+          const auto found = now.find(path);
+          return found == now.end() || found->second != player_.expected().before.at(path);
+        })) {
+      result.found.insert(outcome::lost_though_whole);
+    }
+    flash.unmount();
+    const std::vector<uint8_t> settled = flash.snapshot();
+    if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
+      result.found.insert(outcome::not_settled);
+    }
+    result.found.merge(use());
+    return result;
+  }
+
+  // Of an image that is written: what its part on flash holds whole.
+  std::set<std::string> files_that_stand_whole() {
+    std::set<std::string> whole;
+    if (what_.own_causes.count(cause::image_incomplete) != 0) {
+      for (const auto& [path, node] : player_.expected().before) {
+        if (is_regular_mode(node.mode) &&
+            stands_whole(player_.flash().device(), path, node.content)) {
+          whole.insert(path);
+        }
+      }
+    }
+    return whole;
+  }
+
+  // Uses the mounted flash, unless one that means the same has been used, and tells what came of
+  // it.
+  std::set<outcome> use() {
+    rig& flash = player_.flash();
+    if (plan_.use_stride == 0 || flash.fs()->ready == 0) {
+      return {};
+    }
+    const auto [place, is_new] = known_uses_.try_emplace(meaning_of(flash.device()));
+    if (is_new && known_uses_.size() % plan_.use_stride == 0) {
+      const use_result used = use_flash(flash);
+      counts_.used++;
+      counts_.short_of_room += used.short_of_room ? 1 : 0;
+      counts_.reclaimed += used.reclaimed ? 1 : 0;
+      if (used.fails) {
+        place->second.insert(outcome::fails_in_use);
+      }
+      if (used.differs) {
+        place->second.insert(outcome::differs_in_use);
+      }
+    }
+    return place->second;
+  }
+
+  void record(const std::set<outcome>& found, uint32_t flags, const made_cut& first,
               const std::optional<made_cut>& second) {
+    const bool quick = flags == flashfs_check_quick;
     counts_.clean += found.empty() ? 1 : 0;
     std::string unexplained;
+    std::optional<cause> reason;  // of what was found before the flash was used
     for (const outcome kind : found) {
       (quick ? counts_.quick : counts_.full)[kind]++;
-      const std::optional<cause> why = explain(
-          kind, {quick, second && second->check_flags == flashfs_check_quick}, what_.own_causes,
-          first.where, second ? std::optional(second->where) : std::nullopt);
+      const std::optional<cause> why =
+          is_of_use(kind) && reason ? reason : cause_of(kind, quick, first, second);
+      reason = reason ? reason : why;
+      exception_counts& counts = counts_.exceptions[{why, second.has_value(), quick, kind}];
+      counts.count++;
+      counts.window.insert(first.planned.mutation);
+      if (second) {
+        counts.second_window.insert(second->planned.mutation);
+      }
       if (!why) {
         unexplained += std::string(" ") + outcome_name(kind);
         continue;
       }
-      cause_counts& counts = counts_.causes[*why];
-      (quick ? counts.quick : counts.full)[kind]++;
+      cause_counts& by_cause = counts_.causes[*why];
+      (quick ? by_cause.quick : by_cause.full)[kind]++;
       if (!second) {
-        counts.window.insert(first.planned.mutation);
+        by_cause.window.insert(first.planned.mutation);
       }
     }
     if (!unexplained.empty()) {
-      counts_.unexplained++;
-      if (counts_.unexplained_samples.size() < max_samples) {
-        counts_.unexplained_samples.push_back(arguments_of(quick, first, second) + ":" +
-                                              unexplained);
-      }
+      note_unexplained(arguments_of(quick, first, second) + ":" + unexplained);
+    }
+  }
+
+  std::optional<cause> cause_of(outcome kind, bool quick, const made_cut& first,
+                                const std::optional<made_cut>& second) {
+    return explain(kind, {quick, second && second->check_flags == flashfs_check_quick},
+                   what_.own_causes, first.where,
+                   second ? std::optional(second->where) : std::nullopt);
+  }
+
+  void note_unexplained(const std::string& sample) {
+    counts_.unexplained++;
+    if (counts_.unexplained_samples.size() < max_samples) {
+      counts_.unexplained_samples.push_back(sample);
     }
   }
 
@@ -369,7 +373,12 @@ class cut_run {
 
   const operation& what_;
   cut_player player_;
+  cut_plan plan_;
   cut_counts counts_;
+  std::unordered_map<uint64_t, finding> known_quick_;
+  std::unordered_map<uint64_t, finding> known_full_;
+  std::unordered_map<uint64_t, std::set<outcome>> known_uses_;
+  uint64_t looked_up_ = 0;
   std::unordered_set<uint64_t> seen_;
   std::unordered_set<uint64_t> seen_second_;
 };
@@ -381,6 +390,14 @@ std::string listing(const tree& nodes) {
             std::to_string(node.content.size()) + " bytes\n";
   }
   return text;
+}
+
+std::string story_of_use(rig& flash, uint32_t check_flags) {
+  flash.mount(check_flags);
+  const use_result used = use_flash(flash);
+  return "used: " + std::string(used.is_sound() ? "sound" : "not sound") +
+         (used.short_of_room ? ", short of room" : "") + (used.reclaimed ? ", reclaimed" : "") +
+         "\n" + used.story;
 }
 
 }  // namespace
@@ -428,13 +445,8 @@ uint64_t count_mutations(const operation& what) {
   return cut_player(what).mutations();
 }
 
-std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
-                        const tree& after) {
-  return judge_tree(what, now, {before, after});
-}
-
-cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
-  return cut_run(what).run(stride, second_stride);
+cut_counts try_power_cuts(const operation& what, const cut_plan& plan) {
+  return cut_run(what).run(plan);
 }
 
 std::string play_power_cut(const operation& what, planned_cut first,
@@ -460,7 +472,7 @@ std::string play_power_cut(const operation& what, planned_cut first,
     }
     flash.unmount();
     if (flash.snapshot() == left) {
-      break;
+      return result == 0 ? text + story_of_use(flash, check_flags) : text;
     }
   }
   return text;
