@@ -19,15 +19,15 @@ struct sample_size {
   uint64_t cuts;         // about so many mutations of an operation
   uint64_t cuts_of_big;  // the same of one with more than most_mutations_on_target
   uint64_t second_stride;
-  uint64_t use_stride;
+  uses used;
   uint64_t calls;  // about so many driver calls
 };
 
 const sample_size& size_of(sample which) {
   static const sample_size sizes[] = {
-      {"all", UINT64_MAX, UINT64_MAX, 1, 1, UINT64_MAX},
-      {"suite", 150, 150, 11, 4, 100},
-      {"target", 24, 12, 197, 16, 10},
+      {"all", UINT64_MAX, UINT64_MAX, 1, uses::all, UINT64_MAX},
+      {"suite", 150, 150, 11, uses::after_one_cut, 100},
+      {"target", 24, 12, 197, uses::after_one_cut, 10},
   };
   return sizes[static_cast<size_t>(which)];
 }
@@ -106,7 +106,7 @@ cut_plan plan_of(sample which, uint64_t mutations) {
   const uint64_t cuts = mutations > most_mutations_on_target ? size.cuts_of_big : size.cuts;
   return {.stride = std::max<uint64_t>(1, mutations / cuts),
           .second_stride = size.second_stride,
-          .use_stride = size.use_stride};
+          .used = size.used};
 }
 
 uint64_t stride_of_faults(sample which, uint64_t calls) {

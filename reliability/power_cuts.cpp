@@ -206,7 +206,7 @@ class cut_run {
     const uint64_t meaning = meaning_of(player_.flash().device());
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       counts_.cuts++;
-      const finding& checked = look_at(left, meaning, flags);
+      const finding& checked = look_at(left, meaning, flags, false);
       record(checked.found, flags, first, std::nullopt);
       for (uint64_t m = 1; plan_.second_stride != 0 && m <= checked.mutations;
            m += plan_.second_stride) {
@@ -226,27 +226,29 @@ class cut_run {
     const std::vector<uint8_t> left = player_.flash().snapshot();
     const uint64_t meaning = meaning_of(player_.flash().device());
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
-      record(look_at(left, meaning, flags).found, flags, first, second);
+      record(look_at(left, meaning, flags, true).found, flags, first, second);
     }
   }
 
   // What a check finds of a flash. Flashes that differ only in what is obsolete are the same to it;
   // one in a few of them is looked at all the same, and what is found must be, too.
-  const finding& look_at(const std::vector<uint8_t>& left, uint64_t meaning, uint32_t flags) {
+  const finding& look_at(const std::vector<uint8_t>& left, uint64_t meaning, uint32_t flags,
+                         bool two_cuts) {
     constexpr uint64_t looked_at_again = 16;
-    auto& known = flags == flashfs_check_quick ? known_quick_ : known_full_;
+    auto& known = (flags == flashfs_check_quick ? known_quick_ : known_full_)[two_cuts ? 1 : 0];
+    const bool used = plan_.used == uses::all || (plan_.used == uses::after_one_cut && !two_cuts);
     const auto [place, is_new] = known.try_emplace(meaning);
     if (is_new) {
-      place->second = mount_and_judge(left, flags);
+      place->second = mount_and_judge(left, flags, used);
     } else if (++looked_up_ % looked_at_again == 0 &&
-               mount_and_judge(left, flags) != place->second) {
+               mount_and_judge(left, flags, used) != place->second) {
       note_unexplained("'" + what_.name + "': a check depends on what is obsolete");
     }
     return place->second;
   }
 
   // Mounts what a cut left, judges it, mounts once more and uses it.
-  finding mount_and_judge(const std::vector<uint8_t>& left, uint32_t flags) {
+  finding mount_and_judge(const std::vector<uint8_t>& left, uint32_t flags, bool used) {
     rig& flash = player_.flash();
     flash.restore(left);
     const std::set<std::string> whole = files_that_stand_whole();
@@ -271,7 +273,9 @@ class cut_run {
     if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
       result.found.insert(outcome::not_settled);
     }
-    result.found.merge(use());
+    if (used && flash.fs()->ready != 0) {
+      result.found.merge(use());
+    }
     return result;
   }
 
@@ -293,11 +297,8 @@ class cut_run {
   // it.
   std::set<outcome> use() {
     rig& flash = player_.flash();
-    if (plan_.use_stride == 0 || flash.fs()->ready == 0) {
-      return {};
-    }
     const auto [place, is_new] = known_uses_.try_emplace(meaning_of(flash.device()));
-    if (is_new && known_uses_.size() % plan_.use_stride == 0) {
+    if (is_new) {
       const use_result used = use_flash(flash);
       counts_.used++;
       counts_.short_of_room += used.short_of_room ? 1 : 0;
@@ -375,8 +376,9 @@ class cut_run {
   cut_player player_;
   cut_plan plan_;
   cut_counts counts_;
-  std::unordered_map<uint64_t, finding> known_quick_;
-  std::unordered_map<uint64_t, finding> known_full_;
+  // By meaning; after one cut and after two.
+  std::unordered_map<uint64_t, finding> known_quick_[2];
+  std::unordered_map<uint64_t, finding> known_full_[2];
   std::unordered_map<uint64_t, std::set<outcome>> known_uses_;
   uint64_t looked_up_ = 0;
   std::unordered_set<uint64_t> seen_;

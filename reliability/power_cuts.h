@@ -77,11 +77,14 @@ struct cut_counts {
   std::string completed_full;
 };
 
+// Which recovered flashes are worked on.
+enum class uses { none, after_one_cut, all };
+
 // Which cuts are tried.
 struct cut_plan {
   uint64_t stride = 1;         // every so manieth mutation of the operation (1: all)
   uint64_t second_stride = 1;  // and of either check that follows (0: none)
-  uint64_t use_stride = 1;     // every so manieth recovered flash is worked on (0: none)
+  uses used = uses::all;
 };
 
 std::vector<operation> power_cut_operations();
