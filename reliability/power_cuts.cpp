@@ -48,6 +48,10 @@ class cut_player {
   uint64_t mutations() const {
     return mutations_;
   }
+  // The first and the last mutation of each of its driver calls.
+  const std::set<uint64_t>& edges() const {
+    return edges_;
+  }
   const states& expected() const {
     return expected_;
   }
@@ -87,7 +91,10 @@ class cut_player {
   void cut_during(planned_cut planned, Act act) {
     const rig::capture quiet(rig_);
     if (planned.mutation == 0) {
+      edges_.clear();
+      rig_.device().note_edges(&edges_);
       act();
+      rig_.device().note_edges(nullptr);
       return;
     }
     const uint64_t seed = planned.mutation + (planned.variant << 32);
@@ -102,6 +109,7 @@ class cut_player {
   std::vector<uint8_t> start_;
   states expected_;
   uint64_t mutations_ = 0;
+  std::set<uint64_t> edges_;
 };
 
 // Tries an operation's cuts and counts what they leave.
@@ -115,7 +123,11 @@ class cut_run {
     plan_ = plan;
     counts_.completed_quick = look_at_completed(flashfs_check_quick);
     counts_.completed_full = look_at_completed(flashfs_check_full);
+    std::set<uint64_t> mutations = player_.edges();
     for (uint64_t n = 1; n <= counts_.mutations; n += plan.stride) {
+      mutations.insert(n);
+    }
+    for (const uint64_t n : mutations) {
       for_each_cut(
           n, [&](const planned_cut& planned) { player_.play(planned); },
           [&](const planned_cut& planned, const cut& first) {

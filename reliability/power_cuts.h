@@ -82,7 +82,9 @@ enum class uses { none, after_one_cut, all };
 
 // Which cuts are tried.
 struct cut_plan {
-  uint64_t stride = 1;         // every so manieth mutation of the operation (1: all)
+  // Every so manieth mutation of the operation (1: all), and the first and the last of each driver
+  // call: among them are the words that decide what a record is.
+  uint64_t stride = 1;
   uint64_t second_stride = 1;  // and of either check that follows (0: none)
   uses used = uses::all;
 };

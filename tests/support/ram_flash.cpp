@@ -123,6 +123,12 @@ flash_return_code ram_flash::refuse() {
   return flash_illegal_operation;
 }
 
+void ram_flash::note_edges_since(uint64_t mutations) {
+  if (edges_ != nullptr && supply().mutations() > mutations) {
+    edges_->insert({mutations + 1, supply().mutations()});
+  }
+}
+
 flash_return_code ram_flash::read(uint32_t offset, uint32_t length, void* buffer) {
   counts_.reads++;
   flash_return_code code;
@@ -155,6 +161,7 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
   if (sets_a_bit(wanted, held, length)) {
     return refuse();
   }
+  const uint64_t mutations = supply().mutations();
   for (uint32_t i = 0; i < length; i += 2) {
     i += length_of_same(wanted + i, held + i, length - i);
     if (i < length && (wanted[i] != held[i] || wanted[i + 1] != held[i + 1])) {
@@ -162,6 +169,7 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
       flash_.program16(offset + i, static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]));
     }
   }
+  note_edges_since(mutations);
   return flash_ok;
 }
 
@@ -173,7 +181,9 @@ flash_return_code ram_flash::erase(uint32_t offset) {
   }
   for (const flash_block_info& block : blocks_) {
     if (block.offset == offset) {
+      const uint64_t mutations = supply().mutations();
       flash_.erase(offset, block.size);
+      note_edges_since(mutations);
       return flash_ok;
     }
   }
