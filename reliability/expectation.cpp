@@ -139,7 +139,8 @@ tried try_sample(const fault_operation& each, sample which) {
   for (const auto& [how, count] : counts.endings) {
     row += std::string(separator) + ending_name(how) + " " + std::to_string(count);
   }
-  row += number_of(counts.dropped, "dropped") + number_of(counts.unexpected, "unexpected");
+  row += number_of(counts.dropped, "dropped") + number_of(counts.excused, "excused") +
+         number_of(counts.unexpected, "unexpected");
   return {{row}, counts.unexpected_samples};
 }
 

@@ -5,7 +5,7 @@
 //   OPERATION | tried | 61 mutations | 242 cuts | 322 second cuts | 486 clean | ...
 //   OPERATION | completed | quick check | as in memory
 //   OPERATION | CAUSE | cut or two cuts | quick check or full check | OUTCOME | COUNT | at
-//   MUTATIONS OPERATION | failing flash | 9 calls | 54 faults | marked down 54 | 0 dropped
+//   MUTATIONS OPERATION | failing flash | 9 calls | 54 faults | marked down 54 | 0 dropped | ...
 //
 // After two cuts the mutations are those of the operation, then those of the check that was cut.
 #pragma once

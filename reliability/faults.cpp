@@ -189,11 +189,13 @@ class fault_run {
   }
 
   // Whether a check may find this because the operation ended in its middle.
-  bool explained(outcome kind, uint32_t flags) const {
+  bool explained(outcome kind, uint32_t flags) {
     const std::set<cause>& own = each_.what.own_causes;
-    return std::any_of(own.begin(), own.end(), [&](cause why) {
+    const bool is_explained = std::any_of(own.begin(), own.end(), [&](cause why) {
       return outcomes_of(why, flags == flashfs_check_quick).count(kind) != 0;
     });
+    counts_.excused += is_explained ? 1 : 0;
+    return is_explained;
   }
 
   const fault_operation& each_;

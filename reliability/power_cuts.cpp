@@ -333,8 +333,9 @@ class cut_run {
     std::optional<cause> reason;  // of what was found before the flash was used
     for (const outcome kind : found) {
       (quick ? counts_.quick : counts_.full)[kind]++;
-      const std::optional<cause> why =
-          is_of_use(kind) && reason ? reason : cause_of(kind, quick, first, second);
+      std::optional<cause> why = cause_of(kind, quick, first, second);
+      // What was found amiss already may come to more when it is used.
+      why = !why && is_of_use(kind) ? reason : why;
       reason = reason ? reason : why;
       exception_counts& counts = counts_.exceptions[{why, second.has_value(), quick, kind}];
       counts.count++;
