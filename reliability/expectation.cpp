@@ -27,7 +27,7 @@ const sample_size& size_of(sample which) {
   static const sample_size sizes[] = {
       {"all", UINT64_MAX, UINT64_MAX, 1, uses::all, UINT64_MAX},
       {"suite", 150, 150, 11, uses::after_one_cut, 100},
-      {"target", 24, 12, 197, uses::after_one_cut, 10},
+      {"target", 48, 12, 197, uses::after_one_cut, 10},
   };
   return sizes[static_cast<size_t>(which)];
 }
