@@ -2,10 +2,14 @@
 #include "reliability/cut_causes.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
+#include "flashfs/big_endian.h"
+#include "flashfs/flash_driver.h"
 #include "flashfs/format.h"
 #include "reliability/left_flash.h"
+#include "sim/flash.h"
 
 namespace reliability {
 

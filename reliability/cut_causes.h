@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <optional>
 #include <set>
-#include <vector>
 
+#include "sim/power.h"
 #include "tests/support/ram_flash.h"
 
 namespace reliability {

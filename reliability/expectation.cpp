@@ -2,7 +2,14 @@
 #include "reliability/expectation.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <utility>
+
+#include "reliability/cut_causes.h"
 
 namespace reliability {
 

@@ -10,6 +10,7 @@
 // After two cuts the mutations are those of the operation, then those of the check that was cut.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 

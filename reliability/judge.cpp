@@ -2,7 +2,10 @@
 #include "reliability/judge.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <utility>
 
+#include "flashfs/format.h"
 #include "reliability/power_cuts.h"
 
 namespace reliability {

@@ -2,9 +2,12 @@
 #include "reliability/left_flash.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <vector>
 
+#include "flashfs/big_endian.h"
+#include "flashfs/flash_driver.h"
 #include "flashfs/format.h"
 
 namespace reliability {

@@ -1,6 +1,7 @@
 // What stands on a flash that a cut has left, read from its bytes alone: no check has been there.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 

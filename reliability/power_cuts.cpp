@@ -2,12 +2,22 @@
 #include "reliability/power_cuts.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
+#include "flashfs/format.h"
+#include "ifs/types.h"
+#include "reliability/judge.h"
 #include "reliability/left_flash.h"
 #include "reliability/use.h"
+#include "sim/flash.h"
+#include "volume/volume.h"
 
 namespace reliability {
 

@@ -2,18 +2,19 @@
 // follows. What each cut leaves is judged by what a user would find afterwards.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "reliability/cut_causes.h"
-#include "reliability/judge.h"
 #include "reliability/rig.h"
+#include "sim/power.h"
+#include "tests/support/ram_flash.h"
 
 namespace reliability {
 

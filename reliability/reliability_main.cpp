@@ -2,10 +2,16 @@
 // rows, or how these differ from the stored ones; or plays one cut again and tells what every mount
 // after it finds.
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
 #include "reliability/expectation.h"
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"

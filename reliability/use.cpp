@@ -2,6 +2,17 @@
 #include "reliability/use.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include "flashfs/check_flags.h"
+#include "flashfs/format.h"
+#include "ifs/ifs.h"
+#include "tests/support/ram_flash.h"
+#include "volume/volume.h"
 
 namespace reliability {
 
@@ -14,7 +25,7 @@ constexpr uint32_t new_seed = 77;
 constexpr int most_rewrites = 100;
 
 bool is_readable_file(const tree_node& node) {
-  return is_regular_mode(node.mode) && !node.content.empty() && node.content.rfind("<", 0) != 0;
+  return is_regular_mode(node.mode) && !node.content.empty() && node.content.front() != '<';
 }
 
 class user {
