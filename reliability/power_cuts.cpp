@@ -13,6 +13,7 @@
 #include "flashfs/flashfs.h"
 #include "flashfs/format.h"
 #include "ifs/types.h"
+#include "reliability/cut_player.h"
 #include "reliability/judge.h"
 #include "reliability/left_flash.h"
 #include "reliability/use.h"
@@ -27,100 +28,11 @@ constexpr size_t max_samples = 40;
 
 constexpr sim::cut_kind cut_kinds[] = {sim::cut_kind::before, sim::cut_kind::during,
                                        sim::cut_kind::during_noise};
-constexpr uint64_t variants_of_torn_words = 8;
-
 const char* cut_kind_name(sim::cut_kind kind) {
   return kind == sim::cut_kind::before   ? "before"
          : kind == sim::cut_kind::during ? "during"
                                          : "during_noise";
 }
-
-// Plays one operation with cuts.
-class cut_player {
- public:
-  explicit cut_player(const operation& what) : what_(what), rig_(what.blocks) {
-    rig_.restore({});
-    {
-      const rig::capture quiet(rig_);
-      what.prepare(rig_);
-    }
-    expected_.before = rig_.walk();
-    rig_.unmount();
-    if (what.damage) {
-      what.damage(rig_);
-    }
-    start_ = rig_.snapshot();
-    play({0, sim::cut_kind::before});
-    mutations_ = rig_.supply().mutations();
-    expected_.after = rig_.walk();
-  }
-
-  uint64_t mutations() const {
-    return mutations_;
-  }
-  // The first and the last mutation of each of its driver calls.
-  const std::set<uint64_t>& edges() const {
-    return edges_;
-  }
-  const states& expected() const {
-    return expected_;
-  }
-  rig& flash() {
-    return rig_;
-  }
-
-  // Runs the operation on the prepared flash with the power failing at one of its mutations (0: at
-  // none). After a cut the flash is unmounted and has its power back.
-  void play(planned_cut planned) {
-    rig_.restore(start_);
-    rig_.supply().restore();
-    if (what_.damage) {
-      rig_.register_only();
-    } else {
-      rig_.mount(flashfs_check_full);
-    }
-    rig_.supply().restore();
-    cut_during(planned, [&] { what_.act(rig_); });
-  }
-
-  // The same for the check of a flash.
-  void play_check(const std::vector<uint8_t>& contents, uint32_t flags, planned_cut planned) {
-    rig_.restore(contents);
-    rig_.register_only();
-    rig_.supply().restore();
-    cut_during(planned, [&] { rig_.check(flags); });
-  }
-
-  // Where the latest cut fell.
-  cut made(planned_cut planned) {
-    return look_at_cut(planned.mutation, planned.kind, rig_.device());
-  }
-
- private:
-  template <typename Act>
-  void cut_during(planned_cut planned, Act act) {
-    const rig::capture quiet(rig_);
-    if (planned.mutation == 0) {
-      edges_.clear();
-      rig_.device().note_edges(&edges_);
-      act();
-      rig_.device().note_edges(nullptr);
-      return;
-    }
-    const uint64_t seed = planned.mutation + (planned.variant << 32);
-    rig_.supply().cut_at(planned.mutation, planned.kind, seed);
-    act();
-    rig_.supply().restore();
-    rig_.unmount();
-  }
-
-  const operation& what_;
-  rig rig_;
-  std::vector<uint8_t> start_;
-  states expected_;
-  uint64_t mutations_ = 0;
-  std::set<uint64_t> edges_;
-};
 
 // Tries an operation's cuts and counts what they leave.
 class cut_run {
@@ -137,15 +49,7 @@ class cut_run {
     for (uint64_t n = 1; n <= counts_.mutations; n += plan.stride) {
       mutations.insert(n);
     }
-    for (const uint64_t n : mutations) {
-      for_each_cut(
-          n, [&](const planned_cut& planned) { player_.play(planned); },
-          [&](const planned_cut& planned, const cut& first) {
-            if (is_new(&seen_)) {
-              try_checks({.planned = planned, .where = first});
-            }
-          });
-    }
+    player_.try_cuts(mutations, &seen_, [&](const cut_flash& left) { try_checks(left); });
     return counts_;
   }
 
@@ -163,41 +67,6 @@ class cut_run {
     cut where;
     uint32_t check_flags = flashfs_check_quick;  // of the check that was cut
   };
-
-  // Plays every cut at one mutation: before it, in the middle of an erase in two ways, and in the
-  // middle of a word that decides what a record is in several.
-  template <typename Play, typename Use>
-  void for_each_cut(uint64_t mutation, Play play, Use use) {
-    place where = place::erase;
-    for (const sim::cut_kind kind : cut_kinds) {
-      if (kind == sim::cut_kind::during_noise && where != place::erase) {
-        continue;
-      }
-      const uint64_t variants =
-          kind == sim::cut_kind::during && decides(where) ? variants_of_torn_words : 1;
-      for (uint64_t variant = 0; variant < variants; variant++) {
-        const planned_cut planned = {mutation, kind, variant};
-        play(planned);
-        const cut made = player_.made(planned);
-        where = made.where;
-        // A word that came out whole is the same as a cut before it or before the next one.
-        if (kind == sim::cut_kind::before || made.torn) {
-          use(planned, made);
-        }
-      }
-    }
-  }
-
-  static bool decides(place where) {
-    return where == place::header_state || where == place::sector_claim ||
-           where == place::sector_invalidation || where == place::slot_deletion;
-  }
-
-  // Whether the flash has not stood like this before.
-  bool is_new(std::unordered_set<uint64_t>* seen) {
-    sim::nor_flash& flash = player_.flash().device().flash();
-    return seen->insert(hash_of(flash.bytes(), flash.size())).second;
-  }
 
   // How the flash after the whole operation differs from memory, and what is wrong in its use.
   std::string look_at_completed(uint32_t flags) {
@@ -223,33 +92,37 @@ class cut_run {
     return flash.files().statfs(&space) == 0 ? space.free_blocks : UINT64_MAX;
   }
 
-  void try_checks(const made_cut& first) {
-    const std::vector<uint8_t> left = player_.flash().snapshot();
-    const uint64_t meaning = meaning_of(player_.flash().device());
+  void try_checks(const cut_flash& left) {
+    const made_cut first = {left.planned, left.where};
+    const uint64_t meaning = meaning_of_contents(left.contents);
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       counts_.cuts++;
-      const finding& checked = look_at(left, meaning, flags, false);
+      const finding& checked = look_at(left.contents, meaning, flags, false);
       record(checked.found, flags, first, std::nullopt);
+      std::set<uint64_t> mutations;
       for (uint64_t m = 1; plan_.second_stride != 0 && m <= checked.mutations;
            m += plan_.second_stride) {
-        for_each_cut(
-            m, [&](const planned_cut& planned) { player_.play_check(left, flags, planned); },
-            [&](const planned_cut& planned, const cut& second) {
-              if (is_new(&seen_second_)) {
-                try_last_checks(first, {planned, second, flags});
-              }
-            });
+        mutations.insert(m);
       }
+      player_.try_cuts_of_check(
+          left.contents, flags, mutations, &seen_second_, [&](const cut_flash& second) {
+            try_last_checks(first, {second.planned, second.where, flags}, second.contents);
+          });
     }
   }
 
-  void try_last_checks(const made_cut& first, const made_cut& second) {
+  void try_last_checks(const made_cut& first, const made_cut& second,
+                       const std::vector<uint8_t>& left) {
     counts_.second_cuts += 2;
-    const std::vector<uint8_t> left = player_.flash().snapshot();
-    const uint64_t meaning = meaning_of(player_.flash().device());
+    const uint64_t meaning = meaning_of_contents(left);
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       record(look_at(left, meaning, flags, true).found, flags, first, second);
     }
+  }
+
+  uint64_t meaning_of_contents(const std::vector<uint8_t>& contents) {
+    player_.flash().restore(contents);
+    return meaning_of(player_.flash().device());
   }
 
   // What a check finds of a flash. Flashes that differ only in what is obsolete are the same to it;

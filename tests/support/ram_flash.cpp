@@ -166,7 +166,11 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
     i += length_of_same(wanted + i, held + i, length - i);
     if (i < length && (wanted[i] != held[i] || wanted[i + 1] != held[i + 1])) {
       counts_.words_programmed++;
-      flash_.program16(offset + i, static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]));
+      const auto word = static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]);
+      if (watcher_) {
+        watcher_({.is_erase = false, .offset = offset + i, .wanted = word});
+      }
+      flash_.program16(offset + i, word);
     }
   }
   note_edges_since(mutations);
@@ -182,6 +186,9 @@ flash_return_code ram_flash::erase(uint32_t offset) {
   for (const flash_block_info& block : blocks_) {
     if (block.offset == offset) {
       const uint64_t mutations = supply().mutations();
+      if (watcher_) {
+        watcher_({.is_erase = true, .offset = offset});
+      }
       flash_.erase(offset, block.size);
       note_edges_since(mutations);
       return flash_ok;

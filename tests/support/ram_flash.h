@@ -3,7 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "flashfs/flash_driver.h"
@@ -95,6 +97,11 @@ class ram_flash {
     edges_ = edges;
   }
 
+  // From now on this is told of every mutation just before it happens; empty: nobody is.
+  void watch(std::function<void(const sim::mutation&)> watcher) {
+    watcher_ = std::move(watcher);
+  }
+
   // The driver's operations.
   flash_return_code read(uint32_t offset, uint32_t length, void* buffer);
   flash_return_code write(uint32_t offset, uint32_t length, const void* buffer);
@@ -116,6 +123,7 @@ class ram_flash {
   const handle_record handle_;
   ram_flash_counts counts_;
   std::set<uint64_t>* edges_ = nullptr;
+  std::function<void(const sim::mutation&)> watcher_;
   uint64_t deviations_ = 0;
   flash_call fail_kind_ = flash_call::any;
   flash_call failed_kind_ = flash_call::any;
