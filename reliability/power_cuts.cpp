@@ -164,13 +164,7 @@ class cut_run {
       result.found.insert(outcome::lost_though_whole);
     }
     flash.unmount();
-    const std::vector<uint8_t> settled = flash.snapshot();
-    if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
-      result.found.insert(outcome::not_settled);
-    }
-    if (used && flash.fs()->ready != 0) {
-      result.found.merge(use());
-    }
+    result.found.merge(look_at_recovered(flags, used));
     return result;
   }
 
@@ -188,24 +182,45 @@ class cut_run {
     return whole;
   }
 
-  // Uses the mounted flash, unless one that means the same has been used, and tells what came of
-  // it.
-  std::set<outcome> use() {
+  // Checks the unmounted flash once more, which must change nothing, and uses it. One that means
+  // the same as another is not looked at again.
+  std::set<outcome> look_at_recovered(uint32_t flags, bool used) {
     rig& flash = player_.flash();
-    const auto [place, is_new] = known_uses_.try_emplace(meaning_of(flash.device()));
+    const uint64_t meaning = meaning_of(flash.device());
+    auto& known = flags == flashfs_check_quick ? known_settled_quick_ : known_settled_full_;
+    const auto [settled, is_new] = known.try_emplace(meaning, true);
     if (is_new) {
-      const use_result used = use_flash(flash);
-      counts_.used++;
-      counts_.short_of_room += used.short_of_room ? 1 : 0;
-      counts_.reclaimed += used.reclaimed ? 1 : 0;
-      if (used.fails) {
-        place->second.insert(outcome::fails_in_use);
-      }
-      if (used.differs) {
-        place->second.insert(outcome::differs_in_use);
-      }
+      const std::vector<uint8_t> before = flash.snapshot();
+      settled->second = flash.mount(flags) == 0 && flash.snapshot() == before;
+    }
+    std::set<outcome> found = used ? use(meaning, flags) : std::set<outcome>{};
+    if (!settled->second) {
+      found.insert(outcome::not_settled);
+    }
+    return found;
+  }
+
+  std::set<outcome> use(uint64_t meaning, uint32_t flags) {
+    const auto [place, is_new] = known_uses_.try_emplace(meaning);
+    rig& flash = player_.flash();
+    if (!is_new || (!is_mounted(flash) && flash.mount(flags) != 0)) {
+      return place->second;
+    }
+    const use_result used = use_flash(flash);
+    counts_.used++;
+    counts_.short_of_room += used.short_of_room ? 1 : 0;
+    counts_.reclaimed += used.reclaimed ? 1 : 0;
+    if (used.fails) {
+      place->second.insert(outcome::fails_in_use);
+    }
+    if (used.differs) {
+      place->second.insert(outcome::differs_in_use);
     }
     return place->second;
+  }
+
+  static bool is_mounted(rig& flash) {
+    return flash.fs() != nullptr && flash.fs()->ready != 0;
   }
 
   void record(const std::set<outcome>& found, uint32_t flags, const made_cut& first,
@@ -275,6 +290,9 @@ class cut_run {
   // By meaning; after one cut and after two.
   std::unordered_map<uint64_t, finding> known_quick_[2];
   std::unordered_map<uint64_t, finding> known_full_[2];
+  // By the meaning of what was recovered.
+  std::unordered_map<uint64_t, bool> known_settled_quick_;
+  std::unordered_map<uint64_t, bool> known_settled_full_;
   std::unordered_map<uint64_t, std::set<outcome>> known_uses_;
   uint64_t looked_up_ = 0;
   std::unordered_set<uint64_t> seen_;
