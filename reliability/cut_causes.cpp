@@ -2,9 +2,14 @@
 #include "reliability/cut_causes.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <vector>
 
+#include "flashfs/big_endian.h"
+#include "flashfs/flash_driver.h"
 #include "flashfs/format.h"
+#include "reliability/left_flash.h"
+#include "sim/flash.h"
 
 namespace reliability {
 
@@ -74,14 +79,15 @@ const std::vector<cause_facts>& all_causes() {
        .places = {place::slot},
        .torn_only = false,
        .reach = scope::any_operation,
-       .quick = {outcome::other_changed},
+       .quick = {outcome::other_changed, outcome::fails_in_use, outcome::differs_in_use},
        .full = {}},
       {.why = cause::half_written_slot,
        .name = "half-written slot",
        .places = {place::slot},
        .torn_only = false,
        .reach = scope::any_operation,
-       .quick = {outcome::check_refuses, outcome::stray_name, outcome::touched_lost},
+       .quick = {outcome::check_refuses, outcome::stray_name, outcome::touched_lost,
+                 outcome::fails_in_use, outcome::differs_in_use},
        .full = {}},
       {.why = cause::torn_deletion,
        .name = "torn deletion",
@@ -179,6 +185,9 @@ bool falls_in(const cut& each, const cause_facts& facts) {
   if (facts.why == cause::checksum_by_chance && !each.checksum_holds) {
     return false;
   }
+  if (facts.why == cause::no_spare && !each.only_committed) {
+    return false;
+  }
   // Once the first word of the repair stands, the damage is not there any more.
   if (facts.why == cause::damage_not_seen && each.mutation != 1) {
     return false;
@@ -200,6 +209,17 @@ bool applies(const cause_facts& facts, const std::set<cause>& own, const cut& fi
   // One file is named twice by two half-written slots.
   return facts.why == cause::number_handed_out_again ? in_first && in_second
                                                      : in_first || in_second;
+}
+
+// What a cause does to touched files, it does to those that stood whole in an image, too; only that
+// the image is incomplete is no reason to lose them.
+bool has_outcome(const cause_facts& facts, const outcomes& of_check, outcome kind) {
+  if (kind != outcome::lost_though_whole) {
+    return of_check.count(kind) != 0;
+  }
+  return facts.why != cause::image_incomplete && (of_check.count(outcome::touched_lost) != 0 ||
+                                                  of_check.count(outcome::touched_torn) != 0 ||
+                                                  of_check.count(outcome::touched_dropped) != 0);
 }
 
 constexpr uint32_t state_word = 12;  // offset of a header's state
@@ -241,6 +261,12 @@ const char* outcome_name(outcome kind) {
       return "relinked";
     case outcome::not_settled:
       return "not settled";
+    case outcome::lost_though_whole:
+      return "lost though whole";
+    case outcome::fails_in_use:
+      return "fails in use";
+    case outcome::differs_in_use:
+      return "differs in use";
   }
   return "";
 }
@@ -248,7 +274,10 @@ const char* outcome_name(outcome kind) {
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device) {
   const sim::mutation& last = device.flash().last_mutation();
   const bool during = kind != sim::cut_kind::before;
-  cut made = {mutation, place::erase, during, 0, false, has_unfinished_sector(device), false};
+  cut made = {mutation, place::erase,
+              during,   0,
+              false,    has_unfinished_sector(device),
+              false,    has_only_committed_copy(device)};
   if (last.is_erase) {
     return made;
   }
@@ -276,25 +305,12 @@ cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& 
   return made;
 }
 
-bool has_unfinished_sector(test_support::ram_flash& device) {
-  for (const flash_block_info& block : device.blocks()) {
-    const uint8_t* bytes = device.bytes() + block.offset;
-    if (blkheader_state(reinterpret_cast<const flashfs_blkheader*>(bytes)) != block_in_use) {
-      continue;
-    }
-    for (uint32_t at = sizeof(flashfs_blkheader); at + sizeof(flashfs_sector) <= block.size;
-         at += sizeof(flashfs_sector)) {
-      const auto* sector = reinterpret_cast<const flashfs_sector*>(bytes + at);
-      if (is_file_sector(sector->fileid) && sector->checksum == 0xFFFF) {
-        return true;
-      }
-    }
-  }
-  return false;
-}
-
 const char* cause_name(cause why) {
   return facts_of(why).name;
+}
+
+bool is_of_use(outcome kind) {
+  return kind == outcome::fails_in_use || kind == outcome::differs_in_use;
 }
 
 const std::set<outcome>& outcomes_of(cause why, bool quick) {
@@ -308,7 +324,8 @@ std::optional<cause> explain(outcome kind, checks_run checks, const std::set<cau
                      kind != outcome::touched_lost && kind != outcome::not_settled;
   const bool quick = checks.quick_last || (checks.quick_cut && lasts);
   for (const cause_facts& facts : all_causes()) {
-    if (applies(facts, own, first, second) && (quick ? facts.quick : facts.full).count(kind) != 0) {
+    if (applies(facts, own, first, second) &&
+        has_outcome(facts, quick ? facts.quick : facts.full, kind)) {
       return facts.why;
     }
   }

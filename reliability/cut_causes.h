@@ -6,22 +6,25 @@
 #include <cstdint>
 #include <optional>
 #include <set>
-#include <vector>
 
+#include "sim/power.h"
 #include "tests/support/ram_flash.h"
 
 namespace reliability {
 
 // What a cut can leave that is neither the old nor the new state.
 enum class outcome {
-  check_refuses,    // the check fails: nothing is mounted
-  other_changed,    // something that the operation does not touch is gone or different
-  stray_name,       // an entry that nobody made
-  touched_lost,     // a touched file is in neither its old nor its new place
-  touched_torn,     // its content is no mixture of old and new sectors
-  touched_dropped,  // it has its name but has lost its content
-  relinked,         // something stands in /lost+found
-  not_settled,      // a further check still changes the flash
+  check_refuses,      // the check fails: nothing is mounted
+  other_changed,      // something that the operation does not touch is gone or different
+  stray_name,         // an entry that nobody made
+  touched_lost,       // a touched file is in neither its old nor its new place
+  touched_torn,       // its content is no mixture of old and new sectors
+  touched_dropped,    // it has its name but has lost its content
+  relinked,           // something stands in /lost+found
+  not_settled,        // a further check still changes the flash
+  lost_though_whole,  // a file stood whole on flash and is not there: for images that are written
+  fails_in_use,       // what was recovered cannot be worked on
+  differs_in_use,     // what was recovered and worked on is not what a check finds then
 };
 const char* outcome_name(outcome kind);
 
@@ -46,13 +49,11 @@ struct cut {
   bool checksum_holds;  // of the sector around it, by chance if it is torn
   bool unfinished;      // a data sector of a block in use has no checksum yet
   bool of_root;         // the slot around it names the root
+  bool only_committed;  // a reclamation is left between its copy and its next spare
 };
 
 // Where the latest mutation of the device, at which the power was cut, falls.
 cut look_at_cut(uint64_t mutation, sim::cut_kind kind, test_support::ram_flash& device);
-
-// Whether a data sector of a block in use has no checksum yet.
-bool has_unfinished_sector(test_support::ram_flash& device);
 
 enum class cause {
   half_written_slot,
@@ -73,6 +74,9 @@ enum class cause {
   image_incomplete,
 };
 const char* cause_name(cause why);
+
+// Whether what comes out of using a recovered flash.
+bool is_of_use(outcome kind);
 
 // The outcomes that a cause has under a check.
 const std::set<outcome>& outcomes_of(cause why, bool quick);

@@ -91,7 +91,8 @@ TEST_P(cut_windows, are_where_the_document_says) {
     if (each.name != expected.operation || reliability::count_mutations(each) > most_mutations) {
       continue;
     }
-    const reliability::cut_counts counts = reliability::try_power_cuts(each, 1, 0);
+    const reliability::cut_counts counts =
+        reliability::try_power_cuts(each, {.second_stride = 0, .used = reliability::uses::none});
     ASSERT_EQ(counts.causes.count(expected.why), 1U);
     const reliability::cause_counts& found = counts.causes.at(expected.why);
     EXPECT_EQ(reliability::ranges_text(found.window), expected.mutations);

@@ -6,6 +6,8 @@
 #include <optional>
 
 #include "flashfs/io.h"
+#include "reliability/judge.h"
+#include "reliability/left_flash.h"
 
 namespace reliability {
 
@@ -176,7 +178,7 @@ class fault_run {
       return explained(outcome::check_refuses, flags) ? "" : " the next mount fails;";
     }
     std::string wrong;
-    for (const outcome kind : judge(each_.what, rig_.walk(), before_, after_)) {
+    for (const outcome kind : judge_tree(each_.what, rig_.walk(), {before_, after_})) {
       if (flags == flashfs_check_quick && unfinished && kind == outcome::touched_dropped) {
         counts_.dropped++;
       } else if (!explained(kind, flags)) {
@@ -187,11 +189,13 @@ class fault_run {
   }
 
   // Whether a check may find this because the operation ended in its middle.
-  bool explained(outcome kind, uint32_t flags) const {
+  bool explained(outcome kind, uint32_t flags) {
     const std::set<cause>& own = each_.what.own_causes;
-    return std::any_of(own.begin(), own.end(), [&](cause why) {
+    const bool is_explained = std::any_of(own.begin(), own.end(), [&](cause why) {
       return outcomes_of(why, flags == flashfs_check_quick).count(kind) != 0;
     });
+    counts_.excused += is_explained ? 1 : 0;
+    return is_explained;
   }
 
   const fault_operation& each_;

@@ -2,229 +2,37 @@
 #include "reliability/power_cuts.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <unordered_map>
 #include <unordered_set>
+#include <utility>
+
+#include "flashfs/check_flags.h"
+#include "flashfs/flashfs.h"
+#include "flashfs/format.h"
+#include "ifs/types.h"
+#include "reliability/cut_player.h"
+#include "reliability/judge.h"
+#include "reliability/left_flash.h"
+#include "reliability/use.h"
+#include "sim/flash.h"
+#include "volume/volume.h"
 
 namespace reliability {
 
 namespace {
 
-constexpr const char* lost_and_found = "lost+found";
 constexpr size_t max_samples = 40;
-
-bool is_touched(const operation& what, const std::string& path) {
-  return std::any_of(what.touched.begin(), what.touched.end(), [&](const std::string& touched) {
-    return path == touched || path.rfind(touched + "/", 0) == 0;
-  });
-}
-
-std::string sector_of(const std::string& content, size_t index) {
-  const size_t start = index * sector_data_size;
-  return start < content.size() ? content.substr(start, sector_data_size) : "";
-}
-
-// Whether each sector is the old one, the new one, or a reserved one that became zeros.
-bool is_mixture(const std::string& content, const std::string& before, const std::string& after) {
-  if (content.rfind("<errno", 0) == 0) {
-    return false;
-  }
-  for (size_t i = 0; i * sector_data_size < content.size(); i++) {
-    const std::string sector = sector_of(content, i);
-    if (sector != sector_of(before, i) && sector != sector_of(after, i)) {
-      return false;
-    }
-  }
-  return true;
-}
 
 constexpr sim::cut_kind cut_kinds[] = {sim::cut_kind::before, sim::cut_kind::during,
                                        sim::cut_kind::during_noise};
-constexpr uint64_t variants_of_torn_words = 8;
-
 const char* cut_kind_name(sim::cut_kind kind) {
   return kind == sim::cut_kind::before   ? "before"
          : kind == sim::cut_kind::during ? "during"
                                          : "during_noise";
 }
-
-struct states {
-  tree before;
-  tree after;
-};
-
-const tree_node* find(const tree& nodes, const std::string& path) {
-  const auto found = nodes.find(path);
-  return found == nodes.end() ? nullptr : &found->second;
-}
-
-bool same_attributes(const tree_node& node, const tree_node* other) {
-  return other != nullptr && node.mode == other->mode && node.date == other->date;
-}
-
-void judge_touched(const tree& now, const states& expected, const std::string& path,
-                   std::set<outcome>* found) {
-  const tree_node* before = find(expected.before, path);
-  const tree_node* after = find(expected.after, path);
-  const tree_node* node = find(now, path);
-  if (node == nullptr) {
-    if (before != nullptr && after != nullptr) {
-      found->insert(outcome::touched_lost);
-    }
-    return;
-  }
-  const std::string old_content = before != nullptr ? before->content : "";
-  const std::string new_content = after != nullptr ? after->content : "";
-  const size_t least = std::min(old_content.size(), new_content.size());
-  if (node->content.empty() && least != 0) {
-    found->insert(outcome::touched_dropped);
-  } else if (node->content.size() < least || !is_mixture(node->content, old_content, new_content) ||
-             !(same_attributes(*node, before) || same_attributes(*node, after))) {
-    found->insert(outcome::touched_torn);
-  }
-}
-
-std::multiset<std::string> touched_contents(const operation& what, const tree& nodes) {
-  std::multiset<std::string> contents;
-  for (const auto& [path, node] : nodes) {
-    if (is_touched(what, path) && is_regular_mode(node.mode)) {
-      contents.insert(node.content);
-    }
-  }
-  return contents;
-}
-
-std::set<std::string> touched_paths(const operation& what, const tree& nodes) {
-  std::set<std::string> paths;
-  for (const auto& [path, node] : nodes) {
-    if (is_touched(what, path)) {
-      paths.insert(path);
-    }
-  }
-  return paths;
-}
-
-// A file that moved must be whole in its old or its new place.
-void judge_moves(const operation& what, const tree& now, const states& expected,
-                 std::set<outcome>* found) {
-  if (touched_paths(what, expected.before) == touched_paths(what, expected.after)) {
-    return;
-  }
-  const std::multiset<std::string> after = touched_contents(what, expected.after);
-  const std::multiset<std::string> held = touched_contents(what, now);
-  for (const std::string& content : touched_contents(what, expected.before)) {
-    if (after.count(content) != 0 && held.count(content) == 0) {
-      found->insert(outcome::touched_lost);
-    }
-  }
-}
-
-std::set<outcome> judge_tree(const operation& what, const tree& now, const states& expected) {
-  std::set<outcome> found;
-  for (const auto& [path, node] : now) {
-    if (path == lost_and_found || path.rfind(std::string(lost_and_found) + "/", 0) == 0) {
-      if (!is_touched(what, lost_and_found)) {
-        found.insert(outcome::relinked);
-      }
-    } else if (is_touched(what, path)) {
-      judge_touched(now, expected, path, &found);
-    } else if (const tree_node* old = find(expected.before, path); old == nullptr) {
-      found.insert(outcome::stray_name);
-    } else if (!(*old == node) && !(is_directory_mode(node.mode) && old->mode == node.mode)) {
-      // A directory's own date moves with what happens in it.
-      found.insert(outcome::other_changed);
-    }
-  }
-  for (const auto& [path, node] : expected.before) {
-    if (find(now, path) == nullptr) {
-      if (!is_touched(what, path)) {
-        found.insert(outcome::other_changed);
-      } else {
-        judge_touched(now, expected, path, &found);
-      }
-    }
-  }
-  judge_moves(what, now, expected, &found);
-  return found;
-}
-
-// Plays one operation with cuts.
-class cut_player {
- public:
-  explicit cut_player(const operation& what) : what_(what), rig_(what.blocks) {
-    rig_.restore({});
-    {
-      const rig::capture quiet(rig_);
-      what.prepare(rig_);
-    }
-    expected_.before = rig_.walk();
-    rig_.unmount();
-    if (what.damage) {
-      what.damage(rig_);
-    }
-    start_ = rig_.snapshot();
-    play({0, sim::cut_kind::before});
-    mutations_ = rig_.supply().mutations();
-    expected_.after = rig_.walk();
-  }
-
-  uint64_t mutations() const {
-    return mutations_;
-  }
-  const states& expected() const {
-    return expected_;
-  }
-  rig& flash() {
-    return rig_;
-  }
-
-  // Runs the operation on the prepared flash with the power failing at one of its mutations (0: at
-  // none). After a cut the flash is unmounted and has its power back.
-  void play(planned_cut planned) {
-    rig_.restore(start_);
-    rig_.supply().restore();
-    if (what_.damage) {
-      rig_.register_only();
-    } else {
-      rig_.mount(flashfs_check_full);
-    }
-    rig_.supply().restore();
-    cut_during(planned, [&] { what_.act(rig_); });
-  }
-
-  // The same for the check of a flash.
-  void play_check(const std::vector<uint8_t>& contents, uint32_t flags, planned_cut planned) {
-    rig_.restore(contents);
-    rig_.register_only();
-    rig_.supply().restore();
-    cut_during(planned, [&] { rig_.check(flags); });
-  }
-
-  // Where the latest cut fell.
-  cut made(planned_cut planned) {
-    return look_at_cut(planned.mutation, planned.kind, rig_.device());
-  }
-
- private:
-  template <typename Act>
-  void cut_during(planned_cut planned, Act act) {
-    const rig::capture quiet(rig_);
-    if (planned.mutation == 0) {
-      act();
-      return;
-    }
-    const uint64_t seed = planned.mutation + (planned.variant << 32);
-    rig_.supply().cut_at(planned.mutation, planned.kind, seed);
-    act();
-    rig_.supply().restore();
-    rig_.unmount();
-  }
-
-  const operation& what_;
-  rig rig_;
-  std::vector<uint8_t> start_;
-  states expected_;
-  uint64_t mutations_ = 0;
-};
 
 // Tries an operation's cuts and counts what they leave.
 class cut_run {
@@ -233,124 +41,232 @@ class cut_run {
     counts_.mutations = player_.mutations();
   }
 
-  cut_counts run(uint64_t stride, uint64_t second_stride) {
-    for (uint64_t n = 1; n <= counts_.mutations; n += stride) {
-      for_each_cut(
-          n, [&](const planned_cut& planned) { player_.play(planned); },
-          [&](const planned_cut& planned, const cut& first) {
-            const std::vector<uint8_t> left = player_.flash().snapshot();
-            if (seen_.insert(hash_of(left)).second) {
-              try_checks(left, {.planned = planned, .where = first}, second_stride);
-            }
-          });
+  cut_counts run(const cut_plan& plan) {
+    plan_ = plan;
+    counts_.completed_quick = look_at_completed(flashfs_check_quick);
+    counts_.completed_full = look_at_completed(flashfs_check_full);
+    std::set<uint64_t> mutations = player_.edges();
+    for (uint64_t n = 1; n <= counts_.mutations; n += plan.stride) {
+      mutations.insert(n);
     }
+    player_.try_cuts(mutations, &seen_, [&](const cut_flash& left) { try_checks(left); });
     return counts_;
   }
 
  private:
+  // What a check of a flash finds.
+  struct finding {
+    std::set<outcome> found;
+    uint64_t mutations = 0;  // of the check
+
+    bool operator==(const finding&) const = default;
+  };
+
   struct made_cut {
     planned_cut planned;
     cut where;
     uint32_t check_flags = flashfs_check_quick;  // of the check that was cut
   };
 
-  // Plays every cut at one mutation: before it, in the middle of an erase in two ways, and in the
-  // middle of a word that decides what a record is in several.
-  template <typename Play, typename Use>
-  void for_each_cut(uint64_t mutation, Play play, Use use) {
-    place where = place::erase;
-    for (const sim::cut_kind kind : cut_kinds) {
-      if (kind == sim::cut_kind::during_noise && where != place::erase) {
-        continue;
+  // How the flash after the whole operation differs from memory, and what is wrong in its use.
+  std::string look_at_completed(uint32_t flags) {
+    rig& flash = player_.flash();
+    player_.play({0, sim::cut_kind::before});
+    const uint64_t room = room_of(flash);
+    flash.unmount();
+    if (flash.mount(flags) != 0) {
+      return "    the check refuses\n";
+    }
+    std::string wrong = difference_of_trees(flash.walk(), player_.expected().after, {});
+    if (room_of(flash) != room) {
+      wrong += "    room for " + std::to_string(room_of(flash)) + " sectors, not " +
+               std::to_string(room) + "\n";
+    }
+    return wrong + use_flash(flash).story;
+  }
+
+  // Sectors that are free.
+  static uint64_t room_of(rig& flash) {
+    const rig::capture quiet(flash);
+    ppc_statfs space = {};
+    return flash.files().statfs(&space) == 0 ? space.free_blocks : UINT64_MAX;
+  }
+
+  void try_checks(const cut_flash& left) {
+    const made_cut first = {left.planned, left.where};
+    const uint64_t meaning = meaning_of_contents(left.contents);
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
+      counts_.cuts++;
+      const finding& checked = look_at(left.contents, meaning, flags, false);
+      record(checked.found, flags, first, std::nullopt);
+      std::set<uint64_t> mutations;
+      for (uint64_t m = 1; plan_.second_stride != 0 && m <= checked.mutations;
+           m += plan_.second_stride) {
+        mutations.insert(m);
       }
-      const uint64_t variants =
-          kind == sim::cut_kind::during && decides(where) ? variants_of_torn_words : 1;
-      for (uint64_t variant = 0; variant < variants; variant++) {
-        const planned_cut planned = {mutation, kind, variant};
-        play(planned);
-        const cut made = player_.made(planned);
-        where = made.where;
-        // A word that came out whole is the same as a cut before it or before the next one.
-        if (kind == sim::cut_kind::before || made.torn) {
-          use(planned, made);
+      player_.try_cuts_of_check(
+          left.contents, flags, mutations, &seen_second_, [&](const cut_flash& second) {
+            try_last_checks(first, {second.planned, second.where, flags}, second.contents);
+          });
+    }
+  }
+
+  void try_last_checks(const made_cut& first, const made_cut& second,
+                       const std::vector<uint8_t>& left) {
+    counts_.second_cuts += 2;
+    const uint64_t meaning = meaning_of_contents(left);
+    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
+      record(look_at(left, meaning, flags, true).found, flags, first, second);
+    }
+  }
+
+  uint64_t meaning_of_contents(const std::vector<uint8_t>& contents) {
+    player_.flash().restore(contents);
+    return meaning_of(player_.flash().device());
+  }
+
+  // What a check finds of a flash. Flashes that differ only in what is obsolete are the same to it;
+  // one in a few of them is looked at all the same, and what is found must be, too.
+  const finding& look_at(const std::vector<uint8_t>& left, uint64_t meaning, uint32_t flags,
+                         bool two_cuts) {
+    constexpr uint64_t looked_at_again = 16;
+    auto& known = (flags == flashfs_check_quick ? known_quick_ : known_full_)[two_cuts ? 1 : 0];
+    const bool used = plan_.used == uses::all || (plan_.used == uses::after_one_cut && !two_cuts);
+    const auto [place, is_new] = known.try_emplace(meaning);
+    if (is_new) {
+      place->second = mount_and_judge(left, flags, used);
+    } else if (++looked_up_ % looked_at_again == 0 &&
+               mount_and_judge(left, flags, used) != place->second) {
+      note_unexplained("'" + what_.name + "': a check depends on what is obsolete");
+    }
+    return place->second;
+  }
+
+  // Mounts what a cut left, judges it, mounts once more and uses it.
+  finding mount_and_judge(const std::vector<uint8_t>& left, uint32_t flags, bool used) {
+    rig& flash = player_.flash();
+    flash.restore(left);
+    const std::set<std::string> whole = files_that_stand_whole();
+    flash.supply().restore();
+    finding result;
+    const int32_t failure = flash.mount(flags);
+    result.mutations = flash.supply().mutations();
+    if (failure != 0) {
+      result.found.insert(outcome::check_refuses);
+      return result;
+    }
+    const tree now = flash.walk();
+    result.found = judge_tree(what_, now, player_.expected());
+    if (std::any_of(whole.begin(), whole.end(), [&](const std::string& path) {
+          const auto found = now.find(path);
+          return found == now.end() || found->second != player_.expected().before.at(path);
+        })) {
+      result.found.insert(outcome::lost_though_whole);
+    }
+    flash.unmount();
+    result.found.merge(look_at_recovered(flags, used));
+    return result;
+  }
+
+  // Of an image that is written: what its part on flash holds whole.
+  std::set<std::string> files_that_stand_whole() {
+    std::set<std::string> whole;
+    if (what_.own_causes.count(cause::image_incomplete) != 0) {
+      for (const auto& [path, node] : player_.expected().before) {
+        if (is_regular_mode(node.mode) &&
+            stands_whole(player_.flash().device(), path, node.content)) {
+          whole.insert(path);
         }
       }
     }
+    return whole;
   }
 
-  static bool decides(place where) {
-    return where == place::header_state || where == place::sector_claim ||
-           where == place::sector_invalidation || where == place::slot_deletion;
-  }
-
-  void try_checks(const std::vector<uint8_t>& left, const made_cut& first, uint64_t second_stride) {
-    for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
-      counts_.cuts++;
-      const uint64_t mutations = try_check(left, flags, first, std::nullopt);
-      for (uint64_t m = 1; second_stride != 0 && m <= mutations; m += second_stride) {
-        for_each_cut(
-            m, [&](const planned_cut& planned) { player_.play_check(left, flags, planned); },
-            [&](const planned_cut& planned, const cut& second) {
-              const std::vector<uint8_t> second_left = player_.flash().snapshot();
-              if (seen_second_.insert(hash_of(second_left)).second) {
-                counts_.second_cuts += 2;
-                for (const uint32_t last_flags : {flashfs_check_quick, flashfs_check_full}) {
-                  try_check(second_left, last_flags, first, made_cut{planned, second, flags});
-                }
-              }
-            });
-      }
-    }
-  }
-
-  // Mounts what a cut left, judges it and mounts once more. Returns the mutations of the check.
-  uint64_t try_check(const std::vector<uint8_t>& left, uint32_t flags, const made_cut& first,
-                     const std::optional<made_cut>& second) {
+  // Checks the unmounted flash once more, which must change nothing, and uses it. One that means
+  // the same as another is not looked at again.
+  std::set<outcome> look_at_recovered(uint32_t flags, bool used) {
     rig& flash = player_.flash();
-    flash.restore(left);
-    flash.supply().restore();
-    const int32_t result = flash.mount(flags);
-    const uint64_t mutations = flash.supply().mutations();
-    std::set<outcome> found;
-    if (result != 0) {
-      found.insert(outcome::check_refuses);
-    } else {
-      found = judge_tree(what_, flash.walk(), player_.expected());
-      flash.unmount();
-      const std::vector<uint8_t> settled = flash.snapshot();
-      if (flash.mount(flags) != 0 || flash.snapshot() != settled) {
-        found.insert(outcome::not_settled);
-      }
+    const uint64_t meaning = meaning_of(flash.device());
+    auto& known = flags == flashfs_check_quick ? known_settled_quick_ : known_settled_full_;
+    const auto [settled, is_new] = known.try_emplace(meaning, true);
+    if (is_new) {
+      const std::vector<uint8_t> before = flash.snapshot();
+      settled->second = flash.mount(flags) == 0 && flash.snapshot() == before;
     }
-    record(found, flags == flashfs_check_quick, first, second);
-    return mutations;
+    std::set<outcome> found = used ? use(meaning, flags) : std::set<outcome>{};
+    if (!settled->second) {
+      found.insert(outcome::not_settled);
+    }
+    return found;
   }
 
-  void record(const std::set<outcome>& found, bool quick, const made_cut& first,
+  std::set<outcome> use(uint64_t meaning, uint32_t flags) {
+    const auto [place, is_new] = known_uses_.try_emplace(meaning);
+    rig& flash = player_.flash();
+    if (!is_new || (!is_mounted(flash) && flash.mount(flags) != 0)) {
+      return place->second;
+    }
+    const use_result used = use_flash(flash);
+    counts_.used++;
+    counts_.short_of_room += used.short_of_room ? 1 : 0;
+    counts_.reclaimed += used.reclaimed ? 1 : 0;
+    if (used.fails) {
+      place->second.insert(outcome::fails_in_use);
+    }
+    if (used.differs) {
+      place->second.insert(outcome::differs_in_use);
+    }
+    return place->second;
+  }
+
+  static bool is_mounted(rig& flash) {
+    return flash.fs() != nullptr && flash.fs()->ready != 0;
+  }
+
+  void record(const std::set<outcome>& found, uint32_t flags, const made_cut& first,
               const std::optional<made_cut>& second) {
+    const bool quick = flags == flashfs_check_quick;
     counts_.clean += found.empty() ? 1 : 0;
     std::string unexplained;
+    std::optional<cause> reason;  // of what was found before the flash was used
     for (const outcome kind : found) {
       (quick ? counts_.quick : counts_.full)[kind]++;
-      const std::optional<cause> why = explain(
-          kind, {quick, second && second->check_flags == flashfs_check_quick}, what_.own_causes,
-          first.where, second ? std::optional(second->where) : std::nullopt);
+      std::optional<cause> why = cause_of(kind, quick, first, second);
+      // What was found amiss already may come to more when it is used.
+      why = !why && is_of_use(kind) ? reason : why;
+      reason = reason ? reason : why;
+      exception_counts& counts = counts_.exceptions[{why, second.has_value(), quick, kind}];
+      counts.count++;
+      counts.window.insert(first.planned.mutation);
+      if (second) {
+        counts.second_window.insert(second->planned.mutation);
+      }
       if (!why) {
         unexplained += std::string(" ") + outcome_name(kind);
         continue;
       }
-      cause_counts& counts = counts_.causes[*why];
-      (quick ? counts.quick : counts.full)[kind]++;
+      cause_counts& by_cause = counts_.causes[*why];
+      (quick ? by_cause.quick : by_cause.full)[kind]++;
       if (!second) {
-        counts.window.insert(first.planned.mutation);
+        by_cause.window.insert(first.planned.mutation);
       }
     }
     if (!unexplained.empty()) {
-      counts_.unexplained++;
-      if (counts_.unexplained_samples.size() < max_samples) {
-        counts_.unexplained_samples.push_back(arguments_of(quick, first, second) + ":" +
-                                              unexplained);
-      }
+      note_unexplained(arguments_of(quick, first, second) + ":" + unexplained);
+    }
+  }
+
+  std::optional<cause> cause_of(outcome kind, bool quick, const made_cut& first,
+                                const std::optional<made_cut>& second) {
+    return explain(kind, {quick, second && second->check_flags == flashfs_check_quick},
+                   what_.own_causes, first.where,
+                   second ? std::optional(second->where) : std::nullopt);
+  }
+
+  void note_unexplained(const std::string& sample) {
+    counts_.unexplained++;
+    if (counts_.unexplained_samples.size() < max_samples) {
+      counts_.unexplained_samples.push_back(sample);
     }
   }
 
@@ -369,7 +285,16 @@ class cut_run {
 
   const operation& what_;
   cut_player player_;
+  cut_plan plan_;
   cut_counts counts_;
+  // By meaning; after one cut and after two.
+  std::unordered_map<uint64_t, finding> known_quick_[2];
+  std::unordered_map<uint64_t, finding> known_full_[2];
+  // By the meaning of what was recovered.
+  std::unordered_map<uint64_t, bool> known_settled_quick_;
+  std::unordered_map<uint64_t, bool> known_settled_full_;
+  std::unordered_map<uint64_t, std::set<outcome>> known_uses_;
+  uint64_t looked_up_ = 0;
   std::unordered_set<uint64_t> seen_;
   std::unordered_set<uint64_t> seen_second_;
 };
@@ -381,6 +306,14 @@ std::string listing(const tree& nodes) {
             std::to_string(node.content.size()) + " bytes\n";
   }
   return text;
+}
+
+std::string story_of_use(rig& flash, uint32_t check_flags) {
+  flash.mount(check_flags);
+  const use_result used = use_flash(flash);
+  return "used: " + std::string(used.is_sound() ? "sound" : "not sound") +
+         (used.short_of_room ? ", short of room" : "") + (used.reclaimed ? ", reclaimed" : "") +
+         "\n" + used.story;
 }
 
 }  // namespace
@@ -428,13 +361,8 @@ uint64_t count_mutations(const operation& what) {
   return cut_player(what).mutations();
 }
 
-std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
-                        const tree& after) {
-  return judge_tree(what, now, {before, after});
-}
-
-cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
-  return cut_run(what).run(stride, second_stride);
+cut_counts try_power_cuts(const operation& what, const cut_plan& plan) {
+  return cut_run(what).run(plan);
 }
 
 std::string play_power_cut(const operation& what, planned_cut first,
@@ -460,7 +388,7 @@ std::string play_power_cut(const operation& what, planned_cut first,
     }
     flash.unmount();
     if (flash.snapshot() == left) {
-      break;
+      return result == 0 ? text + story_of_use(flash, check_flags) : text;
     }
   }
   return text;

@@ -2,6 +2,7 @@
 // follows. What each cut leaves is judged by what a user would find afterwards.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -12,6 +13,8 @@
 
 #include "reliability/cut_causes.h"
 #include "reliability/rig.h"
+#include "sim/power.h"
+#include "tests/support/ram_flash.h"
 
 namespace reliability {
 
@@ -37,6 +40,24 @@ struct cause_counts {
   std::map<outcome, uint64_t> full;
 };
 
+// What is counted apart: the outcomes of one cause, by the check after which they are found and by
+// whether that check was preceded by another, which was cut. Without a cause: a defect.
+struct exception {
+  std::optional<cause> why;
+  bool two_cuts;
+  bool quick;
+  outcome kind;
+
+  auto operator<=>(const exception&) const = default;
+};
+
+// How often, and at which mutations of the operation and of the check that was cut.
+struct exception_counts {
+  uint64_t count = 0;
+  std::set<uint64_t> window;
+  std::set<uint64_t> second_window;
+};
+
 struct cut_counts {
   uint64_t mutations = 0;    // of the operation
   uint64_t cuts = 0;         // tried: different states left, times both checks that follow
@@ -45,23 +66,38 @@ struct cut_counts {
   std::map<outcome, uint64_t> quick;
   std::map<outcome, uint64_t> full;
   std::map<cause, cause_counts> causes;
+  std::map<exception, exception_counts> exceptions;
+  uint64_t used = 0;           // different flashes, recovered from these, that were worked on
+  uint64_t short_of_room = 0;  // of them: a step found no space
+  uint64_t reclaimed = 0;      // of them: a block was reclaimed
   uint64_t unexplained = 0;
   std::vector<std::string> unexplained_samples;  // arguments that play them again
+  // How what a check finds after the whole operation differs from what stood in memory, and how the
+  // flash fails in use; empty when it does not.
+  std::string completed_quick;
+  std::string completed_full;
+};
+
+// Which recovered flashes are worked on.
+enum class uses { none, after_one_cut, all };
+
+// Which cuts are tried.
+struct cut_plan {
+  // Every so manieth mutation of the operation (1: all), and the first and the last of each driver
+  // call: among them are the words that decide what a record is.
+  uint64_t stride = 1;
+  uint64_t second_stride = 1;  // and of either check that follows (0: none)
+  uses used = uses::all;
 };
 
 std::vector<operation> power_cut_operations();
 
-// What a user would find wrong in a tree that an interrupted operation left; `before` and `after`
-// are the trees around the uninterrupted one.
-std::set<outcome> judge(const operation& what, const tree& now, const tree& before,
-                        const tree& after);
-
 // The flash mutations of an operation that is not cut.
 uint64_t count_mutations(const operation& what);
 
-// Tries every `stride`-th mutation (1: all) and every `second_stride`-th of either check that
-// follows (0: none), each of which is then followed by either check.
-cut_counts try_power_cuts(const operation& what, uint64_t stride, uint64_t second_stride);
+// Tries the cuts of a plan. Each leaves a state that is followed by either check; each of these is
+// cut, and what that leaves is followed by either check. The operation without a cut is tried, too.
+cut_counts try_power_cuts(const operation& what, const cut_plan& plan);
 
 // A cut at the n-th mutation, of the operation or of the check that follows. Variants of a torn
 // word have other bits cleared.

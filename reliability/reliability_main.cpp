@@ -1,10 +1,18 @@
-// Tries the power cuts and the failing flash calls of one operation and prints its rows of
-// docs/reliability.md, or plays one cut again and tells what every mount after it finds.
+// Tries the power cuts and the failing flash calls of one operation and prints what they leave as
+// rows, or how these differ from the stored ones; or plays one cut again and tells what every mount
+// after it finds.
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <vector>
 
+#include "flashfs/check_flags.h"
+#include "reliability/expectation.h"
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
 #include "sim/chassis.h"
@@ -15,78 +23,52 @@ using reliability::operation;
 
 constexpr int64_t standing_clock = 1800000000;
 constexpr int usage_status = 2;
-constexpr size_t max_ranges = 6;
 
-std::string outcomes_text(const std::map<reliability::outcome, uint64_t>& outcomes) {
-  std::string text;
-  for (const auto& [kind, count] : outcomes) {
-    text += text.empty() ? "" : ", ";
-    text += reliability::outcome_name(kind) + (" " + std::to_string(count));
+// Everything that is tried of an operation.
+struct rows_of_operation {
+  reliability::tried cuts;
+  reliability::tried faults;
+};
+
+int print_rows(const rows_of_operation& found) {
+  for (const reliability::tried* each : {&found.cuts, &found.faults}) {
+    for (const std::string& row : each->rows) {
+      printf("%s\n", row.c_str());
+    }
   }
-  return text;
+  return EXIT_SUCCESS;
 }
 
-// Many ranges are cut short.
-std::string window_text(const std::set<uint64_t>& window) {
-  const std::string text = reliability::ranges_text(window);
-  size_t end = 0;
-  for (size_t ranges = 0; ranges < max_ranges && end != std::string::npos; ranges++) {
-    end = text.find(", ", end + 1);
-  }
-  if (end == std::string::npos) {
-    return text;
-  }
-  const auto more = std::count(text.begin() + static_cast<std::ptrdiff_t>(end), text.end(), ',');
-  return text.substr(0, end) + " and " + std::to_string(more) + " more";
+int print_differences(const rows_of_operation& found, reliability::sample which,
+                      const char* operation) {
+  const std::string differences =
+      reliability::difference_of_rows(reliability::stored_rows(which, operation, false),
+                                      found.cuts.rows) +
+      reliability::difference_of_rows(reliability::stored_rows(which, operation, true),
+                                      found.faults.rows);
+  fputs(differences.c_str(), stdout);
+  return differences.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-// A row for each operation, then a row for each of its causes.
-int print_cuts(const operation& what, uint64_t stride, uint64_t second_stride) {
-  const reliability::cut_counts counts = reliability::try_power_cuts(what, stride, second_stride);
-  printf("| %s | %llu | %llu | %llu | %llu | %s | %s | %llu |\n", what.name.c_str(),
-         static_cast<unsigned long long>(counts.mutations),
-         static_cast<unsigned long long>(counts.cuts),
-         static_cast<unsigned long long>(counts.second_cuts),
-         static_cast<unsigned long long>(counts.clean), outcomes_text(counts.quick).c_str(),
-         outcomes_text(counts.full).c_str(), static_cast<unsigned long long>(counts.unexplained));
-  for (const auto& [why, by_cause] : counts.causes) {
-    printf("| %s | %s | %s | %s | %s |\n", reliability::cause_name(why), what.name.c_str(),
-           window_text(by_cause.window).c_str(), outcomes_text(by_cause.quick).c_str(),
-           outcomes_text(by_cause.full).c_str());
+int tell_defects(const rows_of_operation& found) {
+  for (const std::string& defect : found.cuts.defects) {
+    fprintf(stderr, "unexplained: %s\n", defect.c_str());
   }
-  for (const std::string& sample : counts.unexplained_samples) {
-    fprintf(stderr, "unexplained: %s\n", sample.c_str());
+  for (const std::string& defect : found.faults.defects) {
+    fprintf(stderr, "unexpected: %s\n", defect.c_str());
   }
-  return counts.unexplained == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
-}
-
-int print_faults(const reliability::fault_operation& each) {
-  const reliability::fault_counts counts = reliability::try_faults(each, 1);
-  printf("| %s | %llu | %llu |", each.what.name.c_str(),
-         static_cast<unsigned long long>(counts.calls),
-         static_cast<unsigned long long>(counts.faults));
-  for (const reliability::ending how : reliability::all_endings) {
-    const auto found = counts.endings.find(how);
-    printf(" %llu |",
-           found == counts.endings.end() ? 0 : static_cast<unsigned long long>(found->second));
-  }
-  printf(" %llu | %llu |\n", static_cast<unsigned long long>(counts.dropped),
-         static_cast<unsigned long long>(counts.unexpected));
-  for (const std::string& sample : counts.unexpected_samples) {
-    fprintf(stderr, "unexpected: %s\n", sample.c_str());
-  }
-  return counts.unexpected == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  return found.cuts.defects.empty() && found.faults.defects.empty() ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 int usage() {
-  fprintf(
-      stderr,
-      "usage: reliability list cuts|faults\n"
-      "       reliability cuts OPERATION [STRIDE [STRIDE_OF_SECOND_CUTS]]\n"
-      "       reliability faults OPERATION\n"
-      "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
-      "KIND is before, during, during+VARIANT or during_noise, CHECK is quick or full; a stride of "
-      "second cuts of 0 tries none.\n");
+  fprintf(stderr,
+          "usage: reliability list\n"
+          "       reliability rows SAMPLE OPERATION\n"
+          "       reliability compare SAMPLE OPERATION\n"
+          "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
+          "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
+          "CHECK "
+          "is quick or full.\n");
   return usage_status;
 }
 
@@ -105,14 +87,13 @@ const Operation* find(const std::vector<Operation>& operations, const char* name
       return &each;
     }
   }
-  fprintf(stderr, "no operation \"%s\"; see: reliability list cuts|faults\n", name);
   return nullptr;
 }
 
-template <typename Operation>
-int list(const std::vector<Operation>& operations) {
-  for (const Operation& each : operations) {
-    printf("%s\n", name_of(each).c_str());
+// Every operation has driver calls that fail; those that change flash have cuts.
+int list() {
+  for (const reliability::fault_operation& each : reliability::fault_operations()) {
+    printf("%s\n", each.what.name.c_str());
   }
   return EXIT_SUCCESS;
 }
@@ -146,34 +127,36 @@ int play(int argc, char* argv[]) {
   return EXIT_SUCCESS;
 }
 
-int cuts(int argc, char* argv[]) {
+// rows|compare SAMPLE OPERATION
+int try_operation(char* argv[]) {
   const std::vector<operation> operations = reliability::power_cut_operations();
-  const operation* what = find(operations, argv[2]);
-  const uint64_t stride = argc > 3 ? strtoull(argv[3], nullptr, 10) : 1;
-  const uint64_t second_stride = argc > 4 ? strtoull(argv[4], nullptr, 10) : 1;
-  if (what == nullptr || stride == 0) {
+  const std::vector<reliability::fault_operation> faults = reliability::fault_operations();
+  const operation* what = find(operations, argv[3]);
+  const reliability::fault_operation* faulty = find(faults, argv[3]);
+  const auto* which = std::find_if(
+      std::begin(reliability::all_samples), std::end(reliability::all_samples),
+      [&](reliability::sample each) { return sample_name(each) == std::string(argv[2]); });
+  if (faulty == nullptr || which == std::end(reliability::all_samples)) {
     return usage();
   }
-  return print_cuts(*what, stride, second_stride);
-}
-
-int faults(char* argv[]) {
-  const std::vector<reliability::fault_operation> operations = reliability::fault_operations();
-  const reliability::fault_operation* each = find(operations, argv[2]);
-  return each == nullptr ? usage() : print_faults(*each);
+  rows_of_operation found;
+  if (what != nullptr) {
+    found.cuts = reliability::try_sample(*what, *which);
+  }
+  found.faults = reliability::try_sample(*faulty, *which);
+  const int status = argv[1] == std::string("rows") ? print_rows(found)
+                                                    : print_differences(found, *which, argv[3]);
+  const int defects = tell_defects(found);
+  return status != EXIT_SUCCESS ? status : defects;
 }
 
 int run(int argc, char* argv[]) {
-  const std::string command = argc > 2 ? argv[1] : "";
-  if (command == "list" && argc == 3) {
-    return strcmp(argv[2], "faults") == 0 ? list(reliability::fault_operations())
-                                          : list(reliability::power_cut_operations());
+  const std::string command = argc > 1 ? argv[1] : "";
+  if (command == "list" && argc == 2) {
+    return list();
   }
-  if (command == "cuts" && argc <= 5) {
-    return cuts(argc, argv);
-  }
-  if (command == "faults" && argc == 3) {
-    return faults(argv);
+  if ((command == "rows" || command == "compare") && argc == 4) {
+    return try_operation(argv);
   }
   return command == "play" ? play(argc, argv) : usage();
 }

@@ -1,8 +1,6 @@
 // Mounts, operates and looks at a file system for the reliability tables.
 #include "reliability/rig.h"
 
-#include <cstring>
-
 #include "tests/support/flashfs_fixture.h"
 
 namespace reliability {
@@ -19,21 +17,6 @@ std::string pattern(size_t length, uint32_t seed) {
     byte = static_cast<char>(state >> 24);
   }
   return bytes;
-}
-
-uint64_t hash_of(const std::vector<uint8_t>& contents) {
-  uint64_t hash = 0xcbf29ce484222325U;
-  size_t i = 0;
-  for (; i + sizeof(uint64_t) <= contents.size(); i += sizeof(uint64_t)) {
-    uint64_t word = 0;
-    memcpy(&word, contents.data() + i, sizeof(word));
-    hash = (hash ^ word) * 0x9E3779B97F4A7C15U;
-    hash ^= hash >> 29;
-  }
-  for (; i < contents.size(); i++) {
-    hash = (hash ^ contents[i]) * 0x100000001b3U;
-  }
-  return hash;
 }
 
 rig::rig(const std::vector<test_support::ram_block>& blocks) : device_(blocks, &supply_) {}

@@ -93,7 +93,4 @@ class rig {
 // Bytes that differ from place to place.
 std::string pattern(size_t length, uint32_t seed);
 
-// A hash of flash contents.
-uint64_t hash_of(const std::vector<uint8_t>& contents);
-
 }  // namespace reliability

@@ -1,6 +1,7 @@
 // The driver calls over a NOR flash in memory, their checks and their planned failures.
 #include "tests/support/ram_flash.h"
 
+#include <cstring>
 #include <memory>
 
 namespace test_support {
@@ -22,6 +23,35 @@ std::vector<flash_block_info> laid_out(const std::vector<ram_block>& blocks) {
 
 uint32_t total_size(const std::vector<flash_block_info>& blocks) {
   return blocks.empty() ? 0 : blocks.back().offset + blocks.back().size;
+}
+
+uint64_t eight_bytes(const uint8_t* at) {
+  uint64_t bytes;
+  std::memcpy(&bytes, at, sizeof(bytes));
+  return bytes;
+}
+
+// Whether the bytes wanted have a bit that the bytes held have not.
+bool sets_a_bit(const uint8_t* wanted, const uint8_t* held, uint32_t length) {
+  uint64_t set = 0;
+  uint32_t i = 0;
+  for (; i + sizeof(set) <= length; i += sizeof(set)) {
+    set |= eight_bytes(wanted + i) & ~eight_bytes(held + i);
+  }
+  for (; i < length; i++) {
+    set |= static_cast<uint64_t>(wanted[i] & ~held[i]);
+  }
+  return set != 0;
+}
+
+// How many bytes from here on are as they are wanted, in steps of eight.
+uint32_t length_of_same(const uint8_t* wanted, const uint8_t* held, uint32_t length) {
+  constexpr uint32_t step = 8;
+  uint32_t i = 0;
+  while (i + step <= length && eight_bytes(wanted + i) == eight_bytes(held + i)) {
+    i += step;
+  }
+  return i;
 }
 
 // Calls that the file system never makes.
@@ -94,6 +124,12 @@ flash_return_code ram_flash::refuse() {
   return flash_illegal_operation;
 }
 
+void ram_flash::note_edges_since(uint64_t mutations) {
+  if (edges_ != nullptr && supply().mutations() > mutations) {
+    edges_->insert({mutations + 1, supply().mutations()});
+  }
+}
+
 flash_return_code ram_flash::read(uint32_t offset, uint32_t length, void* buffer) {
   counts_.reads++;
   flash_return_code code;
@@ -123,17 +159,22 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
   }
   const auto* wanted = static_cast<const uint8_t*>(buffer);
   const uint8_t* held = flash_.bytes() + offset;
-  for (uint32_t i = 0; i < length; ++i) {
-    if ((wanted[i] & ~held[i]) != 0) {
-      return refuse();
-    }
+  if (sets_a_bit(wanted, held, length)) {
+    return refuse();
   }
+  const uint64_t mutations = supply().mutations();
   for (uint32_t i = 0; i < length; i += 2) {
-    if (wanted[i] != held[i] || wanted[i + 1] != held[i + 1]) {
+    i += length_of_same(wanted + i, held + i, length - i);
+    if (i < length && (wanted[i] != held[i] || wanted[i + 1] != held[i + 1])) {
       counts_.words_programmed++;
-      flash_.program16(offset + i, static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]));
+      const auto word = static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]);
+      if (watcher_) {
+        watcher_({.is_erase = false, .offset = offset + i, .wanted = word});
+      }
+      flash_.program16(offset + i, word);
     }
   }
+  note_edges_since(mutations);
   return flash_ok;
 }
 
@@ -145,7 +186,12 @@ flash_return_code ram_flash::erase(uint32_t offset) {
   }
   for (const flash_block_info& block : blocks_) {
     if (block.offset == offset) {
+      const uint64_t mutations = supply().mutations();
+      if (watcher_) {
+        watcher_({.is_erase = true, .offset = offset});
+      }
       flash_.erase(offset, block.size);
+      note_edges_since(mutations);
       return flash_ok;
     }
   }

@@ -4,6 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "flashfs/flash_driver.h"
@@ -90,6 +93,17 @@ class ram_flash {
     return deviations_;
   }
 
+  // From now on the first and the last mutation of every call that has any, as the supply counts
+  // them, come into this set; null: into none.
+  void note_edges(std::set<uint64_t>* edges) {
+    edges_ = edges;
+  }
+
+  // From now on this is told of every mutation just before it happens; empty: nobody is.
+  void watch(std::function<void(const sim::mutation&)> watcher) {
+    watcher_ = std::move(watcher);
+  }
+
   // The driver's operations.
   flash_return_code read(uint32_t offset, uint32_t length, void* buffer);
   flash_return_code write(uint32_t offset, uint32_t length, const void* buffer);
@@ -102,6 +116,7 @@ class ram_flash {
   static ram_flash* device_of(const void* handle);
   bool planned_failure(flash_call kind, flash_return_code* code);
   flash_return_code refuse();
+  void note_edges_since(uint64_t mutations);
 
   std::vector<flash_block_info> blocks_;
   sim::power own_supply_;
@@ -109,6 +124,8 @@ class ram_flash {
   flash_driver_info driver_;
   const handle_record handle_;
   ram_flash_counts counts_;
+  std::set<uint64_t>* edges_ = nullptr;
+  std::function<void(const sim::mutation&)> watcher_;
   uint64_t deviations_ = 0;
   flash_call fail_kind_ = flash_call::any;
   flash_call failed_kind_ = flash_call::any;
