@@ -15,10 +15,10 @@ target_link_libraries(test_options INTERFACE whole_project GTest::gtest_main)
 target_compile_options(test_options INTERFACE -Wno-sign-conversion)
 
 # What the sources of most tests are compiled with: no optimisation, which took most of the build of
-# so many of them. What they test is optimised, as it ships.
+# so many of them, and no checks of their own. What they test is optimised, as it ships, and checked.
 add_library(short_test_options INTERFACE)
 target_link_libraries(short_test_options INTERFACE test_options)
-target_compile_options(short_test_options INTERFACE -O0)
+target_compile_options(short_test_options INTERFACE -O0 -fno-sanitize=undefined)
 
 # The headers that nearly every test source includes, read once. (They are still to be included
 # where they are used: scripts/style looks without this.)
@@ -41,12 +41,12 @@ endfunction()
 # test_program(TARGET [LONG] SHARDS number SOURCES ... USES libraries ...): a program of GoogleTest
 # tests. It runs whole, in so many processes side by side: a process for each test took most of the
 # time that the suite ran, under emulation above all. scripts/test --quick leaves out the LONG ones,
-# which compute so much that they are optimised themselves.
+# which compute so much that natively they are optimised themselves.
 function(test_program target)
   cmake_parse_arguments(arg "LONG" "SHARDS" "SOURCES;USES" ${ARGN})
   add_executable(${target} ${arg_SOURCES})
   set(environment GTEST_COLOR=no)
-  if(arg_LONG)
+  if(arg_LONG AND NOT CMAKE_CROSSCOMPILING)
     target_link_libraries(${target} PRIVATE ${arg_USES} test_options)
     # Their many allocations cost a third less with a small quarantine and short stacks.
     list(APPEND environment ASAN_OPTIONS=quarantine_size_mb=8:malloc_context_size=4)
