@@ -46,7 +46,7 @@ function(test_program target)
   cmake_parse_arguments(arg "LONG" "SHARDS" "SOURCES;USES" ${ARGN})
   add_executable(${target} ${arg_SOURCES})
   set(environment GTEST_COLOR=no)
-  if(arg_LONG AND NOT CMAKE_CROSSCOMPILING)
+  if(arg_LONG AND (NOT CMAKE_CROSSCOMPILING OR target STREQUAL "model_tests"))
     target_link_libraries(${target} PRIVATE ${arg_USES} test_options)
     # Their many allocations cost a third less with a small quarantine and short stacks.
     list(APPEND environment ASAN_OPTIONS=quarantine_size_mb=8:malloc_context_size=4)
