@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <functional>
@@ -94,25 +93,6 @@ TEST_F(ended_runs, a_pipe_that_is_read_no_more_lets_the_repair_finish) {
 
 TEST_F(ended_runs, a_dump_into_a_pipe_that_is_read_no_more_ends) {
   EXPECT_EQ(end_after_one_line(chassis_.path(), {"4", "aread", "20", "33554400"}).signal, SIGPIPE);
-}
-
-TEST_F(ended_runs, output_that_waits_for_its_reader_goes_on_waiting_after_a_signal) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-  started_program program(chassis_.path(), {"4", "aread", "20", "33554400"},
-                          [&] { dup2(ends[1], STDOUT_FILENO); });
-  const int pipe_size = fcntl(ends[1], F_GETPIPE_SZ);
-  close(ends[1]);
-  int waiting_bytes = 0;
-  ASSERT_TRUE(comes_true(
-      [&] { return ioctl(ends[0], FIONREAD, &waiting_bytes) == 0 && waiting_bytes == pipe_size; }));
-  kill(program.process(), SIGTERM);
-  EXPECT_FALSE(comes_true([&] { return program.wait(0).ended; }, 1));
-  char part[4096];
-  while (read(ends[0], part, sizeof(part)) > 0) {
-  }
-  close(ends[0]);
-  EXPECT_EQ(program.wait().signal, SIGTERM);
 }
 
 TEST_F(ended_runs, a_kill_lets_the_repair_finish) {
