@@ -224,6 +224,17 @@ int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* se
   return 1;
 }
 
+int read_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, flashfs_dir_slot* slot) {
+  if (!check_sector_address(fs, pointer, "read")) {
+    return 1;
+  }
+  const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
+  const uint32_t offset = sector_offset(block, pointer.sctr_num) +
+                          static_cast<uint32_t>(offsetof(flashfs_sector, slots) +
+                                                slot_no % slots_per_sector * sizeof(*slot));
+  return read_device(fs, block, offset, sizeof(*slot), slot);
+}
+
 int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer) {
   if (buffer.holds(pointer)) {
     return 0;

@@ -43,6 +43,9 @@ constexpr uint32_t only_fileid = sizeof(be16);
                               uint32_t length);
 [[nodiscard]] int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
                                uint32_t length);
+// Reads one slot of a directory sector. Fails as read_sector does.
+[[nodiscard]] int read_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
+                            flashfs_dir_slot* slot);
 // Reads a sector whole unless the buffer holds it: slots that share a sector are one read.
 [[nodiscard]] int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer);
 

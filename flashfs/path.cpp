@@ -74,9 +74,12 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
   const uint16_t fileid = flashfs_next_fileid(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
-  if (fileid == fileid_available || fileid == fileid_invalidated ||
-      flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
+  if (fileid == fileid_available || fileid == fileid_invalidated) {
     return ENOSPC;
+  }
+  const int failure = flashfs_alloc_slot(fs, &pointer, &slot_no, 0);
+  if (failure != 0) {
+    return failure == alloc_failed ? EIO : ENOSPC;
   }
   const auto entry_mode = static_cast<ppc_mode_t>(mode | mode_of_new_entries);
   *entry = filemap_insert(fs, fileid, directory->fileid, entry_mode);
