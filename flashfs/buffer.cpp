@@ -8,7 +8,7 @@
 namespace {
 
 // Changes of flash so far, by any file system.
-uint64_t flash_changes;
+uint64_t changes;
 
 }  // namespace
 
@@ -41,14 +41,18 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer) {
 }
 
 void sector_buffers_forget() {
-  flash_changes++;
+  changes++;
+}
+
+uint64_t flash_changes() {
+  return changes;
 }
 
 bool sector_buffer::holds(flashfs_sctr_ptr pointer) const {
-  return held_.block_num != no_block && held_ == pointer && held_since_ == flash_changes;
+  return held_.block_num != no_block && held_ == pointer && held_since_ == changes;
 }
 
 void sector_buffer::set_held(flashfs_sctr_ptr pointer) {
   held_ = pointer;
-  held_since_ = flash_changes;
+  held_since_ = changes;
 }

@@ -12,6 +12,8 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer);
 
 // Makes every sector_buffer forget what it holds. Whatever changes flash calls it.
 void sector_buffers_forget();
+// How often that was: while the number stays, so does what was read.
+uint64_t flash_changes();
 
 // A borrowed sector buffer, given back when the scope ends. It knows which sector it holds as the
 // flash has it (read_sector_once), and stops knowing as soon as the flash is changed or the buffer

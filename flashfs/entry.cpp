@@ -32,41 +32,38 @@ void redirect_reference(const fresh_slot& fresh) {
   fresh.reference->slot_no = fresh.slot_no;
 }
 
-// Writes the slot's contents to its place and only then makes the old slot obsolete. The reference
-// is left to the caller. 0, or 1 when the flash fails.
+// Writes the slot's contents to its place, which is erased, and only then makes the old slot, which
+// is of this directory, obsolete. The reference is left to the caller. 0, or 1 when the flash
+// fails.
 int replace_slot(flashfs* fs, const fresh_slot& fresh, const flashfs_dir_slot& contents,
-                 flashfs_sector* fresh_buffer, flashfs_sector* old_buffer) {
-  fresh_buffer->slots[fresh.slot_no] = contents;
-  if (write_sector(fs, fresh.pointer, fresh_buffer, whole_sector) != 0) {
+                 uint16_t old_dir_fileid) {
+  if (update_slot(fs, fresh.pointer, fresh.slot_no, nullptr, &contents) != 0) {
     return 1;
   }
-  return obsolete_on_flash(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_buffer);
+  return obsolete_slot(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_dir_fileid);
 }
 
 // Writes a fresh copy of the entry's slot, changed by `change`, and then obsoletes the old one. The
-// reference is left to the caller. Returns 0, or -1 with errno.
+// reference is left to the caller, who gets the copy. Returns 0, or -1 with errno.
 template <typename Change>
-int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh, Change change) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh,
+                     flashfs_dir_slot* copy, Change change) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
-  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
+  const found_slot found = filemap_find_slot_in(fs, entry, buffer);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
+  *copy = buffer->slots[found.entry->slot_no];
+  const uint16_t old_dir_fileid = copy->dir_fileid;
+  change(*copy);
+  dir_slot_set_checksum(copy);
   if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
-      read_sector(fs, found.entry->sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
-      read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
-  flashfs_dir_slot contents = old_buffer->slots[found.entry->slot_no];
-  change(contents);
-  dir_slot_set_checksum(&contents);
-  if (replace_slot(fs, *fresh, contents, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, *fresh, *copy, old_dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;
@@ -79,21 +76,15 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
     return flashfs_fail(ENOENT);
   }
   fresh_slot fresh = {};
-  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
+  flashfs_dir_slot moved;
+  if (rewrite_slot(fs, entry, &fresh, &moved, [&](flashfs_dir_slot& slot) {
         dir_slot_set_name(&slot, new_name);
         slot.dir_fileid = directory->fileid;
         slot.seq_no = flashfs_next_slot_seq_no(directory);
       }) != 0) {
     return -1;
   }
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return -1;
-  }
-  if (read_sector(fs, fresh.pointer, buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
-  if (filemap_add_sector(fs, fresh.pointer, buffer.get(), fresh.slot_no) != 0) {
+  if (filemap_add_slot(fs, fresh.pointer, fresh.slot_no, moved) == nullptr) {
     return flashfs_fail(ENOMEM);
   }
   sctr_list_remove(fs, old_directory, fresh.reference);
@@ -109,14 +100,14 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
     return 1;
   }
   flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
-  if (reference == nullptr ||
-      obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
+  if (reference == nullptr || obsolete_slot(fs, reference->sctr_ptr, reference->slot_no,
+                                            buffer->slots[reference->slot_no].dir_fileid) != 0) {
     return 1;
   }
   sctr_list_remove(fs, directory, reference);
   for (const auto* each = entry->sctr_list; each != nullptr; each = each->next) {
     process_may_suspend();
-    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no) != 0) {
       return 1;
     }
   }
@@ -156,11 +147,9 @@ bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& 
 
 int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                            flashfs_sctr_map* directory, uint16_t entry_fileid, ppc_mode_t mode,
-                           const char* name, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return EIO;
-  }
-  flashfs_dir_slot& slot = buffer->slots[slot_no];
+                           const char* name) {
+  flashfs_dir_slot slot;
+  ifs_runtime::memset(&slot, flash_erased_byte, sizeof(slot));
   slot.seq_no = flashfs_next_slot_seq_no(directory);
   slot.dir_fileid = directory->fileid;
   slot.entry_fileid = entry_fileid;
@@ -168,31 +157,29 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   slot.date = flashfs_timestamp();
   dir_slot_set_name(&slot, name);
   dir_slot_set_checksum(&slot);
-  if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
+  if (update_slot(fs, pointer, slot_no, nullptr, &slot) != 0) {
     return EIO;
   }
-  return filemap_add_sector(fs, pointer, buffer, slot_no) == 0 ? 0 : ENOMEM;
+  return filemap_add_slot(fs, pointer, slot_no, slot) == nullptr ? ENOMEM : 0;
 }
 
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
   fresh_slot fresh = {};
-  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
+  fresh.reference = filemap_find_slot_in(fs, entry, buffer).entry;
   if (fresh.reference == nullptr) {
     flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
   // Taken before the allocation, which may collect garbage and move the slot.
-  flashfs_dir_slot dated = old_buffer->slots[fresh.reference->slot_no];
+  flashfs_dir_slot dated = buffer->slots[fresh.reference->slot_no];
   dated.date = time != 0 ? time : flashfs_timestamp();
   dir_slot_set_checksum(&dated);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
-      read_sector(fs, fresh.pointer, fresh_buffer.get(), whole_sector) != 0 ||
-      replace_slot(fs, fresh, dated, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, fresh, dated, dated.dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   redirect_reference(fresh);
@@ -205,7 +192,8 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
     return move_entry(fs, entry, directory, new_name);
   }
   fresh_slot fresh = {};
-  if (rewrite_slot(fs, entry, &fresh,
+  flashfs_dir_slot renamed;
+  if (rewrite_slot(fs, entry, &fresh, &renamed,
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
@@ -215,7 +203,8 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
 
 int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mode) {
   fresh_slot fresh = {};
-  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
+  flashfs_dir_slot changed;
+  if (rewrite_slot(fs, entry, &fresh, &changed, [&](flashfs_dir_slot& slot) {
         slot.mode = with_permissions(slot.mode, mode);
       }) != 0) {
     return -1;
@@ -226,14 +215,10 @@ int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mod
 }
 
 int flashfs_truncate_entry(flashfs* fs, flashfs_sctr_map* file) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
   while (file->sctr_list != nullptr) {
     process_may_suspend();
     const flashfs_sctr_list_ordered* head = file->sctr_list;
-    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no) != 0) {
       return 1;
     }
     sctr_list_remove(fs, file, file->sctr_list);
@@ -294,6 +279,5 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (found.failed || flashfs_alloc_slot(fs, &pointer, &slot_no, 1) != 0) {
     return 1;
   }
-  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "",
-                                buffer.get());
+  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "");
 }

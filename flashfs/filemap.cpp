@@ -45,34 +45,62 @@ flashfs_sctr_map* index_before(const flashfs* fs, uint32_t fileid) {
   return nullptr;
 }
 
-// A list entry for a sector's data or its slot `slot_no`, not linked yet, and the file that it
-// belongs to, made when it is unknown. Null when there is no memory.
-flashfs_sctr_list_ordered* new_list_entry(flashfs* fs, flashfs_sctr_ptr pointer,
-                                          const flashfs_sector* sector, uint8_t slot_no,
-                                          flashfs_sctr_map** owner) {
-  const bool in_directory = sector->fileid == fileid_root;
-  const flashfs_dir_slot& slot = sector->slots[slot_no % slots_per_sector];
-  const uint16_t owner_fileid = in_directory ? slot.dir_fileid : sector->fileid;
+// What a list entry is made from.
+struct entry_contents {
+  uint16_t owner_fileid;
+  ppc_mode_t mode_of_found_owner;
+  uint16_t seq_no;
+  uint8_t slot_no;
+};
 
+// A list entry, not linked yet, and the file that it belongs to, made when it is unknown. Null when
+// there is no memory.
+flashfs_sctr_list_ordered* new_entry(flashfs* fs, flashfs_sctr_ptr pointer,
+                                     const entry_contents& contents, flashfs_sctr_map** owner) {
   auto* entry = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs->sctr_ptr_chunk));
   if (entry == nullptr) {
     return nullptr;
   }
-  *owner = filemap_lookup(fs, owner_fileid);
+  *owner = filemap_lookup(fs, contents.owner_fileid);
   if (*owner == nullptr) {
-    *owner = filemap_insert(fs, owner_fileid, 0,
-                            in_directory ? mode_of_found_directory : mode_of_found_file);
+    *owner = filemap_insert(fs, contents.owner_fileid, 0, contents.mode_of_found_owner);
   }
   if (*owner == nullptr) {
     chunk_free(fs->sctr_ptr_chunk, entry);
     return nullptr;
   }
-  entry->seq_no = in_directory ? slot.seq_no : sector->seq_no;
-  entry->slot_no = in_directory ? slot_no : slot_of_sector;
+  entry->seq_no = contents.seq_no;
+  entry->slot_no = contents.slot_no;
   entry->sctr_ptr = pointer;
   return entry;
 }
 
+flashfs_sctr_list_ordered* new_slot_entry(flashfs* fs, flashfs_sctr_ptr pointer,
+                                          const flashfs_dir_slot& slot, uint8_t slot_no,
+                                          flashfs_sctr_map** owner) {
+  return new_entry(fs, pointer, {slot.dir_fileid, mode_of_found_directory, slot.seq_no, slot_no},
+                   owner);
+}
+
+// The same for a sector's data or its slot `slot_no`.
+flashfs_sctr_list_ordered* new_list_entry(flashfs* fs, flashfs_sctr_ptr pointer,
+                                          const flashfs_sector* sector, uint8_t slot_no,
+                                          flashfs_sctr_map** owner) {
+  if (sector->fileid == fileid_root) {
+    return new_slot_entry(fs, pointer, sector->slots[slot_no % slots_per_sector], slot_no, owner);
+  }
+  return new_entry(fs, pointer,
+                   {sector->fileid, mode_of_found_file, sector->seq_no, slot_of_sector}, owner);
+}
+
+void insert_in_order(flashfs_sctr_map* owner, flashfs_sctr_list_ordered* entry) {
+  flashfs_sctr_list_ordered** link = &owner->sctr_list;
+  while (*link != nullptr && (*link)->seq_no < entry->seq_no) {
+    link = &(*link)->next;
+  }
+  entry->next = *link;
+  *link = entry;
+}
 using add_sector_function = int (*)(flashfs*, flashfs_sctr_ptr, const flashfs_sector*, uint8_t);
 
 int add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
@@ -201,13 +229,18 @@ int filemap_add_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sect
   if (entry == nullptr) {
     return 1;
   }
-  flashfs_sctr_list_ordered** link = &owner->sctr_list;
-  while (*link != nullptr && (*link)->seq_no < entry->seq_no) {
-    link = &(*link)->next;
-  }
-  entry->next = *link;
-  *link = entry;
+  insert_in_order(owner, entry);
   return 0;
+}
+
+flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
+                                            const flashfs_dir_slot& slot) {
+  flashfs_sctr_map* owner = nullptr;
+  flashfs_sctr_list_ordered* entry = new_slot_entry(fs, pointer, slot, slot_no, &owner);
+  if (entry != nullptr) {
+    insert_in_order(owner, entry);
+  }
+  return entry;
 }
 
 int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {

@@ -31,6 +31,10 @@ uint16_t flashfs_next_fileid(const flashfs* fs);
 // be.
 [[nodiscard]] int filemap_add_sector(flashfs* fs, flashfs_sctr_ptr pointer,
                                      const flashfs_sector* sector, uint8_t slot_no);
+// Enters one slot of a directory sector; its list entry, or null.
+[[nodiscard]] flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointer,
+                                                          uint8_t slot_no,
+                                                          const flashfs_dir_slot& slot);
 // Enters a data sector, or all live slots of a directory sector.
 [[nodiscard]] int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer,
                                          const flashfs_sector* sector);
