@@ -54,17 +54,22 @@ int read_for_check(const sector_pass& pass, flashfs_sctr_ptr pointer) {
                      fileid == fileid_root ? all_but_fileid : only_seq_no);
 }
 
-// What cannot be listed now is told when the free space is wanted.
-void list_free(sector_pass& pass, flashfs_sctr_ptr pointer) {
+// Enters what a sector that is not obsolete holds into the file map, and what is free of it into
+// the available lists. A free slot that is not erased is told when the free space is wanted: it is
+// looked for again then.
+int enter_sector(sector_pass& pass, flashfs_sctr_ptr pointer) {
+  flashfs* fs = pass.fs;
+  if (pass.buffer->fileid != fileid_available &&
+      filemap_collect_sector_all(fs, pointer, pass.buffer) != 0) {
+    return 1;
+  }
   if (pass.buffer->fileid == fileid_root && !flashfs_free_slots_are_erased(pass.buffer)) {
     pass.free_space_listed = false;
   }
-  if (pass.free_space_listed && flashfs_list_free(pass.fs, pointer, pass.buffer) != 0) {
-    pass.free_space_listed = false;
-  }
+  return pass.free_space_listed ? flashfs_list_free(fs, pointer, pass.buffer) : 0;
 }
 
-// Enters one sector into the file map; unless the check is quick it is validated first.
+// Enters one sector into the maps; unless the check is quick it is validated first.
 int scan_sector(sector_pass& pass, flashfs_sctr_ptr pointer) {
   flashfs* fs = pass.fs;
   flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
@@ -85,11 +90,7 @@ int scan_sector(sector_pass& pass, flashfs_sctr_ptr pointer) {
     block.invalid_sectors++;
     return 0;
   }
-  list_free(pass, pointer);
-  if (pass.buffer->fileid == fileid_available) {
-    return 0;
-  }
-  if (filemap_collect_sector_all(fs, pointer, pass.buffer) != 0) {
+  if (enter_sector(pass, pointer) != 0) {
     flashfs_log(fs, "out of memory");
     return 1;
   }
