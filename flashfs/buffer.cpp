@@ -7,7 +7,7 @@
 
 namespace {
 
-// Changes of flash so far, by any file system.
+// Changes of flash and checks begun so far, by any file system.
 uint64_t flash_changes;
 
 }  // namespace
@@ -42,6 +42,10 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer) {
 
 void sector_buffers_forget() {
   flash_changes++;
+}
+
+uint64_t flash_change_count() {
+  return flash_changes;
 }
 
 bool sector_buffer::holds(flashfs_sctr_ptr pointer) const {

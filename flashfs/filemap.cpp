@@ -4,6 +4,7 @@
 #include <new>
 
 #include "flashfs/available.h"
+#include "flashfs/buffer.h"
 #include "flashfs/list_sort.h"
 
 namespace {
@@ -161,6 +162,7 @@ void filemap_clear(flashfs* fs) {
 }
 
 void flashfs_clear_maps(flashfs* fs) {
+  sector_buffers_forget();
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     fs->flashfs_blocks[b].invalid_sectors = 0;
     fs->flashfs_blocks[b].invalid_slots = 0;

@@ -222,3 +222,21 @@ TEST_F(short_memory, creating_fails_at_any_of_its_allocations_and_gives_everythi
   EXPECT_EQ(named_without_a_list, 1);
   EXPECT_TRUE(flash_is_consistent());
 }
+
+TEST_F(short_memory, a_reader_in_pieces_reads_a_sector_again_that_it_cannot_keep) {
+  const std::string text(1000, 'x');
+  ASSERT_EQ(files().write_file("f", text), 0);
+  const volume::file open = files().open("f", ifs_open_read);
+  device().clear_counts();
+  char piece[100];
+  for (int i = 0; i < 3; i++) {
+    fail_allocation(2);  // the first is the sector buffer
+    EXPECT_EQ(open.read(piece, sizeof(piece)), 100);
+    EXPECT_EQ(std::string(piece, sizeof(piece)), text.substr(0, 100));
+  }
+  fail_allocation(0);
+  EXPECT_EQ(device().counts().reads, 3U);
+  EXPECT_EQ(open.read(piece, sizeof(piece)), 100);
+  EXPECT_EQ(open.read(piece, sizeof(piece)), 100);
+  EXPECT_EQ(device().counts().reads, 4U);
+}
