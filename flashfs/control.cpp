@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "flashfs/buffer.h"
 #include "flashfs/check_flags.h"
 #include "flashfs/claim.h"
 #include "flashfs/control_codes.h"
@@ -80,16 +79,12 @@ int32_t highest_fileid(const flashfs* fs, uint32_t* fileid) {
 }
 
 int32_t get_name(flashfs* fs, const flashfs_open_file* open, flashfs_file_name* record) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return -1;
-  }
-  const auto* reference = filemap_find_slot_in(fs, open->file, buffer).entry;
-  if (reference == nullptr) {
+  flashfs_dir_slot slot;
+  if (filemap_find_slot_in(fs, open->file, &slot).entry == nullptr) {
     return flashfs_fail(EIO);
   }
   char name[filename_buffer_size];
-  dir_slot_get_name(&buffer->slots[reference->slot_no], name);
+  dir_slot_get_name(&slot, name);
   strcpy(record->name, name);
   return 0;
 }

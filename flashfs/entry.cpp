@@ -20,23 +20,24 @@ ppc_mode_t with_permissions(ppc_mode_t mode, ppc_mode_t permissions) {
   return static_cast<ppc_mode_t>((mode & mode_kept_bits) | (permissions & ppc_mode_permissions));
 }
 
-// A slot that has been taken for an entry, and the list entry that still points at the old one.
+// A slot that has been taken for an entry, what is written there, and the list entry that still
+// points at the old one.
 struct fresh_slot {
   flashfs_sctr_list_ordered* reference;
   flashfs_sctr_ptr pointer;
   uint8_t slot_no;
+  flashfs_dir_slot contents;
 };
 
-void redirect_reference(const fresh_slot& fresh) {
-  fresh.reference->sctr_ptr = fresh.pointer;
-  fresh.reference->slot_no = fresh.slot_no;
+void redirect_reference(flashfs* fs, const fresh_slot& fresh) {
+  filemap_redirect_slot(fs, fresh.reference, fresh.pointer, fresh.slot_no, fresh.contents);
 }
 
 // Writes the slot's contents to its place and only then makes the old slot obsolete. The reference
 // is left to the caller. 0, or 1 when the flash fails.
-int replace_slot(flashfs* fs, const fresh_slot& fresh, const flashfs_dir_slot& contents,
-                 flashfs_sector* fresh_buffer, flashfs_sector* old_buffer) {
-  fresh_buffer->slots[fresh.slot_no] = contents;
+int replace_slot(flashfs* fs, const fresh_slot& fresh, flashfs_sector* fresh_buffer,
+                 flashfs_sector* old_buffer) {
+  fresh_buffer->slots[fresh.slot_no] = fresh.contents;
   if (write_sector(fs, fresh.pointer, fresh_buffer, whole_sector) != 0) {
     return 1;
   }
@@ -52,21 +53,19 @@ int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fre
   if (!old_buffer || !fresh_buffer) {
     return -1;
   }
-  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
+  const found_slot found = filemap_find_slot_in(fs, entry, &fresh->contents);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
   if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
-      read_sector(fs, found.entry->sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
       read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
     return flashfs_fail(EIO);
   }
-  flashfs_dir_slot contents = old_buffer->slots[found.entry->slot_no];
-  change(contents);
-  dir_slot_set_checksum(&contents);
-  if (replace_slot(fs, *fresh, contents, fresh_buffer.get(), old_buffer.get()) != 0) {
+  change(fresh->contents);
+  dir_slot_set_checksum(&fresh->contents);
+  if (replace_slot(fs, *fresh, fresh_buffer.get(), old_buffer.get()) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;
@@ -86,18 +85,13 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
       }) != 0) {
     return -1;
   }
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return -1;
-  }
-  if (read_sector(fs, fresh.pointer, buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
-  if (filemap_add_sector(fs, fresh.pointer, buffer.get(), fresh.slot_no) != 0) {
+  flashfs_sctr_list_ordered* added =
+      filemap_add_slot(fs, fresh.pointer, fresh.slot_no, fresh.contents);
+  if (added == nullptr) {
     return flashfs_fail(ENOMEM);
   }
   sctr_list_remove(fs, old_directory, fresh.reference);
-  entry->parent_fileid = directory->fileid;
+  filemap_set_parent(entry, directory->fileid, added);
   return 0;
 }
 
@@ -108,7 +102,7 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
   if (!buffer) {
     return 1;
   }
-  flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
+  flashfs_sctr_list_ordered* reference = filemap_find_slot(fs, entry);
   if (reference == nullptr ||
       obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
     return 1;
@@ -126,8 +120,8 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
 
 // Whether everything that a directory's list names has a good checksum. The first that has not, or
 // cannot be read, ends it.
-bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffer& buffer) {
-  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::no);
+bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory) {
+  slot_walk walk(fs, directory->sctr_list, slot_walk_yields::no);
   while (walk.next()) {
     const bool good = dir_slot_crc(&walk.slot()) == flashfs_good_crc;
     process_may_suspend();
@@ -171,7 +165,15 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
     return EIO;
   }
-  return filemap_add_sector(fs, pointer, buffer, slot_no) == 0 ? 0 : ENOMEM;
+  flashfs_sctr_list_ordered* added = filemap_add_slot(fs, pointer, slot_no, slot);
+  if (added == nullptr) {
+    return ENOMEM;
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, entry_fileid);
+  if (entry != nullptr) {
+    filemap_set_parent(entry, directory->fileid, added);
+  }
+  return 0;
 }
 
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
@@ -181,21 +183,19 @@ int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
     return -1;
   }
   fresh_slot fresh = {};
-  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
+  fresh.reference = filemap_find_slot_in(fs, entry, &fresh.contents).entry;
   if (fresh.reference == nullptr) {
     flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
-  // Taken before the allocation, which may collect garbage and move the slot.
-  flashfs_dir_slot dated = old_buffer->slots[fresh.reference->slot_no];
-  dated.date = time != 0 ? time : flashfs_timestamp();
-  dir_slot_set_checksum(&dated);
+  fresh.contents.date = time != 0 ? time : flashfs_timestamp();
+  dir_slot_set_checksum(&fresh.contents);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
       read_sector(fs, fresh.pointer, fresh_buffer.get(), whole_sector) != 0 ||
-      replace_slot(fs, fresh, dated, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, fresh, fresh_buffer.get(), old_buffer.get()) != 0) {
     return flashfs_fail(EIO);
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   return 0;
 }
 
@@ -209,7 +209,7 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   return 0;
 }
 
@@ -220,7 +220,7 @@ int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mod
       }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   entry->mode = with_permissions(entry->mode, mode);
   return 0;
 }
@@ -266,11 +266,11 @@ int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry) {
   if (!buffer) {
     return -1;
   }
-  if (filemap_find_slot_in(fs, entry, buffer).entry == nullptr) {
+  if (filemap_find_slot(fs, entry) == nullptr) {
     flashfs_log(fs, "doverify, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
-  const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry, buffer)
+  const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry)
                                                    : sectors_are_good(fs, entry, buffer);
   return good ? 0 : flashfs_fail(EIO);
 }
@@ -284,8 +284,11 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (root == nullptr || !buffer) {
     return 1;
   }
-  root->parent_fileid = fileid_root;
-  const found_slot found = filemap_find_slot_in(fs, root, buffer);
+  if (root->parent_fileid != fileid_root) {
+    filemap_set_parent(root, fileid_root, nullptr);
+  }
+  flashfs_dir_slot slot;
+  const found_slot found = filemap_find_slot_in(fs, root, &slot);
   if (found.entry != nullptr) {
     return 0;
   }

@@ -10,8 +10,9 @@
 
 #include "flashfs/flashfs.h"
 
-// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list:
-// reads the sector, fills the slot from the arguments, dates it now. 0, EIO, or ENOMEM when the
+// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list,
+// which is the parent of the entry then, if that is known: reads the sector, fills the slot from
+// the arguments, dates it now. 0, EIO, or ENOMEM when the
 // slot stands on flash and the list does not know it.
 [[nodiscard]] int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                                          flashfs_sctr_map* directory, uint16_t entry_fileid,

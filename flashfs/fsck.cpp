@@ -252,10 +252,12 @@ int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
   if (!buffer) {
     return 1;
   }
+  flashfs_sctr_list_ordered* before = nullptr;
   flashfs_sctr_list_ordered* entry = file->sctr_list;
   while (entry != nullptr && entry->next != nullptr) {
     flashfs_sctr_list_ordered* later = entry->next;
     if (later->seq_no != entry->seq_no) {
+      before = entry;
       entry = later;
       continue;
     }
@@ -268,11 +270,8 @@ int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
     if (obsolete_on_flash(fs, dropped.sctr_ptr, dropped.slot_no, buffer.get()) != 0) {
       return 1;
     }
-    if (keep_later) {
-      entry->sctr_ptr = later->sctr_ptr;
-      entry->slot_no = later->slot_no;
-    }
-    sctr_list_remove_behind(fs, entry);
+    sctr_list_remove_behind(fs, file, keep_later ? before : entry);
+    entry = keep_later ? later : entry;
   }
   return 0;
 }

@@ -243,15 +243,6 @@ int schedule_moves(flashfs* fs, slot_moves* moves) {
   return 0;
 }
 
-flashfs_sctr_list_ordered* find_reference(const flashfs* fs, const flashfs_dir_slot& slot) {
-  const flashfs_sctr_map* directory = filemap_lookup(fs, slot.dir_fileid);
-  flashfs_sctr_list_ordered* entry = directory == nullptr ? nullptr : directory->sctr_list;
-  while (entry != nullptr && entry->seq_no != slot.seq_no) {
-    entry = entry->next;
-  }
-  return entry;
-}
-
 // Copies one live slot into the lowest free one, then deletes it where it was.
 int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot,
               flashfs_sector* source_buffer, flashfs_sector* target_buffer) {
@@ -259,8 +250,8 @@ int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot,
   if (read_sector(fs, source, source_buffer, whole_sector) != 0) {
     return 1;
   }
-  const flashfs_dir_slot& slot = source_buffer->slots[source_slot];
-  flashfs_sctr_list_ordered* reference = find_reference(fs, slot);
+  const flashfs_dir_slot slot = source_buffer->slots[source_slot];
+  flashfs_sctr_list_ordered* reference = filemap_find_listed(fs, slot);
   if (reference == nullptr || fs->available_slots == nullptr) {
     flashfs_log(fs, "Collecting garbage, inconsistency!!!");
     return 1;
@@ -275,7 +266,9 @@ int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot,
       obsolete_on_flash(fs, source, source_slot, source_buffer) != 0) {
     return 1;
   }
-  reference->sctr_ptr = available_slot_take(fs, &reference->slot_no);
+  uint8_t taken_slot = 0;
+  const flashfs_sctr_ptr taken = available_slot_take(fs, &taken_slot);
+  filemap_redirect_slot(fs, reference, taken, taken_slot, slot);
   return 0;
 }
 

@@ -16,27 +16,39 @@ bool slot_walk::next() {
     if (!is_slot_index(entry_->slot_no)) {
       continue;
     }
-    failed_ = read_sector_once(fs_, entry_->sctr_ptr, buffer_) != 0;
+    failed_ = read_slot(fs_, entry_->sctr_ptr, entry_->slot_no, &slot_) != 0;
     return !failed_;
   }
   return false;
 }
 
-found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry, sector_buffer& buffer) {
+found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry,
+                                flashfs_dir_slot* slot) {
   const flashfs_sctr_map* parent = filemap_lookup(fs, entry->parent_fileid);
-  if (parent == nullptr) {
+  listed_slot* name = parent == nullptr ? nullptr : filemap_known_name(fs, entry);
+  if (name == nullptr) {
     return {nullptr, false};
   }
-  slot_walk walk(fs, parent->sctr_list, buffer, slot_walk_yields::no);
-  while (walk.next()) {
-    if (walk.slot().entry_fileid == entry->fileid) {
-      return {walk.entry(), false};
+  if (read_slot(fs, name->sctr_ptr, name->slot_no, slot) != 0) {
+    return {nullptr, true};
+  }
+  if (slot->entry_fileid == entry->fileid && slot->dir_fileid == parent->fileid) {
+    return {name, false};
+  }
+  // What is remembered is not so any more: whatever else the list names the file with may be.
+  for (name = sctr_list_find_naming(parent->sctr_list, entry->fileid); name != nullptr;
+       name = sctr_list_find_naming(name->next, entry->fileid)) {
+    if (read_slot(fs, name->sctr_ptr, name->slot_no, slot) != 0) {
+      return {nullptr, true};
+    }
+    if (slot->entry_fileid == entry->fileid) {
+      return {name, false};
     }
   }
-  return {nullptr, walk.failed()};
+  return {nullptr, false};
 }
 
 flashfs_sctr_list_ordered* filemap_find_slot(flashfs* fs, const flashfs_sctr_map* entry) {
-  sector_buffer buffer(fs);
-  return buffer ? filemap_find_slot_in(fs, entry, buffer).entry : nullptr;
+  flashfs_dir_slot slot;
+  return filemap_find_slot_in(fs, entry, &slot).entry;
 }
