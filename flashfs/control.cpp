@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "flashfs/buffer.h"
 #include "flashfs/check_flags.h"
 #include "flashfs/claim.h"
 #include "flashfs/control_codes.h"
@@ -79,12 +80,16 @@ int32_t highest_fileid(const flashfs* fs, uint32_t* fileid) {
 }
 
 int32_t get_name(flashfs* fs, const flashfs_open_file* open, flashfs_file_name* record) {
-  flashfs_dir_slot slot;
-  if (filemap_find_slot_in(fs, open->file, &slot).entry == nullptr) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return -1;
+  }
+  const auto* reference = filemap_find_slot_in(fs, open->file, buffer).entry;
+  if (reference == nullptr) {
     return flashfs_fail(EIO);
   }
   char name[filename_buffer_size];
-  dir_slot_get_name(&slot, name);
+  dir_slot_get_name(&buffer->slots[reference->slot_no], name);
   strcpy(record->name, name);
   return 0;
 }

@@ -53,12 +53,13 @@ int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fre
   if (!old_buffer || !fresh_buffer) {
     return -1;
   }
-  const found_slot found = filemap_find_slot_in(fs, entry, &fresh->contents);
+  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
+  fresh->contents = old_buffer->slots[found.entry->slot_no];
   if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
       read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
     return flashfs_fail(EIO);
@@ -102,7 +103,7 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
   if (!buffer) {
     return 1;
   }
-  flashfs_sctr_list_ordered* reference = filemap_find_slot(fs, entry);
+  flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
   if (reference == nullptr ||
       obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
     return 1;
@@ -120,8 +121,8 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
 
 // Whether everything that a directory's list names has a good checksum. The first that has not, or
 // cannot be read, ends it.
-bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory) {
-  slot_walk walk(fs, directory->sctr_list, slot_walk_yields::no);
+bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffer& buffer) {
+  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::no);
   while (walk.next()) {
     const bool good = dir_slot_crc(&walk.slot()) == flashfs_good_crc;
     process_may_suspend();
@@ -183,11 +184,13 @@ int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
     return -1;
   }
   fresh_slot fresh = {};
-  fresh.reference = filemap_find_slot_in(fs, entry, &fresh.contents).entry;
+  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
   if (fresh.reference == nullptr) {
     flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
+  // Taken before the allocation, which may collect garbage and move the slot.
+  fresh.contents = old_buffer->slots[fresh.reference->slot_no];
   fresh.contents.date = time != 0 ? time : flashfs_timestamp();
   dir_slot_set_checksum(&fresh.contents);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
@@ -266,11 +269,11 @@ int32_t flashfs_verify_entry(flashfs* fs, flashfs_sctr_map* entry) {
   if (!buffer) {
     return -1;
   }
-  if (filemap_find_slot(fs, entry) == nullptr) {
+  if (filemap_find_slot_in(fs, entry, buffer).entry == nullptr) {
     flashfs_log(fs, "doverify, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
-  const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry)
+  const bool good = is_directory_mode(entry->mode) ? slots_are_good(fs, entry, buffer)
                                                    : sectors_are_good(fs, entry, buffer);
   return good ? 0 : flashfs_fail(EIO);
 }
@@ -287,8 +290,7 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (root->parent_fileid != fileid_root) {
     filemap_set_parent(root, fileid_root, nullptr);
   }
-  flashfs_dir_slot slot;
-  const found_slot found = filemap_find_slot_in(fs, root, &slot);
+  const found_slot found = filemap_find_slot_in(fs, root, buffer);
   if (found.entry != nullptr) {
     return 0;
   }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "flashfs/buffer.h"
 #include "flashfs/claim.h"
 #include "flashfs/filemap.h"
 #include "flashfs/log.h"
@@ -60,8 +61,12 @@ void fill_record(const flashfs_dir_slot* slot, uint32_t next_position, uint8_t* 
 }
 
 int32_t list_directory(flashfs* fs, flashfs_open_file* open, uint8_t* out, uint32_t wanted) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return -1;
+  }
   const list_place place = skip_entries(open);
-  slot_walk walk(fs, place.entry(), slot_walk_yields::yes);
+  slot_walk walk(fs, place.entry(), buffer, slot_walk_yields::yes);
   uint32_t produced = 0;
   while (produced < wanted && walk.next()) {
     const flashfs_dir_slot& slot = walk.slot();

@@ -128,6 +128,10 @@ bool is_absent(const found_name& search) {
 
 found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return {0, errno};
+  }
   if (directory == nullptr) {
     return {0, ENOENT};
   }
@@ -137,7 +141,7 @@ found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   name_search search(directory, name);
   while (const listed_slot* listed = search.next()) {
     process_may_suspend();
-    flashfs_dir_slot slot;
+    flashfs_dir_slot& slot = buffer.get()->slots[listed->slot_no];
     if (read_slot(fs, listed->sctr_ptr, listed->slot_no, &slot) != 0) {
       return {0, EIO};  // not "no such name": nobody may create the name because of it
     }

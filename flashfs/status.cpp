@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "flashfs/buffer.h"
 #include "flashfs/filemap.h"
 #include "flashfs/io.h"
 #include "flashfs/log.h"
@@ -91,12 +92,16 @@ int32_t flashfs_status(flashfs* fs, flashfs_sctr_map* entry, ppc_stat* status, l
   status->fsid = fs->fsid;
   status->fileid = entry->fileid;
   status->mode = entry->mode;
-  flashfs_dir_slot slot;
-  if (filemap_find_slot_in(fs, entry, &slot).entry == nullptr) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return -1;
+  }
+  const flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
+  if (reference == nullptr) {
     flashfs_log(fs, "dostat, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
-  const uint32_t date = slot.date;
+  const uint32_t date = buffer->slots[reference->slot_no].date;
   status->access_date = date;
   status->modification_date = date;
   status->change_date = date;
@@ -142,16 +147,19 @@ int32_t flashfs_build_path(flashfs* fs, uint16_t fileid, char* path, size_t path
   if (!leads_to_root(fs, fileid)) {
     return flashfs_fail(EBADF);
   }
+  sector_buffer buffer(fs);
+  if (!buffer) {
+    return -1;
+  }
   size_t start = path_size - 1;
   path[start] = '\0';
   while (fileid != fileid_root) {
     const flashfs_sctr_map* entry = filemap_lookup(fs, fileid);
-    flashfs_dir_slot slot;
-    const found_slot found = filemap_find_slot_in(fs, entry, &slot);
+    const found_slot found = filemap_find_slot_in(fs, entry, buffer);
     if (found.entry == nullptr) {
       return flashfs_fail(found.failed ? EIO : EBADF);
     }
-    if (prepend_name(&slot, path, &start) != 0) {
+    if (prepend_name(&buffer->slots[found.entry->slot_no], path, &start) != 0) {
       return -1;
     }
     fileid = entry->parent_fileid;
