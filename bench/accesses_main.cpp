@@ -70,7 +70,7 @@ class device {
     check(static_cast<bool>(opened), "cannot open " + path);
     for (uint32_t done = 0; done < bytes; done += piece_bytes) {
       const uint32_t piece = std::min(bytes - done, piece_bytes);
-      check(opened.write(std::string_view(text()).substr(0, piece)) == 0, "cannot write " + path);
+      check(opened.write({text().data(), piece}) == 0, "cannot write " + path);
     }
   }
   test_support::ram_flash& flash() {
