@@ -2,7 +2,6 @@
 #include "flashfs/alloc.h"
 
 #include "flashfs/available.h"
-#include "flashfs/buffer.h"
 #include "flashfs/gc.h"
 #include "flashfs/io.h"
 
@@ -24,12 +23,11 @@ taken look_at_sector(flashfs* fs, flashfs_sctr_ptr pointer) {
   if (is_erased(&sector, sizeof(sector))) {
     return taken::erased;
   }
-  invalidate_sector_buf(fs, pointer, &sector);
-  return write_sector(fs, pointer, &sector, whole_sector) == 0 ? taken::dirty : taken::failed;
+  return obsolete_sector(fs, pointer, sector.fileid) == 0 ? taken::dirty : taken::failed;
 }
 
 // A dirty slot is deleted.
-taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, flashfs_sector* buffer) {
+taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
   flashfs_dir_slot slot;
   if (read_slot(fs, pointer, slot_no, &slot) != 0) {
     return taken::failed;
@@ -37,7 +35,7 @@ taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, flash
   if (is_erased(&slot, sizeof(slot))) {
     return taken::erased;
   }
-  return obsolete_on_flash(fs, pointer, slot_no, buffer) == 0 ? taken::dirty : taken::failed;
+  return obsolete_slot(fs, pointer, slot_no, slot.dir_fileid) == 0 ? taken::dirty : taken::failed;
 }
 
 // As many dirty sectors are passed over at a time: flash that does not erase any more would get
@@ -63,10 +61,11 @@ bool take_sector(flashfs* fs, flashfs_sctr_ptr* pointer, uint32_t use_reserve) {
 }
 
 // Turns an erased sector into a directory sector; its slots become available, the last one first.
-int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* buffer) {
-  ifs_runtime::memset(buffer, flash_erased_byte, sizeof(*buffer));
-  buffer->fileid = fileid_root;
-  if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
+int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer) {
+  flashfs_sector sector;
+  ifs_runtime::memset(&sector, flash_erased_byte, sizeof(sector));
+  sector.fileid = fileid_root;
+  if (update_sector(fs, pointer, nullptr, &sector) != 0) {
     return 1;
   }
   for (uint8_t k = 0; k < slots_per_sector; k++) {
@@ -79,15 +78,14 @@ int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector*
 
 // The head of the list of slots, after making a directory sector when the list cannot give it. As
 // flashfs_alloc_slot.
-int take_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no, uint32_t use_reserve,
-              flashfs_sector* buffer) {
+int take_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no, uint32_t use_reserve) {
   if (!available_can_give(fs->available_slots, use_reserve)) {
     flashfs_sctr_ptr fresh;
     const int failure = flashfs_alloc_sector(fs, &fresh, use_reserve);
     if (failure != 0) {
       return failure;
     }
-    if (make_directory_sector(fs, fresh, buffer) != 0) {
+    if (make_directory_sector(fs, fresh) != 0) {
       return alloc_without_space;
     }
   }
@@ -143,19 +141,15 @@ int flashfs_alloc_sector(flashfs* fs, flashfs_sctr_ptr* pointer, uint32_t use_re
 int flashfs_alloc_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no,
                        uint32_t use_reserve) {
   pointer->block_num = no_block;
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return alloc_without_space;
-  }
   taken result = taken::dirty;
   for (uint32_t left = count_sectors(fs) * slots_per_sector; result == taken::dirty && left > 0;
        left--) {
-    const int failure = take_slot(fs, pointer, slot_no, use_reserve, buffer.get());
+    const int failure = take_slot(fs, pointer, slot_no, use_reserve);
     if (failure != 0) {
       pointer->block_num = no_block;
       return failure;
     }
-    result = look_at_slot(fs, *pointer, *slot_no, buffer.get());
+    result = look_at_slot(fs, *pointer, *slot_no);
   }
   return allocated(result, pointer);
 }

@@ -13,7 +13,7 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer);
 // Makes everybody forget what is remembered of the flash's contents. Whatever changes flash calls
 // it, and a check that begins.
 void sector_buffers_forget();
-// How often that was.
+// How often that was: while the number stays, so does what was read.
 uint64_t flash_change_count();
 
 // A borrowed sector buffer, given back when the scope ends. It knows which sector it holds as the

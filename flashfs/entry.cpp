@@ -33,40 +33,36 @@ void redirect_reference(flashfs* fs, const fresh_slot& fresh) {
   filemap_redirect_slot(fs, fresh.reference, fresh.pointer, fresh.slot_no, fresh.contents);
 }
 
-// Writes the slot's contents to its place and only then makes the old slot obsolete. The reference
-// is left to the caller. 0, or 1 when the flash fails.
-int replace_slot(flashfs* fs, const fresh_slot& fresh, flashfs_sector* fresh_buffer,
-                 flashfs_sector* old_buffer) {
-  fresh_buffer->slots[fresh.slot_no] = fresh.contents;
-  if (write_sector(fs, fresh.pointer, fresh_buffer, whole_sector) != 0) {
+// Writes the slot's contents to its place, which is erased, and only then makes the old slot, which
+// is of this directory, obsolete. The reference is left to the caller. 0, or 1 when the flash
+// fails.
+int replace_slot(flashfs* fs, const fresh_slot& fresh, uint16_t old_dir_fileid) {
+  if (update_slot(fs, fresh.pointer, fresh.slot_no, nullptr, &fresh.contents) != 0) {
     return 1;
   }
-  return obsolete_on_flash(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_buffer);
+  return obsolete_slot(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_dir_fileid);
 }
 
 // Writes a fresh copy of the entry's slot, changed by `change`, and then obsoletes the old one. The
 // reference is left to the caller. Returns 0, or -1 with errno.
 template <typename Change>
 int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh, Change change) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
-  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
+  const found_slot found = filemap_find_slot_in(fs, entry, buffer);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
-  fresh->contents = old_buffer->slots[found.entry->slot_no];
-  if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
-      read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
+  fresh->contents = buffer->slots[found.entry->slot_no];
+  const uint16_t old_dir_fileid = fresh->contents.dir_fileid;
   change(fresh->contents);
   dir_slot_set_checksum(&fresh->contents);
-  if (replace_slot(fs, *fresh, fresh_buffer.get(), old_buffer.get()) != 0) {
+  if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
+      replace_slot(fs, *fresh, old_dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;
@@ -104,14 +100,14 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
     return 1;
   }
   flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
-  if (reference == nullptr ||
-      obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
+  if (reference == nullptr || obsolete_slot(fs, reference->sctr_ptr, reference->slot_no,
+                                            buffer->slots[reference->slot_no].dir_fileid) != 0) {
     return 1;
   }
   sctr_list_remove(fs, directory, reference);
   for (const auto* each = entry->sctr_list; each != nullptr; each = each->next) {
     process_may_suspend();
-    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no) != 0) {
       return 1;
     }
   }
@@ -151,11 +147,9 @@ bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& 
 
 int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                            flashfs_sctr_map* directory, uint16_t entry_fileid, ppc_mode_t mode,
-                           const char* name, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return EIO;
-  }
-  flashfs_dir_slot& slot = buffer->slots[slot_no];
+                           const char* name) {
+  flashfs_dir_slot slot;
+  ifs_runtime::memset(&slot, flash_erased_byte, sizeof(slot));
   slot.seq_no = flashfs_next_slot_seq_no(directory);
   slot.dir_fileid = directory->fileid;
   slot.entry_fileid = entry_fileid;
@@ -163,7 +157,7 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   slot.date = flashfs_timestamp();
   dir_slot_set_name(&slot, name);
   dir_slot_set_checksum(&slot);
-  if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
+  if (update_slot(fs, pointer, slot_no, nullptr, &slot) != 0) {
     return EIO;
   }
   flashfs_sctr_list_ordered* added = filemap_add_slot(fs, pointer, slot_no, slot);
@@ -178,24 +172,22 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
 }
 
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
   fresh_slot fresh = {};
-  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
+  fresh.reference = filemap_find_slot_in(fs, entry, buffer).entry;
   if (fresh.reference == nullptr) {
     flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
   // Taken before the allocation, which may collect garbage and move the slot.
-  fresh.contents = old_buffer->slots[fresh.reference->slot_no];
+  fresh.contents = buffer->slots[fresh.reference->slot_no];
   fresh.contents.date = time != 0 ? time : flashfs_timestamp();
   dir_slot_set_checksum(&fresh.contents);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
-      read_sector(fs, fresh.pointer, fresh_buffer.get(), whole_sector) != 0 ||
-      replace_slot(fs, fresh, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, fresh, fresh.contents.dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   redirect_reference(fs, fresh);
@@ -229,14 +221,10 @@ int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mod
 }
 
 int flashfs_truncate_entry(flashfs* fs, flashfs_sctr_map* file) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
   while (file->sctr_list != nullptr) {
     process_may_suspend();
     const flashfs_sctr_list_ordered* head = file->sctr_list;
-    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no) != 0) {
       return 1;
     }
     sctr_list_remove(fs, file, file->sctr_list);
@@ -299,6 +287,5 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (found.failed || flashfs_alloc_slot(fs, &pointer, &slot_no, 1) != 0) {
     return 1;
   }
-  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "",
-                                buffer.get());
+  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "");
 }

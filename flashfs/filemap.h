@@ -47,9 +47,6 @@ uint16_t flashfs_next_fileid(const flashfs* fs);
 // be.
 [[nodiscard]] int filemap_add_sector(flashfs* fs, flashfs_sctr_ptr pointer,
                                      const flashfs_sector* sector, uint8_t slot_no);
-// Enters a data sector, or all live slots of a directory sector.
-[[nodiscard]] int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer,
-                                         const flashfs_sector* sector);
 // Enters one slot of a directory sector; its list entry, or null.
 [[nodiscard]] flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointer,
                                                           uint8_t slot_no,
@@ -58,6 +55,9 @@ uint16_t flashfs_next_fileid(const flashfs* fs);
 // place in the list stays.
 void filemap_redirect_slot(flashfs* fs, flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
                            uint8_t slot_no, const flashfs_dir_slot& contents);
+// Enters a data sector, or all live slots of a directory sector.
+[[nodiscard]] int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer,
+                                         const flashfs_sector* sector);
 // The same for many sectors in any order: what they add is only in its place in the lists once
 // filemap_sort_lists has run. Of equal sequence numbers the one added last comes first.
 [[nodiscard]] int filemap_collect_sector_all(flashfs* fs, flashfs_sctr_ptr pointer,

@@ -181,15 +181,14 @@ int name_orphan(flashfs* fs, uint16_t orphan_fileid, flashfs_sctr_map* directory
     return 1;
   }
   flashfs_sctr_map* orphan = filemap_lookup(fs, orphan_fileid);
-  sector_buffer buffer(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
-  if (orphan == nullptr || !buffer || flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
+  if (orphan == nullptr || flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
     return 1;
   }
   char name_work[path_size_max];
   if (flashfs_write_new_slot(fs, pointer, slot_no, directory, orphan_fileid, orphan->mode,
-                             path_basename(path, name_work), buffer.get()) != 0) {
+                             path_basename(path, name_work)) != 0) {
     return 1;
   }
   // The name stands. Whatever becomes of the directory's date, the orphan is where it says.

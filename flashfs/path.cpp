@@ -70,7 +70,7 @@ name_place find_directory(flashfs* fs, const char* dir_path, const name_rules& r
 
 // Makes the entry in a directory that is claimed for writing. 0, or the error.
 int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* name, uint32_t mode,
-                        flashfs_sector* buffer, flashfs_sctr_map** entry) {
+                        flashfs_sctr_map** entry) {
   const uint16_t fileid = flashfs_next_fileid(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
@@ -91,7 +91,7 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
   // The directory's list knows the slot before the directory is dated: that may collect garbage,
   // which must find the slot's reference when it moves it.
   const int error =
-      flashfs_write_new_slot(fs, pointer, slot_no, directory, fileid, entry_mode, name, buffer);
+      flashfs_write_new_slot(fs, pointer, slot_no, directory, fileid, entry_mode, name);
   if (error == EIO || flashfs_touch(fs, directory, 0) != 0) {
     return EIO;
   }
@@ -101,10 +101,6 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
 // 0, or the error.
 int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map** entry) {
   const found_name existing = path == nullptr ? found_name{0, ENOENT} : path_find(fs, path);
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return errno;
-  }
   if (path == nullptr || *path == '\0') {
     return ENOENT;
   }
@@ -117,7 +113,7 @@ int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map*
   if (!claim.take(place.directory, acquire_write)) {
     return EBUSY;
   }
-  return create_in_directory(fs, place.directory, place.name, mode, buffer.get(), entry);
+  return create_in_directory(fs, place.directory, place.name, mode, entry);
 }
 
 }  // namespace

@@ -173,9 +173,9 @@ TEST_F(short_memory, a_slot_that_was_written_stays_when_it_cannot_be_listed) {
   uint8_t slot_no = 0;
   ASSERT_EQ(flashfs_alloc_slot(fs(), &pointer, &slot_no, 0), 0);
   fail_allocation(1);
-  EXPECT_EQ(flashfs_write_new_slot(fs(), pointer, slot_no, filemap_lookup(fs(), 1), 99, 0x8700,
-                                   "name", &sector_),
-            ENOMEM);
+  EXPECT_EQ(
+      flashfs_write_new_slot(fs(), pointer, slot_no, filemap_lookup(fs(), 1), 99, 0x8700, "name"),
+      ENOMEM);
   fail_allocation(0);
   EXPECT_EQ(path_lookup(fs(), "name"), 0);
   remount();

@@ -227,9 +227,8 @@ TEST_F(paths, a_path_may_go_through_damaged_directories_that_contain_themselves)
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
   ASSERT_EQ(flashfs_alloc_slot(fs(), &pointer, &slot_no, 0), 0);
-  ASSERT_EQ(flashfs_write_new_slot(fs(), pointer, slot_no, entry(directory), directory, 0x4700, "d",
-                                   &sector),
-            0);
+  ASSERT_EQ(
+      flashfs_write_new_slot(fs(), pointer, slot_no, entry(directory), directory, 0x4700, "d"), 0);
   std::string path = "d";
   while (path.size() + 2 < 320) {
     path += "/d";

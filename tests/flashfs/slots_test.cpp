@@ -153,7 +153,7 @@ TEST_F(walk_over_slots, that_the_flash_ends_has_failed) {
   slot_walk walk(fs(), head(), buffer, slot_walk_yields::no);
   EXPECT_EQ(output_of([&] { EXPECT_EQ(numbers_of(walk), numbers_from(0, 20)); }),
             "flashfs[0]: reading from flash handle " + handle_text(device()) +
-                ", device 0, offset " + hex(2 * 0x20000 + 32 + 8 * 2056 + 4) + ": Busy\n");
+                ", device 0, offset " + hex(2 * 0x20000 + 32 + 8 * 2056) + ": Busy\n");
   EXPECT_TRUE(walk.failed());
 }
 

@@ -300,7 +300,7 @@ TEST_F(file_write, a_written_sector_is_copied_before_the_old_one_becomes_obsolet
   const int32_t fd = open("a", open_rw);
   flash_recorder recorder(fs());
   EXPECT_EQ(write(fd, "T"), 1);
-  EXPECT_EQ(recorder.text(), "2.2 2.1 2.0 2.0");
+  EXPECT_EQ(recorder.text(), "2.2 2.1+ 2.0 2.0");
   EXPECT_EQ(text_of(entry(fileid_of("a"))->sctr_list->sctr_ptr), "2.2");
   EXPECT_EQ(fileid_at(2, 1), 0);
   EXPECT_EQ(fs()->flashfs_blocks[2].invalid_sectors, 1);
