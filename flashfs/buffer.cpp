@@ -7,8 +7,8 @@
 
 namespace {
 
-// Changes of flash so far, by any file system.
-uint64_t changes;
+// Changes of flash and checks begun so far, by any file system.
+uint64_t flash_changes;
 
 }  // namespace
 
@@ -41,18 +41,18 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer) {
 }
 
 void sector_buffers_forget() {
-  changes++;
+  flash_changes++;
 }
 
-uint64_t flash_changes() {
-  return changes;
+uint64_t flash_change_count() {
+  return flash_changes;
 }
 
 bool sector_buffer::holds(flashfs_sctr_ptr pointer) const {
-  return held_.block_num != no_block && held_ == pointer && held_since_ == changes;
+  return held_.block_num != no_block && held_ == pointer && held_since_ == flash_changes;
 }
 
 void sector_buffer::set_held(flashfs_sctr_ptr pointer) {
   held_ = pointer;
-  held_since_ = changes;
+  held_since_ = flash_changes;
 }

@@ -20,34 +20,33 @@ ppc_mode_t with_permissions(ppc_mode_t mode, ppc_mode_t permissions) {
   return static_cast<ppc_mode_t>((mode & mode_kept_bits) | (permissions & ppc_mode_permissions));
 }
 
-// A slot that has been taken for an entry, and the list entry that still points at the old one.
+// A slot that has been taken for an entry, what is written there, and the list entry that still
+// points at the old one.
 struct fresh_slot {
   flashfs_sctr_list_ordered* reference;
   flashfs_sctr_ptr pointer;
   uint8_t slot_no;
+  flashfs_dir_slot contents;
 };
 
-void redirect_reference(const fresh_slot& fresh) {
-  fresh.reference->sctr_ptr = fresh.pointer;
-  fresh.reference->slot_no = fresh.slot_no;
+void redirect_reference(flashfs* fs, const fresh_slot& fresh) {
+  filemap_redirect_slot(fs, fresh.reference, fresh.pointer, fresh.slot_no, fresh.contents);
 }
 
 // Writes the slot's contents to its place, which is erased, and only then makes the old slot, which
 // is of this directory, obsolete. The reference is left to the caller. 0, or 1 when the flash
 // fails.
-int replace_slot(flashfs* fs, const fresh_slot& fresh, const flashfs_dir_slot& contents,
-                 uint16_t old_dir_fileid) {
-  if (update_slot(fs, fresh.pointer, fresh.slot_no, nullptr, &contents) != 0) {
+int replace_slot(flashfs* fs, const fresh_slot& fresh, uint16_t old_dir_fileid) {
+  if (update_slot(fs, fresh.pointer, fresh.slot_no, nullptr, &fresh.contents) != 0) {
     return 1;
   }
   return obsolete_slot(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_dir_fileid);
 }
 
 // Writes a fresh copy of the entry's slot, changed by `change`, and then obsoletes the old one. The
-// reference is left to the caller, who gets the copy. Returns 0, or -1 with errno.
+// reference is left to the caller. Returns 0, or -1 with errno.
 template <typename Change>
-int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh,
-                     flashfs_dir_slot* copy, Change change) {
+int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh, Change change) {
   sector_buffer buffer(fs);
   if (!buffer) {
     return -1;
@@ -58,12 +57,12 @@ int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fre
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
-  *copy = buffer->slots[found.entry->slot_no];
-  const uint16_t old_dir_fileid = copy->dir_fileid;
-  change(*copy);
-  dir_slot_set_checksum(copy);
+  fresh->contents = buffer->slots[found.entry->slot_no];
+  const uint16_t old_dir_fileid = fresh->contents.dir_fileid;
+  change(fresh->contents);
+  dir_slot_set_checksum(&fresh->contents);
   if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
-      replace_slot(fs, *fresh, *copy, old_dir_fileid) != 0) {
+      replace_slot(fs, *fresh, old_dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;
@@ -76,19 +75,20 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
     return flashfs_fail(ENOENT);
   }
   fresh_slot fresh = {};
-  flashfs_dir_slot moved;
-  if (rewrite_slot(fs, entry, &fresh, &moved, [&](flashfs_dir_slot& slot) {
+  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         dir_slot_set_name(&slot, new_name);
         slot.dir_fileid = directory->fileid;
         slot.seq_no = flashfs_next_slot_seq_no(directory);
       }) != 0) {
     return -1;
   }
-  if (filemap_add_slot(fs, fresh.pointer, fresh.slot_no, moved) == nullptr) {
+  flashfs_sctr_list_ordered* added =
+      filemap_add_slot(fs, fresh.pointer, fresh.slot_no, fresh.contents);
+  if (added == nullptr) {
     return flashfs_fail(ENOMEM);
   }
   sctr_list_remove(fs, old_directory, fresh.reference);
-  entry->parent_fileid = directory->fileid;
+  filemap_set_parent(entry, directory->fileid, added);
   return 0;
 }
 
@@ -160,7 +160,15 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   if (update_slot(fs, pointer, slot_no, nullptr, &slot) != 0) {
     return EIO;
   }
-  return filemap_add_slot(fs, pointer, slot_no, slot) == nullptr ? ENOMEM : 0;
+  flashfs_sctr_list_ordered* added = filemap_add_slot(fs, pointer, slot_no, slot);
+  if (added == nullptr) {
+    return ENOMEM;
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, entry_fileid);
+  if (entry != nullptr) {
+    filemap_set_parent(entry, directory->fileid, added);
+  }
+  return 0;
 }
 
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
@@ -175,14 +183,14 @@ int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
     return flashfs_fail(EIO);
   }
   // Taken before the allocation, which may collect garbage and move the slot.
-  flashfs_dir_slot dated = buffer->slots[fresh.reference->slot_no];
-  dated.date = time != 0 ? time : flashfs_timestamp();
-  dir_slot_set_checksum(&dated);
+  fresh.contents = buffer->slots[fresh.reference->slot_no];
+  fresh.contents.date = time != 0 ? time : flashfs_timestamp();
+  dir_slot_set_checksum(&fresh.contents);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
-      replace_slot(fs, fresh, dated, dated.dir_fileid) != 0) {
+      replace_slot(fs, fresh, fresh.contents.dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   return 0;
 }
 
@@ -192,24 +200,22 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
     return move_entry(fs, entry, directory, new_name);
   }
   fresh_slot fresh = {};
-  flashfs_dir_slot renamed;
-  if (rewrite_slot(fs, entry, &fresh, &renamed,
+  if (rewrite_slot(fs, entry, &fresh,
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   return 0;
 }
 
 int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mode) {
   fresh_slot fresh = {};
-  flashfs_dir_slot changed;
-  if (rewrite_slot(fs, entry, &fresh, &changed, [&](flashfs_dir_slot& slot) {
+  if (rewrite_slot(fs, entry, &fresh, [&](flashfs_dir_slot& slot) {
         slot.mode = with_permissions(slot.mode, mode);
       }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, fresh);
   entry->mode = with_permissions(entry->mode, mode);
   return 0;
 }
@@ -269,7 +275,9 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (root == nullptr || !buffer) {
     return 1;
   }
-  root->parent_fileid = fileid_root;
+  if (root->parent_fileid != fileid_root) {
+    filemap_set_parent(root, fileid_root, nullptr);
+  }
   const found_slot found = filemap_find_slot_in(fs, root, buffer);
   if (found.entry != nullptr) {
     return 0;

@@ -10,9 +10,9 @@
 
 #include "flashfs/flashfs.h"
 
-// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list:
-// fills it from the arguments and dates it now. 0, EIO, or ENOMEM when the
-// slot stands on flash and the list does not know it.
+// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list,
+// which is the parent of the entry then, if that is known: fills it from the arguments and dates it
+// now. 0, EIO, or ENOMEM when the slot stands on flash and the list does not know it.
 [[nodiscard]] int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                                          flashfs_sctr_map* directory, uint16_t entry_fileid,
                                          ppc_mode_t mode, const char* name);

@@ -143,7 +143,7 @@ int first_pass(sector_pass& pass) {
       return 1;
     }
   }
-  pass.flash_changes = flash_changes();
+  pass.flash_changes = flash_change_count();
   filemap_sort_lists(pass.fs);
   return 0;
 }
@@ -252,7 +252,8 @@ int make_space_usable(const sector_pass& pass, bool reclaim_all) {
     flashfs_log(fs, "unable to allocate available block.");
     return 1;
   }
-  if (collect_available(fs, pass.free_space_listed && flash_changes() == pass.flash_changes) != 0) {
+  if (collect_available(fs, pass.free_space_listed && flash_change_count() == pass.flash_changes) !=
+      0) {
     return 1;
   }
   return reclaim_all ? reclaim_all_blocks(fs) : 0;
@@ -295,10 +296,12 @@ int flashfs_fsck(flashfs* fs, uint32_t quick, uint32_t reclaim_all) {
 }
 
 int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
+  flashfs_sctr_list_ordered* before = nullptr;
   flashfs_sctr_list_ordered* entry = file->sctr_list;
   while (entry != nullptr && entry->next != nullptr) {
     flashfs_sctr_list_ordered* later = entry->next;
     if (later->seq_no != entry->seq_no) {
+      before = entry;
       entry = later;
       continue;
     }
@@ -311,11 +314,8 @@ int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
     if (obsolete_on_flash(fs, dropped.sctr_ptr, dropped.slot_no) != 0) {
       return 1;
     }
-    if (keep_later) {
-      entry->sctr_ptr = later->sctr_ptr;
-      entry->slot_no = later->slot_no;
-    }
-    sctr_list_remove_behind(fs, entry);
+    sctr_list_remove_behind(fs, file, keep_later ? before : entry);
+    entry = keep_later ? later : entry;
   }
   return 0;
 }

@@ -244,15 +244,6 @@ int schedule_moves(flashfs* fs, slot_moves* moves) {
   return 0;
 }
 
-flashfs_sctr_list_ordered* find_reference(const flashfs* fs, const flashfs_dir_slot& slot) {
-  const flashfs_sctr_map* directory = filemap_lookup(fs, slot.dir_fileid);
-  flashfs_sctr_list_ordered* entry = directory == nullptr ? nullptr : directory->sctr_list;
-  while (entry != nullptr && entry->seq_no != slot.seq_no) {
-    entry = entry->next;
-  }
-  return entry;
-}
-
 // Copies one live slot into the lowest free one, then deletes it where it was.
 int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot) {
   process_may_suspend();
@@ -260,7 +251,7 @@ int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot) {
   if (read_slot(fs, source, source_slot, &slot) != 0) {
     return 1;
   }
-  flashfs_sctr_list_ordered* reference = find_reference(fs, slot);
+  flashfs_sctr_list_ordered* reference = filemap_find_listed(fs, slot);
   if (reference == nullptr || fs->available_slots == nullptr) {
     flashfs_log(fs, "Collecting garbage, inconsistency!!!");
     return 1;
@@ -273,7 +264,9 @@ int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot) {
       obsolete_slot(fs, source, source_slot, slot.dir_fileid) != 0) {
     return 1;
   }
-  reference->sctr_ptr = available_slot_take(fs, &reference->slot_no);
+  uint8_t taken_slot = 0;
+  const flashfs_sctr_ptr taken = available_slot_take(fs, &taken_slot);
+  filemap_redirect_slot(fs, reference, taken, taken_slot, slot);
   return 0;
 }
 

@@ -1,5 +1,5 @@
-// Paths: a directory is only a list of slots, so a name is found by reading the slots one after
-// another. And the making of new names.
+// Paths: a name is found by reading the slots that may have it, as the map knows them. And the
+// making of new names.
 #include "flashfs/path.h"
 
 #include <cerrno>
@@ -11,8 +11,8 @@
 #include "flashfs/claim.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
+#include "flashfs/io.h"
 #include "flashfs/log.h"
-#include "flashfs/slots.h"
 
 namespace {
 
@@ -123,7 +123,7 @@ bool is_absent(const found_name& search) {
 }
 
 found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
-  const flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
+  flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
   sector_buffer buffer(fs);
   if (!buffer) {
     return {0, errno};
@@ -134,16 +134,20 @@ found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   if (!is_directory_mode(directory->mode)) {
     return {0, ENOTDIR};
   }
-  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::yes);
-  while (walk.next()) {
-    if (dir_slot_name_equals(&walk.slot(), name)) {
+  name_search search(directory, name);
+  while (const listed_slot* listed = search.next()) {
+    process_may_suspend();
+    flashfs_dir_slot& slot = buffer.get()->slots[listed->slot_no];
+    if (read_slot(fs, listed->sctr_ptr, listed->slot_no, &slot) != 0) {
+      return {0, EIO};  // not "no such name": nobody may create the name because of it
+    }
+    if (dir_slot_name_equals(&slot, name)) {
       // A slot that has lost its bits since the check names nothing: id 0 is nobody's.
-      const uint16_t fileid = walk.slot().entry_fileid;
+      const uint16_t fileid = slot.entry_fileid;
       return {fileid, fileid == 0 ? ENOENT : 0};
     }
   }
-  // A failing flash is not "no such name": nobody may create the name because of it.
-  return {0, walk.failed() ? EIO : ENOENT};
+  return {0, ENOENT};
 }
 
 found_name path_find(flashfs* fs, const char* path) {

@@ -252,14 +252,14 @@ int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_
 }
 
 // Obsoletes everything behind an entry of the file's list.
-int cut_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
+int cut_behind(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* entry) {
   while (entry->next != nullptr) {
     const flashfs_sctr_list_ordered* dropped = entry->next;
     process_may_suspend();
     if (obsolete_on_flash(fs, dropped->sctr_ptr, dropped->slot_no) != 0) {
       return 1;
     }
-    sctr_list_remove_behind(fs, entry);
+    sctr_list_remove_behind(fs, file, entry);
   }
   return 0;
 }
@@ -307,7 +307,7 @@ int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t lengt
   }
   const uint32_t kept = length - last.index() * sector_data_size;
   if ((kept < sector_data_size && shorten_sector(fs, open->file, last.entry(), kept) != 0) ||
-      cut_behind(fs, last.entry()) != 0) {
+      cut_behind(fs, open->file, last.entry()) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;

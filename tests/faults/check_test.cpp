@@ -281,7 +281,7 @@ TEST_F(steps_without_memory, a_moved_entry_that_cannot_be_listed_is_enomem) {
     EXPECT_TRUE(error == ENOMEM || error == EIO);
     // The fresh slot stays on flash, and the next check finds the entry under its new name.
     ASSERT_EQ(check(flashfs_check_quick), 0);
-    if (path_lookup(fs(), "d/g") == 2) {
+    if (path_lookup(fs(), "d/g") == 2) {  // it was the list's entry
       of_lists++;
       EXPECT_EQ(error, ENOMEM);
       EXPECT_EQ(path_lookup(fs(), "f"), 0);

@@ -371,9 +371,11 @@ TEST_F(check_duplicates, a_later_slot_in_a_committed_block_replaces_the_earlier_
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   image_state(1, 0x3);
   names({"1:1.3/6 2<1 committed"});
-  auto* later = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs()->sctr_ptr_chunk));
   flashfs_sctr_list_ordered* second = entry(1)->sctr_list->next;
-  *later = {second->next, 1, 6, {1, 3}};
+  auto* later = new listed_slot{};
+  static_cast<flashfs_sctr_list_ordered&>(*later) = {second->next, 1, 6, {1, 3}};
+  later->before = second;
+  as_listed_slot(second->next)->before = later;
   second->next = later;
   EXPECT_EQ(fsck_resolve_duplicates(fs(), entry(1)), 0);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:1.3/6 2:0.0/2");

@@ -116,7 +116,9 @@ void expect_golden_rows(const std::string& name, const std::vector<std::string>&
     differences = rows_without(expected_rows, rows, "- ") + differences;
     EXPECT_TRUE(rows == expected_rows || !differences.empty()) << "rows in another order";
   }
-  EXPECT_EQ(differences, "") << "rows of " << path_of(name) << "; UPDATE_GOLDEN=1 rewrites them";
+  EXPECT_TRUE(differences.empty())
+      << "rows of " << path_of(name) << " differ; UPDATE_GOLDEN=1 rewrites them\n"
+      << differences;
 }
 
 isolated_result run_isolated(const std::function<void()>& body) {
