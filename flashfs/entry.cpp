@@ -131,7 +131,7 @@ bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffe
 
 bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& buffer) {
   for (const auto* each = file->sctr_list; each != nullptr; each = each->next) {
-    if (read_sector_once(fs, each->sctr_ptr, buffer) != 0) {
+    if (read_sector(fs, each->sctr_ptr, buffer.get(), whole_sector) != 0) {
       return false;
     }
     const bool good = sector_crc(buffer.view()) == flashfs_good_crc;

@@ -344,7 +344,7 @@ void filemap_clear(flashfs* fs) {
 }
 
 void flashfs_clear_maps(flashfs* fs) {
-  sector_buffers_forget();
+  note_flash_change();
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     fs->flashfs_blocks[b].invalid_sectors = 0;
     fs->flashfs_blocks[b].invalid_slots = 0;

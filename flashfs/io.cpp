@@ -1,4 +1,4 @@
-// Block and sector input/output. Every step that changes flash makes the sector buffers forget.
+// Block and sector input/output. Every step that changes flash notes it.
 #include "flashfs/io.h"
 
 #include <cstdio>
@@ -72,7 +72,7 @@ int read_part(const flashfs* fs, const record_place& record, record_part part, v
 // The offset printed is the block's, also when a sector was to be written.
 int write_part(const flashfs* fs, const record_place& record, record_part part, const void* bytes) {
   const flashfs_block& block = record.block;
-  sector_buffers_forget();
+  note_flash_change();
   const flash_return_code code = fs->fdi[block.device].write(
       fs->handle[block.device], record.offset + part.offset, part.length, bytes);
   if (code == flash_ok) {
@@ -360,7 +360,7 @@ int erase_whole_block(flashfs* fs, int16_t block_num) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
   printf(" eS%d", block_num);
-  sector_buffers_forget();
+  note_flash_change();
   const flash_return_code code =
       fs->fdi[block.device].erase(fs->handle[block.device], block.offset);
   if (code == flash_ok) {
@@ -431,17 +431,6 @@ int read_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, flashfs_di
 int update_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                 const flashfs_dir_slot* held, const flashfs_dir_slot* wanted) {
   return update_sector_bytes(fs, pointer, whole_slot(slot_no), held, wanted);
-}
-
-int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer) {
-  if (buffer.holds(pointer)) {
-    return 0;
-  }
-  if (read_sector(fs, pointer, buffer.get(), whole_sector) != 0) {
-    return 1;
-  }
-  buffer.set_held(pointer);
-  return 0;
 }
 
 void invalidate_sector_buf(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {

@@ -83,8 +83,6 @@ constexpr record_part only_seq_no = {offsetof(flashfs_sector, seq_no), sizeof(be
                             flashfs_dir_slot* slot);
 [[nodiscard]] int update_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                               const flashfs_dir_slot* held, const flashfs_dir_slot* wanted);
-// Reads a sector whole unless the buffer holds it: slots that share a sector are one read.
-[[nodiscard]] int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer);
 
 // Change only the buffer and the block's counters; the caller writes the sector back.
 void invalidate_sector_buf(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector);

@@ -246,7 +246,6 @@ TEST_F(slot_search, tells_a_failure_from_a_slot_that_is_not_there) {
   found_slot found = filemap_find_slot_in(fs(), entry(999), buffer);
   EXPECT_EQ(found.entry, nullptr);
   EXPECT_FALSE(found.failed);
-  sector_buffers_forget();
   device().fail(flash_call::read, 1, flash_busy);
   output_of([&] { found = filemap_find_slot_in(fs(), entry(entry_id(1)), buffer); });
   EXPECT_EQ(found.entry, nullptr);

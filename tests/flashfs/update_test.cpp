@@ -128,15 +128,11 @@ TEST_F(update, a_bad_address_ends_the_program_even_where_nothing_differs) {
   EXPECT_EQ(end_of_child([&] { (void)update_slot(fs(), {3, 0}, 0, &slot_, &slot_); }).status, 1);
 }
 
-TEST_F(update, makes_every_buffer_forget_its_sector) {
-  sector_buffer buffer(fs());
-  ASSERT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
+TEST_F(update, is_counted_as_a_change_where_something_differs) {
   const uint64_t before = flash_change_count();
   ASSERT_EQ(update_sector(fs(), at_sector_3, &held_, &wanted_), 0);
-  EXPECT_TRUE(buffer.holds({1, 5})) << "nothing has changed";
   EXPECT_EQ(flash_change_count(), before);
   ASSERT_EQ(update_slot(fs(), at_sector_3, 0, nullptr, &slot_), 0);
-  EXPECT_FALSE(buffer.holds({1, 5}));
   EXPECT_NE(flash_change_count(), before);
 }
 
