@@ -115,8 +115,8 @@ class flash_recorder {
   static std::string name_of_header(uint32_t in_header, uint32_t length, const void* buffer) {
     constexpr uint32_t state = offsetof(flashfs_blkheader, state);
     const bool has_state = in_header <= state && in_header + length > state;
-    const uint8_t byte = has_state ? static_cast<const uint8_t*>(buffer)[state - in_header]
-                                   : flash_erased_byte;
+    const uint8_t byte =
+        has_state ? static_cast<const uint8_t*>(buffer)[state - in_header] : flash_erased_byte;
     const std::string name = block_state_text(byte & 0xFU);
     return name.substr(0, name.find('['));
   }
@@ -148,10 +148,10 @@ class flash_recorder {
         return;
       }
       record_.clear();
-      events_.push_back(
-          buffer == nullptr
-              ? "erase " + std::to_string(b)
-              : std::to_string(b) + "=" + name_of_header(offset - block.offset, length, buffer));
+      events_.push_back(buffer == nullptr
+                            ? "erase " + std::to_string(b)
+                            : std::to_string(b) + "=" +
+                                  name_of_header(offset - block.offset, length, buffer));
       return;
     }
     events_.push_back("astray");
