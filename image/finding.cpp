@@ -65,6 +65,15 @@ constexpr finding_code codes[] = {
     {"check-slot-deleted", severity::warning, "a slot is deleted"},
     {"check-slot-added", severity::info, "a slot is written"},
     {"check-message", severity::info, "what the check says"},
+    // A run, not a record: report.h has names for these.
+    {"usage", severity::error, "the command line is wrong"},
+    {"not-done", severity::error, "something could not be done"},
+    {"faults-left", severity::error, "there are faults, and they were left"},
+    {"left-out", severity::error, "something was left out"},
+    {"interrupted", severity::error, "a signal ended the run"},
+    {"would-repair", severity::warning, "a check would change the image"},
+    {"repaired", severity::warning, "the image was repaired"},
+    {"advice", severity::warning, "something that may not be meant"},
 };
 
 }  // namespace

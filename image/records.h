@@ -151,9 +151,9 @@ struct records {
   std::vector<sector_record> sectors;  // all of these blocks', whatever their state
   std::vector<slot_record> slots;      // of all directory sectors among them
   std::map<uint16_t, entry_record> entries;
-  record_counts total;           // of all blocks
-  std::optional<uint32_t> spare; // the block that a mount takes as the spare
-  std::vector<finding> findings; // the image, then blocks, sectors, slots by place, then ids
+  record_counts total;            // of all blocks
+  std::optional<uint32_t> spare;  // the block that a mount takes as the spare
+  std::vector<finding> findings;  // the image, then blocks, sectors, slots by place, then ids
 
   const block_record& block_of(const sector_record& sector) const {
     return blocks[sector.block];
