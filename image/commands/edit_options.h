@@ -23,8 +23,7 @@ struct edit_options {
 // Opens an editing session, has it changed, and writes it unless that has failed.
 template <typename change>
 void edit(const edit_options& options, const globals& all, report& out, change&& make_change) {
-  const std::unique_ptr<session> opened =
-      session::to_edit(all, options.image, options.force, out);
+  const std::unique_ptr<session> opened = session::to_edit(all, options.image, options.force, out);
   if (!opened) {
     return;
   }

@@ -1,8 +1,9 @@
 // format: erases the whole file system. It needs no sound image, only one whose blocks are known.
+#include "flashfs/format.h"
+
 #include <algorithm>
 #include <memory>
 
-#include "flashfs/format.h"
 #include "image/commands/commands.h"
 #include "image/mounted.h"
 #include "image/session.h"

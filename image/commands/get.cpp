@@ -91,7 +91,8 @@ class getter {
     if (!found.errors.empty()) {
       return;
     }
-    const extraction done = extract_tree(found, below ? host_ + "/" + name : host_, {.force = true});
+    const extraction done =
+        extract_tree(found, below ? host_ + "/" + name : host_, {.force = true});
     tell(path, done.warnings, done.errors);
   }
 

@@ -86,7 +86,8 @@ void move(const mv_options& options, const volume::files& files, report& out) {
 
 command mv_command() {
   auto options = std::make_shared<mv_options>();
-  return {"mv", "Renames and moves", "flashfs-image mv boot.img /config/startup /config/startup.old",
+  return {"mv", "Renames and moves",
+          "flashfs-image mv boot.img /config/startup /config/startup.old",
           [options](arguments& take) {
             options->edit.add_to(take);
             take.word("A", &options->from, "A file or directory");

@@ -197,9 +197,10 @@ class putter {
     }
     const space_needed needed = space_for(added);
     if (needed.data_sectors > space.free_blocks + freed) {
-      fail(inside_path(options_.words.back()),
-           "no space: " + std::to_string(needed.data_sectors) + " sectors of 2048 bytes are needed, " +
-               std::to_string(space.free_blocks + freed) + " are free");
+      fail(inside_path(options_.words.back()), "no space: " + std::to_string(needed.data_sectors) +
+                                                   " sectors of 2048 bytes are needed, " +
+                                                   std::to_string(space.free_blocks + freed) +
+                                                   " are free");
       return false;
     }
     return true;
@@ -248,8 +249,9 @@ class putter {
 
   bool write_entry(const std::string& path, const tree_entry& entry) {
     clock_set(options_.preserve ? std::optional(entry.mtime) : std::nullopt);
-    const std::optional<uint32_t> mode =
-        mode_ && !entry.directory ? mode_ : options_.preserve ? std::optional(entry.mode) : mode_none;
+    const std::optional<uint32_t> mode = mode_ && !entry.directory ? mode_
+                                         : options_.preserve       ? std::optional(entry.mode)
+                                                                   : mode_none;
     if (entry.directory) {
       if (!is_folder(path) && files_.mkdir(path, mode.value_or(0)) != 0) {
         return false;
@@ -292,8 +294,7 @@ void run(const put_options& options, const globals& all, report& out) {
     out.fail(exit_status::usage, "PATH is required: where the files go");
     return;
   }
-  edit(options.edit, all, out,
-       [&](session& opened) { putter(options, mode, opened, out).run(); });
+  edit(options.edit, all, out, [&](session& opened) { putter(options, mode, opened, out).run(); });
 }
 
 }  // namespace

@@ -46,8 +46,9 @@ class tree_printer {
       waiting_.pop_back();
       show(next);
     }
-    out_.print("\n" + std::to_string(directories_) + (directories_ == 1 ? " directory, " : " directories, ") +
-               std::to_string(files_) + (files_ == 1 ? " file\n" : " files\n"));
+    out_.print("\n" + std::to_string(directories_) +
+               (directories_ == 1 ? " directory, " : " directories, ") + std::to_string(files_) +
+               (files_ == 1 ? " file\n" : " files\n"));
     out_.result()["path"] = told_path(path);
     out_.result()["directories"] = directories_;
     out_.result()["files"] = files_;
@@ -71,9 +72,8 @@ class tree_printer {
     if (opened_.files().list(path, &found) != 0) {
       out_.fail(exit_status::faults, error_text(errno), told_path(path));
     }
-    std::sort(found.begin(), found.end(), [](const volume::entry& a, const volume::entry& b) {
-      return a.path < b.path;
-    });
+    std::sort(found.begin(), found.end(),
+              [](const volume::entry& a, const volume::entry& b) { return a.path < b.path; });
     for (size_t i = found.size(); i-- > 0;) {
       std::string whole = joined_path(path, found[i].path);
       const bool last = i + 1 == found.size();
