@@ -24,7 +24,7 @@ constexpr finding_code codes[] = {
      "a reclamation was cut after it had copied into this block"},
     {"block-invalid2", severity::warning, "a block was given up and not erased yet"},
     {"block-header-unused", severity::info, "unused bytes of a header are not erased"},
-    {"block-not-erased", severity::error, "a block whose state is available holds something"},
+    {"block-not-erased", severity::warning, "a block whose state is available holds something"},
     {"block-tail", severity::info, "bytes behind the last sector are not erased"},
     // Sectors.
     {"sector-checksum", severity::error, "a sector's checksum does not fit"},
@@ -35,6 +35,7 @@ constexpr finding_code codes[] = {
     {"sector-duplicate", severity::warning, "another sector of this file has the same number"},
     {"file-gap", severity::error,
      "the numbers of a file's sectors have a gap: none of them counts"},
+    {"slots-in-file", severity::error, "slots stand in a directory that is named as a file"},
     {"file-in-directory", severity::error, "a directory owns sectors of data as well"},
     // Slots.
     {"slot-checksum", severity::error, "a slot's checksum does not fit"},

@@ -368,6 +368,10 @@ class judge {
           text_of("directory %u owns ", id) + counted(entry.sectors.size(), "sector") + " of data")
           .path = path_of(all_, entry.id);
     }
+    if (!entry.is_directory && !entry.slots.empty()) {
+      add("slots-in-file", text_of("file %u has ", id) + counted(entry.slots.size(), "slot")).path =
+          path_of(all_, entry.id);
+    }
     judge_full_sectors(entry);
     judge_names(entry);
   }
@@ -388,7 +392,8 @@ class judge {
     std::set<std::string_view> names;
     for (const record_index index : entry.slots) {
       const slot_record& slot = all_.slots[index];
-      if (slot.is_name && !names.insert(slot_name(*slot.bytes)).second) {
+      if (slot.is_name && slot.bytes->entry_fileid != fileid_root &&
+          !names.insert(slot_name(*slot.bytes)).second) {
         add("slot-same-name", slot, "the name stands in this directory already");
       }
     }

@@ -131,9 +131,9 @@ report::report(const globals& options, std::string command)
       output_has_terminal_(isatty(STDOUT_FILENO) != 0),
       output_has_colors_(has_colors(options.color, output_has_terminal_)),
       errors_have_colors_(has_colors(options.color, isatty(STDERR_FILENO) != 0)),
-      shows_progress_(options.progress == when::always ||
-                      (options.progress == when::automatic && !options.quiet &&
-                       isatty(STDERR_FILENO) != 0)),
+      shows_progress_(
+          options.progress == when::always ||
+          (options.progress == when::automatic && !options.quiet && isatty(STDERR_FILENO) != 0)),
       started_(clock::now()) {}
 
 report::~report() {
