@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <initializer_list>
 
 #include "ifs/interrupt.h"
 #include "image/exit_status.h"

@@ -15,9 +15,9 @@
 
 namespace image {
 
-namespace {
+using document_value = nlohmann::ordered_json;
 
-using json = nlohmann::ordered_json;
+namespace {
 
 constexpr const char* schema_name = "flashfs-image/1";
 
@@ -74,10 +74,10 @@ const char* code_of(exit_status status) {
   }
 }
 
-json json_of(const finding& found) {
-  json object = {{"code", found.code}, {"severity", severity_text(found.severity)}};
+document_value json_of(const finding& found) {
+  document_value object = {{"code", found.code}, {"severity", severity_text(found.severity)}};
   const auto put = [&](const char* key, const auto& value) {
-    object[key] = value ? json(*value) : json(nullptr);
+    object[key] = value ? document_value(*value) : document_value(nullptr);
   };
   put("offset", found.offset);
   put("block", found.block);
@@ -113,11 +113,11 @@ std::string line_of(const finding& found) {
 }  // namespace
 
 struct report::document {
-  json result = json::object();
-  json findings = json::array();
+  document_value result = document_value::object();
+  document_value findings = document_value::array();
 };
 
-void put_text(json* object, const char* key, std::string_view raw) {
+void put_text(document_value* object, const char* key, std::string_view raw) {
   (*object)[key] = std::string(raw);
   if (!is_utf8(raw)) {
     (*object)[std::string(key) + "_hex"] = hexadecimal(raw);
@@ -156,7 +156,7 @@ std::string report::colored(color tint, std::string_view text) const {
   return tinted(output_has_colors_, tint, text);
 }
 
-json& report::result() {
+document_value& report::result() {
   return document_->result;
 }
 
@@ -256,12 +256,13 @@ exit_status report::finish() {
     fail(exit_status::interrupted, "interrupted");
   }
   if (options_.json) {
-    const json whole = {{"schema", schema_name},
-                        {"command", command_},
-                        {"status", static_cast<int>(status_)},
-                        {"result", document_->result},
-                        {"findings", document_->findings}};
-    const std::string text = whole.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    const document_value whole = {{"schema", schema_name},
+                                  {"command", command_},
+                                  {"status", static_cast<int>(status_)},
+                                  {"result", document_->result},
+                                  {"findings", document_->findings}};
+    const std::string text =
+        whole.dump(2, ' ', false, document_value::error_handler_t::replace) + "\n";
     std::fwrite(text.data(), 1, text.size(), stdout);
   }
   if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {

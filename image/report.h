@@ -79,7 +79,8 @@ class report {
   // The next message or the end wipes it.
   void progress(std::string_view what, uint64_t done, uint64_t total);
 
-  // Ends the answer: the document, the last of standard output. The run's status, to be called once.
+  // Ends the answer: the document, the last of standard output. The run's status, to be called
+  // once.
   exit_status finish();
 
  private:

@@ -1,0 +1,18 @@
+// The commands of flashfs-image. Each is a source of one shape: the values of its options, a
+// function that carries it out, and the one named here, which makes the record of the two. A new
+// one is named here and in commands.cpp.
+#pragma once
+
+#include <vector>
+
+#include "image/options.h"
+
+namespace image {
+
+command cat_command();
+command ls_command();
+
+// All of them, in the order of the help.
+std::vector<command> all_commands();
+
+}  // namespace image
