@@ -174,6 +174,9 @@ void build_tree(records* all) {
   }
 }
 
+// The file system refuses paths of this many bytes. Damaged directories can nest much deeper.
+constexpr size_t path_bytes_max = 320;
+
 constexpr uint64_t bytes_of_slot = sizeof(flashfs_dir_slot);
 
 uint64_t size_of(const records& all, const entry_record& entry) {
@@ -226,9 +229,14 @@ std::string path_of(const records& all, uint16_t id) {
   if (entry == nullptr || !entry->is_reached) {
     return id == fileid_root ? "/" : "";
   }
+  size_t length = 0;
   // What is reached was named once, in a directory that was reached before it.
   while (entry->id != fileid_root) {
     names.push_back(slot_name(*all.slots[*entry->name].bytes));
+    length += names.back().size() + 1;
+    if (length >= path_bytes_max) {
+      return "";
+    }
     entry = all.find_entry(entry->parent);
   }
   std::string path = "/";

@@ -13,7 +13,7 @@ namespace image {
 void find_owners(records* all);
 
 // The path of an id, "/a/b", "/" for the root: raw bytes. Empty when no chain of names leads from
-// the root to it.
+// the root to it, or one that is longer than any path that the file system takes.
 std::string path_of(const records& all, uint16_t id);
 // The path that a slot gives what it names, whether it counts or not. Empty when its directory has
 // none.

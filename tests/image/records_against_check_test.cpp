@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "image/records.h"
-#include "sim/chassis.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/output_capture.h"
@@ -35,14 +34,7 @@ std::string digest(const std::string& contents) {
 class damaged_flash {
  public:
   explicit damaged_flash(uint32_t seed)
-      : random_(seed), flash_(test_support::ram_blocks(blocks, block_size)), builder_(flash_) {
-    chassis_.clock_hold(test_support::fixture_time);
-    sim::install_chassis(&chassis_);
-  }
-  ~damaged_flash() {
-    volume_.detach();
-    sim::install_chassis(nullptr);
-  }
+      : random_(seed), flash_(test_support::ram_blocks(blocks, block_size)), builder_(flash_) {}
 
   // What the file system would have written, and then records of which nearly all is by chance: two
   // for one thing, gaps, loops, orphans, torn words, states.
@@ -134,7 +126,6 @@ class damaged_flash {
   }
 
   std::mt19937 random_;
-  sim::chassis chassis_;
   test_support::ram_flash flash_;
   test_support::image_builder builder_;
   volume::file_system volume_;
