@@ -4,11 +4,22 @@
 namespace image {
 
 std::vector<command> all_commands() {
+  // clang-format off
   return {
-      ls_command(),    tree_command(),     cat_command(),    get_command(),
-      put_command(),   rm_command(),       mkdir_command(),  mv_command(),
-      chmod_command(), truncate_command(), format_command(),
+      ls_command(),
+      tree_command(),
+      cat_command(),
+      get_command(),
+      put_command(),
+      rm_command(),
+      mkdir_command(),
+      mv_command(),
+      chmod_command(),
+      truncate_command(),
+      check_command(),
+      format_command(),
   };
+  // clang-format on
 }
 
 }  // namespace image
