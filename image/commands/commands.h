@@ -10,6 +10,7 @@
 namespace image {
 
 command cat_command();
+command check_command();
 command chmod_command();
 command create_command();
 command diff_command();
