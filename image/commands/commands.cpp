@@ -6,6 +6,9 @@ namespace image {
 std::vector<command> all_commands() {
   // clang-format off
   return {
+      create_command(),
+      format_command(),
+      import_command(),
       ls_command(),
       tree_command(),
       cat_command(),
@@ -17,7 +20,9 @@ std::vector<command> all_commands() {
       chmod_command(),
       truncate_command(),
       check_command(),
-      format_command(),
+      verify_command(),
+      extract_command(),
+      diff_command(),
   };
   // clang-format on
 }
