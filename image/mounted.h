@@ -23,7 +23,7 @@ class mounted {
   // Erases every block of the file system, with its history, and checks.
   [[nodiscard]] bool format();
 
-  const volume::files& files() const {
+  const volume::file_system& files() const {
     return system_;
   }
   bool is_ready() const {

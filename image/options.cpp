@@ -79,6 +79,11 @@ void arguments::option(const char* names, const char* value_name, std::optional<
   app_.add_option(names, *value, help)->type_name(value_name);
 }
 
+void arguments::required_option(const char* names, const char* value_name,
+                                std::optional<uint32_t>* value, const char* help) {
+  app_.add_option(names, *value, help)->required()->type_name(value_name);
+}
+
 void arguments::word(const char* name, std::string* value, const char* help) {
   app_.add_option(name, *value, help)->required()->type_name("");
 }

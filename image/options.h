@@ -32,6 +32,8 @@ class arguments {
   void option(const char* names, const char* value_name, std::string* value, const char* help);
   void option(const char* names, const char* value_name, std::optional<uint32_t>* value,
               const char* help);
+  void required_option(const char* names, const char* value_name, std::optional<uint32_t>* value,
+                       const char* help);
   void word(const char* name, std::string* value, const char* help);
   void optional_word(const char* name, std::string* value, const char* help);
   // One or more; a list that may be empty.

@@ -2,10 +2,10 @@
 #include "image/paths.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 
 #include "flashfs/format.h"
-#include "image/text.h"
 
 namespace image {
 
@@ -34,16 +34,6 @@ std::string joined_path(std::string_view directory, std::string_view name) {
   return path.append(name);
 }
 
-std::string_view last_name(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view parent_path(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
 int32_t status_of(const volume::files& files, const std::string& path, ppc_stat* status) {
   return files.stat(path.empty() ? "/" : path, status);
 }
@@ -52,24 +42,14 @@ bool is_directory(const ppc_stat& status) {
   return is_directory_mode(status.mode);
 }
 
-std::string name_objection(std::string_view name) {
-  if (name.empty()) {
-    return "the name is empty";
-  }
-  if (name.size() > filename_max) {
-    return "the name has " + std::to_string(name.size()) + " bytes, at most " +
-           std::to_string(filename_max) + " are possible";
-  }
-  const std::string text(name);
-  const int illegal =
-      text.find('\0') != std::string::npos ? '\0' : filename_illegal_char(text.c_str());
-  if (illegal != 0) {
-    const auto byte = static_cast<char>(illegal);
-    const bool printable = illegal > ' ' && illegal < 0x7F;
-    return std::string("the name has a character that cannot stand in one, ") +
-           (printable ? "'" + std::string(1, byte) + "'" : "0x" + hexadecimal({&byte, 1}));
-  }
-  return "";
+std::optional<uint32_t> parse_mode(std::string_view text) {
+  constexpr int octal = 8;
+  uint32_t mode = 0;
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, mode, octal);
+  return result.ec == std::errc() && result.ptr == end && mode <= ppc_mode_permissions
+             ? std::optional(mode)
+             : std::nullopt;
 }
 
 std::string error_text(int error) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -15,17 +16,13 @@ std::string inside_path(std::string_view given);
 // "/a/b": as people are told.
 std::string told_path(std::string_view path);
 std::string joined_path(std::string_view directory, std::string_view name);
-// "b" of "a/b"; and "a".
-std::string_view last_name(std::string_view path);
-std::string_view parent_path(std::string_view path);
-
 // The status of a path, the root's too. 0, or -1 with errno.
 [[nodiscard]] int32_t status_of(const volume::files& files, const std::string& path,
                                 ppc_stat* status);
 bool is_directory(const ppc_stat& status);
 
-// Why no entry can have this name; empty when one can.
-std::string name_objection(std::string_view name);
+// An octal mode of 0 to 777; nothing when the text is none.
+std::optional<uint32_t> parse_mode(std::string_view text);
 
 // What errno means here.
 std::string error_text(int error);

@@ -1,6 +1,7 @@
 // Opening images, and the checks at both ends of a session.
 #include "image/session.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "flashfs/check_flags.h"
@@ -142,29 +143,31 @@ bool session::check_for_editing(bool force, report& out) {
 }
 
 bool session::commit(report& out) {
-  if (interrupted() || static_cast<int>(out.status()) > static_cast<int>(exit_status::partial)) {
+  return static_cast<int>(out.status()) <= static_cast<int>(exit_status::partial) &&
+         write_result(options_, image_, copy_, out);
+}
+
+bool write_result(const globals& options, const opened_image& image,
+                  std::span<const uint8_t> contents, report& out) {
+  if (!result_is_sound(contents, image.layout, out)) {
     return false;
   }
-  if (!result_is_sound(copy_, image_.layout, out)) {
-    return false;
-  }
-  if (options_.dry_run) {
+  const bool in_place = options.output.empty();
+  const std::span<const uint8_t> before = image.contents();
+  const bool same = std::equal(contents.begin(), contents.end(), before.begin(), before.end());
+  if (options.dry_run || (in_place && same)) {
     return true;
   }
   std::string why;
-  const bool in_place = options_.output.empty();
-  if (in_place ? image_.file.replace(copy_, &why)
-               : write_new_file(options_.output, copy_, false, &why)) {
+  if (in_place ? image.file.replace(contents, &why)
+               : write_new_file(options.output, contents, false, &why)) {
     return true;
   }
-  if (!interrupted()) {
-    refuse(in_place ? image_.name : options_.output, why, out);
-  }
-  return false;
+  return !interrupted() && refuse(in_place ? image.name : options.output, why, out);
 }
 
-bool result_is_sound(std::span<const uint8_t> bytes, const geometry& layout, report& out) {
-  std::vector<uint8_t> copy(bytes.begin(), bytes.end());
+bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout, report& out) {
+  std::vector<uint8_t> copy(contents.begin(), contents.end());
   mounted again(copy, layout);
   const bool passed = again.check(flashfs_check_full);
   if (interrupted()) {

@@ -44,7 +44,7 @@ class session {
                                           bool force, report& out);
 
   // The files. Paths: see paths.h.
-  const volume::files& files() const {
+  const volume::file_system& files() const {
     return mounted_->files();
   }
   // The image as it is in the file.
@@ -74,9 +74,14 @@ class session {
   std::unique_ptr<class mounted> mounted_;
 };
 
-// Where an edit or a new image goes: tells a failure. `--dry-run` writes nothing and is a success.
-// The result must pass the full check without a change.
-[[nodiscard]] bool result_is_sound(std::span<const uint8_t> bytes, const geometry& layout,
+// Puts other contents in place of an image that was opened to be edited, or into --output, once
+// they have passed the full check without a change; with --dry-run, and where nothing has changed,
+// nothing is written. False when it could not be, which is told.
+[[nodiscard]] bool write_result(const globals& options, const opened_image& image,
+                                std::span<const uint8_t> contents, report& out);
+
+// Whether the contents of an image pass the full check without a change; told if not.
+[[nodiscard]] bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout,
                                    report& out);
 
 }  // namespace image

@@ -1,6 +1,6 @@
 // Counting sectors and slots. The figures are those of flashfs/alloc.cpp and flashfs/available.cpp:
-// 2048 bytes of data to a sector, 32 names to a directory sector, and of sectors as of slots the
-// last free one goes only to a step that gives one back.
+// 2048 bytes of data to a sector, 32 names to a directory sector, and the last free sector goes
+// only to a step that gives one back.
 #include "image/space.h"
 
 #include <algorithm>
@@ -27,7 +27,7 @@ space_needed space_for(const tree& planned) {
     needed.data_sectors += entry.directory ? 0 : parts_of(entry.size, sector_data_size);
   }
   needed.slots = planned.entries.size() + 1;
-  needed.slot_sectors = parts_of(needed.slots + 1, slots_per_sector);
+  needed.slot_sectors = parts_of(needed.slots, slots_per_sector);
   needed.reserve_sectors = 1;
   return needed;
 }

@@ -82,10 +82,11 @@ std::string whole_path_fault(std::string_view path) {
                    std::to_string(tree_path_max) + " are possible";
 }
 
-void sort_problems(std::vector<tree_problem>* problems) {
-  std::stable_sort(problems->begin(), problems->end(),
-                   [](const tree_problem& problem, const tree_problem& other) {
-                     return path_is_before(problem.path, other.path);
+template <typename Element>
+void sort_by_path(std::vector<Element>* elements) {
+  std::stable_sort(elements->begin(), elements->end(),
+                   [](const Element& one, const Element& other) {
+                     return path_is_before(one.path, other.path);
                    });
 }
 
@@ -294,11 +295,13 @@ std::string path_fault(std::string_view path) {
   return fault;
 }
 
+void sort_tree(tree* made) {
+  sort_by_path(&made->entries);
+  sort_by_path(&made->warnings);
+  sort_by_path(&made->errors);
+}
+
 void finish_tree(tree* made) {
-  std::stable_sort(made->entries.begin(), made->entries.end(),
-                   [](const tree_entry& entry, const tree_entry& other) {
-                     return path_is_before(entry.path, other.path);
-                   });
   for (const tree_entry& entry : made->entries) {
     // Only its own name: that of its folder is told with the folder.
     std::string fault = name_fault(name_of_path(entry.path));
@@ -309,8 +312,7 @@ void finish_tree(tree* made) {
       made->errors.push_back({entry.path, std::move(fault)});
     }
   }
-  sort_problems(&made->warnings);
-  sort_problems(&made->errors);
+  sort_tree(made);
 }
 
 tree read_folder(const std::string& folder, const tree_options& options) {

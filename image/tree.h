@@ -65,7 +65,10 @@ constexpr size_t tree_path_max = 318;
 // What is wrong with an entry's path: each name of it, and its length.
 [[nodiscard]] std::string path_fault(std::string_view path);
 
-// Brings the entries in order and adds an error for every one whose path an image cannot have.
+// Brings entries and problems in the order of their paths.
+void sort_tree(tree* made);
+
+// As sort_tree, and adds an error for every one whose path an image cannot have.
 void finish_tree(tree* made);
 
 // Reads all below a folder of the host. Links are not followed and, like sockets, pipes and

@@ -5,8 +5,9 @@ namespace image {
 
 std::vector<command> all_commands() {
   return {
-      ls_command(),
-      cat_command(),
+      info_command(),     ls_command(),     tree_command(),  cat_command(), get_command(),
+      put_command(),      rm_command(),     mkdir_command(), mv_command(),  chmod_command(),
+      truncate_command(), format_command(), dump_command(),
   };
 }
 

@@ -10,7 +10,18 @@
 namespace image {
 
 command cat_command();
+command chmod_command();
+command dump_command();
+command format_command();
+command get_command();
+command info_command();
 command ls_command();
+command mkdir_command();
+command mv_command();
+command put_command();
+command rm_command();
+command tree_command();
+command truncate_command();
 
 // All of them, in the order of the help.
 std::vector<command> all_commands();

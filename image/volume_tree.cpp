@@ -1,0 +1,150 @@
+// Reading and writing all files of a mounted file system.
+#include "image/volume_tree.h"
+
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "image/extraction.h"
+
+namespace image {
+
+namespace {
+
+constexpr uint32_t permission_bits = 0777;
+constexpr uint32_t bit_of_new_entries = 0400;  // what is made has it, asked for or not
+
+std::string joined(std::string_view folder, std::string_view name) {
+  std::string path(folder);
+  return path.append(folder.empty() || name.empty() ? "" : "/").append(name);
+}
+
+class volume_reader {
+ public:
+  volume_reader(const volume::file_system& from, std::string_view base, bool contents, tree* made)
+      : from_(from), base_(base), contents_(contents), made_(made) {}
+
+  void read() {
+    ppc_stat status;
+    if (from_.stat(base_.empty() ? "/" : base_, &status) != 0) {
+      fail(base_, errno);
+      return;
+    }
+    if ((status.mode & ppc_mode_type_mask) != ppc_mode_directory) {
+      take(std::string(name_of_path(base_)), base_, status);
+      return;
+    }
+    made_->root_mtime = status.modification_date;
+    entered_.insert(status.fileid);
+    // Folders wait their turn in a list: damaged ones can be nested as deep as there are files.
+    std::vector<std::string> waiting = {""};
+    while (!waiting.empty()) {
+      const std::string folder = std::move(waiting.back());
+      waiting.pop_back();
+      read_folder_of_volume(folder, &waiting);
+    }
+  }
+
+ private:
+  void fail(const std::string& path, int error) {
+    made_->errors.push_back({path, strerror(error)});
+  }
+
+  void read_folder_of_volume(const std::string& folder, std::vector<std::string>* waiting) {
+    std::vector<volume::entry> held;
+    if (from_.list(joined(base_, folder), &held) != 0) {
+      fail(folder, errno);
+    }
+    std::set<std::string> names;
+    for (const volume::entry& one : held) {
+      const std::string path = joined(folder, one.path);
+      if (one.path.empty() || one.path.find('/') != std::string::npos) {
+        made_->errors.push_back({path, host_name_fault(one.path)});
+      } else if (!names.insert(one.path).second) {
+        made_->errors.push_back({path, "the name comes twice"});
+      } else if (one.error != 0) {
+        fail(path, one.error);
+      } else if (one.is_directory() && !entered_.insert(one.status.fileid).second) {
+        made_->errors.push_back({path, "the folder lies in itself, or has another name as well"});
+      } else {
+        take(path, joined(base_, path), one.status);
+        if (one.is_directory()) {
+          waiting->push_back(path);
+        }
+      }
+    }
+  }
+
+  void take(const std::string& path, const std::string& full_path, const ppc_stat& status) {
+    tree_entry entry;
+    entry.path = path;
+    entry.directory = (status.mode & ppc_mode_type_mask) == ppc_mode_directory;
+    entry.mode = status.mode & permission_bits;
+    entry.mtime = status.modification_date;
+    if (!entry.directory) {
+      entry.size = status.size;
+      if (contents_ && from_.read_file(full_path, &entry.contents) != 0) {
+        fail(path, errno);
+        return;
+      }
+    }
+    made_->entries.push_back(std::move(entry));
+  }
+
+  const volume::file_system& from_;
+  const std::string base_;
+  const bool contents_;
+  tree* made_;
+  std::set<uint32_t> entered_;
+};
+
+int32_t write_one(const tree_entry& entry, const volume::file_system& to) {
+  if (entry.directory) {
+    return to.mkdir(entry.path, entry.mode);
+  }
+  volume::file opened = to.open(entry.path, volume::open_anew | ifs_open_exclusive, entry.mode);
+  return opened ? opened.close(opened.write(entry.contents)) : -1;
+}
+
+std::string fault_of(const std::string& path) {
+  return path + ": " + strerror(errno);
+}
+
+}  // namespace
+
+tree read_volume(const volume::file_system& from, std::string_view path, bool contents) {
+  while (path.starts_with('/')) {
+    path.remove_prefix(1);
+  }
+  while (path.ends_with('/')) {
+    path.remove_suffix(1);
+  }
+  tree made;
+  made.contents_left_out = !contents;
+  volume_reader(from, path, contents, &made).read();
+  sort_tree(&made);
+  return made;
+}
+
+std::string write_volume(const tree& from, const volume::file_system& to, date_setter set_date) {
+  for (const tree_entry& entry : from.entries) {
+    set_date(entry.mtime);
+    if (write_one(entry, to) != 0 ||
+        ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
+      return fault_of(entry.path);
+    }
+  }
+  for (const tree_entry& entry : from.entries) {
+    if (entry.directory && to.set_date(entry.path, entry.mtime) != 0) {
+      return fault_of(entry.path);
+    }
+  }
+  if (from.root_mtime && to.set_date("/", *from.root_mtime) != 0) {
+    return fault_of("/");
+  }
+  return "";
+}
+
+}  // namespace image
