@@ -253,7 +253,7 @@ std::string summary_of(const block_record& block) {
     return std::string("bad header: ") + verdict_text(block.verdict);
   }
   const record_counts& counts = block.counts;
-  return fmt::format("{}, erased {} times, {} data, {} directory, {} obsolete, {} free{}",
+  return fmt::format("{}, erase count {}, {} data, {} directory, {} obsolete, {} free{}",
                      state_text(block.state), static_cast<uint32_t>(block.header->erase_count),
                      counts.data_sectors, counts.directory_sectors, counts.obsolete_sectors,
                      counts.free_sectors,

@@ -201,14 +201,17 @@ class dumper {
 
   void dump_image() {
     title("image", 0, geometry_text(all_.layout));
-    json& blocks = out_.result()["blocks"] = json::array();
+    json blocks = json::array();
     rows row(this);
     for (const block_record& block : all_.blocks) {
+      const bool is_empty = block.is_erased || (block.state == block_available &&
+                                                block.counts.free_sectors == block.sector_count);
       row.add(fmt::format("block {}", block.number), block.offset, summary_of(block),
-              block.is_erased);
+              is_empty && block.number != all_.spare);
       blocks.push_back(json_of(block));
     }
     row.end();
+    out_.result()["blocks"] = std::move(blocks);
     tell_findings([](const finding&) { return true; });
   }
 
@@ -216,7 +219,7 @@ class dumper {
     title(fmt::format("block {}", block.number), block.offset, summary_of(block));
     out_.result()["block"] = json_of(block);
     print_fields(fields_of(block));
-    json& sectors = out_.result()["sectors"] = json::array();
+    json sectors = json::array();
     rows row(this);
     for (const sector_record& sector : all_.sectors_of(block)) {
       row.add(place_text(sector), sector.offset, summary_of(all_, sector),
@@ -224,6 +227,7 @@ class dumper {
       sectors.push_back(json_of(sector));
     }
     row.end();
+    out_.result()["sectors"] = std::move(sectors);
     if (!block.tail_is_erased) {
       print_line("behind the last sector: not erased");
     }
@@ -236,7 +240,7 @@ class dumper {
     out_.result()["sector"] = json_of(sector);
     print_fields(fields_of(all_, sector));
     if (sector.kind == sector_kind::directory) {
-      json& slots = out_.result()["slots"] = json::array();
+      json slots = json::array();
       rows row(this);
       for (const slot_record& slot : all_.slots_of(sector)) {
         row.add(place_text(slot), slot.offset, summary_of(slot),
@@ -244,6 +248,7 @@ class dumper {
         slots.push_back(json_of(slot));
       }
       row.end();
+      out_.result()["slots"] = std::move(slots);
     }
     tell_findings([&](const finding& each) {
       return each.block == sector.block && each.sector == sector.sector;
@@ -278,12 +283,14 @@ class dumper {
       print_fields(fields_of(all_, slot));
       hex(slot.offset, sizeof(flashfs_dir_slot), &result["slot"]);
     }
-    json& slots = result["slots"] = json::array();
-    json& sectors = result["sectors"] = json::array();
+    json slots = json::array();
+    json sectors = json::array();
     add_slots(entry.slots, &slots);
     add_slots(entry.other_slots, &slots);
     add_sectors(entry.sectors, &sectors);
     add_sectors(entry.other_sectors, &sectors);
+    result["slots"] = std::move(slots);
+    result["sectors"] = std::move(sectors);
     tell_findings([&](const finding& each) { return each.path == path; });
   }
 
@@ -321,7 +328,7 @@ class dumper {
   }
 
   void print_fields(const std::vector<record_field>& fields) {
-    json& list = out_.result()["fields"] = json::array();
+    json list = json::array();
     for (const record_field& field : fields) {
       const bool asked = at_ && *at_ >= field.offset && *at_ < uint64_t{field.offset} + field.size;
       std::string line =
@@ -338,6 +345,7 @@ class dumper {
       }
       list.push_back(std::move(object));
     }
+    out_.result()["fields"] = std::move(list);
   }
 
   // Lines for records, in which a run of blank or free ones takes one.
