@@ -74,6 +74,8 @@ const char* code_of(exit_status status) {
   }
 }
 
+}  // namespace
+
 document_value json_of(const finding& found) {
   document_value object = {{"code", found.code}, {"severity", severity_text(found.severity)}};
   const auto put = [&](const char* key, const auto& value) {
@@ -92,7 +94,6 @@ document_value json_of(const finding& found) {
   return object;
 }
 
-// "block 3, sector 4: /a: text"
 std::string line_of(const finding& found) {
   std::string place;
   const auto add = [&](const char* word, const auto& value) {
@@ -109,8 +110,6 @@ std::string line_of(const finding& found) {
   place += place.empty() ? "" : ": ";
   return place + (found.path.empty() ? "" : escaped(found.path) + ": ") + escaped(found.text);
 }
-
-}  // namespace
 
 struct report::document {
   document_value result = document_value::object();
@@ -184,8 +183,12 @@ void report::detail(std::string_view text) {
   }
 }
 
-void report::add(const finding& found) {
+void report::add_to_document(const finding& found) {
   document_->findings.push_back(json_of(found));
+}
+
+void report::add(const finding& found) {
+  add_to_document(found);
   switch (found.severity) {
     case severity::info:
       if (options_.verbose) {

@@ -36,6 +36,11 @@ enum class color { none, red, yellow, blue, green, bold };
 // Puts raw bytes under a key of an object; see above for what is no UTF-8.
 void put_text(nlohmann::ordered_json* object, const char* key, std::string_view raw);
 
+// "block 3, sector 4: /a: text": one line for people.
+std::string line_of(const finding& found);
+// The object that stands for it in the document.
+nlohmann::ordered_json json_of(const finding& found);
+
 class report {
  public:
   report(const globals& options, std::string command);
@@ -66,6 +71,8 @@ class report {
   void detail(std::string_view text);
   // Told with its place, warnings and errors always, information with -v; the status stays.
   void add(const finding& found);
+  // For the document alone, where the finding is part of the answer that is printed.
+  void add_to_document(const finding& found);
   // Something that the status does not tell, unless --strict makes a fault of it.
   void warn(const char* code, std::string_view text, std::string_view path = {});
   // Why not all is well: tells it and raises the status.

@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "image/clock.h"
 #include "image/extraction.h"
 
 namespace image {
@@ -147,7 +148,7 @@ class tar_reader {
     tree_entry entry;
     entry.directory = archive_entry_filetype(header) == AE_IFDIR;
     entry.mode = archive_entry_perm(header) & permission_bits;
-    entry.mtime = date_for_flash(archive_entry_mtime(header), options_.latest_date);
+    entry.mtime = clock_date_of(archive_entry_mtime(header));
     if (path.empty()) {
       if (entry.directory) {
         made_->root_mtime = entry.mtime;

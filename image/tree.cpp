@@ -8,13 +8,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
-#include <limits>
 #include <memory>
 #include <utility>
 
 #include "flashfs/format.h"
+#include "image/clock.h"
 
 namespace image {
 
@@ -122,7 +121,7 @@ class folder_reader {
       fail(folder, errno);
       return;
     }
-    made_->root_mtime = date_for_flash(status.st_mtime, options_.latest_date);
+    made_->root_mtime = clock_date_of(status.st_mtime);
     owners_.see(status.st_uid, status.st_gid);
     read_names(opened.fd(), "");
     owners_.warn(made_);
@@ -187,7 +186,7 @@ class folder_reader {
     entry.path = path;
     entry.directory = S_ISDIR(status.st_mode);
     entry.mode = status.st_mode & permission_bits;
-    entry.mtime = date_for_flash(status.st_mtime, options_.latest_date);
+    entry.mtime = clock_date_of(status.st_mtime);
     owners_.see(status.st_uid, status.st_gid);
     if (entry.directory) {
       made_->entries.push_back(std::move(entry));
@@ -243,27 +242,6 @@ std::string_view name_of_path(std::string_view path) {
 std::string_view folder_of_path(std::string_view path) {
   const size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-uint32_t date_for_flash(int64_t seconds, std::optional<uint32_t> latest) {
-  const int64_t top = latest.value_or(std::numeric_limits<uint32_t>::max());
-  return static_cast<uint32_t>(std::max<int64_t>(1, std::min(seconds, top)));
-}
-
-bool parse_source_date(const char* value, std::optional<uint32_t>* latest) {
-  latest->reset();
-  if (value == nullptr || *value == '\0') {
-    return true;
-  }
-  const char* end = value + strlen(value);
-  uint64_t seconds = 0;
-  const auto [stop, error] = std::from_chars(value, end, seconds);
-  if (error != std::errc() || stop != end) {
-    return false;
-  }
-  *latest =
-      static_cast<uint32_t>(std::min<uint64_t>(seconds, std::numeric_limits<uint32_t>::max()));
-  return true;
 }
 
 std::string name_fault(std::string_view name) {

@@ -35,8 +35,6 @@ struct tree {
 };
 
 struct tree_options {
-  // Dates after this one become this one.
-  std::optional<uint32_t> latest_date;
   // Beyond so many bytes in all, contents are not read, only sizes.
   uint64_t contents_limit = uint64_t{1} << 31;
 };
@@ -50,14 +48,6 @@ constexpr size_t tree_path_max = 318;
 // The name of the entry and the path of its folder, empty for the root.
 [[nodiscard]] std::string_view name_of_path(std::string_view path);
 [[nodiscard]] std::string_view folder_of_path(std::string_view path);
-
-// A date as the flash has it: not after `latest`, within 32 bits, and never 0, which would stand
-// for "now".
-[[nodiscard]] uint32_t date_for_flash(int64_t seconds, std::optional<uint32_t> latest);
-
-// What SOURCE_DATE_EPOCH says: `value` is the variable's text or null. False when it is no number
-// of seconds; nothing in `*latest` when it is not set.
-[[nodiscard]] bool parse_source_date(const char* value, std::optional<uint32_t>* latest);
 
 // Why the file system would refuse this name of a file or folder; empty when it would not.
 [[nodiscard]] std::string name_fault(std::string_view name);

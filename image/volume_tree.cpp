@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "image/clock.h"
 #include "image/extraction.h"
 
 namespace image {
@@ -23,7 +24,7 @@ std::string joined(std::string_view folder, std::string_view name) {
 
 class volume_reader {
  public:
-  volume_reader(const volume::file_system& from, std::string_view base, bool contents, tree* made)
+  volume_reader(const volume::files& from, std::string_view base, bool contents, tree* made)
       : from_(from), base_(base), contents_(contents), made_(made) {}
 
   void read() {
@@ -93,19 +94,19 @@ class volume_reader {
     made_->entries.push_back(std::move(entry));
   }
 
-  const volume::file_system& from_;
+  const volume::files& from_;
   const std::string base_;
   const bool contents_;
   tree* made_;
   std::set<uint32_t> entered_;
 };
 
-int32_t write_one(const tree_entry& entry, const volume::file_system& to) {
+int32_t make_entry(const tree_entry& entry, const volume::files& to) {
   if (entry.directory) {
     return to.mkdir(entry.path, entry.mode);
   }
   volume::file opened = to.open(entry.path, volume::open_anew | ifs_open_exclusive, entry.mode);
-  return opened ? opened.close(opened.write(entry.contents)) : -1;
+  return opened ? opened.close() : -1;
 }
 
 std::string fault_of(const std::string& path) {
@@ -114,7 +115,7 @@ std::string fault_of(const std::string& path) {
 
 }  // namespace
 
-tree read_volume(const volume::file_system& from, std::string_view path, bool contents) {
+tree read_volume(const volume::files& from, std::string_view path, bool contents) {
   while (path.starts_with('/')) {
     path.remove_prefix(1);
   }
@@ -128,11 +129,17 @@ tree read_volume(const volume::file_system& from, std::string_view path, bool co
   return made;
 }
 
-std::string write_volume(const tree& from, const volume::file_system& to, date_setter set_date) {
+std::string write_volume(const tree& from, const volume::files& to) {
   for (const tree_entry& entry : from.entries) {
-    set_date(entry.mtime);
-    if (write_one(entry, to) != 0 ||
+    clock_set(entry.mtime);
+    if (make_entry(entry, to) != 0 ||
         ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
+      return fault_of(entry.path);
+    }
+  }
+  for (const tree_entry& entry : from.entries) {
+    clock_set(entry.mtime);
+    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
       return fault_of(entry.path);
     }
   }

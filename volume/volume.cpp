@@ -52,12 +52,4 @@ int32_t file_system::mount(const std::vector<device>& devices, uint32_t check_fl
   return attach(devices) < 0 ? -1 : check(check_flags);
 }
 
-int32_t file_system::set_date(std::string_view path, uint32_t date) const {
-  if (state_ == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  return flashfs_set_date(state_, std::string(path).c_str(), date);
-}
-
 }  // namespace volume

@@ -42,9 +42,6 @@ class file_system : public files {
   [[nodiscard]] int32_t mount(const std::vector<device>& devices,
                               uint32_t check_flags = flashfs_check_quick);
 
-  // Dates what the path names, and nothing else: seconds since 1970, not 0. 0, or -1 with errno.
-  [[nodiscard]] int32_t set_date(std::string_view path, uint32_t date) const;
-
   // Whether a check has passed and nothing has marked it down since.
   bool is_ready() const {
     return state_ != nullptr && state_->ready != 0;

@@ -10,6 +10,7 @@
 namespace image {
 
 command cat_command();
+command check_command();
 command chmod_command();
 command dump_command();
 command format_command();

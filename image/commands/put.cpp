@@ -147,9 +147,7 @@ class putter {
       out_.fail(exit_status::failed, "is a folder; -r copies it", source);
       return;
     }
-    tree_options reading;
-    reading.latest_date = clock_date_of(INT64_MAX);
-    tree found = read_folder(source, reading);
+    tree found = read_folder(source, {});
     for (const tree_problem& one : found.warnings) {
       out_.warn(codes::left_out, one.text, source + "/" + one.path);
     }

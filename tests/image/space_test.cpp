@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "image/volume_tree.h"
-#include "sim/chassis.h"
 #include "tests/image/tree_text.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/output_capture.h"
@@ -17,10 +16,6 @@ namespace {
 
 using image::space_fault;
 using image::space_for;
-
-void set_clock(std::optional<uint32_t> date) {
-  sim::installed_chassis()->clock_hold(date.value_or(1));
-}
 
 TEST(space, counts_sectors_of_data_and_of_names) {
   EXPECT_EQ(space_for(tree_of({})).sectors(), 2U);  // the root's slot, and the reserve
@@ -56,7 +51,7 @@ class space_of_a_flash : public test_support::flashfs_fixture {
   bool fits(const image::tree& planned, size_t blocks) {
     mount_new(blocks, 0x8000);
     const test_support::output_capture dropped;
-    return image::write_volume(planned, files(), set_clock).empty();
+    return image::write_volume(planned, files()).empty();
   }
   static std::vector<uint32_t> sizes(size_t blocks) {
     return std::vector<uint32_t>(blocks, 0x8000);

@@ -4,10 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <string>
-
-#include "tests/support/output_capture.h"
-#include "zantrolume/zantrolume_display.h"
 
 namespace image_test {
 namespace {
@@ -29,10 +27,23 @@ std::string sample(uint32_t size) {
 // The lines of the dump of a part, as the program prints them.
 std::string dump_of(const std::string& bytes, uint32_t offset, uint32_t length,
                     uint32_t shown_address = 0xFFFFFFFF) {
-  return test_support::output_of([&] {
-    zantrolume_display_buffer(shown_address == 0xFFFFFFFF ? offset : shown_address,
-                              bytes.data() + offset, static_cast<int32_t>(length));
-  });
+  std::string dump;
+  for (uint32_t at = 0; at < length; at += 32) {
+    char address[20];
+    snprintf(address, sizeof(address), "0x%08x    ",
+             (shown_address == 0xFFFFFFFF ? offset : shown_address) + at);
+    dump += address;
+    std::string text;
+    for (uint32_t i = 0; i < 32; ++i) {
+      const auto byte = static_cast<unsigned char>(bytes[offset + at + i]);
+      char digits[4];
+      snprintf(digits, sizeof(digits), i % 4 == 3 ? "%02x " : "%02x", byte);
+      dump += digits;
+      text += byte >= 0x20 && byte <= 0x7F ? static_cast<char>(byte) : '.';
+    }
+    dump += "    " + text + "\n";
+  }
+  return dump;
 }
 
 std::string text_of(const transcript_merge& merged) {

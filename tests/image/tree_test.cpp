@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -33,31 +34,6 @@ TEST(tree_path, falls_apart_into_folder_and_name) {
   EXPECT_EQ(image::folder_of_path("a/b/c"), "a/b");
   EXPECT_EQ(image::name_of_path("a"), "a");
   EXPECT_EQ(image::folder_of_path("a"), "");
-}
-
-TEST(tree_date, is_clamped_and_never_0) {
-  EXPECT_EQ(image::date_for_flash(0, {}), 1U);
-  EXPECT_EQ(image::date_for_flash(-5, {}), 1U);
-  EXPECT_EQ(image::date_for_flash(1700000000, {}), 1700000000U);
-  EXPECT_EQ(image::date_for_flash(1700000000, 1600000000), 1600000000U);
-  EXPECT_EQ(image::date_for_flash(1500000000, 1600000000), 1500000000U);
-  EXPECT_EQ(image::date_for_flash(1500000000, 0), 1U);
-  EXPECT_EQ(image::date_for_flash(int64_t{1} << 40, {}), 0xFFFFFFFFU);
-}
-
-TEST(tree_date, is_bounded_by_what_the_environment_says) {
-  std::optional<uint32_t> latest = 7;
-  EXPECT_TRUE(image::parse_source_date(nullptr, &latest));
-  EXPECT_FALSE(latest);
-  EXPECT_TRUE(image::parse_source_date("", &latest));
-  EXPECT_FALSE(latest);
-  EXPECT_TRUE(image::parse_source_date("1700000000", &latest));
-  EXPECT_EQ(latest, 1700000000U);
-  EXPECT_TRUE(image::parse_source_date("99999999999", &latest));
-  EXPECT_EQ(latest, 0xFFFFFFFFU);
-  for (const char* wrong : {"x", "-1", "1x", " 1", "0x10", "99999999999999999999999"}) {
-    EXPECT_FALSE(image::parse_source_date(wrong, &latest)) << wrong;
-  }
 }
 
 TEST(tree_name, may_have_45_bytes_that_are_all_allowed) {
@@ -126,7 +102,9 @@ TEST(tree_of_a_folder, has_files_and_folders_with_contents_modes_and_dates) {
   EXPECT_EQ(made.root_mtime, 1600000004U);
   EXPECT_TRUE(made.warnings.empty() && made.errors.empty());
 
-  made = image::read_folder(folder.path(), {.latest_date = 1600000002, .contents_limit = 1000});
+  ASSERT_EQ(setenv("SOURCE_DATE_EPOCH", "1600000002", 1), 0);
+  made = image::read_folder(folder.path(), {});
+  ASSERT_EQ(unsetenv("SOURCE_DATE_EPOCH"), 0);
   EXPECT_EQ(tree_text(made),
             "d/ 755 1600000002\n"
             "d/file 640 1600000001 [contents]\n"
@@ -177,8 +155,7 @@ TEST(tree_of_a_folder, tells_the_size_of_what_is_too_much_to_read) {
   const int fd = open(folder.file("huge").c_str(), O_CREAT | O_WRONLY, 0644);
   ASSERT_EQ(ftruncate(fd, off_t{1} << 40), 0);
   close(fd);
-  const image::tree made =
-      image::read_folder(folder.path(), {.latest_date = {}, .contents_limit = 1000});
+  const image::tree made = image::read_folder(folder.path(), {.contents_limit = 1000});
   EXPECT_TRUE(made.contents_left_out);
   ASSERT_EQ(made.entries.size(), 2U);
   EXPECT_EQ(made.entries[0].size, 5U);

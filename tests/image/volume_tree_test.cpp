@@ -6,17 +6,13 @@
 #include <cstring>
 #include <string>
 
-#include "sim/chassis.h"
+#include "image/clock.h"
 #include "tests/image/tree_text.h"
 #include "tests/support/flashfs_fixture.h"
 #include "tests/support/output_capture.h"
 
 namespace image_test {
 namespace {
-
-void set_clock(std::optional<uint32_t> date) {
-  sim::installed_chassis()->clock_hold(date.value_or(1));
-}
 
 class volume_tree : public test_support::flashfs_fixture {
  protected:
@@ -29,7 +25,7 @@ class volume_tree : public test_support::flashfs_fixture {
 TEST_F(volume_tree, is_read_as_it_was_written) {
   image::tree from = manifold_tree();
   from.root_mtime = 1111111111;
-  ASSERT_EQ(image::write_volume(from, files(), set_clock), "");
+  ASSERT_EQ(image::write_volume(from, files()), "");
   const image::tree back = image::read_volume(files());
   EXPECT_EQ(tree_text(back), tree_text(from));
   EXPECT_EQ(problems_text(back.errors), "");
@@ -43,7 +39,7 @@ TEST_F(volume_tree, is_read_from_a_folder_on_and_of_one_file) {
   const image::tree from =
       tree_of({folder_entry("a"), folder_entry("a/b"), file_entry("a/b/c", "1"),
                file_entry("a/d", "2"), file_entry("e", "3")});
-  ASSERT_EQ(image::write_volume(from, files(), set_clock), "");
+  ASSERT_EQ(image::write_volume(from, files()), "");
   EXPECT_EQ(tree_text(image::read_volume(files(), "/a/")),
             "b/ 755 1\n"
             "b/c 644 1 [1]\n"
@@ -59,26 +55,28 @@ TEST_F(volume_tree, is_read_from_a_folder_on_and_of_one_file) {
 
 TEST_F(volume_tree, gives_the_same_flash_for_the_same_tree) {
   const image::tree from = manifold_tree();
-  ASSERT_EQ(image::write_volume(from, files(), set_clock), "");
-  const std::string first(reinterpret_cast<const char*>(device().bytes()), 8 * 0x20000);
-  set_clock(test_support::fixture_time);
+  image::clock_set(1);
   mount_new();
-  ASSERT_EQ(image::write_volume(from, files(), set_clock), "");
+  ASSERT_EQ(image::write_volume(from, files()), "");
+  const std::string first(reinterpret_cast<const char*>(device().bytes()), 8 * 0x20000);
+  image::clock_set(1);
+  mount_new();
+  ASSERT_EQ(image::write_volume(from, files()), "");
   EXPECT_EQ(memcmp(first.data(), device().bytes(), first.size()), 0);
 }
 
 TEST_F(volume_tree, says_what_could_not_be_written) {
   const image::tree from = tree_of({file_entry("big", std::string(2 << 20, 'x'))});
   const test_support::output_capture dropped;
-  EXPECT_EQ(image::write_volume(from, files(), set_clock), "big: No space left on device");
+  EXPECT_EQ(image::write_volume(from, files()), "big: No space left on device");
   remount();
-  EXPECT_EQ(image::write_volume(tree_of({file_entry("a/b", "x")}), files(), set_clock),
+  EXPECT_EQ(image::write_volume(tree_of({file_entry("a/b", "x")}), files()),
             "a/b: No such file or directory");
 }
 
 TEST_F(volume_tree, dates_what_is_named_and_nothing_else) {
   const image::tree from = tree_of({folder_entry("a"), file_entry("a/b", "x")});
-  ASSERT_EQ(image::write_volume(from, files(), set_clock), "");
+  ASSERT_EQ(image::write_volume(from, files()), "");
   ASSERT_EQ(files().set_date("a", 77), 0);
   EXPECT_EQ(tree_text(image::read_volume(files())),
             "a/ 755 77\n"
