@@ -9,6 +9,7 @@ std::vector<command> all_commands() {
       create_command(),
       format_command(),
       import_command(),
+      info_command(),
       ls_command(),
       tree_command(),
       cat_command(),
@@ -23,6 +24,7 @@ std::vector<command> all_commands() {
       verify_command(),
       extract_command(),
       diff_command(),
+      dump_command(),
   };
   // clang-format on
 }
