@@ -33,7 +33,7 @@ class word_solver {
   uint16_t word_for(uint32_t change) const {
     uint16_t word = 0;
     for (uint32_t bit = 0; bit < word_bits; ++bit) {
-      word ^= (change >> bit & 1) != 0 ? words_[bit] : 0;
+      word = static_cast<uint16_t>(word ^ ((change >> bit & 1) != 0 ? words_[bit] : 0));
     }
     return word;
   }
