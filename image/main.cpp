@@ -29,7 +29,7 @@ void end_unplanned() {
 }
 
 image::exit_status refuse(const image::parsed_line& parsed) {
-  image::report out(parsed.options, "");
+  image::report out(parsed.options, parsed.command_name);
   out.fail(parsed.status, parsed.error + " (--help tells more)");
   return out.finish();
 }

@@ -113,6 +113,45 @@ std::string fault_of(const std::string& path) {
   return path + ": " + strerror(errno);
 }
 
+std::string make_names(const tree& from, const volume::files& to) {
+  for (const tree_entry& entry : from.entries) {
+    clock_set(entry.mtime);
+    if (make_entry(entry, to) != 0 ||
+        ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
+      return fault_of(entry.path);
+    }
+  }
+  return "";
+}
+
+std::string write_contents(const tree& from, const volume::files& to, const write_step& step) {
+  uint64_t total = 0;
+  for (const tree_entry& entry : from.entries) {
+    total += entry.contents.size();
+  }
+  uint64_t done = 0;
+  for (const tree_entry& entry : from.entries) {
+    clock_set(entry.mtime);
+    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
+      return fault_of(entry.path);
+    }
+    done += entry.contents.size();
+    if (step && !step(done, total)) {
+      return "interrupted";
+    }
+  }
+  return "";
+}
+
+std::string date_folders(const tree& from, const volume::files& to) {
+  for (const tree_entry& entry : from.entries) {
+    if (entry.directory && to.set_date(entry.path, entry.mtime) != 0) {
+      return fault_of(entry.path);
+    }
+  }
+  return from.root_mtime && to.set_date("/", *from.root_mtime) != 0 ? fault_of("/") : "";
+}
+
 }  // namespace
 
 tree read_volume(const volume::files& from, std::string_view path, bool contents) {
@@ -129,29 +168,12 @@ tree read_volume(const volume::files& from, std::string_view path, bool contents
   return made;
 }
 
-std::string write_volume(const tree& from, const volume::files& to) {
-  for (const tree_entry& entry : from.entries) {
-    clock_set(entry.mtime);
-    if (make_entry(entry, to) != 0 ||
-        ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
-      return fault_of(entry.path);
-    }
+std::string write_volume(const tree& from, const volume::files& to, const write_step& step) {
+  std::string fault = make_names(from, to);
+  if (fault.empty()) {
+    fault = write_contents(from, to, step);
   }
-  for (const tree_entry& entry : from.entries) {
-    clock_set(entry.mtime);
-    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
-      return fault_of(entry.path);
-    }
-  }
-  for (const tree_entry& entry : from.entries) {
-    if (entry.directory && to.set_date(entry.path, entry.mtime) != 0) {
-      return fault_of(entry.path);
-    }
-  }
-  if (from.root_mtime && to.set_date("/", *from.root_mtime) != 0) {
-    return fault_of("/");
-  }
-  return "";
+  return fault.empty() ? date_folders(from, to) : fault;
 }
 
 }  // namespace image

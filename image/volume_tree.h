@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -17,10 +18,14 @@ namespace image {
 [[nodiscard]] tree read_volume(const volume::files& from, std::string_view path = "",
                                bool contents = true);
 
+// Told how many of how many bytes are written, now and then; false ends the writing.
+using write_step = std::function<bool(uint64_t done, uint64_t total)>;
+
 // Writes a tree into an empty file system: all names, then all contents, each entry with its date
 // by the clock, then the dates of folders, and of the root if the tree has one for it. (Names
 // first: a file system that is nearly full has no place left to tidy up its slots.) Returns an
 // empty text, or what went wrong: then the file system holds a part of it.
-[[nodiscard]] std::string write_volume(const tree& from, const volume::files& to);
+[[nodiscard]] std::string write_volume(const tree& from, const volume::files& to,
+                                       const write_step& step = {});
 
 }  // namespace image

@@ -12,9 +12,13 @@ namespace image {
 command cat_command();
 command check_command();
 command chmod_command();
+command create_command();
+command diff_command();
 command dump_command();
+command extract_command();
 command format_command();
 command get_command();
+command import_command();
 command info_command();
 command ls_command();
 command mkdir_command();
@@ -23,6 +27,7 @@ command put_command();
 command rm_command();
 command tree_command();
 command truncate_command();
+command verify_command();
 
 // All of them, in the order of the help.
 std::vector<command> all_commands();
