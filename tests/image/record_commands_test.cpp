@@ -25,7 +25,7 @@ class record_commands : public test_support::image_command {
       : bytes(blocks * block_size, '\xFF'),
         builder(reinterpret_cast<uint8_t*>(bytes.data()), blocks, block_size) {
     builder.headers(0);
-    builder.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600});
+    builder.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600, .name = ""});
     builder.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 2, .name = "file"});
     builder.data_sector(1, 1, 2, 0, "contents");
   }
