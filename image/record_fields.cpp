@@ -124,7 +124,9 @@ void add_data_fields(field_list* fields, const sector_record& sector) {
               : rest_is_erased                   ? "erased behind them"
                                                  : "something else behind them, of no consequence");
   fields->add("number", sizeof(bytes.seq_no), erased ? "erased" : decimal(bytes.seq_no),
-              erased ? "nothing yet" : "the sector's place in its file, from 0");
+              erased                                   ? "nothing yet"
+              : sector.kind == sector_kind::not_erased ? "of no consequence without an owner"
+                                                       : "the sector's place in its file, from 0");
   const bool good = sector_crc(&bytes) == flashfs_good_crc;
   fields->add("checksum", sizeof(bytes.checksum), erased ? "erased" : hex16(bytes.checksum),
               erased ? "nothing yet"
@@ -249,15 +251,16 @@ std::string summary_of(const block_record& block) {
   if (block.is_erased) {
     return "blank";
   }
-  if (block.verdict != header_verdict::good) {
-    return std::string("bad header: ") + verdict_text(block.verdict);
-  }
   const record_counts& counts = block.counts;
-  return fmt::format("{}, erase count {}, {} data, {} directory, {} obsolete, {} free{}",
-                     state_text(block.state), static_cast<uint32_t>(block.header->erase_count),
-                     counts.data_sectors, counts.directory_sectors, counts.obsolete_sectors,
-                     counts.free_sectors,
-                     counts.bad_sectors == 0 ? "" : fmt::format(", {} bad", counts.bad_sectors));
+  const std::string holds =
+      fmt::format("{} data, {} directory, {} obsolete, {} free{}", counts.data_sectors,
+                  counts.directory_sectors, counts.obsolete_sectors, counts.free_sectors,
+                  counts.bad_sectors == 0 ? "" : fmt::format(", {} bad", counts.bad_sectors));
+  if (block.verdict != header_verdict::good) {
+    return fmt::format("bad header, {}: {}", verdict_text(block.verdict), holds);
+  }
+  return fmt::format("{}, erase count {}: {}", state_text(block.state),
+                     static_cast<uint32_t>(block.header->erase_count), holds);
 }
 
 std::string summary_of(const records& all, const sector_record& sector) {

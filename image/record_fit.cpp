@@ -33,7 +33,9 @@ class word_solver {
   uint16_t word_for(uint32_t change) const {
     uint16_t word = 0;
     for (uint32_t bit = 0; bit < word_bits; ++bit) {
-      word = static_cast<uint16_t>(word ^ ((change >> bit & 1) != 0 ? words_[bit] : 0));
+      if ((change >> bit & 1) != 0) {
+        word ^= words_[bit];
+      }
     }
     return word;
   }

@@ -403,7 +403,7 @@ class dumper {
         has_errors_ = true;
       }
       if (out_.json()) {
-        out_.add(each);
+        out_.add_to_document(each);
         continue;
       }
       std::string place = each.block ? fmt::format(" {}", *each.block) : "";

@@ -40,6 +40,10 @@ struct erase_counts {
   uint32_t most_worn = 0;  // block
 };
 
+std::string counted(uint32_t count, const char* one, const char* many) {
+  return fmt::format("{} {}", count, count == 1 ? one : many);
+}
+
 class image_info {
  public:
   image_info(const globals& all, opened_image& opened, report& out)
@@ -169,8 +173,9 @@ class image_info {
   }
 
   void tell_files() {
-    line("files", fmt::format("{} files of {} bytes, {} directories, {} without a name", files_,
-                              contents_, directories_, orphans_));
+    line("files",
+         fmt::format("{}, {} bytes in all, {}; {} without a name", counted(files_, "file", "files"),
+                     contents_, counted(directories_, "directory", "directories"), orphans_));
     out_.result()["files"] = {{"files", files_},
                               {"bytes", contents_},
                               {"directories", directories_},
@@ -256,7 +261,7 @@ class image_info {
     const std::vector<finding>& findings = records_.findings;
     if (out_.json()) {
       for (const finding& each : findings) {
-        out_.add(each);
+        out_.add_to_document(each);
       }
       return;
     }
