@@ -5,10 +5,10 @@ namespace image {
 
 std::vector<command> all_commands() {
   return {
-      create_command(),   format_command(), import_command(),  ls_command(),
-      tree_command(),     cat_command(),    get_command(),     put_command(),
-      rm_command(),       mkdir_command(),  mv_command(),      chmod_command(),
-      truncate_command(), verify_command(), extract_command(), diff_command(),
+      create_command(),  format_command(), import_command(),   ls_command(),    tree_command(),
+      cat_command(),     get_command(),    put_command(),      rm_command(),    mkdir_command(),
+      mv_command(),      chmod_command(),  truncate_command(), check_command(), verify_command(),
+      extract_command(), diff_command(),
   };
 }
 
