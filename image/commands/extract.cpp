@@ -8,13 +8,11 @@
 #include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
-#include <set>
 
 #include "image/commands/commands.h"
 #include "image/extraction.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
-#include "image/records.h"
 #include "image/session.h"
 #include "image/tar.h"
 #include "image/volume_tree.h"
@@ -37,32 +35,6 @@ void tell_missing(const extract_options& options, exit_status status,
   for (const tree_problem& one : problems) {
     out.fail(options.keep_going ? exit_status::partial : status, one.text, told_path(one.path));
   }
-}
-
-// Files that a checksum or a gap shows to be damaged: a mount does not look at that.
-std::set<std::string> damaged_files(const session& opened) {
-  std::set<std::string> paths;
-  for (const finding& one : read_records(opened.contents(), opened.layout()).findings) {
-    if (one.severity == severity::error && !one.path.empty()) {
-      paths.insert(inside_path(one.path));
-    }
-  }
-  return paths;
-}
-
-tree sound_files(const session& opened) {
-  tree found = read_volume(opened.files());
-  const std::set<std::string> damaged = damaged_files(opened);
-  const auto is_damaged = [&](const tree_entry& entry) {
-    return !entry.directory && damaged.contains(entry.path);
-  };
-  for (const tree_entry& entry : found.entries) {
-    if (is_damaged(entry)) {
-      found.errors.push_back({entry.path, "is damaged; \"get\" takes it out as it is"});
-    }
-  }
-  std::erase_if(found.entries, is_damaged);
-  return found;
 }
 
 void tell_result(uint64_t files, uint64_t folders, uint64_t bytes, report& out) {
@@ -157,7 +129,7 @@ void run(const extract_options& options, const globals& all, report& out) {
   if (!opened || out.status() >= exit_status::faults) {
     return;
   }
-  tree found = sound_files(*opened);
+  tree found = read_volume(opened->files());
   tell_missing(options, exit_status::faults, found.errors, out);
   if (interrupted() || out.status() >= exit_status::faults) {
     return;
