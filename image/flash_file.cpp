@@ -224,8 +224,8 @@ bool sync_folder(const std::string& path) {
 
 // Writes, syncs and names; mode and owner have been set.
 bool finish_file(temporary_file* made, const std::string& path, std::span<const uint8_t> contents,
-                 bool replacing, std::string* why) {
-  if (!write_all(made->get(), contents) || fsync(made->get()) != 0) {
+                 bool replacing, bool durable, std::string* why) {
+  if (!write_all(made->get(), contents) || (durable && fsync(made->get()) != 0)) {
     return refuse_errno(why, "cannot be written");
   }
   if (interrupted()) {
@@ -234,7 +234,8 @@ bool finish_file(temporary_file* made, const std::string& path, std::span<const 
   if (!made->take_name(path, replacing)) {
     return refuse_errno(why, "cannot be written");
   }
-  return sync_folder(folder_of(path)) || refuse_errno(why, "is written, perhaps not for good");
+  return !durable || sync_folder(folder_of(path)) ||
+         refuse_errno(why, "is written, perhaps not for good");
 }
 
 // umask can only be read by setting it.
@@ -350,11 +351,11 @@ bool flash_file::replace(std::span<const uint8_t> contents, std::string* why) co
   if (fchmod(made.get(), before.st_mode & mode_bits) != 0) {
     return refuse_errno(why, "its mode cannot be kept");
   }
-  return finish_file(&made, real_path_, contents, true, why);
+  return finish_file(&made, real_path_, contents, true, true, why);
 }
 
 bool write_new_file(const std::string& path, std::span<const uint8_t> contents, bool replacing,
-                    std::string* why) {
+                    std::string* why, bool durable) {
   if (path == "-") {
     return write_all(STDOUT_FILENO, contents) ||
            refuse_errno(why, "standard output cannot be written");
@@ -375,7 +376,7 @@ bool write_new_file(const std::string& path, std::span<const uint8_t> contents, 
   if (fchmod(made.get(), mode) != 0) {
     return refuse_errno(why, "cannot be given its mode");
   }
-  return finish_file(&made, path, contents, replacing, why);
+  return finish_file(&made, path, contents, replacing, durable || exists, why);
 }
 
 }  // namespace image

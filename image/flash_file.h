@@ -52,8 +52,10 @@ class flash_file {
 };
 
 // Makes a file of its own, by way of a temporary one, too. Unless `replacing`, it must not be there
-// yet. "-" is standard output.
+// yet. "-" is standard output. Not `durable`, a file that was not there is left to the system to
+// write to disk, as with a copy: that is most of the time that it takes, and nothing old can be
+// lost.
 [[nodiscard]] bool write_new_file(const std::string& path, std::span<const uint8_t> contents,
-                                  bool replacing, std::string* why);
+                                  bool replacing, std::string* why, bool durable = true);
 
 }  // namespace image

@@ -60,7 +60,7 @@ bool write_new_image(const new_image& planned, std::span<const uint8_t> bytes, c
                          stat(planned.name.c_str(), &there) == 0 && there.st_size != 0;
   std::string why;
   if (replacing ? replace_image(planned, bytes, all, &why)
-                : write_new_file(planned.name, bytes, planned.force, &why)) {
+                : write_new_file(planned.name, bytes, planned.force, &why, false)) {
     return true;
   }
   if (!interrupted()) {
