@@ -1,6 +1,7 @@
 // dump and info, as people run them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -200,6 +201,9 @@ TEST_F(record_commands, bear_noise) {
   }
   save();
   document_of({"info", "small.img"}, 0);
+  const std::string told = output_of({"info", "small.img"});
+  EXPECT_LT(std::count(told.begin(), told.end(), '\n'), 250);
+  EXPECT_NE(told.find(" more, which dump and --json tell\n"), std::string::npos);
   document_of({"dump", "small.img"}, 0);
   document_of({"dump", "--block", "2", "--hex", "small.img"}, 0);
   document_of({"dump", "--sector", "2.0", "small.img"}, 0);
