@@ -196,8 +196,10 @@ TEST_F(record_commands, bear_noise) {
   // Directory sectors with everything in them wrong.
   for (int block = 0; block < static_cast<int>(blocks); ++block) {
     builder.header(block, {.state = 0});
-    builder.sector_at(block, 0)[0] = 0;
-    builder.sector_at(block, 0)[1] = 1;
+    for (int sector = 0; sector < (block == 2 ? builder.sector_count(block) : 1); ++sector) {
+      builder.sector_at(block, sector)[0] = 0;
+      builder.sector_at(block, sector)[1] = 1;
+    }
   }
   save();
   document_of({"info", "small.img"}, 0);
