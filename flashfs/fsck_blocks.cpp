@@ -1,7 +1,6 @@
 // The check's work on blocks.
 #include "flashfs/fsck_blocks.h"
 
-#include <cstdio>
 
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
@@ -158,7 +157,7 @@ int fsck_check_header(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
   if (erase_block(fs, block_num, true, false) != 0) {
     return 1;
   }
-  printf("done.%s", flashfs_log_suffix);
+  console_print("done.%s", flashfs_log_suffix);
   return read_blkheader(fs, block_num, header, all_but_erase_count);
 }
 

@@ -339,7 +339,7 @@ int update_blkheader(flashfs* fs, int16_t block_num, const flashfs_blkheader& he
   const flashfs_block& block =
       require_block(fs, "Trying to write a block header not in the  flash device!.", block_num);
   wanted->block_num = static_cast<uint16_t>(block_num);
-  printf(" wS%d", block_num);
+  console_print(" wS%d", block_num);
   return update_part(fs, header_place(block), 0, part_change(&held, wanted, sizeof(held)));
 }
 
@@ -352,14 +352,14 @@ int read_block(flashfs* fs, int16_t block_num, record_part part, void* buffer) {
 int write_block(flashfs* fs, int16_t block_num, const void* buffer) {
   static_cast<void>(
       require_block(fs, "Trying to write a block not in the  flash device!.", block_num));
-  printf(" wS%d", block_num);
+  console_print(" wS%d", block_num);
   return write_part(fs, block_place(fs, block_num), {0, block_size(fs, block_num)}, buffer);
 }
 
 int erase_whole_block(flashfs* fs, int16_t block_num) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
-  printf(" eS%d", block_num);
+  console_print(" eS%d", block_num);
   note_flash_change();
   const flash_return_code code =
       fs->fdi[block.device].erase(fs->handle[block.device], block.offset);
