@@ -305,7 +305,7 @@ class slot_of_another_directory : public operations_fixture {
   }
   // In a directory with so many names that they are indexed, id 3, beside another such one.
   void rename_what_has_lost(uint16_t dir_fileid) {
-    make();
+    make({16, 16, 16, 16});
     ASSERT_EQ(mkdir("other"), 0);
     ASSERT_EQ(mkdir("d"), 0);
     ASSERT_EQ(fileid_of("d"), 3);
