@@ -10,6 +10,7 @@
 #include "image/interrupt.h"
 #include "image/options.h"
 #include "image/report.h"
+#include "zantrolume/zantrolume_device.h"
 
 namespace {
 
@@ -51,6 +52,10 @@ image::exit_status run(const image::parsed_line& parsed) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  // Or an image that is opened to be edited becomes standard output.
+  if (!zantrolume_occupy_output_descriptors()) {
+    return static_cast<int>(image::exit_status::failed);
+  }
   std::atexit(end_unplanned);
   const std::vector<image::command> commands = image::all_commands();
   const image::parsed_line parsed = image::parse_command_line(commands, argc, argv);

@@ -12,15 +12,19 @@ namespace image {
 command cat_command();
 command check_command();
 command chmod_command();
+command explain_command();
 command format_command();
 command get_command();
 command ls_command();
 command mkdir_command();
 command mv_command();
 command put_command();
+command read_command();
 command rm_command();
 command tree_command();
 command truncate_command();
+command wear_command();
+command write_command();
 
 // All of them, in the order of the help.
 std::vector<command> all_commands();
