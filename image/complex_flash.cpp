@@ -159,17 +159,21 @@ bool complex_flash::program(uint32_t offset, std::span<const uint8_t> bytes, std
   return true;
 }
 
-// Programs the runs of words in which a bit is to be cleared, and compares the whole.
+// Programs the runs of words in which a bit is to be cleared, and compares the whole. A bit that
+// only an erase could set is not asked for.
 bool complex_flash::program_words(uint32_t offset, std::span<const uint8_t> bytes,
                                   std::string* why) {
   const device_clock running;
   uint8_t* held = bytes_.data() + offset;
+  std::vector<uint8_t> wanted(bytes.size());
+  std::transform(bytes.begin(), bytes.end(), held, wanted.begin(),
+                 [](uint8_t asked, uint8_t there) { return uint8_t(asked & there); });
   const auto changes = [&](size_t at) {
-    return (held[at] & ~bytes[at]) != 0 || (held[at + 1] & ~bytes[at + 1]) != 0;
+    return held[at] != wanted[at] || held[at + 1] != wanted[at + 1];
   };
-  for (size_t at = 0; at < bytes.size();) {
+  for (size_t at = 0; at < wanted.size();) {
     size_t end = at;
-    while (end < bytes.size() && changes(end)) {
+    while (end < wanted.size() && changes(end)) {
       end += word_size;
     }
     if (end == at) {
@@ -178,16 +182,15 @@ bool complex_flash::program_words(uint32_t offset, std::span<const uint8_t> byte
     }
     const flash_return_code result =
         zantrolume_cpld_write(nullptr, offset + static_cast<uint32_t>(at),
-                              static_cast<uint32_t>(end - at), bytes.data() + at);
+                              static_cast<uint32_t>(end - at), wanted.data() + at);
     if (result != flash_ok) {
-      *why = place_text(offset) + ": " + driver_text(result);
+      *why = place_text(offset + static_cast<uint32_t>(at)) + ": " + driver_text(result);
       return false;
     }
-    for (; at < end; ++at) {
-      held[at] = static_cast<uint8_t>(held[at] & bytes[at]);
-    }
+    at = end;
   }
-  return compare(offset, static_cast<uint32_t>(bytes.size()), why);
+  std::copy(wanted.begin(), wanted.end(), held);
+  return compare(offset, static_cast<uint32_t>(wanted.size()), why);
 }
 
 bool complex_flash::erase(uint32_t offset, std::string* why) {

@@ -151,7 +151,7 @@ class wear_table {
     const uint32_t in_row = label + cells * (width + 2) > line_width ? cells / 2 : cells;
     out_.print("block");
     for (uint32_t i = 0; i < in_row; ++i) {
-      out_.print(fmt::format(" {:>{}} ", "+" + std::to_string(i), width));
+      out_.print(fmt::format(" {:>{}} ", i, width));
     }
     out_.print("\n");
     for (uint32_t number = 0; number < blocks_.size(); ++number) {
