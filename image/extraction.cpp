@@ -120,11 +120,9 @@ class extractor {
 
   // False when a name forbids to begin at all.
   bool judge_names() {
+    result_->errors = host_faults(from_);
     for (const tree_entry& entry : from_.entries) {
-      const std::string_view name = name_of_path(entry.path);
-      if (std::string fault = host_name_fault(name); !fault.empty()) {
-        fail(entry.path, std::move(fault));
-      } else if (holds_control_bytes(name)) {
+      if (holds_control_bytes(name_of_path(entry.path))) {
         result_->warnings.push_back({entry.path, "the name holds control characters"});
       }
     }
@@ -260,6 +258,16 @@ std::string host_name_fault(std::string_view name) {
     return "the name stands for a folder of the host";
   }
   return name.find('/') == std::string_view::npos ? "" : "the name holds a slash";
+}
+
+std::vector<tree_problem> host_faults(const tree& from) {
+  std::vector<tree_problem> faults;
+  for (const tree_entry& entry : from.entries) {
+    if (std::string fault = host_name_fault(name_of_path(entry.path)); !fault.empty()) {
+      faults.push_back({entry.path, std::move(fault)});
+    }
+  }
+  return faults;
 }
 
 extraction extract_tree(const tree& from, const std::string& folder,

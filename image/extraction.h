@@ -29,6 +29,9 @@ struct extraction {
 // Empty when it can.
 [[nodiscard]] std::string host_name_fault(std::string_view name);
 
+// Every name in a tree that cannot become one of the host.
+[[nodiscard]] std::vector<tree_problem> host_faults(const tree& from);
+
 // Writes the tree below `folder`, which is made if it is missing (but not what it lies in). No
 // link is followed on the way, but for `folder` itself. Files get their dates and permissions,
 // folders last. Without `keep_going` it ends with the first error; all names are judged before

@@ -75,6 +75,13 @@ constexpr finding_code codes[] = {
     {"check-slot-lost", severity::error, "a good slot that stands nowhere else is deleted"},
     {"check-slot-added", severity::info, "a slot is written"},
     {"check-message", severity::info, "what the check says"},
+    // What the transcripts of an import do not tell, or tell twice.
+    {"transcript-hole", severity::warning, "no transcript tells these bytes, they are left erased"},
+    {"transcript-hole-outside", severity::info,
+     "as transcript-hole, behind the file system's blocks"},
+    {"transcript-contradiction", severity::error,
+     "transcripts tell different bytes, the later one counts"},
+    {"transcript-unreadable", severity::warning, "a line of a dump has suffered on its way"},
     // A run, not a record: report.h has names for these.
     {"usage", severity::error, "the command line is wrong"},
     {"not-done", severity::error, "something could not be done"},

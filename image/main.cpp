@@ -30,7 +30,7 @@ void end_unplanned() {
 }
 
 image::exit_status refuse(const image::parsed_line& parsed) {
-  image::report out(parsed.options, "");
+  image::report out(parsed.options, parsed.command_name);
   out.fail(parsed.status, parsed.error + " (--help tells more)");
   return out.finish();
 }
@@ -40,7 +40,12 @@ image::exit_status run(const image::parsed_line& parsed) {
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
   try {
-    parsed.chosen->run(parsed.options, out);
+    if (parsed.options.json && parsed.options.output == "-") {
+      out.fail(image::exit_status::usage,
+               "standard output has the document or the image, not both");
+    } else {
+      parsed.chosen->run(parsed.options, out);
+    }
   } catch (const std::exception& thrown) {
     // The libraries throw, and memory may run out.
     out.fail(image::exit_status::failed, thrown.what());

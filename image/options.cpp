@@ -15,20 +15,26 @@ namespace {
 
 constexpr const char* own_name = "flashfs-image";
 
-const std::map<std::string, when> when_words = {
-    {"auto", when::automatic}, {"always", when::always}, {"never", when::never}};
+// Adds an option whose words stand for values.
+void add_when(CLI::App* app, const char* name, when* value, const char* help) {
+  const auto set = [value](const std::string& word) {
+    static const std::map<std::string, when> words = {
+        {"auto", when::automatic}, {"always", when::always}, {"never", when::never}};
+    const auto found = words.find(word);
+    if (found == words.end()) {
+      throw CLI::ValidationError("WHEN is auto, always or never");
+    }
+    *value = found->second;
+  };
+  app->add_option_function<std::string>(name, set, help)->type_name("WHEN");
+}
 
 void add_globals(CLI::App* app, globals* options) {
-  const auto words = CLI::CheckedTransformer(when_words).description("");
   app->add_flag("--json", options->json, "One JSON document instead of text");
   app->add_flag("-q,--quiet", options->quiet, "Nothing but warnings and errors");
   app->add_flag("-v,--verbose", options->verbose, "What the file system says, too");
-  app->add_option("--color", options->color, "Colours: auto, always or never")
-      ->transform(words)
-      ->type_name("WHEN");
-  app->add_option("--progress", options->progress, "Progress: auto, always or never")
-      ->transform(words)
-      ->type_name("WHEN");
+  add_when(app, "--color", &options->color, "Colours: auto, always or never");
+  add_when(app, "--progress", &options->progress, "Progress: auto, always or never");
   app->add_flag("-n,--dry-run", options->dry_run, "Do all but write; the status is the real run's");
   app->add_option("-o,--output", options->output, "Write the edited image to a new file")
       ->type_name("NEW");
@@ -37,9 +43,16 @@ void add_globals(CLI::App* app, globals* options) {
       ->type_name("GEOMETRY");
   app->add_flag("--full", options->full, "Mount with the full check to read");
   app->add_flag("--strict", options->strict, "Warnings are faults");
-  app->add_option("--lock-timeout", options->lock_timeout_seconds,
-                  "How long to wait for another run's lock (10)")
-      ->check(CLI::NonNegativeNumber.description(""))
+  app->add_option_function<double>(
+         "--lock-timeout",
+         [options](double seconds) {
+           constexpr double seconds_max = 1e6;
+           if (!(seconds >= 0 && seconds <= seconds_max)) {
+             throw CLI::ValidationError("--lock-timeout is a number of seconds, 0 to 1000000");
+           }
+           options->lock_timeout_seconds = seconds;
+         },
+         "How long to wait for another run's lock (10)")
       ->type_name("SECONDS");
   app->add_option("--ppc", options->ppc, "The flash of this complex (3 to 8) instead of an image")
       ->type_name("N");
@@ -77,6 +90,15 @@ std::string objection_to_complex(const globals& options, const arguments& taken,
     return text;
   }
   return taken.takes_complex() ? "" : std::string(command) + " does not work on a complex";
+}
+
+// What is wrong with a command line. The library calls a command that it does not know missing.
+std::string error_of(const CLI::App& app, const CLI::ParseError& ended) {
+  if (app.get_subcommands().empty()) {
+    const std::vector<std::string> words = app.remaining();
+    return words.empty() ? "a command is missing" : "there is no command \"" + words.front() + "\"";
+  }
+  return first_line(ended.what());
 }
 
 std::string example_text(const command& one) {
@@ -162,13 +184,17 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
     parsed.chosen = nullptr;
     parsed.status = good ? exit_status::good : exit_status::usage;
     parsed.out = out.str();
-    parsed.error = good ? "" : first_line(ended.what());
+    parsed.error = good ? "" : error_of(app, ended);
+    if (const auto named = app.get_subcommands(); !named.empty()) {
+      parsed.command_name = named.front()->get_name();
+    }
     parsed.options.json = has_option(argc, argv, "--json");
   }
   if (parsed.chosen != nullptr) {
     parsed.error =
         objection_to_complex(parsed.options, taken.at(parsed.chosen), parsed.chosen->name);
     if (!parsed.error.empty()) {
+      parsed.command_name = parsed.chosen->name;
       parsed.chosen = nullptr;
       parsed.status = exit_status::usage;
     }

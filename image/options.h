@@ -74,6 +74,7 @@ struct parsed_line {
   exit_status status = exit_status::good;  // where it ends
   std::string out;                         // the text of --help or --version
   std::string error;                       // what is wrong
+  std::string command_name;                // where that is known
 };
 
 // The values go where the commands have pointed with their arguments.

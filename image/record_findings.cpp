@@ -343,7 +343,8 @@ class judge {
     if (!slot.is_name && entry != nullptr && entry->name) {
       const slot_record& name = all_.slots[*entry->name];
       add("slot-second-name", slot,
-          text_of("%u has its name from slot %u.%u.%u", named, name.block, name.sector, name.slot));
+          text_of("what it names, %u, has its name from slot %u.%u.%u", named, name.block,
+                  name.sector, name.slot));
     }
   }
 

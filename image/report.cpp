@@ -140,7 +140,7 @@ report::~report() {
 }
 
 void report::print(std::string_view text) {
-  if (options_.json) {
+  if (options_.json || options_.output == "-") {
     return;
   }
   wipe_progress();
@@ -261,7 +261,7 @@ void report::wipe_progress() {
 
 exit_status report::finish() {
   wipe_progress();
-  if (interrupted() && status_ != exit_status::interrupted) {
+  if (interrupted() && !written_ && status_ != exit_status::interrupted) {
     fail(exit_status::interrupted, "interrupted");
   }
   if (options_.json) {

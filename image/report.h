@@ -54,7 +54,7 @@ class report {
 
   // --- the answer ---
 
-  // Prints text or raw bytes to standard output; nothing with --json.
+  // Prints text or raw bytes to standard output; nothing with --json, or when an image goes there.
   void print(std::string_view text);
   // A name as standard output shall have it: escaped on a terminal, else raw.
   std::string shown(std::string_view name) const;
@@ -84,6 +84,11 @@ class report {
     return status_;
   }
 
+  // An image was written: a signal that comes from now on interrupts nothing any more.
+  void set_written() {
+    written_ = true;
+  }
+
   // How far a long step is, on a terminal, after its first second, at most ten times a second.
   // The next message or the end wipes it.
   void progress(std::string_view what, uint64_t done, uint64_t total);
@@ -107,6 +112,7 @@ class report {
   bool errors_have_colors_;
   bool shows_progress_;
   bool progress_shown_ = false;
+  bool written_ = false;
   clock::time_point started_;
   clock::time_point redrawn_;
 };

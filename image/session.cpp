@@ -2,6 +2,7 @@
 #include "image/session.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "flashfs/check_flags.h"
@@ -204,17 +205,24 @@ bool write_result(const globals& options, const opened_image& image,
     return false;
   }
   const bool in_place = options.output.empty();
+  out.result()["written"] = nullptr;
   const std::span<const uint8_t> before = image.contents();
   const bool same = std::equal(contents.begin(), contents.end(), before.begin(), before.end());
   if (options.dry_run || (in_place && same)) {
     return true;
   }
   if (in_place && image.complex) {
-    return change_complex(options, *image.complex, contents, in_order, out);
+    if (!change_complex(options, *image.complex, contents, in_order, out)) {
+      return false;
+    }
+    put_text(&out.result(), "written", image.name);
+    return true;
   }
   std::string why;
   if (in_place ? image.file->replace(contents, &why)
                : write_new_file(options.output, contents, false, &why)) {
+    put_text(&out.result(), "written", in_place ? image.name : options.output);
+    out.set_written();
     return true;
   }
   return !interrupted() && refuse(in_place ? image.name : options.output, why, out);

@@ -2,29 +2,25 @@
 #include "image/volume_tree.h"
 
 #include <cerrno>
-#include <cstring>
 #include <set>
 #include <utility>
 #include <vector>
 
 #include "image/clock.h"
 #include "image/extraction.h"
+#include "image/paths.h"
 
 namespace image {
 
 namespace {
 
 constexpr uint32_t permission_bits = 0777;
+constexpr uint32_t mounts_max = 1000;          // of one reading; they take some time each
 constexpr uint32_t bit_of_new_entries = 0400;  // what is made has it, asked for or not
-
-std::string joined(std::string_view folder, std::string_view name) {
-  std::string path(folder);
-  return path.append(folder.empty() || name.empty() ? "" : "/").append(name);
-}
 
 class volume_reader {
  public:
-  volume_reader(const volume::files& from, std::string_view base, bool contents, tree* made)
+  volume_reader(const volume::file_system& from, std::string_view base, bool contents, tree* made)
       : from_(from), base_(base), contents_(contents), made_(made) {}
 
   void read() {
@@ -50,17 +46,21 @@ class volume_reader {
 
  private:
   void fail(const std::string& path, int error) {
-    made_->errors.push_back({path, strerror(error)});
+    made_->errors.push_back({path, error_text(error)});
+    if (!from_.is_ready() && mounts_left_ != 0) {
+      --mounts_left_;
+      static_cast<void>(from_.check(flashfs_check_quick));
+    }
   }
 
   void read_folder_of_volume(const std::string& folder, std::vector<std::string>* waiting) {
     std::vector<volume::entry> held;
-    if (from_.list(joined(base_, folder), &held) != 0) {
+    if (from_.list(joined_path(base_, folder), &held) != 0) {
       fail(folder, errno);
     }
     std::set<std::string> names;
     for (const volume::entry& one : held) {
-      const std::string path = joined(folder, one.path);
+      const std::string path = joined_path(folder, one.path);
       if (one.path.empty() || one.path.find('/') != std::string::npos) {
         made_->errors.push_back({path, host_name_fault(one.path)});
       } else if (!names.insert(one.path).second) {
@@ -70,7 +70,7 @@ class volume_reader {
       } else if (one.is_directory() && !entered_.insert(one.status.fileid).second) {
         made_->errors.push_back({path, "the folder lies in itself, or has another name as well"});
       } else {
-        take(path, joined(base_, path), one.status);
+        take(path, joined_path(base_, path), one.status);
         if (one.is_directory()) {
           waiting->push_back(path);
         }
@@ -94,7 +94,8 @@ class volume_reader {
     made_->entries.push_back(std::move(entry));
   }
 
-  const volume::files& from_;
+  const volume::file_system& from_;
+  uint32_t mounts_left_ = mounts_max;
   const std::string base_;
   const bool contents_;
   tree* made_;
@@ -110,12 +111,51 @@ int32_t make_entry(const tree_entry& entry, const volume::files& to) {
 }
 
 std::string fault_of(const std::string& path) {
-  return path + ": " + strerror(errno);
+  return path + ": " + error_text(errno);
+}
+
+std::string make_names(const tree& from, const volume::files& to) {
+  for (const tree_entry& entry : from.entries) {
+    clock_set(entry.mtime);
+    if (make_entry(entry, to) != 0 ||
+        ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
+      return fault_of(entry.path);
+    }
+  }
+  return "";
+}
+
+std::string write_contents(const tree& from, const volume::files& to, const write_step& step) {
+  uint64_t total = 0;
+  for (const tree_entry& entry : from.entries) {
+    total += entry.contents.size();
+  }
+  uint64_t done = 0;
+  for (const tree_entry& entry : from.entries) {
+    clock_set(entry.mtime);
+    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
+      return fault_of(entry.path);
+    }
+    done += entry.contents.size();
+    if (step && !step(done, total)) {
+      return "interrupted";
+    }
+  }
+  return "";
+}
+
+std::string date_folders(const tree& from, const volume::files& to) {
+  for (const tree_entry& entry : from.entries) {
+    if (entry.directory && to.set_date(entry.path, entry.mtime) != 0) {
+      return fault_of(entry.path);
+    }
+  }
+  return from.root_mtime && to.set_date("/", *from.root_mtime) != 0 ? fault_of("/") : "";
 }
 
 }  // namespace
 
-tree read_volume(const volume::files& from, std::string_view path, bool contents) {
+tree read_volume(const volume::file_system& from, std::string_view path, bool contents) {
   while (path.starts_with('/')) {
     path.remove_prefix(1);
   }
@@ -129,29 +169,12 @@ tree read_volume(const volume::files& from, std::string_view path, bool contents
   return made;
 }
 
-std::string write_volume(const tree& from, const volume::files& to) {
-  for (const tree_entry& entry : from.entries) {
-    clock_set(entry.mtime);
-    if (make_entry(entry, to) != 0 ||
-        ((entry.mode & bit_of_new_entries) == 0 && to.chmod(entry.path, entry.mode) != 0)) {
-      return fault_of(entry.path);
-    }
+std::string write_volume(const tree& from, const volume::files& to, const write_step& step) {
+  std::string fault = make_names(from, to);
+  if (fault.empty()) {
+    fault = write_contents(from, to, step);
   }
-  for (const tree_entry& entry : from.entries) {
-    clock_set(entry.mtime);
-    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
-      return fault_of(entry.path);
-    }
-  }
-  for (const tree_entry& entry : from.entries) {
-    if (entry.directory && to.set_date(entry.path, entry.mtime) != 0) {
-      return fault_of(entry.path);
-    }
-  }
-  if (from.root_mtime && to.set_date("/", *from.root_mtime) != 0) {
-    return fault_of("/");
-  }
-  return "";
+  return fault.empty() ? date_folders(from, to) : fault;
 }
 
 }  // namespace image

@@ -1,5 +1,6 @@
 // check: what the two checks would do to an image, and with --repair, one of them done. A check is
 // run on a private copy; what it would change is the difference.
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 
@@ -103,16 +104,38 @@ class checker {
     out_.print(std::string(name) + " check: " + out_.colored(tint, verdict) + "\n");
     json findings = json::array();
     for (const finding& one : tried.findings) {
-      if (one.severity != severity::info || all_.verbose) {
-        out_.print(std::string("  ") + severity_text(one.severity) + ": " + line_of(one) + "\n");
-      }
       findings.push_back(json_of(one));
     }
+    print_findings(tried);
     out_.result()["checks"].push_back({{"check", name},
                                        {"usable", tried.passed},
                                        {"changes", tried.changes},
                                        {"loses", tried.loses},
                                        {"findings", findings}});
+  }
+
+  // Information is for who asks for it, or has nothing else to go by.
+  void print_findings(const tried_check& tried) {
+    constexpr uint32_t enough = 8;
+    const bool only_information =
+        std::all_of(tried.findings.begin(), tried.findings.end(),
+                    [](const finding& one) { return one.severity == severity::info; });
+    const bool sound = tried.passed && !tried.changes;
+    const bool wanted = all_.verbose || (!sound && (only_information || !tried.passed));
+    uint32_t shown = 0;
+    uint32_t left_out = 0;
+    for (const finding& one : tried.findings) {
+      const bool information = one.severity == severity::info;
+      if (information && (!wanted || (!all_.verbose && shown >= enough))) {
+        left_out++;
+        continue;
+      }
+      shown++;
+      out_.print(std::string("  ") + severity_text(one.severity) + ": " + line_of(one) + "\n");
+    }
+    if (wanted && left_out > 0) {
+      out_.print("  (" + std::to_string(left_out) + " more; -v shows them)\n");
+    }
   }
 
   void repair(const tried_check& tried) {

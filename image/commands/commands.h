@@ -12,9 +12,15 @@ namespace image {
 command cat_command();
 command check_command();
 command chmod_command();
+command create_command();
+command diff_command();
+command dump_command();
 command explain_command();
+command extract_command();
 command format_command();
 command get_command();
+command import_command();
+command info_command();
 command ls_command();
 command mkdir_command();
 command mv_command();
@@ -23,6 +29,7 @@ command read_command();
 command rm_command();
 command tree_command();
 command truncate_command();
+command verify_command();
 command wear_command();
 command write_command();
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <set>
 
 #include "image/clock.h"
 #include "image/commands/commands.h"
@@ -153,6 +154,7 @@ class putter {
     }
     for (const tree_problem& one : found.errors) {
       out_.fail(exit_status::failed, one.text, source + "/" + one.path);
+      told_.insert(joined_path(target, one.path));
     }
     if (!target.empty()) {
       tree_entry folder;
@@ -208,7 +210,9 @@ class putter {
     ppc_stat there;
     const std::string fault = path_fault(path);
     if (!fault.empty()) {
-      fail(path, fault);
+      if (!told_.contains(path)) {
+        fail(path, fault);
+      }
     } else if (status_of(files_, path, &there) == 0) {
       if (is_directory(there) != entry.directory) {
         fail(path, is_directory(there) ? "a directory is there, which a file cannot replace"
@@ -277,6 +281,7 @@ class putter {
     }
   };
   std::map<std::string, tree_entry, path_order> planned_;
+  std::set<std::string> told_;  // what is wrong with these has been told
 };
 
 void run(const put_options& options, const globals& all, report& out) {

@@ -16,6 +16,10 @@ struct read_options {
 };
 
 void run(const read_options& options, const globals& all, report& out) {
+  if (all.json && options.file == "-") {
+    out.fail(exit_status::usage, "standard output has the document or the flash, not both");
+    return;
+  }
   const std::optional<opened_image> opened = open_image(all, "", flash_file::access::read, out);
   if (!opened) {
     return;

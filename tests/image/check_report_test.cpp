@@ -58,7 +58,7 @@ class check_report : public testing::Test {
 
   check_report() : bytes(blocks * block_size, 0xFF), builder(bytes.data(), blocks, block_size) {
     builder.headers(0);
-    builder.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600});
+    builder.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600, .name = ""});
     builder.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 2, .name = "a"});
     builder.file(2, 0, 2, std::string(3000, 'x'));
   }

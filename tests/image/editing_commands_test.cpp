@@ -176,6 +176,18 @@ TEST_F(editing_commands, an_edit_goes_into_a_new_image_when_asked) {
   EXPECT_TRUE(contents("basic.img") == before);
   EXPECT_EQ(output_of({"ls", "new.img"}).find("readme.txt"), std::string::npos);
   expect_refused({"-o", "new.img", "rm", "basic.img", "/empty"}, 8);
+  EXPECT_TRUE(output_of({"-o", "-", "rm", "basic.img", "/readme.txt"}) == contents("new.img"));
+  expect_refused({"--json", "-o", "-", "rm", "basic.img", "/readme.txt"}, 16);
+}
+
+TEST_F(editing_commands, as_a_document) {
+  const json made = document_of({"mkdir", "basic.img", "/made"}, 0);
+  EXPECT_EQ(made["result"], json({{"written", "basic.img"}}));
+  EXPECT_TRUE(made["findings"].empty());
+  EXPECT_EQ(document_of({"-n", "mkdir", "basic.img", "/more"}, 0)["result"]["written"], nullptr);
+  const json refused = document_of({"mkdir", "basic.img", "/made"}, 8);
+  EXPECT_EQ(refused["findings"][0]["path"], "/made");
+  EXPECT_EQ(refused["result"], json::object());
 }
 
 TEST_F(editing_commands, an_image_with_faults_is_edited_by_force_alone) {

@@ -40,7 +40,7 @@ class damaged_flash {
   // for one thing, gaps, loops, orphans, torn words, states.
   void fill() {
     builder_.headers(below(blocks));
-    builder_.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600});
+    builder_.slot(1, 0, 31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600, .name = ""});
     const int records = below(60);
     for (int i = 0; i < records; ++i) {
       below(3) == 0 ? add_sector() : add_slot();

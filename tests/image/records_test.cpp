@@ -32,7 +32,7 @@ class records_test : public testing::Test {
  protected:
   records_test() : bytes(blocks * block_size, 0xFF), builder(bytes.data(), blocks, block_size) {
     builder.headers(0);
-    add_slot(31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600});
+    add_slot(31, {.seq_no = 0, .entry_fileid = 1, .mode = 0x4600, .name = ""});
   }
   void add_slot(int number, const test_support::image_slot& fields) {
     builder.slot(1, 0, number, fields);

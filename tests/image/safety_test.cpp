@@ -55,8 +55,9 @@ TEST_F(safety, a_lock_that_is_given_up_in_time_is_had) {
 }
 
 TEST_F(safety, an_image_that_was_replaced_meanwhile_is_the_one_that_is_edited) {
+  store("many");
+  std::filesystem::rename(file("many.img"), file("other.img"));
   const int writer = open_and_lock("basic.img", LOCK_EX);
-  output_of({"-n", "ls", "--lock-timeout", "0", "basic.img"}, 8);
   std::thread other([&] {
     usleep(500000);
     // As another edit does it.
@@ -64,8 +65,6 @@ TEST_F(safety, an_image_that_was_replaced_meanwhile_is_the_one_that_is_edited) {
     std::filesystem::rename(file("temporary"), file("basic.img"));
     close(writer);
   });
-  store("many");
-  std::filesystem::rename(file("many.img"), file("other.img"));
   EXPECT_EQ(run({"mkdir", "basic.img", "/made"}).status, 0);
   other.join();
   EXPECT_NE(output_of({"ls", "basic.img"}).find("made\n"), std::string::npos);
@@ -150,6 +149,8 @@ TEST_F(safety, command_lines_that_are_wrong_are_told) {
                                                      {"--lock-timeout", "-1", "ls", "basic.img"},
                                                      {"tree", "-L", "many", "basic.img"},
                                                      {"--json", "ls"},
+                                                     {"--lock-timeout", "x", "ls", "basic.img"},
+                                                     {"check", "--quick", "--full", "basic.img"},
                                                      {"--version"},
                                                  }));
   const json document = document_of({"nothing"}, 16);
@@ -162,7 +163,7 @@ TEST_F(safety, every_command_explains_itself_with_an_example) {
   ASSERT_NE(list, std::string::npos);
   std::istringstream lines(help.substr(list + 13));
   int commands = 0;
-  for (std::string line; std::getline(lines, line); ++commands) {
+  for (std::string line; std::getline(lines, line) && !line.empty(); ++commands) {
     const std::string name = line.substr(2, line.find(' ', 2) - 2);
     EXPECT_NE(output_of({name, "--help"}).find("Example:\n  flashfs-image"), std::string::npos)
         << name;

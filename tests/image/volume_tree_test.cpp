@@ -46,7 +46,7 @@ TEST_F(volume_tree, is_read_from_a_folder_on_and_of_one_file) {
             "d 644 1 [2]\n");
   EXPECT_EQ(tree_text(image::read_volume(files(), "a/b/c")), "c 644 1 [1]\n");
   EXPECT_EQ(problems_text(image::read_volume(files(), "none").errors),
-            "none: No such file or directory\n");
+            "none: no such file or directory\n");
   const image::tree sizes = image::read_volume(files(), "a/b", false);
   ASSERT_EQ(sizes.entries.size(), 1U);
   EXPECT_EQ(sizes.entries[0].contents, "");
@@ -68,10 +68,10 @@ TEST_F(volume_tree, gives_the_same_flash_for_the_same_tree) {
 TEST_F(volume_tree, says_what_could_not_be_written) {
   const image::tree from = tree_of({file_entry("big", std::string(2 << 20, 'x'))});
   const test_support::output_capture dropped;
-  EXPECT_EQ(image::write_volume(from, files()), "big: No space left on device");
+  EXPECT_EQ(image::write_volume(from, files()), "big: no space left in the image");
   remount();
   EXPECT_EQ(image::write_volume(tree_of({file_entry("a/b", "x")}), files()),
-            "a/b: No such file or directory");
+            "a/b: no such file or directory");
 }
 
 TEST_F(volume_tree, dates_what_is_named_and_nothing_else) {
