@@ -75,14 +75,19 @@ void memory_flash::fill(uint32_t offset, uint32_t length) {
   }
 }
 
-// Of a whole block, or of the last bytes: what is erased need not be had.
+// What is erased need not be had, but for what its granules share with its neighbours.
 void memory_flash::mark_filled(uint32_t offset, uint32_t length) {
-  if (source_) {
-    fill(offset, 1);
-    fill(offset + length - 1, 1);
-    std::fill(filled_.begin() + offset / granule, filled_.begin() + (offset + length - 1) / granule,
-              true);
+  if (!source_) {
+    return;
   }
+  const uint32_t end = offset + length;
+  if (offset % granule != 0) {
+    fill(offset, 1);
+  }
+  if (end % granule != 0) {
+    fill(end - 1, 1);
+  }
+  std::fill(filled_.begin() + offset / granule, filled_.begin() + (end - 1) / granule + 1, true);
 }
 
 bool memory_flash::holds(uint32_t offset, uint32_t length) const {
