@@ -8,7 +8,6 @@
 #include "image/commands/commands.h"
 #include "image/finding.h"
 #include "image/report.h"
-#include "image/text.h"
 
 namespace image {
 
@@ -47,7 +46,7 @@ void run(const explain_options& options, report& out) {
     const finding_code* row = find_code(code);
     if (row == nullptr) {
       out.fail(exit_status::failed,
-               "no finding has the code \"" + escaped(code) + "\"; without one all are listed");
+               "no finding has the code \"" + code + "\"; without one all are listed");
       continue;
     }
     rows.push_back(row);

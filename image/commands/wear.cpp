@@ -79,8 +79,14 @@ wear_sum sum_of(const std::vector<worn_block>& blocks) {
 
 // The state in a word, and in the sign behind the count.
 std::string state_word(const worn_block& block) {
-  return block.verdict == header_verdict::good ? state_text(block.state)
-                                               : verdict_text(block.verdict);
+  switch (block.verdict) {
+    case header_verdict::good:
+      return state_text(block.state);
+    case header_verdict::erased:
+      return "without a header";
+    default:
+      return "with a damaged header";
+  }
 }
 
 char state_sign(const worn_block& block) {
@@ -117,7 +123,7 @@ class wear_table {
       line("others", fmt::format("{} blocks are not the file system's", other_blocks));
     }
     line("erases",
-         fmt::format("{} of {} blocks, {:.1f} on average", sum_.total, sum_.blocks, sum_.mean));
+         fmt::format("{} in {} blocks, {:.1f} on average", sum_.total, sum_.blocks, sum_.mean));
     line("spread", fmt::format("from {} to {}, standard deviation {:.1f}", sum_.least, sum_.most,
                                sum_.deviation));
     line("most worn", sum_.blocks == 0
@@ -166,8 +172,7 @@ class wear_table {
         out_.print("\n");
       }
     }
-    out_.print(
-        "+ available, * within a reclamation, - erased with its header, ! damaged header\n\n");
+    out_.print("+ available, * within a reclamation, - without a header, ! damaged header\n\n");
   }
 
   void fill_document(uint32_t other_blocks) {

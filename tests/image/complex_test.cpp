@@ -170,7 +170,6 @@ TEST_F(complex, only_blocks_that_differ_are_written) {
   std::string after = before;
   after[3 * block_size] = '\x7F';          // was erased: a bit is cleared
   after[255 * block_size + 100] = '\x00';  // in a block that is not the file system's
-  std::string bits = before;
   const size_t noisy = before.find_first_not_of('\xFF');
   after[noisy] = static_cast<char>(~before[noisy]);  // some bit has to be set
   set_flash(before);
@@ -203,15 +202,14 @@ TEST_F(complex, a_write_that_was_cut_goes_on_when_it_is_run_again) {
   const std::string after = noise(3, 2);
   write_whole_file(file("after"), after);
   const std::vector<std::string> words = {"--ppc", "4", "-y", "--no-backup", "write", "after"};
-  for (const char* kind : {"before", "during", "during-noise", "after"}) {
-    for (const int mutation : {1, 2, 700, 5000}) {
-      set_flash(before);
-      set_chassis(std::string("cut 4 ") + kind + " " + std::to_string(mutation) + "\n");
-      EXPECT_EQ(run(words).status, power_cut) << kind << mutation;
-      set_chassis("");
-      EXPECT_EQ(run(words).status, 0) << kind << mutation;
-      EXPECT_TRUE(flash() == after) << kind << mutation;
-    }
+  for (const char* cut : {"before 1", "during 1", "during-noise 1", "after 1", "during 2",
+                          "during-noise 700", "after 5000"}) {
+    set_flash(before);
+    set_chassis(std::string("cut 4 ") + cut + "\n");
+    EXPECT_EQ(run(words).status, power_cut) << cut;
+    set_chassis("");
+    EXPECT_EQ(run(words).status, 0) << cut;
+    EXPECT_TRUE(flash() == after) << cut;
   }
   EXPECT_EQ(backups(), std::vector<std::string>());
 }
@@ -289,7 +287,7 @@ TEST_F(complex, an_edit_with_its_power_cut_leaves_what_the_board_would_leave) {
   ASSERT_GT(mutations, 20U);
   const std::string after = flash();
   std::set<std::string> seen;
-  for (uint64_t mutation = 1; mutation <= mutations; mutation += mutations / 9) {
+  for (uint64_t mutation = 1; mutation <= mutations; mutation += mutations / 5) {
     set_flash(before);
     set_chassis("cut 4 during " + std::to_string(mutation) + "\n");
     EXPECT_EQ(run({"--ppc", "4", "-y", "--no-backup", "put", "new", "/readme.txt"}).status,
@@ -297,7 +295,7 @@ TEST_F(complex, an_edit_with_its_power_cut_leaves_what_the_board_would_leave) {
     set_chassis("");
     EXPECT_EQ(zantrolume({"4", "dir"}).out.find("failed"), std::string::npos) << mutation;
     EXPECT_EQ(output_of({"--ppc", "4", "cat", "/over2049"}), kept) << mutation;
-    EXPECT_EQ(run({"--ppc", "4", "check"}).status, 0) << mutation;
+    EXPECT_EQ(run({"--ppc", "4", "check", "--quick"}).status, 0) << mutation;
   }
 }
 
@@ -375,7 +373,7 @@ TEST_F(complex, what_cannot_be_reached_is_told_as_the_program_of_the_board_tells
 
 TEST_F(complex, a_flash_that_does_not_become_ready_ends_a_change) {
   set_flash(read_stored_image("basic"));
-  set_chassis("ready 4 never 200\n");
+  set_chassis("ready 4 never 3\n");
   const program_result result = run({"--ppc", "4", "-y", "rm", "/readme.txt"});
   EXPECT_EQ(result.status, 8);
   EXPECT_EQ(result.out, "");
