@@ -228,7 +228,8 @@ TEST_F(complex, an_edit_comes_to_what_the_edit_of_a_file_comes_to) {
   const std::vector<std::vector<std::string>> edits = {{"put", "new", "/new"},
                                                        {"mkdir", "/made"},
                                                        {"mv", "/new", "/made/moved"},
-                                                       {"rm", "-r", "/made"}};
+                                                       {"rm", "-r", "/made"},
+                                                       {"format", "--force"}};
   for (const std::vector<std::string>& edit : edits) {
     std::vector<std::string> of_file = edit;
     of_file.insert(of_file.begin() + 1, image);
