@@ -6,7 +6,7 @@
 #include <exception>
 #include <vector>
 
-#include "image/commands/commands.h"
+#include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
 #include "image/report.h"

@@ -247,7 +247,7 @@ std::string path_of(const records& all, uint16_t id) {
 }
 
 std::string path_of(const records& all, const slot_record& slot) {
-  const std::string directory = path_of(all, slot.bytes->dir_fileid);
+  std::string directory = path_of(all, slot.bytes->dir_fileid);
   if (directory.empty() || slot.bytes->entry_fileid == fileid_root) {
     return directory;
   }

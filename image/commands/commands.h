@@ -1,9 +1,7 @@
 // The commands of flashfs-image. Each is a source of one shape: the values of its options, a
 // function that carries it out, and the one named here, which makes the record of the two. A new
-// one is named here and in commands.cpp.
+// one is named here and in all_commands.cpp.
 #pragma once
-
-#include <vector>
 
 #include "image/options.h"
 
@@ -32,8 +30,5 @@ command truncate_command();
 command verify_command();
 command wear_command();
 command write_command();
-
-// All of them, in the order of the help.
-std::vector<command> all_commands();
 
 }  // namespace image

@@ -24,6 +24,9 @@ struct info_options {
   std::string image;
 };
 
+// Beyond so many nobody reads on.
+constexpr size_t finding_lines_max = 200;
+
 // What a mount tells: nothing of what cannot be mounted.
 struct mounted_space {
   bool mounts = false;
@@ -266,7 +269,12 @@ class image_info {
       return;
     }
     out_.print(findings.empty() ? "\nNothing is wrong.\n" : "\nWhat is wrong:\n");
-    for (size_t i = 0; i < findings.size();) {
+    size_t lines = 0;
+    for (size_t i = 0; i < findings.size(); ++lines) {
+      if (lines == finding_lines_max) {
+        out_.print(fmt::format("  and {} more, which dump and --json tell\n", findings.size() - i));
+        return;
+      }
       size_t end = i + 1;
       while (end < findings.size() && follows(findings[end - 1], findings[end])) {
         end++;

@@ -16,13 +16,14 @@ namespace {
 constexpr size_t block_size = size_t{1} << 17;
 constexpr size_t block_count = 256;
 
-// Of each block what holds anything, in whole lines, behind a prompt; block 0 by the number under
-// which the program reads it.
+// Of each block what holds anything, in whole lines and at least one, behind a prompt; block 0 by
+// the number under which the program reads it.
 std::string dumps_of(const std::string& bytes) {
   return test_support::output_of([&] {
     for (size_t block = 0; block < block_count; ++block) {
       const std::string_view held = std::string_view(bytes).substr(block * block_size, block_size);
-      const size_t used = (held.find_last_not_of('\xff') + 32) / 32 * 32;  // npos + 32: less
+      const size_t last = held.find_last_not_of('\xff');
+      const size_t used = last == std::string_view::npos ? 32 : (last / 32 + 1) * 32;
       printf("supervisor# zantrolume 4 sread %zu %zu\r\n", block == 0 ? block_count : block, used);
       zantrolume_display_buffer(
           static_cast<uint32_t>((block == 0 ? block_count : block) * block_size), held.data(),

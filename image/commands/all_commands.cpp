@@ -1,4 +1,6 @@
 // The list of commands.
+#include "image/commands/all_commands.h"
+
 #include "image/commands/commands.h"
 
 namespace image {
