@@ -16,6 +16,7 @@ namespace {
 
 // Of the run that goes on, for the end that nobody has planned.
 image::report* running = nullptr;
+bool running_on_complex = false;
 
 // The file system ends the process when its memory contradicts itself. That is a failure like
 // others here, and has its document.
@@ -25,7 +26,9 @@ void end_unplanned() {
   }
   image::report* out = running;
   running = nullptr;
-  out->fail(image::exit_status::failed, "the file system gave up: the image is damaged");
+  out->fail(image::exit_status::failed, running_on_complex
+                                            ? "the device or the file system gave up"
+                                            : "the file system gave up: the image is damaged");
   _exit(static_cast<int>(out->finish()));
 }
 
@@ -39,6 +42,7 @@ image::exit_status run(const image::parsed_line& parsed) {
   image::catch_signals();
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
+  running_on_complex = parsed.options.ppc.has_value();
   try {
     if (parsed.options.json && parsed.options.output == "-") {
       out.fail(image::exit_status::usage,

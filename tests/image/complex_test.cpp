@@ -413,6 +413,31 @@ TEST_F(complex, a_signal_ends_a_write_between_two_blocks_and_the_next_goes_on) {
   }
 }
 
+TEST_F(complex, a_change_is_finished_whatever_signals_come) {
+  // Slow enough for two signals, where each cycle takes its time.
+  set_chassis(std::string("ready 4 low ") + (emulator().empty() ? "2000\n" : "100\n"));
+  set_flash(read_stored_image("basic"));
+  write_whole_file(file("new"), std::string(20000, 'n'));
+  const program_result result = shell(
+      "$tool --ppc 4 -y --no-backup put new /new 2>err & "
+      "until grep -q 'to be changed' err; do sleep 0.1; done; sleep 0.3; "
+      "kill -TERM $!; sleep 0.3; kill -HUP $!; wait $!");
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(
+      contents("err").find("flashfs-image: interrupted, ends after the change of the flash\n"),
+      std::string::npos)
+      << contents("err");
+  set_chassis("");
+  EXPECT_EQ(output_of({"--ppc", "4", "cat", "/new"}), std::string(20000, 'n'));
+  EXPECT_EQ(run({"--ppc", "4", "check"}).status, 0);
+}
+
+TEST_F(complex, a_chassis_that_is_not_there_is_told) {
+  environment_["ZANTROLUME_CHASSIS"] = file("nowhere");
+  const json document = document_of({"--ppc", "4", "ls"}, 8);
+  EXPECT_EQ(document["findings"][0]["text"], "the device or the file system gave up");
+}
+
 TEST_F(complex, the_device_never_becomes_standard_output) {
   set_flash(read_stored_image("basic"));
   EXPECT_EQ(shell("$tool --ppc 4 ls >&-").status, 0);
