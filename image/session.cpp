@@ -123,7 +123,7 @@ std::unique_ptr<session> session::to_read(const globals& options, const std::str
 
 // A device is slow: what nobody asks for is not read.
 void session::mount_complex() {
-  copy_.resize(size_bytes(layout()));
+  copy_.resize(static_cast<size_t>(size_bytes(layout())));
   mounted_ = std::make_unique<class mounted>(copy_, layout());
   mounted_->flash().fill_from([complex = image_.complex](uint32_t offset, std::span<uint8_t> to) {
     complex->read(offset, to);
