@@ -2,9 +2,12 @@
 #include "image/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <sstream>
+
+#include "zantrolume/zantrolume_device.h"
 
 namespace image {
 
@@ -51,6 +54,10 @@ void add_globals(CLI::App* app, globals* options) {
          },
          "How long to wait for another run's lock (10)")
       ->type_name("SECONDS");
+  app->add_option("--ppc", options->ppc, "The flash of this complex (3 to 8) instead of an image")
+      ->type_name("N");
+  app->add_flag("-y,--yes", options->yes, "Change the complex without asking");
+  app->add_flag("--no-backup", options->no_backup, "Change it without saving a copy before");
 }
 
 // In one line, as the messages of the library are not always.
@@ -58,13 +65,31 @@ std::string first_line(const std::string& text) {
   return text.substr(0, text.find('\n'));
 }
 
-bool asks_for_json(int argc, char* argv[]) {
+// Whether an option is on the line, with its value behind it or behind "=".
+bool has_option(int argc, char* argv[], const char* name) {
+  const size_t length = std::strlen(name);
   for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
+    if (std::strncmp(argv[i], name, length) == 0 &&
+        (argv[i][length] == '\0' || argv[i][length] == '=')) {
       return true;
     }
   }
   return false;
+}
+
+// What is wrong about --ppc; empty: nothing.
+std::string objection_to_complex(const globals& options, const arguments& taken,
+                                 const char* command) {
+  if (!options.ppc) {
+    return taken.needs_complex() ? std::string(command) + " works on a complex: --ppc names it"
+                                 : "";
+  }
+  if (!zantrolume_is_ppc(*options.ppc)) {
+    char text[64];
+    std::snprintf(text, sizeof(text), zantrolume_invalid_ppc_text, *options.ppc);
+    return text;
+  }
+  return taken.takes_complex() ? "" : std::string(command) + " does not work on a complex";
 }
 
 // What is wrong with a command line. The library calls a command that it does not know missing.
@@ -86,6 +111,18 @@ std::string example_text(const command& one) {
 }
 
 }  // namespace
+
+void arguments::image(std::string* value, const char* name, const char* help) {
+  takes_complex_ = true;
+  if (!complex_) {
+    word(name, value, help);
+  }
+}
+
+void arguments::complex_alone() {
+  takes_complex_ = true;
+  needs_complex_ = true;
+}
 
 void arguments::flag(const char* names, bool* value, const char* help) {
   app_.add_flag(names, *value, help);
@@ -129,12 +166,13 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
   add_globals(&app, &parsed.options);
+  const bool complex = has_option(argc, argv, "--ppc");
+  std::map<const command*, arguments> taken;
   for (const command& one : commands) {
     CLI::App* added = app.add_subcommand(one.name, one.summary);
     added->fallthrough();
     added->footer(example_text(one));
-    arguments of_command(*added);
-    one.add_arguments(of_command);
+    one.add_arguments(taken.try_emplace(&one, *added, complex).first->second);
     added->callback([&parsed, &one] { parsed.chosen = &one; });
   }
   try {
@@ -150,7 +188,16 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
     if (const auto named = app.get_subcommands(); !named.empty()) {
       parsed.command_name = named.front()->get_name();
     }
-    parsed.options.json = asks_for_json(argc, argv);
+    parsed.options.json = has_option(argc, argv, "--json");
+  }
+  if (parsed.chosen != nullptr) {
+    parsed.error =
+        objection_to_complex(parsed.options, taken.at(parsed.chosen), parsed.chosen->name);
+    if (!parsed.error.empty()) {
+      parsed.command_name = parsed.chosen->name;
+      parsed.chosen = nullptr;
+      parsed.status = exit_status::usage;
+    }
   }
   return parsed;
 }

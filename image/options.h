@@ -25,7 +25,13 @@ class report;
 // are met in the order in which they are given here.
 class arguments {
  public:
-  explicit arguments(CLI::App& app) : app_(app) {}
+  // With `complex` the line names one with --ppc.
+  arguments(CLI::App& app, bool complex) : app_(app), complex_(complex) {}
+
+  // The image, as a word; with --ppc there is none, and the value stays empty.
+  void image(std::string* value, const char* name = "IMAGE", const char* help = "The image");
+  // The command works on nothing but a complex.
+  void complex_alone();
 
   void flag(const char* names, bool* value, const char* help);
   // `value_name` stands for the value in the help.
@@ -40,8 +46,18 @@ class arguments {
   void words(const char* name, std::vector<std::string>* values, const char* help);
   void optional_words(const char* name, std::vector<std::string>* values, const char* help);
 
+  bool takes_complex() const {
+    return takes_complex_;
+  }
+  bool needs_complex() const {
+    return needs_complex_;
+  }
+
  private:
   CLI::App& app_;
+  const bool complex_;
+  bool takes_complex_ = false;
+  bool needs_complex_ = false;
 };
 
 struct command {
