@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 
+#include "image/completions.h"
 #include "zantrolume/zantrolume_device.h"
 
 namespace image {
@@ -110,6 +111,79 @@ std::string example_text(const command& one) {
   return text + "\nOptions of all commands: flashfs-image --help";
 }
 
+std::vector<described_option> described_options(const CLI::App& app) {
+  std::vector<described_option> options;
+  for (const CLI::Option* one : app.get_options()) {
+    if (one->get_positional() || one->get_group().empty()) {
+      continue;
+    }
+    described_option described;
+    for (const std::string& name : one->get_snames()) {
+      described.names.push_back("-" + name);
+    }
+    for (const std::string& name : one->get_lnames()) {
+      described.names.push_back("--" + name);
+    }
+    described.value = one->get_type_name();
+    described.help = one->get_description();
+    options.push_back(std::move(described));
+  }
+  return options;
+}
+
+option_tree described(const CLI::App& app) {
+  option_tree tree = {.globals = described_options(app), .commands = {}};
+  for (const CLI::App* one : app.get_subcommands([](const CLI::App*) { return true; })) {
+    described_command command = {.name = one->get_name(),
+                                 .summary = one->get_description(),
+                                 .options = described_options(*one),
+                                 .words = {}};
+    for (const CLI::Option* option : one->get_options()) {
+      if (option->get_positional()) {
+        command.words.push_back(option->get_name(true));
+      }
+    }
+    tree.commands.push_back(std::move(command));
+  }
+  return tree;
+}
+
+// Ends the run with a shell's script in place of an answer. Who packages the program asks for it,
+// so the help does not show it.
+void add_completions(CLI::App* app) {
+  const auto print = [app](const std::string& shell) {
+    std::string script = completion_script(described(*app), shell);
+    if (script.empty()) {
+      throw CLI::ValidationError("--completions is for bash, zsh or fish");
+    }
+    script.pop_back();  // the library ends the line
+    throw CLI::CallForVersion(script, 0);
+  };
+  app->add_option_function<std::string>("--completions", print)->type_name("SHELL")->group("");
+}
+
+// The parser with all that it points to.
+struct command_line {
+  CLI::App app{"Looks into, makes and changes images of a flash file system.", own_name};
+  parsed_line parsed;
+  std::map<const command*, arguments> taken;
+
+  // With `complex` the line names one with --ppc.
+  command_line(std::span<const command> commands, bool complex) {
+    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
+    add_globals(&app, &parsed.options);
+    add_completions(&app);
+    for (const command& one : commands) {
+      CLI::App* added = app.add_subcommand(one.name, one.summary);
+      added->fallthrough();
+      added->footer(example_text(one));
+      one.add_arguments(taken.try_emplace(&one, *added, complex).first->second);
+      added->callback([this, &one] { parsed.chosen = &one; });
+    }
+  }
+};
+
 }  // namespace
 
 void arguments::image(std::string* value, const char* name, const char* help) {
@@ -161,20 +235,9 @@ void arguments::optional_words(const char* name, std::vector<std::string>* value
 }
 
 parsed_line parse_command_line(std::span<const command> commands, int argc, char* argv[]) {
-  parsed_line parsed;
-  CLI::App app("Looks into, makes and changes images of a flash file system.", own_name);
-  app.require_subcommand(1);
-  app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
-  add_globals(&app, &parsed.options);
-  const bool complex = has_option(argc, argv, "--ppc");
-  std::map<const command*, arguments> taken;
-  for (const command& one : commands) {
-    CLI::App* added = app.add_subcommand(one.name, one.summary);
-    added->fallthrough();
-    added->footer(example_text(one));
-    one.add_arguments(taken.try_emplace(&one, *added, complex).first->second);
-    added->callback([&parsed, &one] { parsed.chosen = &one; });
-  }
+  command_line line(commands, has_option(argc, argv, "--ppc"));
+  CLI::App& app = line.app;
+  parsed_line& parsed = line.parsed;
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& ended) {
@@ -192,7 +255,7 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
   }
   if (parsed.chosen != nullptr) {
     parsed.error =
-        objection_to_complex(parsed.options, taken.at(parsed.chosen), parsed.chosen->name);
+        objection_to_complex(parsed.options, line.taken.at(parsed.chosen), parsed.chosen->name);
     if (!parsed.error.empty()) {
       parsed.command_name = parsed.chosen->name;
       parsed.chosen = nullptr;
@@ -200,6 +263,10 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
     }
   }
   return parsed;
+}
+
+option_tree describe_command_line(std::span<const command> commands) {
+  return described(command_line(commands, false).app);
 }
 
 }  // namespace image
