@@ -133,7 +133,7 @@ class image_under_attack {
         words.insert(words.end(), {"--slot", sector + "." + std::to_string(input_.below(33))});
         break;
       case 3:
-        words.insert(words.end(), {"--path=/" + without_zeros(interesting_name(input_))});
+        words.push_back("--path=/" + without_zeros(interesting_name(input_)));
         break;
       case 4:
         words.insert(words.end(), {"--at", std::to_string(input_.word() * 2U)});

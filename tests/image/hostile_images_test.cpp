@@ -1,6 +1,6 @@
 // Every command over every stored image and every stored flash of the fuzzers, in this process and
-// under its sanitizers: whatever stands there, a run ends with a status of the table, with a document
-// when asked for one, and leaves the image alone.
+// under its sanitizers: whatever stands there, a run ends with a status of the table, with a
+// document when asked for one, and leaves the image alone.
 #include <gtest/gtest.h>
 
 #include <algorithm>
