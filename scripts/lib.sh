@@ -13,7 +13,7 @@ mips_packages=(g++-mips-linux-gnu qemu-user-static)
 style_packages=(clang-format clang-tidy iwyu python3)
 coverage_packages=(gcovr)
 sanitizer_packages=(clang-14 libclang-rt-14-dev)
-bench_packages=(libbenchmark-dev)
+bench_packages=(libbenchmark-dev mtd-utils mtools squashfs-tools)
 
 step() {
   printf '\n== %s\n' "$*"
