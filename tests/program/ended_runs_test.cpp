@@ -24,7 +24,7 @@ using test_support::write_whole_file;
 
 // A blank flash: its check erases and marks every block, and says so in more text than an output
 // buffer or a pipe's first read holds. Each cycle is slow enough to come in between.
-constexpr char slow_chassis[] = "clock 1800000000\nready 4 low 500\n";
+constexpr char slow_chassis[] = "clock 1800000000\nready 4 low 1500\n";
 constexpr size_t flash_size = 32U << 20;
 
 class ended_runs : public testing::Test {
@@ -147,7 +147,7 @@ TEST_F(ended_runs, ctrl_c_lets_the_repair_finish_and_the_second_one_tells_of_it)
   // until the second one was seen. A run that the first one had ended would not say anything.
   ASSERT_TRUE(comes_true([&] {
     terminal.type('\x03');
-    usleep(50000);
+    usleep(2000);
     printed += terminal.printed();
     return printed.find(told) != std::string::npos;
   }));
