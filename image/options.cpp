@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "image/completions.h"
+#include "image/option_tree.h"
 #include "zantrolume/zantrolume_device.h"
 
 namespace image {

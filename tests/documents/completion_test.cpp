@@ -9,6 +9,7 @@
 
 #include "image/commands/all_commands.h"
 #include "image/completions.h"
+#include "image/option_tree.h"
 #include "image/options.h"
 #include "tests/support/run_program.h"
 
