@@ -1,6 +1,7 @@
 // What every measurement stands on: a simulated chassis with one complex selected, the product's
 // file system mounted on its flash, the counting and timing of an operation, and the bus floor: a
-// bare loop that makes the same accesses through the same window and does nothing else.
+// bare loop that makes the same accesses, at the same places and in the same order, through the
+// same window and does nothing else.
 #pragma once
 
 #include <cstdint>
@@ -71,6 +72,7 @@ class rig {
   // Runs the operation once, then its floor.
   template <typename Operation>
   measurement measure(Operation&& operation) {
+    begin_noting();
     chassis_.clear_counts();
     const double start = processor_seconds();
     operation();
@@ -86,6 +88,7 @@ class rig {
 
  private:
   static constexpr int ppc = 3;
+  void begin_noting();
   double run_floor(const sim::access_counts& counts);
 
   sim::chassis chassis_;

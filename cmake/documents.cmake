@@ -13,7 +13,7 @@ if(SCDOC)
     set(source ${PROJECT_SOURCE_DIR}/docs/man/${page}.scd)
     add_custom_command(
       OUTPUT ${pages}/${page}
-      COMMAND ${SCDOC} <${source} >${pages}/${page}
+      COMMAND ${SCDOC} < ${source} > ${pages}/${page}
       DEPENDS ${source}
       VERBATIM)
     list(APPEND page_files ${pages}/${page})
@@ -33,7 +33,7 @@ if(NOT CMAKE_CROSSCOMPILING)
     set(made ${completions}/flashfs-image.${shell})
     add_custom_command(
       OUTPUT ${made}
-      COMMAND flashfs-image --completions ${shell} >${made}
+      COMMAND flashfs-image --completions ${shell} > ${made}
       DEPENDS flashfs-image
       VERBATIM)
     list(APPEND completion_files ${made})

@@ -2,7 +2,6 @@
 #include "flashfs/alloc.h"
 
 #include "flashfs/available.h"
-#include "flashfs/buffer.h"
 #include "flashfs/gc.h"
 #include "flashfs/io.h"
 
@@ -11,13 +10,62 @@ namespace {
 // A sector's number in its file has 16 bits.
 constexpr int64_t max_file_sectors = 65536;
 
-// Turns a fresh sector into a directory sector; its slots become available, the last one first.
-int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return 1;
+// What has come from a list of erased sectors or slots. A check believes what a few bytes tell it;
+// a torn erase or a lost bit shows only here, where the whole is looked at.
+enum class taken { erased, dirty, failed };
+
+// A dirty sector is invalidated.
+taken look_at_sector(flashfs* fs, flashfs_sctr_ptr pointer) {
+  flashfs_sector sector;
+  if (read_sector(fs, pointer, &sector, whole_sector) != 0) {
+    return taken::failed;
   }
-  buffer->fileid = fileid_root;
-  if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
+  if (is_erased(&sector, sizeof(sector))) {
+    return taken::erased;
+  }
+  return obsolete_sector(fs, pointer, sector.fileid) == 0 ? taken::dirty : taken::failed;
+}
+
+// A dirty slot is deleted.
+taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
+  flashfs_dir_slot slot;
+  if (read_slot(fs, pointer, slot_no, &slot) != 0) {
+    return taken::failed;
+  }
+  if (is_erased(&slot, sizeof(slot))) {
+    return taken::erased;
+  }
+  return obsolete_slot(fs, pointer, slot_no, slot.dir_fileid) == 0 ? taken::dirty : taken::failed;
+}
+
+// As many dirty sectors are passed over at a time: flash that does not erase any more would get
+// them back from garbage collection for ever.
+uint32_t count_sectors(const flashfs* fs) {
+  uint32_t count = 0;
+  for (int16_t b = 0; b < fs->num_blocks; b++) {
+    count += fs->flashfs_blocks[b].num_sectors;
+  }
+  return count;
+}
+
+// The head of the list of sectors, after collecting garbage when the list cannot give it. False
+// without one.
+bool take_sector(flashfs* fs, flashfs_sctr_ptr* pointer, uint32_t use_reserve) {
+  if (!available_can_give(fs->available_sectors, use_reserve) &&
+      (flashfs_collect_garbage(fs, use_reserve) != 0 ||
+       !available_can_give(fs->available_sectors, use_reserve))) {
+    return false;
+  }
+  *pointer = available_sector_take(fs);
+  return true;
+}
+
+// Turns an erased sector into a directory sector; its slots become available, the last one first.
+int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer) {
+  flashfs_sector sector;
+  ifs_runtime::memset(&sector, flash_erased_byte, sizeof(sector));
+  sector.fileid = fileid_root;
+  if (update_sector(fs, pointer, nullptr, &sector) != 0) {
     return 1;
   }
   for (uint8_t k = 0; k < slots_per_sector; k++) {
@@ -28,6 +76,23 @@ int make_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector*
   return fs->available_slots == nullptr ? 1 : 0;
 }
 
+// The head of the list of slots, after making a directory sector when the list cannot give it. As
+// flashfs_alloc_slot.
+int take_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no, uint32_t use_reserve) {
+  if (!available_can_give(fs->available_slots, use_reserve)) {
+    flashfs_sctr_ptr fresh;
+    const int failure = flashfs_alloc_sector(fs, &fresh, use_reserve);
+    if (failure != 0) {
+      return failure;
+    }
+    if (make_directory_sector(fs, fresh) != 0) {
+      return alloc_without_space;
+    }
+  }
+  *pointer = available_slot_take(fs, slot_no);
+  return 0;
+}
+
 // One more sector for a file, claimed on flash by its file id alone. The list gets it behind
 // `*tail`. 0, 1 without space, -1 on a write failure.
 int extend_by_one(flashfs* fs, const flashfs_sctr_map* file, uint16_t seq_no,
@@ -36,9 +101,10 @@ int extend_by_one(flashfs* fs, const flashfs_sctr_map* file, uint16_t seq_no,
   if (entry == nullptr) {
     return 1;
   }
-  if (flashfs_alloc_sector(fs, &entry->sctr_ptr, 0) != 0) {
+  const int failure = flashfs_alloc_sector(fs, &entry->sctr_ptr, 0);
+  if (failure != 0) {
     chunk_free(fs->sctr_ptr_chunk, entry);
-    return 1;
+    return failure == alloc_failed ? -1 : 1;
   }
   entry->next = nullptr;
   entry->seq_no = seq_no;
@@ -50,38 +116,42 @@ int extend_by_one(flashfs* fs, const flashfs_sctr_map* file, uint16_t seq_no,
   return write_sector(fs, entry->sctr_ptr, &claim, only_fileid) == 0 ? 0 : -1;
 }
 
+// What an allocation returns for what it took last.
+int allocated(taken result, flashfs_sctr_ptr* pointer) {
+  if (result == taken::erased) {
+    return 0;
+  }
+  pointer->block_num = no_block;
+  return result == taken::failed ? alloc_failed : alloc_without_space;
+}
+
 }  // namespace
 
 int flashfs_alloc_sector(flashfs* fs, flashfs_sctr_ptr* pointer, uint32_t use_reserve) {
-  if (!available_can_give(fs->available_sectors, use_reserve) &&
-      (flashfs_collect_garbage(fs, use_reserve) != 0 ||
-       !available_can_give(fs->available_sectors, use_reserve))) {
-    pointer->block_num = no_block;
-    return 1;
+  taken result = taken::dirty;
+  for (uint32_t left = count_sectors(fs); result == taken::dirty && left > 0; left--) {
+    if (!take_sector(fs, pointer, use_reserve)) {
+      break;
+    }
+    result = look_at_sector(fs, *pointer);
   }
-  *pointer = available_sector_take(fs);
-  return 0;
+  return allocated(result, pointer);
 }
 
 int flashfs_alloc_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no,
                        uint32_t use_reserve) {
   pointer->block_num = no_block;
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
-  if (!available_can_give(fs->available_slots, use_reserve)) {
-    flashfs_sctr_ptr fresh;
-    const int failure = flashfs_alloc_sector(fs, &fresh, use_reserve);
+  taken result = taken::dirty;
+  for (uint32_t left = count_sectors(fs) * slots_per_sector; result == taken::dirty && left > 0;
+       left--) {
+    const int failure = take_slot(fs, pointer, slot_no, use_reserve);
     if (failure != 0) {
+      pointer->block_num = no_block;
       return failure;
     }
-    if (make_directory_sector(fs, fresh, buffer.get()) != 0) {
-      return 1;
-    }
+    result = look_at_slot(fs, *pointer, *slot_no);
   }
-  *pointer = available_slot_take(fs, slot_no);
-  return 0;
+  return allocated(result, pointer);
 }
 
 int32_t extend_sctr_list(flashfs* fs, flashfs_sctr_map* file, int32_t size) {

@@ -7,8 +7,14 @@
 #include "flashfs/flashfs.h"
 #include "flashfs/place.h"
 
-// One erased sector or slot; garbage is collected when needed. Without `use_reserve` the last one
-// stays. 0, or 1 without space or when the flash fails; the address's block is no_block then.
+// Why there is no sector or slot: none is left, or none could be made free, for whatever reason; or
+// the flash failed when one was looked at.
+constexpr int alloc_without_space = 1;
+constexpr int alloc_failed = 2;
+
+// One erased sector or slot, known to be all ones: what is not is made obsolete as it is taken, and
+// the next one taken. Garbage is collected when needed. Without `use_reserve` the last one stays.
+// 0, or the failure; the address's block is no_block then.
 [[nodiscard]] int flashfs_alloc_sector(flashfs* fs, flashfs_sctr_ptr* pointer,
                                        uint32_t use_reserve);
 [[nodiscard]] int flashfs_alloc_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no,

@@ -46,6 +46,13 @@ bool lies_before(const flashfs_sctr_list_unordered& entry,
           entry.sctr_ptr.sctr_num < other.sctr_ptr.sctr_num);
 }
 
+bool is_pushed_later(const flashfs_sctr_list_unordered& entry,
+                     const flashfs_sctr_list_unordered& other) {
+  return entry.sctr_ptr.block_num > other.sctr_ptr.block_num ||
+         (entry.sctr_ptr.block_num == other.sctr_ptr.block_num &&
+          entry.sctr_ptr.sctr_num < other.sctr_ptr.sctr_num);
+}
+
 }  // namespace
 
 int available_sector_push(flashfs* fs, flashfs_sctr_ptr pointer) {
@@ -97,6 +104,11 @@ void available_clear(flashfs* fs) {
   while (fs->available_slots != nullptr) {
     available_slot_take(fs, &slot_no);
   }
+}
+
+void available_sort(flashfs* fs) {
+  fs->available_sectors = list_sort(fs->available_sectors, is_pushed_later);
+  fs->available_slots = list_sort(fs->available_slots, is_pushed_later);
 }
 
 void available_sort_slots(flashfs* fs) {

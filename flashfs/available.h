@@ -21,6 +21,9 @@ void available_drop_block(flashfs* fs, int16_t block_num);
 // Empties both lists.
 void available_clear(flashfs* fs);
 
+// Orders both lists, of which entries of later blocks and sectors have been pushed later, as if
+// each block's sectors had been pushed the last one first.
+void available_sort(flashfs* fs);
 // Orders the slots by block and sector; those of one sector keep their order.
 void available_sort_slots(flashfs* fs);
 // Exchanges the address and slot index of an entry and its successor.

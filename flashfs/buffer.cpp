@@ -1,4 +1,4 @@
-// Sector buffers, and when what they hold is not what the flash has.
+// Sector buffers, and the count of changes of flash.
 #include "flashfs/buffer.h"
 
 #include <cerrno>
@@ -7,7 +7,7 @@
 
 namespace {
 
-// Changes of flash so far, by any file system.
+// Changes of flash and checks begun so far, by any file system.
 uint64_t flash_changes;
 
 }  // namespace
@@ -40,15 +40,10 @@ void sector_buffer_free(flashfs* fs, flashfs_sector* buffer) {
   fs->sctr_bufs_allocated--;
 }
 
-void sector_buffers_forget() {
+void note_flash_change() {
   flash_changes++;
 }
 
-bool sector_buffer::holds(flashfs_sctr_ptr pointer) const {
-  return held_.block_num != no_block && held_ == pointer && held_since_ == flash_changes;
-}
-
-void sector_buffer::set_held(flashfs_sctr_ptr pointer) {
-  held_ = pointer;
-  held_since_ = flash_changes;
+uint64_t flash_change_count() {
+  return flash_changes;
 }

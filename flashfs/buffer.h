@@ -1,5 +1,5 @@
 // Sector buffers: borrowed from the pool for the length of an operation, and given back whatever
-// happens.
+// happens; and the count of changes that tells how long what was read is so.
 #pragma once
 
 #include <cstdint>
@@ -10,12 +10,12 @@
 [[nodiscard]] flashfs_sector* sector_buffer_alloc(flashfs* fs);
 void sector_buffer_free(flashfs* fs, flashfs_sector* buffer);
 
-// Makes every sector_buffer forget what it holds. Whatever changes flash calls it.
-void sector_buffers_forget();
+// Whatever changes flash notes it, and a check that begins.
+void note_flash_change();
+// How often that was, in all file systems: while the number stays, so does what was read.
+uint64_t flash_change_count();
 
-// A borrowed sector buffer, given back when the scope ends. It knows which sector it holds as the
-// flash has it (read_sector_once), and stops knowing as soon as the flash is changed or the buffer
-// is given to somebody who may change it: so what it says is never stale.
+// A borrowed sector buffer, given back when the scope ends.
 class sector_buffer {
  public:
   explicit sector_buffer(flashfs* fs) : fs_(fs), sector_(sector_buffer_alloc(fs)) {}
@@ -38,19 +38,12 @@ class sector_buffer {
   const flashfs_sector* operator->() const {
     return sector_;
   }
-  // To read into or to change; it holds no sector afterwards.
+  // To read into or to change.
   flashfs_sector* get() {
-    held_ = {no_block, 0};
     return sector_;
   }
-
-  // Whether it holds this sector as the flash has it, and saying that it does.
-  bool holds(flashfs_sctr_ptr pointer) const;
-  void set_held(flashfs_sctr_ptr pointer);
 
  private:
   flashfs* fs_;
   flashfs_sector* sector_;
-  flashfs_sctr_ptr held_ = {no_block, 0};
-  uint64_t held_since_ = 0;  // the number of changes of flash when it was read
 };

@@ -25,12 +25,12 @@
 namespace {
 
 int format_block(flashfs* fs, int16_t block_num) {
-  flashfs_blkheader header;
-  if (read_blkheader(fs, block_num, &header) != 0) {
+  uint8_t state = 0;
+  if (read_block_state(fs, block_num, &state) != 0) {
     return 1;
   }
-  return blkheader_state(&header) == block_available ? fsck_scrub_block(fs, block_num)
-                                                     : erase_block(fs, block_num, true, false);
+  return state == block_available ? fsck_scrub_block(fs, block_num)
+                                  : erase_block(fs, block_num, true, false);
 }
 
 // The check, after which a failure leaves nothing in memory. 0, or -1 with EIO.

@@ -20,53 +20,51 @@ ppc_mode_t with_permissions(ppc_mode_t mode, ppc_mode_t permissions) {
   return static_cast<ppc_mode_t>((mode & mode_kept_bits) | (permissions & ppc_mode_permissions));
 }
 
-// A slot that has been taken for an entry, and the list entry that still points at the old one.
+// A slot that has been taken for an entry, what is written there, and the list entry that still
+// points at the old one.
 struct fresh_slot {
   flashfs_sctr_list_ordered* reference;
   flashfs_sctr_ptr pointer;
   uint8_t slot_no;
+  flashfs_dir_slot contents;
 };
 
-void redirect_reference(const fresh_slot& fresh) {
-  fresh.reference->sctr_ptr = fresh.pointer;
-  fresh.reference->slot_no = fresh.slot_no;
+// The reference is of the list of the entry's parent.
+void redirect_reference(flashfs* fs, const flashfs_sctr_map* entry, const fresh_slot& fresh) {
+  filemap_redirect_slot(fs, filemap_lookup(fs, entry->parent_fileid), fresh.reference,
+                        fresh.pointer, fresh.slot_no, fresh.contents);
 }
 
-// Writes the slot's contents to its place and only then makes the old slot obsolete. The reference
-// is left to the caller. 0, or 1 when the flash fails.
-int replace_slot(flashfs* fs, const fresh_slot& fresh, const flashfs_dir_slot& contents,
-                 flashfs_sector* fresh_buffer, flashfs_sector* old_buffer) {
-  fresh_buffer->slots[fresh.slot_no] = contents;
-  if (write_sector(fs, fresh.pointer, fresh_buffer, whole_sector) != 0) {
+// Writes the slot's contents to its place, which is erased, and only then makes the old slot, which
+// is of this directory, obsolete. The reference is left to the caller. 0, or 1 when the flash
+// fails.
+int replace_slot(flashfs* fs, const fresh_slot& fresh, uint16_t old_dir_fileid) {
+  if (update_slot(fs, fresh.pointer, fresh.slot_no, nullptr, &fresh.contents) != 0) {
     return 1;
   }
-  return obsolete_on_flash(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_buffer);
+  return obsolete_slot(fs, fresh.reference->sctr_ptr, fresh.reference->slot_no, old_dir_fileid);
 }
 
 // Writes a fresh copy of the entry's slot, changed by `change`, and then obsoletes the old one. The
 // reference is left to the caller. Returns 0, or -1 with errno.
 template <typename Change>
 int32_t rewrite_slot(flashfs* fs, const flashfs_sctr_map* entry, fresh_slot* fresh, Change change) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
-  const found_slot found = filemap_find_slot_in(fs, entry, old_buffer);
+  const found_slot found = filemap_find_slot_in(fs, entry, buffer);
   if (found.entry == nullptr) {
     return flashfs_fail(found.failed ? EIO : ENOENT);
   }
   // The allocation may collect garbage and move the old slot; the reference follows it.
   fresh->reference = found.entry;
+  fresh->contents = buffer->slots[found.entry->slot_no];
+  const uint16_t old_dir_fileid = fresh->contents.dir_fileid;
+  change(fresh->contents);
+  dir_slot_set_checksum(&fresh->contents);
   if (flashfs_alloc_slot(fs, &fresh->pointer, &fresh->slot_no, 1) != 0 ||
-      read_sector(fs, found.entry->sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
-      read_sector(fs, fresh->pointer, fresh_buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
-  flashfs_dir_slot contents = old_buffer->slots[found.entry->slot_no];
-  change(contents);
-  dir_slot_set_checksum(&contents);
-  if (replace_slot(fs, *fresh, contents, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, *fresh, old_dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;
@@ -86,18 +84,13 @@ int32_t move_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* direc
       }) != 0) {
     return -1;
   }
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return -1;
-  }
-  if (read_sector(fs, fresh.pointer, buffer.get(), whole_sector) != 0) {
-    return flashfs_fail(EIO);
-  }
-  if (filemap_add_sector(fs, fresh.pointer, buffer.get(), fresh.slot_no) != 0) {
+  flashfs_sctr_list_ordered* added =
+      filemap_add_slot(fs, fresh.pointer, fresh.slot_no, fresh.contents);
+  if (added == nullptr) {
     return flashfs_fail(ENOMEM);
   }
   sctr_list_remove(fs, old_directory, fresh.reference);
-  entry->parent_fileid = directory->fileid;
+  filemap_set_parent(entry, directory->fileid, added);
   return 0;
 }
 
@@ -109,14 +102,14 @@ int erase_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_map* director
     return 1;
   }
   flashfs_sctr_list_ordered* reference = filemap_find_slot_in(fs, entry, buffer).entry;
-  if (reference == nullptr ||
-      obsolete_on_flash(fs, reference->sctr_ptr, reference->slot_no, buffer.get()) != 0) {
+  if (reference == nullptr || obsolete_slot(fs, reference->sctr_ptr, reference->slot_no,
+                                            buffer->slots[reference->slot_no].dir_fileid) != 0) {
     return 1;
   }
   sctr_list_remove(fs, directory, reference);
   for (const auto* each = entry->sctr_list; each != nullptr; each = each->next) {
     process_may_suspend();
-    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, each->sctr_ptr, each->slot_no) != 0) {
       return 1;
     }
   }
@@ -140,7 +133,7 @@ bool slots_are_good(flashfs* fs, const flashfs_sctr_map* directory, sector_buffe
 
 bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& buffer) {
   for (const auto* each = file->sctr_list; each != nullptr; each = each->next) {
-    if (read_sector_once(fs, each->sctr_ptr, buffer) != 0) {
+    if (read_sector(fs, each->sctr_ptr, buffer.get(), whole_sector) != 0) {
       return false;
     }
     const bool good = sector_crc(buffer.view()) == flashfs_good_crc;
@@ -156,11 +149,9 @@ bool sectors_are_good(flashfs* fs, const flashfs_sctr_map* file, sector_buffer& 
 
 int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                            flashfs_sctr_map* directory, uint16_t entry_fileid, ppc_mode_t mode,
-                           const char* name, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return EIO;
-  }
-  flashfs_dir_slot& slot = buffer->slots[slot_no];
+                           const char* name) {
+  flashfs_dir_slot slot;
+  ifs_runtime::memset(&slot, flash_erased_byte, sizeof(slot));
   slot.seq_no = flashfs_next_slot_seq_no(directory);
   slot.dir_fileid = directory->fileid;
   slot.entry_fileid = entry_fileid;
@@ -168,34 +159,40 @@ int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_n
   slot.date = flashfs_timestamp();
   dir_slot_set_name(&slot, name);
   dir_slot_set_checksum(&slot);
-  if (write_sector(fs, pointer, buffer, whole_sector) != 0) {
+  if (update_slot(fs, pointer, slot_no, nullptr, &slot) != 0) {
     return EIO;
   }
-  return filemap_add_sector(fs, pointer, buffer, slot_no) == 0 ? 0 : ENOMEM;
+  flashfs_sctr_list_ordered* added = filemap_add_slot(fs, pointer, slot_no, slot);
+  if (added == nullptr) {
+    return ENOMEM;
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, entry_fileid);
+  if (entry != nullptr) {
+    filemap_set_parent(entry, directory->fileid, added);
+  }
+  return 0;
 }
 
 int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
-  sector_buffer old_buffer(fs);
-  sector_buffer fresh_buffer(fs);
-  if (!old_buffer || !fresh_buffer) {
+  sector_buffer buffer(fs);
+  if (!buffer) {
     return -1;
   }
   fresh_slot fresh = {};
-  fresh.reference = filemap_find_slot_in(fs, entry, old_buffer).entry;
+  fresh.reference = filemap_find_slot_in(fs, entry, buffer).entry;
   if (fresh.reference == nullptr) {
     flashfs_log(fs, "flashfs_touch, unable to lookup filemap for fileid %d", entry->parent_fileid);
     return flashfs_fail(EIO);
   }
   // Taken before the allocation, which may collect garbage and move the slot.
-  flashfs_dir_slot dated = old_buffer->slots[fresh.reference->slot_no];
-  dated.date = time != 0 ? time : flashfs_timestamp();
-  dir_slot_set_checksum(&dated);
+  fresh.contents = buffer->slots[fresh.reference->slot_no];
+  fresh.contents.date = time != 0 ? time : flashfs_timestamp();
+  dir_slot_set_checksum(&fresh.contents);
   if (flashfs_alloc_slot(fs, &fresh.pointer, &fresh.slot_no, 1) != 0 ||
-      read_sector(fs, fresh.pointer, fresh_buffer.get(), whole_sector) != 0 ||
-      replace_slot(fs, fresh, dated, fresh_buffer.get(), old_buffer.get()) != 0) {
+      replace_slot(fs, fresh, fresh.contents.dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, entry, fresh);
   return 0;
 }
 
@@ -209,7 +206,7 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, entry, fresh);
   return 0;
 }
 
@@ -220,20 +217,16 @@ int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mod
       }) != 0) {
     return -1;
   }
-  redirect_reference(fresh);
+  redirect_reference(fs, entry, fresh);
   entry->mode = with_permissions(entry->mode, mode);
   return 0;
 }
 
 int flashfs_truncate_entry(flashfs* fs, flashfs_sctr_map* file) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
   while (file->sctr_list != nullptr) {
     process_may_suspend();
     const flashfs_sctr_list_ordered* head = file->sctr_list;
-    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, head->sctr_ptr, head->slot_no) != 0) {
       return 1;
     }
     sctr_list_remove(fs, file, file->sctr_list);
@@ -284,7 +277,9 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (root == nullptr || !buffer) {
     return 1;
   }
-  root->parent_fileid = fileid_root;
+  if (root->parent_fileid != fileid_root) {
+    filemap_set_parent(root, fileid_root, nullptr);
+  }
   const found_slot found = filemap_find_slot_in(fs, root, buffer);
   if (found.entry != nullptr) {
     return 0;
@@ -294,6 +289,5 @@ int flashfs_ensure_root_slot(flashfs* fs) {
   if (found.failed || flashfs_alloc_slot(fs, &pointer, &slot_no, 1) != 0) {
     return 1;
   }
-  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "",
-                                buffer.get());
+  return flashfs_write_new_slot(fs, pointer, slot_no, root, fileid_root, root->mode, "");
 }

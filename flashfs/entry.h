@@ -10,12 +10,12 @@
 
 #include "flashfs/flashfs.h"
 
-// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list:
-// reads the sector, fills the slot from the arguments, dates it now. 0, EIO, or ENOMEM when the
-// slot stands on flash and the list does not know it.
+// Writes a fresh slot, taken from flashfs_alloc_slot, and inserts it into the directory's list,
+// which is the parent of the entry then, if that is known: fills it from the arguments and dates it
+// now. 0, EIO, or ENOMEM when the slot stands on flash and the list does not know it.
 [[nodiscard]] int flashfs_write_new_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                                          flashfs_sctr_map* directory, uint16_t entry_fileid,
-                                         ppc_mode_t mode, const char* name, flashfs_sector* buffer);
+                                         ppc_mode_t mode, const char* name);
 // Rewrites the entry's slot with a new date (0: now).
 [[nodiscard]] int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time);
 // Gives the entry a new name, in its directory or in another one. ENOENT when it has no slot,

@@ -75,14 +75,15 @@ int test_block_compare_pattern(flashfs* fs, int16_t block_num, uint32_t pass,
 }
 
 int write_fresh_header(flashfs* fs, int16_t block_num, uint32_t erase_count) {
-  flashfs_blkheader header;
-  if (read_blkheader(fs, block_num, &header) != 0) {
+  flashfs_blkheader held = {};
+  if (read_blkheader(fs, block_num, &held, only_history) != 0) {
     return 1;
   }
+  flashfs_blkheader header = held;
   header.erase_count = erase_count;
   header.timestamp = flashfs_timestamp();
   blkheader_set_checksum(&header);
-  return write_blkheader(fs, block_num, &header);
+  return update_blkheader(fs, block_num, held, &header);
 }
 
 }  // namespace
@@ -91,7 +92,7 @@ int erase_block(flashfs* fs, int16_t block_num, bool keep_header, bool test) {
   flashfs_blkheader header;
   uint32_t erase_count = 0;
   if (keep_header) {
-    if (read_blkheader(fs, block_num, &header) != 0) {
+    if (read_blkheader(fs, block_num, &header, only_erase_count) != 0) {
       return 1;
     }
     erase_count = header.erase_count;

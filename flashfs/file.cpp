@@ -151,23 +151,41 @@ int32_t open_raw_device(flashfs* fs, uint32_t oflags) {
   return attempt.keep(&fs->raw_file_map);
 }
 
+// The sector of a list entry, whole and good: what the reader has kept of it, or read into the
+// buffer. Null when the flash fails.
+const flashfs_sector* good_sector(flashfs* fs, const flashfs_open_file* open,
+                                  const flashfs_sctr_list_ordered* entry, flashfs_sector* buffer) {
+  const flashfs_sector* kept = open->kept.find(entry);
+  if (kept != nullptr) {
+    return kept;
+  }
+  return read_sector(fs, entry->sctr_ptr, buffer, whole_sector) == 0 &&
+                 sector_crc(buffer) == flashfs_good_crc
+             ? buffer
+             : nullptr;
+}
+
 // Delivers the part of one sector that is wanted. Returns its bytes, or -1 when the flash fails.
-int32_t read_from_sector(flashfs* fs, const flashfs_sctr_list_ordered* entry, uint32_t offset,
-                         uint32_t wanted, flashfs_sector* buffer, uint8_t* out) {
+int32_t read_from_sector(flashfs* fs, flashfs_open_file* open,
+                         const flashfs_sctr_list_ordered* entry, uint32_t offset, uint32_t wanted,
+                         flashfs_sector* buffer, uint8_t* out) {
   process_may_suspend();
   if (entry->slot_no == slot_of_reserved_sector) {
     return 0;  // left behind by a write that was interrupted: it holds nothing yet
   }
-  if (read_sector(fs, entry->sctr_ptr, buffer, whole_sector) != 0 ||
-      sector_crc(buffer) != flashfs_good_crc) {
+  const flashfs_sector* sector = good_sector(fs, open, entry, buffer);
+  if (sector == nullptr) {
     return -1;
   }
-  const uint32_t used = sector_bytes_used(buffer);
+  const uint32_t used = sector_bytes_used(sector);
   if (used <= offset) {
     return 0;
   }
-  const uint32_t taken = wanted < used - offset ? wanted : used - offset;
-  memcpy(out, buffer->data + offset, taken);
+  const uint32_t taken = std::min(wanted, used - offset);
+  memcpy(out, sector->data + offset, taken);
+  if (sector == buffer && offset + taken < used) {
+    open->kept.keep(entry, *sector);
+  }
   return static_cast<int32_t>(taken);
 }
 
@@ -188,7 +206,8 @@ int32_t read_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* sector, 
   list_place place = open->place.find(open->file, open->filepos / sector_data_size);
   for (; place.entry() != nullptr && total < length; place.advance()) {
     const uint32_t wanted = std::min(length - total, sector_data_size - offset);
-    const int32_t taken = read_from_sector(fs, place.entry(), offset, wanted, sector, out + total);
+    const int32_t taken =
+        read_from_sector(fs, open, place.entry(), offset, wanted, sector, out + total);
     if (taken < 0) {
       return flashfs_fail(EIO);
     }

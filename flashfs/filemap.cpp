@@ -2,8 +2,10 @@
 #include "flashfs/filemap.h"
 
 #include <new>
+#include <utility>
 
 #include "flashfs/available.h"
+#include "flashfs/buffer.h"
 #include "flashfs/list_sort.h"
 
 namespace {
@@ -45,32 +47,210 @@ flashfs_sctr_map* index_before(const flashfs* fs, uint32_t fileid) {
   return nullptr;
 }
 
-// A list entry for a sector's data or its slot `slot_no`, not linked yet, and the file that it
-// belongs to, made when it is unknown. Null when there is no memory.
-flashfs_sctr_list_ordered* new_list_entry(flashfs* fs, flashfs_sctr_ptr pointer,
-                                          const flashfs_sector* sector, uint8_t slot_no,
-                                          flashfs_sctr_map** owner) {
-  const bool in_directory = sector->fileid == fileid_root;
-  const flashfs_dir_slot& slot = sector->slots[slot_no % slots_per_sector];
-  const uint16_t owner_fileid = in_directory ? slot.dir_fileid : sector->fileid;
+filemap_record* record_of(flashfs_sctr_map* file) {
+  return static_cast<filemap_record*>(file);
+}
 
-  auto* entry = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs->sctr_ptr_chunk));
+const filemap_record* record_of(const flashfs_sctr_map* file) {
+  return static_cast<const filemap_record*>(file);
+}
+
+// --- entries of lists ---
+
+void describe(listed_slot* entry, const flashfs_dir_slot& slot) {
+  entry->name_hash = slot_name_hash(slot);
+  entry->entry_fileid = slot.entry_fileid;
+  entry->mode = slot.mode;
+}
+
+// For a slot with these contents, or, when there are none, for a sector. Null when there is no
+// memory.
+flashfs_sctr_list_ordered* allocate_entry(flashfs* fs, const flashfs_dir_slot* slot) {
+  if (slot == nullptr) {
+    return static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs->sctr_ptr_chunk));
+  }
+  auto* entry = new (std::nothrow) listed_slot{};
+  if (entry != nullptr) {
+    describe(entry, *slot);
+  }
+  return entry;
+}
+
+void free_entry(flashfs* fs, flashfs_sctr_list_ordered* entry) {
+  if (listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
+    delete slot;
+  } else {
+    chunk_free(fs->sctr_ptr_chunk, entry);
+  }
+}
+
+// What a list entry is made from.
+struct entry_contents {
+  uint16_t owner_fileid;
+  ppc_mode_t mode_of_found_owner;
+  uint16_t seq_no;
+  uint8_t slot_no;
+  const flashfs_dir_slot* slot;  // null: none
+};
+
+entry_contents contents_of_slot(const flashfs_dir_slot& slot, uint8_t slot_no) {
+  return {slot.dir_fileid, mode_of_found_directory, slot.seq_no, slot_no,
+          is_slot_index(slot_no) ? &slot : nullptr};
+}
+
+entry_contents contents_of(const flashfs_sector* sector, uint8_t slot_no) {
+  if (sector->fileid == fileid_root) {
+    return contents_of_slot(sector->slots[slot_no % slots_per_sector], slot_no);
+  }
+  return {sector->fileid, mode_of_found_file, sector->seq_no, slot_of_sector, nullptr};
+}
+
+// A list entry, not linked yet, and the file that it belongs to, made when it is unknown. Null when
+// there is no memory.
+flashfs_sctr_list_ordered* new_list_entry(flashfs* fs, flashfs_sctr_ptr pointer,
+                                          const entry_contents& contents,
+                                          flashfs_sctr_map** owner) {
+  flashfs_sctr_list_ordered* entry = allocate_entry(fs, contents.slot);
   if (entry == nullptr) {
     return nullptr;
   }
-  *owner = filemap_lookup(fs, owner_fileid);
+  entry->seq_no = contents.seq_no;
+  entry->slot_no = contents.slot_no;
+  entry->sctr_ptr = pointer;
+  *owner = filemap_lookup(fs, contents.owner_fileid);
   if (*owner == nullptr) {
-    *owner = filemap_insert(fs, owner_fileid, 0,
-                            in_directory ? mode_of_found_directory : mode_of_found_file);
+    *owner = filemap_insert(fs, contents.owner_fileid, 0, contents.mode_of_found_owner);
   }
   if (*owner == nullptr) {
-    chunk_free(fs->sctr_ptr_chunk, entry);
+    free_entry(fs, entry);
     return nullptr;
   }
-  entry->seq_no = in_directory ? slot.seq_no : sector->seq_no;
-  entry->slot_no = in_directory ? slot_no : slot_of_sector;
-  entry->sctr_ptr = pointer;
   return entry;
+}
+
+void set_before(flashfs_sctr_list_ordered* entry, flashfs_sctr_list_ordered* before) {
+  if (listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
+    slot->before = before;
+  }
+}
+
+void add_to_names(flashfs_sctr_map* directory, listed_slot* slot) {
+  std::unique_ptr<name_index>& names = record_of(directory)->names;
+  if (names == nullptr) {
+    return;
+  }
+  names->add(slot);
+  if (names->is_crowded()) {
+    std::unique_ptr<name_index> larger = name_index::make(directory->sctr_list);
+    if (larger != nullptr) {
+      names = std::move(larger);
+    }
+  }
+}
+
+// The file that a slot names looks for its name again, ...
+void forget_name(const flashfs* fs, uint16_t fileid) {
+  const flashfs_sctr_map* file = filemap_lookup(fs, fileid);
+  if (file != nullptr) {
+    record_of(file)->name = nullptr;
+  }
+}
+
+// ... if it is this slot that it has found.
+void forget_name(const flashfs* fs, const listed_slot* slot) {
+  const flashfs_sctr_map* file = filemap_lookup(fs, slot->entry_fileid);
+  if (file != nullptr && record_of(file)->name == slot) {
+    record_of(file)->name = nullptr;
+  }
+}
+
+// Links an entry behind another (null: as the head).
+void link_behind(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* before,
+                 flashfs_sctr_list_ordered* entry) {
+  flashfs_sctr_list_ordered*& link = before == nullptr ? file->sctr_list : before->next;
+  entry->next = link;
+  link = entry;
+  set_before(entry, before);
+  set_before(entry->next, entry);
+  filemap_record* record = record_of(file);
+  if (record->run != nullptr && entry->seq_no <= record->run->seq_no) {
+    record->run = entry;  // what has the same number breaks the run behind it
+  }
+  if (listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
+    forget_name(fs, slot->entry_fileid);
+    add_to_names(file, slot);
+  }
+}
+
+// Unlinks an entry that stands behind another (null: that is the head) and frees it.
+void unlink_behind(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* before,
+                   flashfs_sctr_list_ordered* entry) {
+  (before == nullptr ? file->sctr_list : before->next) = entry->next;
+  set_before(entry->next, before);
+  filemap_record* record = record_of(file);
+  if (record->run == entry || (record->run != nullptr && entry->seq_no < record->run->seq_no)) {
+    record->run = before;
+  }
+  if (listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
+    forget_name(fs, slot);
+    if (record->names != nullptr) {
+      record->names->remove(slot);
+    }
+  }
+  free_entry(fs, entry);
+}
+
+// The entry behind which one with this number belongs; null: it becomes the head.
+flashfs_sctr_list_ordered* find_place(const flashfs_sctr_map* file, uint16_t seq_no) {
+  flashfs_sctr_list_ordered* run = record_of(file)->run;
+  flashfs_sctr_list_ordered* before = run != nullptr && run->seq_no < seq_no ? run : nullptr;
+  flashfs_sctr_list_ordered* next = before == nullptr ? file->sctr_list : before->next;
+  while (next != nullptr && next->seq_no < seq_no) {
+    before = next;
+    next = next->next;
+  }
+  return before;
+}
+
+flashfs_sctr_list_ordered* add_entry(flashfs* fs, flashfs_sctr_ptr pointer,
+                                     const entry_contents& contents) {
+  flashfs_sctr_map* owner = nullptr;
+  flashfs_sctr_list_ordered* entry = new_list_entry(fs, pointer, contents, &owner);
+  if (entry != nullptr) {
+    link_behind(fs, owner, find_place(owner, entry->seq_no), entry);
+  }
+  return entry;
+}
+
+// Makes what goes with a list follow it after it was sorted.
+void restore_order(flashfs_sctr_map* file) {
+  flashfs_sctr_list_ordered* before = nullptr;
+  for (auto* entry = file->sctr_list; entry != nullptr; entry = entry->next) {
+    set_before(entry, before);
+    before = entry;
+  }
+  record_of(file)->run = nullptr;
+  record_of(file)->names.reset();
+}
+
+bool is_first_of_number(const listed_slot* slot) {
+  return slot->before == nullptr || slot->before->seq_no != slot->seq_no;
+}
+
+void free_list(flashfs* fs, flashfs_sctr_map* file) {
+  while (file->sctr_list != nullptr) {
+    flashfs_sctr_list_ordered* entry = file->sctr_list;
+    file->sctr_list = entry->next;
+    free_entry(fs, entry);
+  }
+}
+
+bool is_long(const flashfs_sctr_list_ordered* list) {
+  uint32_t entries = 0;
+  for (; list != nullptr && entries <= name_index::worthwhile_entries; list = list->next) {
+    entries++;
+  }
+  return entries > name_index::worthwhile_entries;
 }
 
 using add_sector_function = int (*)(flashfs*, flashfs_sctr_ptr, const flashfs_sector*, uint8_t);
@@ -94,7 +274,8 @@ int add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* 
 int collect_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
                    uint8_t slot_no) {
   flashfs_sctr_map* owner = nullptr;
-  flashfs_sctr_list_ordered* entry = new_list_entry(fs, pointer, sector, slot_no, &owner);
+  flashfs_sctr_list_ordered* entry =
+      new_list_entry(fs, pointer, contents_of(sector, slot_no), &owner);
   if (entry == nullptr) {
     return 1;
   }
@@ -120,7 +301,7 @@ flashfs_sctr_map* filemap_insert(flashfs* fs, uint16_t fileid, uint16_t parent_f
     return nullptr;
   }
   flashfs_sctr_map** place = index_place(fs, fileid);
-  auto* entry = place == nullptr ? nullptr : new (std::nothrow) flashfs_sctr_map{};
+  auto* entry = place == nullptr ? nullptr : new (std::nothrow) filemap_record{};
   if (entry == nullptr) {
     return nullptr;
   }
@@ -132,6 +313,7 @@ flashfs_sctr_map* filemap_insert(flashfs* fs, uint16_t fileid, uint16_t parent_f
   entry->next = *link;
   *link = entry;
   *place = entry;
+  fs->file_index[fileid >> filemap_page_bits]->used++;
   fs->num_files++;
   return entry;
 }
@@ -140,18 +322,19 @@ void filemap_remove(flashfs* fs, flashfs_sctr_map* entry) {
   sctr_list_clear(fs, entry);
   flashfs_sctr_map* before = index_before(fs, entry->fileid);
   *(before == nullptr ? &fs->file_map : &before->next) = entry->next;
-  fs->file_index[entry->fileid >> filemap_page_bits]->entries[entry->fileid % filemap_page_size] =
-      nullptr;
+  filemap_page* page = fs->file_index[entry->fileid >> filemap_page_bits];
+  page->entries[entry->fileid % filemap_page_size] = nullptr;
+  page->used--;
   fs->num_files--;
-  delete entry;
+  delete record_of(entry);
 }
 
 void filemap_clear(flashfs* fs) {
   while (fs->file_map != nullptr) {
     flashfs_sctr_map* entry = fs->file_map;
     fs->file_map = entry->next;
-    sctr_list_clear(fs, entry);
-    delete entry;
+    free_list(fs, entry);
+    delete record_of(entry);
   }
   for (filemap_page*& page : fs->file_index) {
     delete page;
@@ -161,6 +344,7 @@ void filemap_clear(flashfs* fs) {
 }
 
 void flashfs_clear_maps(flashfs* fs) {
+  note_flash_change();
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     fs->flashfs_blocks[b].invalid_sectors = 0;
     fs->flashfs_blocks[b].invalid_slots = 0;
@@ -175,39 +359,65 @@ void flashfs_clear_maps(flashfs* fs) {
 }
 
 uint16_t flashfs_next_slot_seq_no(const flashfs_sctr_map* directory) {
-  uint16_t next = 0;
-  for (const flashfs_sctr_list_ordered* entry = directory->sctr_list;
-       entry != nullptr && entry->seq_no == next; entry = entry->next) {
-    next++;
+  flashfs_sctr_list_ordered*& run = record_of(directory)->run;
+  if (run == nullptr) {
+    if (directory->sctr_list == nullptr || directory->sctr_list->seq_no != 0) {
+      return 0;
+    }
+    run = directory->sctr_list;
   }
-  return next;
+  while (run->next != nullptr && run->next->seq_no == run->seq_no + 1) {
+    run = run->next;
+  }
+  return static_cast<uint16_t>(run->seq_no + 1);
 }
 
 uint16_t flashfs_next_fileid(const flashfs* fs) {
-  const flashfs_sctr_map* entry = fs->file_map;
-  if (entry == nullptr) {
+  if (fs->file_map == nullptr) {
     return fileid_first;
   }
-  while (entry->next != nullptr && entry->next->fileid == entry->fileid + 1) {
-    entry = entry->next;
+  uint32_t fileid = fs->file_map->fileid + 1U;
+  while (index_get(fs, static_cast<uint16_t>(fileid)) != nullptr) {
+    const filemap_page* page = fs->file_index[fileid >> filemap_page_bits];
+    const bool full_from_here = fileid % filemap_page_size == 0 && page->used == filemap_page_size;
+    fileid += full_from_here ? filemap_page_size : 1;
   }
-  return static_cast<uint16_t>(entry->fileid + 1);
+  return static_cast<uint16_t>(fileid);
 }
 
 int filemap_add_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
                        uint8_t slot_no) {
-  flashfs_sctr_map* owner = nullptr;
-  flashfs_sctr_list_ordered* entry = new_list_entry(fs, pointer, sector, slot_no, &owner);
-  if (entry == nullptr) {
-    return 1;
+  return add_entry(fs, pointer, contents_of(sector, slot_no)) == nullptr ? 1 : 0;
+}
+
+flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
+                                            const flashfs_dir_slot& slot) {
+  return add_entry(fs, pointer, contents_of_slot(slot, slot_no));
+}
+
+void filemap_redirect_slot(flashfs* fs, flashfs_sctr_map* directory,
+                           flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
+                           uint8_t slot_no, const flashfs_dir_slot& contents) {
+  auto* slot = static_cast<listed_slot*>(entry);
+  slot->sctr_ptr = pointer;
+  slot->slot_no = slot_no;
+  if (slot->entry_fileid != contents.entry_fileid) {
+    forget_name(fs, slot);
+    forget_name(fs, contents.entry_fileid);
+    slot->entry_fileid = contents.entry_fileid;
   }
-  flashfs_sctr_list_ordered** link = &owner->sctr_list;
-  while (*link != nullptr && (*link)->seq_no < entry->seq_no) {
-    link = &(*link)->next;
+  const uint32_t hash = slot_name_hash(contents);
+  if (slot->name_hash == hash) {
+    return;
   }
-  entry->next = *link;
-  *link = entry;
-  return 0;
+  name_index* names = record_of(directory)->names.get();
+  if (names != nullptr) {
+    names->remove(slot);
+  }
+  slot->name_hash = hash;
+  if (names != nullptr) {
+    names->add(slot);
+  }
 }
 
 int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {
@@ -224,6 +434,7 @@ void filemap_sort_lists(flashfs* fs) {
     file->sctr_list = list_sort(file->sctr_list, [](const auto& entry, const auto& other) {
       return entry.seq_no < other.seq_no;
     });
+    restore_order(file);
   }
 }
 
@@ -248,25 +459,25 @@ int sctr_list_is_contiguous_bad(const flashfs_sctr_list_ordered* head) {
 }
 
 void sctr_list_remove(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* entry) {
-  flashfs_sctr_list_ordered** link = &file->sctr_list;
-  while (*link != entry) {
-    link = &(*link)->next;
+  if (const listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
+    unlink_behind(fs, file, slot->before, entry);
+    return;
   }
-  *link = entry->next;
-  chunk_free(fs->sctr_ptr_chunk, entry);
+  flashfs_sctr_list_ordered* before = nullptr;
+  for (auto* each = file->sctr_list; each != entry; each = each->next) {
+    before = each;
+  }
+  unlink_behind(fs, file, before, entry);
 }
 
-void sctr_list_remove_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
-  flashfs_sctr_list_ordered* removed = entry->next;
-  entry->next = removed->next;
-  chunk_free(fs->sctr_ptr_chunk, removed);
+void sctr_list_remove_behind(flashfs* fs, flashfs_sctr_map* file,
+                             flashfs_sctr_list_ordered* entry) {
+  unlink_behind(fs, file, entry, entry == nullptr ? file->sctr_list : entry->next);
 }
 
 void sctr_list_clear(flashfs* fs, flashfs_sctr_map* file) {
   while (file->sctr_list != nullptr) {
-    flashfs_sctr_list_ordered* entry = file->sctr_list;
-    file->sctr_list = entry->next;
-    chunk_free(fs->sctr_ptr_chunk, entry);
+    unlink_behind(fs, file, nullptr, file->sctr_list);
   }
 }
 
@@ -276,6 +487,74 @@ uint32_t sctr_list_length(const flashfs_sctr_list_ordered* head) {
     length++;
   }
   return length;
+}
+
+name_search::name_search(flashfs_sctr_map* directory, const char* name)
+    : hash_(name_hash(name)), rest_(directory->sctr_list) {
+  std::unique_ptr<name_index>& names = record_of(directory)->names;
+  if (names == nullptr && is_long(directory->sctr_list)) {
+    names = name_index::make(directory->sctr_list);
+  }
+  index_ = names.get();
+  if (index_ != nullptr) {
+    rest_ = index_->first(hash_);
+  }
+}
+
+const listed_slot* name_search::next() {
+  while (rest_ != nullptr) {
+    const listed_slot* slot = as_listed_slot(rest_);
+    rest_ = index_ != nullptr ? name_index::next(slot) : rest_->next;
+    if (slot != nullptr && slot->name_hash == hash_) {
+      return slot;
+    }
+  }
+  return nullptr;
+}
+
+listed_slot* filemap_known_name(const flashfs* fs, const flashfs_sctr_map* file) {
+  listed_slot*& name = record_of(file)->name;
+  if (name == nullptr) {
+    const flashfs_sctr_map* parent = filemap_lookup(fs, file->parent_fileid);
+    name = parent == nullptr ? nullptr : sctr_list_find_naming(parent->sctr_list, file->fileid);
+  }
+  return name;
+}
+
+listed_slot* sctr_list_find_naming(flashfs_sctr_list_ordered* head, uint16_t fileid) {
+  for (; head != nullptr; head = head->next) {
+    listed_slot* slot = as_listed_slot(head);
+    if (slot != nullptr && slot->entry_fileid == fileid) {
+      return slot;
+    }
+  }
+  return nullptr;
+}
+
+void filemap_set_parent(flashfs_sctr_map* file, uint16_t parent_fileid,
+                        flashfs_sctr_list_ordered* name) {
+  file->parent_fileid = parent_fileid;
+  record_of(file)->name = as_listed_slot(name);
+}
+
+listed_slot* filemap_find_listed(const flashfs* fs, const flashfs_dir_slot& slot) {
+  const flashfs_sctr_map* directory = filemap_lookup(fs, slot.dir_fileid);
+  if (directory == nullptr) {
+    return nullptr;
+  }
+  // The file that it names mostly knows; the list does anyhow.
+  const flashfs_sctr_map* file = filemap_lookup(fs, slot.entry_fileid);
+  if (file != nullptr && file->parent_fileid == directory->fileid) {
+    listed_slot* name = filemap_known_name(fs, file);
+    if (name != nullptr && name->seq_no == slot.seq_no && is_first_of_number(name)) {
+      return name;
+    }
+  }
+  flashfs_sctr_list_ordered* entry = directory->sctr_list;
+  while (entry != nullptr && (entry->seq_no != slot.seq_no || !is_slot_index(entry->slot_no))) {
+    entry = entry->next;
+  }
+  return as_listed_slot(entry);
 }
 
 int dir_sector_clear_deleted(flashfs_sector* sector) {

@@ -64,7 +64,8 @@ static_assert(sizeof(void*) != 4 || sizeof(flashfs_sctr_list_ordered) == 12);
 static_assert(sizeof(void*) != 4 || sizeof(flashfs_sctr_list_unordered) == 12);
 static_assert(sizeof(void*) != 4 || sizeof(flashfs_sctr_list_either) == 12);
 
-// File-map entry: one file or directory. The map is in ascending file-id order.
+// File-map entry: one file or directory. The map is in ascending file-id order. (What it knows
+// beside is filemap.h's.)
 struct flashfs_sctr_map {
   flashfs_sctr_map* next;
   uint32_t readers;
@@ -81,6 +82,7 @@ constexpr uint32_t filemap_page_size = 1U << filemap_page_bits;
 constexpr uint32_t filemap_pages = 65536U >> filemap_page_bits;
 struct filemap_page {
   flashfs_sctr_map* entries[filemap_page_size];
+  uint32_t used;  // of them
 };
 
 // Entry of the check's list of orphans.

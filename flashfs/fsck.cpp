@@ -2,6 +2,7 @@
 // is the order of it all, the reading of every sector, and duplicated and broken lists.
 #include "flashfs/fsck.h"
 
+#include "flashfs/available.h"
 #include "flashfs/buffer.h"
 #include "flashfs/entry.h"
 #include "flashfs/erase.h"
@@ -27,42 +28,78 @@ bool check_interrupted(const flashfs* fs) {
   return true;
 }
 
-// Enters one sector into the file map; unless the check is quick it is validated first.
-int scan_sector(flashfs* fs, flashfs_sctr_ptr pointer, bool quick, flashfs_sector* buffer) {
-  flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
-  process_may_suspend();
-  if (read_sector(fs, pointer, buffer, quick ? only_fileid : whole_sector) != 0) {
+// The reading of all sectors.
+struct sector_pass {
+  flashfs* fs;
+  bool quick;
+  flashfs_sector* buffer;
+  bool free_space_listed = true;  // all that has been met is on the available lists
+  uint64_t flash_changes = 0;     // when the last sector had been read
+};
+
+// Reads what the check asks of a sector: when it is quick, of a data sector whose it is and its
+// place in the file.
+int read_for_check(const sector_pass& pass, flashfs_sctr_ptr pointer) {
+  if (!pass.quick) {
+    return read_sector(pass.fs, pointer, pass.buffer, whole_sector);
+  }
+  if (read_sector(pass.fs, pointer, pass.buffer, only_fileid) != 0) {
     return 1;
   }
-  if (!quick) {
+  const uint16_t fileid = pass.buffer->fileid;
+  if (!is_live(fileid)) {
+    return 0;
+  }
+  return read_sector(pass.fs, pointer, pass.buffer,
+                     fileid == fileid_root ? all_but_fileid : only_seq_no);
+}
+
+// Enters what a sector that is not obsolete holds into the file map, and what is free of it into
+// the available lists. A free slot that is not erased is told when the free space is wanted: it is
+// looked for again then.
+int enter_sector(sector_pass& pass, flashfs_sctr_ptr pointer) {
+  flashfs* fs = pass.fs;
+  if (pass.buffer->fileid != fileid_available &&
+      filemap_collect_sector_all(fs, pointer, pass.buffer) != 0) {
+    return 1;
+  }
+  if (pass.buffer->fileid == fileid_root && !flashfs_free_slots_are_erased(pass.buffer)) {
+    pass.free_space_listed = false;
+  }
+  return pass.free_space_listed ? flashfs_list_free(fs, pointer, pass.buffer) : 0;
+}
+
+// Enters one sector into the maps; unless the check is quick it is validated first.
+int scan_sector(sector_pass& pass, flashfs_sctr_ptr pointer) {
+  flashfs* fs = pass.fs;
+  flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
+  process_may_suspend();
+  if (read_for_check(pass, pointer) != 0) {
+    return 1;
+  }
+  if (!pass.quick) {
     // Validation counts what it invalidates, and what stands in the sector afterwards is counted
     // below: once is enough.
     const flashfs_block counted = block;
-    if (flashfs_check_sector(fs, pointer, buffer) != 0) {
+    if (flashfs_check_sector(fs, pointer, pass.buffer) != 0) {
       return 1;
     }
     block = counted;
   }
-  if (buffer->fileid == fileid_invalidated) {
+  if (pass.buffer->fileid == fileid_invalidated) {
     block.invalid_sectors++;
     return 0;
   }
-  if (buffer->fileid == fileid_available) {
-    return 0;
-  }
-  if (quick && read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return 1;
-  }
-  if (filemap_collect_sector_all(fs, pointer, buffer) != 0) {
+  if (enter_sector(pass, pointer) != 0) {
     flashfs_log(fs, "out of memory");
     return 1;
   }
   return 0;
 }
 
-int scan_sectors(flashfs* fs, int16_t block_num, bool quick, flashfs_sector* buffer) {
-  for (uint16_t s = 0; s < fs->flashfs_blocks[block_num].num_sectors; s++) {
-    if (scan_sector(fs, {block_num, s}, quick, buffer) != 0) {
+int scan_sectors(sector_pass& pass, int16_t block_num) {
+  for (uint16_t s = 0; s < pass.fs->flashfs_blocks[block_num].num_sectors; s++) {
+    if (scan_sector(pass, {block_num, s}) != 0) {
       return 1;
     }
   }
@@ -72,13 +109,13 @@ int scan_sectors(flashfs* fs, int16_t block_num, bool quick, flashfs_sector* buf
 // The only copy of what an interrupted reclamation had moved.
 int keep_committed_block(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
   flashfs_log(fs, "changing status of block %d from \"committed\" to \"in use\".", block_num);
-  blkheader_set_state(header, block_in_use);
-  return write_blkheader(fs, block_num, header);
+  return change_block_state(fs, block_num, header, block_in_use);
 }
 
-int first_pass_block(flashfs* fs, int16_t block_num, bool quick, flashfs_sector* buffer) {
-  flashfs_blkheader header;
-  if (read_blkheader(fs, block_num, &header) != 0 ||
+int first_pass_block(sector_pass& pass, int16_t block_num) {
+  flashfs* fs = pass.fs;
+  flashfs_blkheader header = {};
+  if (read_blkheader(fs, block_num, &header, all_but_erase_count) != 0 ||
       fsck_check_header(fs, block_num, &header, true) != 0) {
     return 1;
   }
@@ -91,7 +128,7 @@ int first_pass_block(flashfs* fs, int16_t block_num, bool quick, flashfs_sector*
       }
       [[fallthrough]];
     case block_in_use:
-      return scan_sectors(fs, block_num, quick, buffer);
+      return scan_sectors(pass, block_num);
     default:
       flashfs_log(fs, "erasing block %d with status %s", block_num,
                   block_state_text(blkheader_state(&header)));
@@ -99,22 +136,23 @@ int first_pass_block(flashfs* fs, int16_t block_num, bool quick, flashfs_sector*
   }
 }
 
-int first_pass(flashfs* fs, bool quick, flashfs_sector* buffer) {
-  for (int16_t b = 0; b < fs->num_blocks; b++) {
+int first_pass(sector_pass& pass) {
+  for (int16_t b = 0; b < pass.fs->num_blocks; b++) {
     process_may_suspend();
-    if (check_interrupted(fs) || first_pass_block(fs, b, quick, buffer) != 0) {
+    if (check_interrupted(pass.fs) || first_pass_block(pass, b) != 0) {
       return 1;
     }
   }
-  filemap_sort_lists(fs);
+  pass.flash_changes = flash_change_count();
+  filemap_sort_lists(pass.fs);
   return 0;
 }
 
 int second_pass(flashfs* fs) {
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     process_may_suspend();
-    flashfs_blkheader header;
-    if (check_interrupted(fs) || read_blkheader(fs, b, &header) != 0) {
+    flashfs_blkheader header = {};
+    if (check_interrupted(fs) || read_blkheader(fs, b, &header, all_but_erase_count) != 0) {
       return 1;
     }
     if (fsck_check_header(fs, b, &header, false) != 0) {
@@ -134,12 +172,12 @@ int resolve_all_duplicates(flashfs* fs) {
   return 0;
 }
 
-int drop_file(flashfs* fs, flashfs_sctr_map* file, flashfs_sector* buffer) {
+int drop_file(flashfs* fs, flashfs_sctr_map* file) {
   flashfs_log(fs, "inconsistent sector list, fileid %d, parent_fileid %d", file->fileid,
               file->parent_fileid);
   for (const auto* entry = file->sctr_list; entry != nullptr; entry = entry->next) {
     process_may_suspend();
-    if (obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, buffer) != 0) {
+    if (obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no) != 0) {
       return 1;
     }
   }
@@ -147,14 +185,14 @@ int drop_file(flashfs* fs, flashfs_sctr_map* file, flashfs_sector* buffer) {
   return 0;
 }
 
-int drop_broken_files(flashfs* fs, flashfs_sector* buffer) {
+int drop_broken_files(flashfs* fs) {
   for (flashfs_sctr_map* file = fs->file_map; file != nullptr;) {
     if (check_interrupted(fs)) {
       return 1;
     }
     flashfs_sctr_map* next = file->next;
     if (is_regular_mode(file->mode) && sctr_list_is_contiguous_bad(file->sctr_list) != 0 &&
-        drop_file(fs, file, buffer) != 0) {
+        drop_file(fs, file) != 0) {
       return 1;
     }
     file = next;
@@ -162,7 +200,13 @@ int drop_broken_files(flashfs* fs, flashfs_sector* buffer) {
   return 0;
 }
 
-int collect_available(flashfs* fs) {
+// Lists the free space, unless the first pass has done so and nothing changed since.
+int collect_available(flashfs* fs, bool listed) {
+  if (listed) {
+    available_sort(fs);
+  } else {
+    available_clear(fs);
+  }
   for (int16_t b = 0; b < fs->num_blocks; b++) {
     process_may_suspend();
     uint8_t state = 0;
@@ -170,7 +214,7 @@ int collect_available(flashfs* fs) {
       return 1;
     }
     if (state == block_in_use) {
-      if (flashfs_scan_block_available(fs, b) != 0) {
+      if (!listed && flashfs_scan_block_available(fs, b) != 0) {
         return 1;
       }
     } else if (state != block_available) {
@@ -193,20 +237,23 @@ int reclaim_all_blocks(flashfs* fs) {
 }
 
 // Builds the maps from flash and puts the lists of sectors in order.
-int build_maps(flashfs* fs, bool quick, flashfs_sector* buffer) {
-  return first_pass(fs, quick, buffer) != 0 || second_pass(fs) != 0 ||
-                 resolve_all_duplicates(fs) != 0 || drop_broken_files(fs, buffer) != 0
+int build_maps(sector_pass& pass) {
+  flashfs* fs = pass.fs;
+  return first_pass(pass) != 0 || second_pass(fs) != 0 || resolve_all_duplicates(fs) != 0 ||
+                 drop_broken_files(fs) != 0
              ? 1
              : 0;
 }
 
 // Finds the spare and the free space; afterwards sectors and slots can be allocated.
-int make_space_usable(flashfs* fs, bool reclaim_all) {
+int make_space_usable(const sector_pass& pass, bool reclaim_all) {
+  flashfs* fs = pass.fs;
   if (fsck_establish_spare(fs) != 0) {
     flashfs_log(fs, "unable to allocate available block.");
     return 1;
   }
-  if (collect_available(fs) != 0) {
+  if (collect_available(fs, pass.free_space_listed && flash_change_count() == pass.flash_changes) !=
+      0) {
     return 1;
   }
   return reclaim_all ? reclaim_all_blocks(fs) : 0;
@@ -223,11 +270,12 @@ int flashfs_fsck(flashfs* fs, uint32_t quick, uint32_t reclaim_all) {
     return 1;
   }
   sector_buffer buffer(fs);
-  if (!buffer || build_maps(fs, quick != 0, buffer.get()) != 0) {
+  sector_pass pass = {.fs = fs, .quick = quick != 0, .buffer = buffer.get()};
+  if (!buffer || build_maps(pass) != 0) {
     return 1;
   }
   orphan_list orphans;
-  if (fsck_place_entries(fs, &orphans) != 0 || make_space_usable(fs, reclaim_all != 0) != 0) {
+  if (fsck_place_entries(fs, &orphans) != 0 || make_space_usable(pass, reclaim_all != 0) != 0) {
     return 1;
   }
   if (flashfs_ensure_root_slot(fs) != 0) {
@@ -248,14 +296,12 @@ int flashfs_fsck(flashfs* fs, uint32_t quick, uint32_t reclaim_all) {
 }
 
 int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
+  flashfs_sctr_list_ordered* before = nullptr;
   flashfs_sctr_list_ordered* entry = file->sctr_list;
   while (entry != nullptr && entry->next != nullptr) {
     flashfs_sctr_list_ordered* later = entry->next;
     if (later->seq_no != entry->seq_no) {
+      before = entry;
       entry = later;
       continue;
     }
@@ -265,14 +311,11 @@ int fsck_resolve_duplicates(flashfs* fs, flashfs_sctr_map* file) {
     }
     const bool keep_later = state == block_committed;
     const flashfs_sctr_list_ordered& dropped = keep_later ? *entry : *later;
-    if (obsolete_on_flash(fs, dropped.sctr_ptr, dropped.slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, dropped.sctr_ptr, dropped.slot_no) != 0) {
       return 1;
     }
-    if (keep_later) {
-      entry->sctr_ptr = later->sctr_ptr;
-      entry->slot_no = later->slot_no;
-    }
-    sctr_list_remove_behind(fs, entry);
+    sctr_list_remove_behind(fs, file, keep_later ? before : entry);
+    entry = keep_later ? later : entry;
   }
   return 0;
 }

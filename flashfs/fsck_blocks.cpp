@@ -1,6 +1,7 @@
 // The check's work on blocks.
 #include "flashfs/fsck_blocks.h"
 
+
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/io.h"
@@ -100,13 +101,14 @@ int pack_live_sectors(flashfs* fs, int16_t from, int16_t to, flashfs_sector* buf
   uint16_t target = 0;
   for (uint16_t s = 0; s < fs->flashfs_blocks[from].num_sectors; s++) {
     process_suspend();
-    if (read_sector(fs, {from, s}, buffer, whole_sector) != 0) {
+    if (read_sector(fs, {from, s}, buffer, only_fileid) != 0) {
       return 1;
     }
     if (!is_live(buffer->fileid)) {
       continue;
     }
-    if (write_sector(fs, {to, target}, buffer, whole_sector) != 0) {
+    if (read_sector(fs, {from, s}, buffer, all_but_fileid) != 0 ||
+        write_sector_copy(fs, {to, target}, buffer) != 0) {
       return 1;
     }
     redirect_sector(fs, {from, s}, {to, target});
@@ -156,7 +158,7 @@ int fsck_check_header(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
     return 1;
   }
   console_print("done.%s", flashfs_log_suffix);
-  return read_blkheader(fs, block_num, header);
+  return read_blkheader(fs, block_num, header, all_but_erase_count);
 }
 
 int fsck_scrub_block(flashfs* fs, int16_t block_num) {

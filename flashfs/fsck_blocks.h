@@ -6,8 +6,8 @@
 
 #include "flashfs/flashfs.h"
 
-// Judges a header that has been read. A bad one is erased with its block when `fix` is set, and
-// read again; otherwise it is a failure.
+// Judges a header that has been read (all_but_erase_count). A bad one is erased with its block when
+// `fix` is set, and read again; otherwise it is a failure.
 [[nodiscard]] int fsck_check_header(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
                                     bool fix);
 // Erases the block unless all of its sectors are erased.

@@ -47,7 +47,7 @@ class tree_walk {
   struct frame {
     frame* below;
     const flashfs_sctr_map* directory;
-    const flashfs_sctr_list_ordered* next;  // entry of the directory's list to look at
+    flashfs_sctr_list_ordered* next;  // entry of the directory's list to look at
   };
 
   int enter(uint16_t dir_fileid) {
@@ -74,75 +74,67 @@ class tree_walk {
 
   // Looks at the top directory's next entry, entering it when it is a directory.
   int step() {
-    const flashfs_sctr_list_ordered* entry = top_->next;
+    flashfs_sctr_list_ordered* entry = top_->next;
     if (entry == nullptr) {
       leave();
       return 0;
     }
     top_->next = entry->next;
-    if (!is_slot_index(entry->slot_no)) {
+    const listed_slot* slot = as_listed_slot(entry);
+    if (slot == nullptr || !is_directory_mode(slot->mode) || slot->entry_fileid == fileid_root) {
       return 0;
     }
-    if (read_sector_once(fs_, entry->sctr_ptr, buffer_) != 0) {
-      return 1;
-    }
-    const flashfs_dir_slot& slot = buffer_->slots[entry->slot_no];
-    if (!is_directory_mode(slot.mode) || slot.entry_fileid == fileid_root) {
-      return 0;
-    }
-    return enter(slot.entry_fileid);
+    return enter(slot->entry_fileid);
   }
 
   enum class placing { placed, second_name, failed };
 
   // Gives everything named in a directory its parent and mode.
   int place_all(flashfs_sctr_map* directory) {
-    for (auto** link = &directory->sctr_list; *link != nullptr;) {
+    for (auto* entry = directory->sctr_list; entry != nullptr;) {
       process_suspend();
-      const placing result = is_slot_index((*link)->slot_no) ? place(**link) : placing::placed;
-      if (result == placing::failed) {
+      listed_slot* slot = as_listed_slot(entry);
+      entry = entry->next;
+      const placing result = slot == nullptr ? placing::placed : place(directory, slot);
+      if (result == placing::failed ||
+          (result == placing::second_name && drop_second_name(directory, slot) != 0)) {
         return 1;
-      }
-      if (result == placing::second_name) {
-        drop_second_name(directory, link);
-      } else {
-        link = &(*link)->next;
       }
     }
     return 0;
   }
 
-  placing place(const flashfs_sctr_list_ordered& reference) {
-    if (read_sector_once(fs_, reference.sctr_ptr, buffer_) != 0) {
-      return placing::failed;
-    }
-    const flashfs_dir_slot& slot = buffer_->slots[reference.slot_no];
-    flashfs_sctr_map* entry = filemap_lookup(fs_, slot.entry_fileid);
+  placing place(const flashfs_sctr_map* directory, listed_slot* slot) {
+    flashfs_sctr_map* entry = filemap_lookup(fs_, slot->entry_fileid);
     if (entry == nullptr) {
       // An entry without sectors is known by its name alone.
-      entry = filemap_insert(fs_, slot.entry_fileid, slot.dir_fileid, slot.mode);
-      return entry == nullptr ? placing::failed : placing::placed;
+      entry = filemap_insert(fs_, slot->entry_fileid, 0, slot->mode);
+      if (entry == nullptr) {
+        return placing::failed;
+      }
     }
     if (entry->parent_fileid != 0) {
       return placing::second_name;
     }
-    entry->parent_fileid = slot.dir_fileid;
-    entry->mode = slot.mode;
+    filemap_set_parent(entry, directory->fileid, slot);
+    entry->mode = slot->mode;
     return placing::placed;
   }
 
   // A second name of an entry that has its place is dropped from memory and from the counters only:
   // flash keeps the slot, the buffer does not stand for flash any more.
-  void drop_second_name(const flashfs_sctr_map* directory, flashfs_sctr_list_ordered** link) {
-    flashfs_sctr_list_ordered* dropped = *link;
+  int drop_second_name(flashfs_sctr_map* directory, listed_slot* dropped) {
+    if (read_sector(fs_, dropped->sctr_ptr, buffer_.get(), whole_sector) != 0) {
+      return 1;
+    }
     delete_slot_buf(fs_, dropped->sctr_ptr, buffer_.get(), dropped->slot_no);
-    *link = dropped->next;
     // Only the directory that the walk began with can be met again while it is being walked: every
     // other one has its parent, so a slot that names it is dropped before it could be entered.
     if (bottom_ != nullptr && bottom_->directory == directory && bottom_->next == dropped) {
       bottom_->next = dropped->next;
     }
-    chunk_free(fs_->sctr_ptr_chunk, dropped);
+    sctr_list_remove(fs_, directory, dropped);
+    return 0;
   }
 
   flashfs* fs_;
@@ -189,19 +181,17 @@ int name_orphan(flashfs* fs, uint16_t orphan_fileid, flashfs_sctr_map* directory
     return 1;
   }
   flashfs_sctr_map* orphan = filemap_lookup(fs, orphan_fileid);
-  sector_buffer buffer(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
-  if (orphan == nullptr || !buffer || flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
+  if (orphan == nullptr || flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
     return 1;
   }
   char name_work[path_size_max];
   if (flashfs_write_new_slot(fs, pointer, slot_no, directory, orphan_fileid, orphan->mode,
-                             path_basename(path, name_work), buffer.get()) != 0) {
+                             path_basename(path, name_work)) != 0) {
     return 1;
   }
   // The name stands. Whatever becomes of the directory's date, the orphan is where it says.
-  orphan->parent_fileid = directory->fileid;
   return flashfs_touch(fs, directory, 0) == 0 ? 0 : 1;
 }
 

@@ -198,6 +198,7 @@ int empty_run(flashfs* fs, flashfs_sctr_list_unordered** link, uint32_t length, 
   if (read_sector(fs, pointer, buffer.get(), whole_sector) != 0) {
     return 1;
   }
+  const flashfs_sector held = *buffer.view();
   for (uint32_t i = 0; i < length; i++) {
     flashfs_sctr_list_unordered* entry = *link;
     delete_slot_buf(fs, pointer, buffer.get(), entry->slot_no);
@@ -206,7 +207,7 @@ int empty_run(flashfs* fs, flashfs_sctr_list_unordered** link, uint32_t length, 
     chunk_free(fs->sctr_ptr_chunk, entry);
     fs->num_available_slots--;
   }
-  if (write_sector(fs, pointer, buffer.get(), whole_sector) != 0) {
+  if (update_sector(fs, pointer, &held, buffer.view()) != 0) {
     return 1;
   }
   for (uint8_t k = 0; k < slots_per_sector; k++) {
@@ -243,39 +244,30 @@ int schedule_moves(flashfs* fs, slot_moves* moves) {
   return 0;
 }
 
-flashfs_sctr_list_ordered* find_reference(const flashfs* fs, const flashfs_dir_slot& slot) {
-  const flashfs_sctr_map* directory = filemap_lookup(fs, slot.dir_fileid);
-  flashfs_sctr_list_ordered* entry = directory == nullptr ? nullptr : directory->sctr_list;
-  while (entry != nullptr && entry->seq_no != slot.seq_no) {
-    entry = entry->next;
-  }
-  return entry;
-}
-
 // Copies one live slot into the lowest free one, then deletes it where it was.
-int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot,
-              flashfs_sector* source_buffer, flashfs_sector* target_buffer) {
+int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot) {
   process_may_suspend();
-  if (read_sector(fs, source, source_buffer, whole_sector) != 0) {
+  flashfs_dir_slot slot;
+  if (read_slot(fs, source, source_slot, &slot) != 0) {
     return 1;
   }
-  const flashfs_dir_slot& slot = source_buffer->slots[source_slot];
-  flashfs_sctr_list_ordered* reference = find_reference(fs, slot);
+  flashfs_sctr_list_ordered* reference = filemap_find_listed(fs, slot);
   if (reference == nullptr || fs->available_slots == nullptr) {
     flashfs_log(fs, "Collecting garbage, inconsistency!!!");
     return 1;
   }
   const flashfs_sctr_ptr target = fs->available_slots->sctr_ptr;
   const uint8_t target_slot = fs->available_slots->slot_no;
-  if (read_sector(fs, target, target_buffer, whole_sector) != 0) {
+  flashfs_dir_slot held;
+  if (read_slot(fs, target, target_slot, &held) != 0 ||
+      update_slot(fs, target, target_slot, &held, &slot) != 0 ||
+      obsolete_slot(fs, source, source_slot, slot.dir_fileid) != 0) {
     return 1;
   }
-  target_buffer->slots[target_slot] = slot;
-  if (write_sector(fs, target, target_buffer, whole_sector) != 0 ||
-      obsolete_on_flash(fs, source, source_slot, source_buffer) != 0) {
-    return 1;
-  }
-  reference->sctr_ptr = available_slot_take(fs, &reference->slot_no);
+  uint8_t taken_slot = 0;
+  const flashfs_sctr_ptr taken = available_slot_take(fs, &taken_slot);
+  filemap_redirect_slot(fs, filemap_lookup(fs, slot.dir_fileid), reference, taken, taken_slot,
+                        slot);
   return 0;
 }
 
@@ -288,14 +280,8 @@ int compact_slots(flashfs* fs) {
   if (schedule_moves(fs, &moves) != 0) {
     return 1;
   }
-  sector_buffer source_buffer(fs);
-  sector_buffer target_buffer(fs);
-  if (!source_buffer || !target_buffer) {
-    return 1;
-  }
   for (; moves.front() != nullptr; moves.drop_front()) {
-    if (move_slot(fs, moves.front()->sctr_ptr, moves.front()->slot_no, source_buffer.get(),
-                  target_buffer.get()) != 0) {
+    if (move_slot(fs, moves.front()->sctr_ptr, moves.front()->slot_no) != 0) {
       return 1;
     }
   }
@@ -342,7 +328,7 @@ int copy_live_sectors(flashfs* fs, int16_t victim, int16_t spare, flashfs_sector
     if (!is_live(buffer->fileid)) {
       continue;
     }
-    if (read_sector(fs, {victim, s}, buffer, whole_sector) != 0) {
+    if (read_sector(fs, {victim, s}, buffer, all_but_fileid) != 0) {
       return 1;
     }
     if (buffer->fileid == fileid_root) {
@@ -351,7 +337,7 @@ int copy_live_sectors(flashfs* fs, int16_t victim, int16_t spare, flashfs_sector
         continue;
       }
     }
-    if (write_sector(fs, {spare, s}, buffer, whole_sector) != 0) {
+    if (write_sector_copy(fs, {spare, s}, buffer) != 0) {
       return 1;
     }
   }
@@ -369,12 +355,12 @@ void redirect_pointers(flashfs* fs, int16_t from, int16_t to) {
 }
 
 // The spare takes the erased victim's place, and the victim becomes the spare. `header` is the
-// spare's.
+// spare's, as it stands.
 int exchange_with_spare(flashfs* fs, int16_t victim, int16_t spare, flashfs_blkheader* header) {
   redirect_pointers(fs, victim, spare);
   process_may_suspend();
-  blkheader_set_state(header, block_in_use);
-  if (write_blkheader(fs, spare, header) != 0 || flashfs_scan_block_available(fs, spare) != 0) {
+  if (change_block_state(fs, spare, header, block_in_use) != 0 ||
+      flashfs_scan_block_available(fs, spare) != 0) {
     return 1;
   }
   fs->available_block = victim;
@@ -383,12 +369,9 @@ int exchange_with_spare(flashfs* fs, int16_t victim, int16_t spare, flashfs_blkh
 
 // A victim smaller than the largest block cannot become the spare: its contents go back.
 int copy_back(flashfs* fs, int16_t victim, int16_t spare, flashfs_sector* buffer) {
-  flashfs_blkheader header;
-  if (read_blkheader(fs, victim, &header) != 0) {
-    return 1;
-  }
-  blkheader_set_state(&header, block_invalid1);
-  if (write_blkheader(fs, victim, &header) != 0) {
+  flashfs_blkheader header = {};
+  if (read_blkheader(fs, victim, &header, number_and_state) != 0 ||
+      change_block_state(fs, victim, &header, block_invalid1) != 0) {
     return 1;
   }
   for (uint16_t s = 0; s < fs->flashfs_blocks[spare].num_sectors; s++) {
@@ -396,13 +379,12 @@ int copy_back(flashfs* fs, int16_t victim, int16_t spare, flashfs_sector* buffer
     if (read_sector(fs, {spare, s}, buffer, only_fileid) != 0) {
       return 1;
     }
-    if (is_live(buffer->fileid) && (read_sector(fs, {spare, s}, buffer, whole_sector) != 0 ||
-                                    write_sector(fs, {victim, s}, buffer, whole_sector) != 0)) {
+    if (is_live(buffer->fileid) && (read_sector(fs, {spare, s}, buffer, all_but_fileid) != 0 ||
+                                    write_sector_copy(fs, {victim, s}, buffer) != 0)) {
       return 1;
     }
   }
-  blkheader_set_state(&header, block_in_use);
-  if (write_blkheader(fs, victim, &header) != 0 ||
+  if (change_block_state(fs, victim, &header, block_in_use) != 0 ||
       set_block_state(fs, spare, block_invalid2) != 0 || erase_block(fs, spare, true, false) != 0) {
     return 1;
   }
@@ -437,16 +419,12 @@ int flashfs_reclaim_block(flashfs* fs, int16_t victim, uint32_t verify) {
   }
   process_may_suspend();
   available_drop_block(fs, victim);
-  if (set_block_state(fs, spare, block_invalid1) != 0 ||
-      copy_live_sectors(fs, victim, spare, buffer.get()) != 0) {
-    return 1;
-  }
-  flashfs_blkheader header;
-  if (read_blkheader(fs, spare, &header) != 0) {
-    return 1;
-  }
-  blkheader_set_state(&header, block_committed);
-  if (write_blkheader(fs, spare, &header) != 0 || erase_block(fs, victim, true, verify != 0) != 0) {
+  flashfs_blkheader header = {};
+  if (read_blkheader(fs, spare, &header, number_and_state) != 0 ||
+      change_block_state(fs, spare, &header, block_invalid1) != 0 ||
+      copy_live_sectors(fs, victim, spare, buffer.get()) != 0 ||
+      change_block_state(fs, spare, &header, block_committed) != 0 ||
+      erase_block(fs, victim, true, verify != 0) != 0) {
     return 1;
   }
   if (fs->flashfs_blocks[victim].num_sectors == fs->largest_block_size) {

@@ -1,4 +1,4 @@
-// Block and sector input/output. Every step that changes flash makes the sector buffers forget.
+// Block and sector input/output. Every step that changes flash notes it.
 #include "flashfs/io.h"
 
 #include <cstdio>
@@ -9,6 +9,8 @@
 namespace {
 
 constexpr uint32_t flash_return_codes = 8;
+
+constexpr record_part only_state = {offsetof(flashfs_blkheader, state), 2};
 
 bool block_in_range(const flashfs* fs, int16_t block_num) {
   return block_num >= 0 && block_num < fs->num_blocks;
@@ -29,42 +31,134 @@ flashfs_block& require_block(const flashfs* fs, const char* what, int16_t block_
   return fs->flashfs_blocks[block_num];
 }
 
-int read_device(const flashfs* fs, const flashfs_block& block, uint32_t offset, uint32_t length,
-                void* buffer) {
-  const flash_return_code code =
-      fs->fdi[block.device].read(fs->handle[block.device], offset, length, buffer);
+// A place on a device that a message may have to name.
+struct record_place {
+  const flashfs_block& block;
+  uint32_t offset;          // of the record, in bytes from the start of the device
+  uint32_t length;          // of the record, in bytes
+  const char* length_word;  // how the message of a failed write calls it
+};
+
+record_place header_place(const flashfs_block& block) {
+  // The one write whose message has a colon there.
+  return {block, block.offset, sizeof(flashfs_blkheader), "length:"};
+}
+
+record_place block_place(const flashfs* fs, int16_t block_num) {
+  const flashfs_block& block = fs->flashfs_blocks[block_num];
+  return {block, block.offset, block_size(fs, block_num), "length"};
+}
+
+record_place sector_place(const flashfs* fs, flashfs_sctr_ptr pointer) {
+  const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
+  const auto sectors_before =
+      static_cast<uint32_t>(sizeof(flashfs_blkheader) + sizeof(flashfs_sector) * pointer.sctr_num);
+  return {block, block.offset + sectors_before, sizeof(flashfs_sector), "length"};
+}
+
+int read_part(const flashfs* fs, const record_place& record, record_part part, void* out) {
+  const flashfs_block& block = record.block;
+  const flash_return_code code = fs->fdi[block.device].read(
+      fs->handle[block.device], record.offset + part.offset, part.length, out);
   if (code == flash_ok) {
     return 0;
   }
   flashfs_log(fs, "reading from flash handle 0x%x, device %d, offset 0x%x: %s",
-              printed_handle(fs, block), block.device, static_cast<unsigned>(offset),
+              printed_handle(fs, block), block.device, static_cast<unsigned>(record.offset),
               flash_return_code_text(static_cast<uint32_t>(code)));
   return 1;
 }
 
 // The offset printed is the block's, also when a sector was to be written.
-int write_device(const flashfs* fs, const flashfs_block& block, uint32_t offset, uint32_t length,
-                 const void* buffer, const char* length_word) {
-  sector_buffers_forget();
-  const flash_return_code code =
-      fs->fdi[block.device].write(fs->handle[block.device], offset, length, buffer);
+int write_part(const flashfs* fs, const record_place& record, record_part part, const void* bytes) {
+  const flashfs_block& block = record.block;
+  note_flash_change();
+  const flash_return_code code = fs->fdi[block.device].write(
+      fs->handle[block.device], record.offset + part.offset, part.length, bytes);
   if (code == flash_ok) {
     return 0;
   }
   flashfs_log(fs, "writing to flash handle 0x%x, device %d, offset 0x%x, %s 0x%x: %s",
               printed_handle(fs, block), block.device, static_cast<unsigned>(block.offset),
-              length_word, static_cast<unsigned>(length),
+              record.length_word, static_cast<unsigned>(record.length),
               flash_return_code_text(static_cast<uint32_t>(code)));
   return 1;
 }
 
-uint32_t sector_offset(const flashfs_block& block, uint16_t sctr_num) {
-  return block.offset + static_cast<uint32_t>(sizeof(flashfs_blkheader)) +
-         static_cast<uint32_t>(sizeof(flashfs_sector)) * sctr_num;
-}
+// What stands in a part of a record, and what shall stand there.
+class part_change {
+ public:
+  // `held` may be null: the part is erased.
+  part_change(const void* held, const void* wanted, uint32_t length)
+      : held_(static_cast<const uint8_t*>(held)),
+        wanted_(static_cast<const uint8_t*>(wanted)),
+        length_(length) {}
 
-uint32_t transfer_length(uint32_t length) {
-  return length == whole_sector ? static_cast<uint32_t>(sizeof(flashfs_sector)) : length;
+  // The next run of words that differ, from an offset on; of length 0 at the end of the part.
+  record_part next_run(uint32_t offset) const {
+    while (offset < length_ && !differs(offset)) {
+      offset += word_size;
+    }
+    const uint32_t start = offset;
+    while (offset < length_ && differs(offset)) {
+      offset += word_size;
+    }
+    return {start, offset - start};
+  }
+  // From the first word that differs to the last one.
+  record_part span() const {
+    const record_part first = next_run(0);
+    uint32_t end = length_;
+    while (end > first.offset && !differs(end - word_size)) {
+      end -= word_size;
+    }
+    return {first.offset, end - first.offset};
+  }
+  bool sets_a_bit() const {
+    if (held_ == nullptr) {
+      return false;
+    }
+    for (uint32_t i = 0; i < length_; i++) {
+      if ((wanted_[i] & ~held_[i]) != 0) {
+        return true;
+      }
+    }
+    return false;
+  }
+  const uint8_t* wanted(uint32_t offset) const {
+    return wanted_ + offset;
+  }
+
+ private:
+  uint8_t held(uint32_t i) const {
+    return held_ == nullptr ? flash_erased_byte : held_[i];
+  }
+  bool differs(uint32_t offset) const {
+    return wanted_[offset] != held(offset) || wanted_[offset + 1] != held(offset + 1);
+  }
+
+  const uint8_t* held_;
+  const uint8_t* wanted_;
+  uint32_t length_;
+};
+
+// Programs the words of a part that differ, each run of them in one call. Where a bit would have to
+// be set the driver gets all of them at once, to refuse them before any is programmed.
+int update_part(const flashfs* fs, const record_place& record, uint32_t offset,
+                const part_change& change) {
+  const auto program = [&](record_part run) {
+    return write_part(fs, record, {offset + run.offset, run.length}, change.wanted(run.offset));
+  };
+  if (change.sets_a_bit()) {
+    return program(change.span());
+  }
+  for (record_part run = change.next_run(0); run.length != 0;
+       run = change.next_run(run.offset + run.length)) {
+    if (program(run) != 0) {
+      return 1;
+    }
+  }
+  return 0;
 }
 
 // Whether the address lies in the file system, after the messages if not. `verb` is "read" or
@@ -85,6 +179,100 @@ bool check_sector_address(const flashfs* fs, flashfs_sctr_ptr pointer, const cha
     return false;
   }
   return true;
+}
+
+// Where a sector to be written lies; a bad address ends the program.
+record_place require_sector(const flashfs* fs, flashfs_sctr_ptr pointer) {
+  if (!check_sector_address(fs, pointer, "write")) {
+    crashpoint();
+  }
+  return sector_place(fs, pointer);
+}
+
+// The end of a write to a sector; a failure has been told but for the sector.
+int sector_written(const flashfs* fs, flashfs_sctr_ptr pointer, int result) {
+  if (result != 0) {
+    flashfs_log(fs, "sector ptr: {0x%0x, 0x%x}", static_cast<unsigned>(pointer.block_num),
+                static_cast<unsigned>(pointer.sctr_num));
+  }
+  return result;
+}
+
+int read_sector_bytes(const flashfs* fs, flashfs_sctr_ptr pointer, record_part part, void* out) {
+  return check_sector_address(fs, pointer, "read")
+             ? read_part(fs, sector_place(fs, pointer), part, out)
+             : 1;
+}
+
+int update_sector_bytes(const flashfs* fs, flashfs_sctr_ptr pointer, record_part part,
+                        const void* held, const void* wanted) {
+  const record_place place = require_sector(fs, pointer);
+  return sector_written(
+      fs, pointer, update_part(fs, place, part.offset, part_change(held, wanted, part.length)));
+}
+
+constexpr record_part whole_slot(uint32_t slot_no) {
+  return {static_cast<uint32_t>(offsetof(flashfs_sector, slots) +
+                                slot_no % slots_per_sector * sizeof(flashfs_dir_slot)),
+          sizeof(flashfs_dir_slot)};
+}
+
+constexpr record_part slot_directory(uint32_t slot_no) {
+  return {
+      static_cast<uint32_t>(whole_slot(slot_no).offset + offsetof(flashfs_dir_slot, dir_fileid)),
+      sizeof(be16)};
+}
+
+// Reads one word of a sector.
+int read_word(const flashfs* fs, flashfs_sctr_ptr pointer, record_part part, uint16_t* value) {
+  be16 word = {};
+  if (read_sector_bytes(fs, pointer, part, &word) != 0) {
+    return 1;
+  }
+  *value = word;
+  return 0;
+}
+
+// Programs the word of a sector that makes it, or a slot of it, obsolete.
+int clear_word(const flashfs* fs, flashfs_sctr_ptr pointer, record_part part, uint16_t value) {
+  be16 held = {};
+  held = value;
+  constexpr be16 cleared = {};
+  return update_sector_bytes(fs, pointer, part, &held, &cleared);
+}
+
+void count_obsolete_sector(flashfs* fs, flashfs_sctr_ptr pointer, uint16_t fileid) {
+  if (fileid != fileid_invalidated) {
+    fs->flashfs_blocks[pointer.block_num].invalid_sectors++;
+  }
+}
+
+void count_deleted_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint16_t dir_fileid) {
+  if (dir_fileid != fileid_invalidated) {
+    fs->flashfs_blocks[pointer.block_num].invalid_slots++;
+  }
+}
+
+// The deleted slots are counted as one invalid sector from now on. Slots that a check has not
+// counted yet cannot be taken off again.
+void uncount_deleted_slots(flashfs* fs, flashfs_sctr_ptr pointer) {
+  flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
+  block.invalid_slots = static_cast<uint16_t>(
+      block.invalid_slots > slots_per_sector ? block.invalid_slots - slots_per_sector : 0);
+}
+
+// Whether all slots but one are deleted. Reads no further than to the first that is not.
+int others_are_deleted(const flashfs* fs, flashfs_sctr_ptr pointer, uint32_t slot_no,
+                       bool* deleted) {
+  *deleted = true;
+  for (uint32_t k = 0; k < slots_per_sector && *deleted; k++) {
+    uint16_t dir_fileid = fileid_invalidated;
+    if (k != slot_no && read_word(fs, pointer, slot_directory(k), &dir_fileid) != 0) {
+      return 1;
+    }
+    *deleted = dir_fileid == fileid_invalidated;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -138,39 +326,39 @@ uint32_t block_size(const flashfs* fs, int16_t block_num) {
                                sizeof(flashfs_blkheader) + block.spare_bytes);
 }
 
-int read_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
+int read_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header, record_part part) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
-  return read_device(fs, block, block.offset, sizeof(*header), header);
+  return read_part(fs, header_place(block), part, reinterpret_cast<uint8_t*>(header) + part.offset);
 }
 
-int write_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
+int update_blkheader(flashfs* fs, int16_t block_num, const flashfs_blkheader& held,
+                     flashfs_blkheader* wanted) {
   const flashfs_block& block =
       require_block(fs, "Trying to write a block header not in the  flash device!.", block_num);
-  header->block_num = static_cast<uint16_t>(block_num);
+  wanted->block_num = static_cast<uint16_t>(block_num);
   console_print(" wS%d", block_num);
-  // The one write whose message has a colon there.
-  return write_device(fs, block, block.offset, sizeof(*header), header, "length:");
+  return update_part(fs, header_place(block), 0, part_change(&held, wanted, sizeof(held)));
 }
 
-int read_block(flashfs* fs, int16_t block_num, void* buffer) {
-  const flashfs_block& block =
-      require_block(fs, "Trying to read a block not in the  flash device!.", block_num);
-  return read_device(fs, block, block.offset, block_size(fs, block_num), buffer);
+int read_block(flashfs* fs, int16_t block_num, record_part part, void* buffer) {
+  static_cast<void>(
+      require_block(fs, "Trying to read a block not in the  flash device!.", block_num));
+  return read_part(fs, block_place(fs, block_num), part, buffer);
 }
 
 int write_block(flashfs* fs, int16_t block_num, const void* buffer) {
-  const flashfs_block& block =
-      require_block(fs, "Trying to write a block not in the  flash device!.", block_num);
+  static_cast<void>(
+      require_block(fs, "Trying to write a block not in the  flash device!.", block_num));
   console_print(" wS%d", block_num);
-  return write_device(fs, block, block.offset, block_size(fs, block_num), buffer, "length");
+  return write_part(fs, block_place(fs, block_num), {0, block_size(fs, block_num)}, buffer);
 }
 
 int erase_whole_block(flashfs* fs, int16_t block_num) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
   console_print(" eS%d", block_num);
-  sector_buffers_forget();
+  note_flash_change();
   const flash_return_code code =
       fs->fdi[block.device].erase(fs->handle[block.device], block.offset);
   if (code == flash_ok) {
@@ -184,7 +372,7 @@ int erase_whole_block(flashfs* fs, int16_t block_num) {
 
 int read_block_state(flashfs* fs, int16_t block_num, uint8_t* state) {
   flashfs_blkheader header;
-  if (read_blkheader(fs, block_num, &header) != 0) {
+  if (read_blkheader(fs, block_num, &header, only_state) != 0) {
     return 1;
   }
   *state = blkheader_state(&header);
@@ -192,85 +380,105 @@ int read_block_state(flashfs* fs, int16_t block_num, uint8_t* state) {
 }
 
 int set_block_state(flashfs* fs, int16_t block_num, block_state state) {
-  flashfs_blkheader header;
-  if (read_blkheader(fs, block_num, &header) != 0) {
-    return 1;
-  }
-  blkheader_set_state(&header, state);
-  return write_blkheader(fs, block_num, &header);
+  flashfs_blkheader header = {};
+  return read_blkheader(fs, block_num, &header, number_and_state) == 0
+             ? change_block_state(fs, block_num, &header, state)
+             : 1;
 }
 
-int read_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector, uint32_t length) {
-  if (!check_sector_address(fs, pointer, "read")) {
-    return 1;
-  }
-  const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
-  return read_device(fs, block, sector_offset(block, pointer.sctr_num), transfer_length(length),
-                     sector);
+int change_block_state(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
+                       block_state state) {
+  const flashfs_blkheader held = *header;
+  blkheader_set_state(header, state);
+  return update_blkheader(fs, block_num, held, header);
+}
+
+int read_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector, record_part part) {
+  return read_sector_bytes(fs, pointer, part, reinterpret_cast<uint8_t*>(sector) + part.offset);
 }
 
 int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector,
-                 uint32_t length) {
-  if (!check_sector_address(fs, pointer, "write")) {
-    crashpoint();
-  }
-  const flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
-  if (write_device(fs, block, sector_offset(block, pointer.sctr_num), transfer_length(length),
-                   sector, "length") == 0) {
-    return 0;
-  }
-  flashfs_log(fs, "sector ptr: {0x%0x, 0x%x}", static_cast<unsigned>(pointer.block_num),
-              static_cast<unsigned>(pointer.sctr_num));
-  return 1;
+                 record_part part) {
+  record_place place = require_sector(fs, pointer);
+  place.length = part.length;
+  return sector_written(
+      fs, pointer,
+      write_part(fs, place, part, reinterpret_cast<const uint8_t*>(sector) + part.offset));
 }
 
-int read_sector_once(flashfs* fs, flashfs_sctr_ptr pointer, sector_buffer& buffer) {
-  if (buffer.holds(pointer)) {
-    return 0;
+int update_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* held,
+                  const flashfs_sector* wanted) {
+  return update_sector_bytes(fs, pointer, whole_sector, held, wanted);
+}
+
+int write_sector_copy(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {
+  flashfs_sector held;
+  const record_part changed = part_change(nullptr, sector, sizeof(*sector)).next_run(0);
+  if (changed.length == sizeof(*sector)) {
+    return write_sector(fs, pointer, sector, whole_sector);
   }
-  if (read_sector(fs, pointer, buffer.get(), whole_sector) != 0) {
-    return 1;
-  }
-  buffer.set_held(pointer);
-  return 0;
+  return read_sector(fs, pointer, &held, whole_sector) == 0
+             ? update_sector(fs, pointer, &held, sector)
+             : 1;
+}
+
+int read_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, flashfs_dir_slot* slot) {
+  return read_sector_bytes(fs, pointer, whole_slot(slot_no), slot);
+}
+
+int update_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
+                const flashfs_dir_slot* held, const flashfs_dir_slot* wanted) {
+  return update_sector_bytes(fs, pointer, whole_slot(slot_no), held, wanted);
 }
 
 void invalidate_sector_buf(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
-  if (sector->fileid != fileid_invalidated) {
-    fs->flashfs_blocks[pointer.block_num].invalid_sectors++;
-    sector->fileid = fileid_invalidated;
-  }
+  count_obsolete_sector(fs, pointer, sector->fileid);
+  sector->fileid = fileid_invalidated;
 }
 
 void delete_slot_buf(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector,
                      uint32_t slot_no) {
-  flashfs_block& block = fs->flashfs_blocks[pointer.block_num];
   flashfs_dir_slot& slot = sector->slots[slot_no % slots_per_sector];
-  if (slot.dir_fileid != fileid_invalidated) {
-    block.invalid_slots++;
-  }
+  count_deleted_slot(fs, pointer, slot.dir_fileid);
   slot.dir_fileid = fileid_invalidated;
   for (const flashfs_dir_slot& each : sector->slots) {
     if (each.dir_fileid != fileid_invalidated) {
       return;
     }
   }
-  // The deleted slots are counted as one invalid sector from now on. Slots that a check has not
-  // counted yet cannot be taken off again.
   invalidate_sector_buf(fs, pointer, sector);
-  block.invalid_slots = static_cast<uint16_t>(
-      block.invalid_slots > slots_per_sector ? block.invalid_slots - slots_per_sector : 0);
+  uncount_deleted_slots(fs, pointer);
 }
 
-int obsolete_on_flash(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
-                      flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
+int obsolete_sector(flashfs* fs, flashfs_sctr_ptr pointer, uint16_t fileid) {
+  count_obsolete_sector(fs, pointer, fileid);
+  return clear_word(fs, pointer, only_fileid, fileid);
+}
+
+int obsolete_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no, uint16_t dir_fileid) {
+  bool last = false;
+  uint16_t owner = fileid_invalidated;
+  if (others_are_deleted(fs, pointer, slot_no, &last) != 0 ||
+      (last && read_word(fs, pointer, only_fileid, &owner) != 0)) {
     return 1;
   }
-  if (is_slot_index(slot_no)) {
-    delete_slot_buf(fs, pointer, buffer, slot_no);
-  } else {
-    invalidate_sector_buf(fs, pointer, buffer);
+  count_deleted_slot(fs, pointer, dir_fileid);
+  if (last) {
+    // The sector's owner stands before its slots, and so goes first.
+    const int failure = obsolete_sector(fs, pointer, owner);
+    uncount_deleted_slots(fs, pointer);
+    if (failure != 0) {
+      return 1;
+    }
   }
-  return write_sector(fs, pointer, buffer, whole_sector);
+  return clear_word(fs, pointer, slot_directory(slot_no), dir_fileid);
+}
+
+int obsolete_on_flash(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
+  const bool is_slot = is_slot_index(slot_no);
+  uint16_t held = fileid_invalidated;
+  if (read_word(fs, pointer, is_slot ? slot_directory(slot_no) : only_fileid, &held) != 0) {
+    return 1;
+  }
+  return is_slot ? obsolete_slot(fs, pointer, slot_no, held) : obsolete_sector(fs, pointer, held);
 }

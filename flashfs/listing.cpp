@@ -32,23 +32,20 @@ int refusal_of_getdents(const flashfs* fs, const flashfs_open_file* open, uint32
 }
 
 // Goes to the entry at the descriptor's position, from where the last listing ended if that is it;
-// past the end of the list there is none. 1 when the flash fails.
-int skip_entries(flashfs* fs, const flashfs_open_file* open, sector_buffer& buffer,
-                 list_place* found) {
+// past the end of the list there is none.
+list_place skip_entries(const flashfs_open_file* open) {
   const uint32_t index = open->filepos / dir_position_per_entry;
   if (open->place.entry() != nullptr && open->place.index() == index) {
-    *found = open->place;
-    return 0;
+    return open->place;
   }
-  slot_walk walk(fs, open->file->sctr_list, buffer, slot_walk_yields::yes);
+  flashfs_sctr_list_ordered* entry = open->file->sctr_list;
   uint32_t passed = 0;
-  while (passed < index && walk.next()) {
-    if (walk.slot().entry_fileid != fileid_root) {
-      passed++;
-    }
+  for (; passed < index && entry != nullptr; entry = entry->next) {
+    process_may_suspend();
+    const listed_slot* slot = as_listed_slot(entry);
+    passed += slot != nullptr && slot->entry_fileid != fileid_root ? 1 : 0;
   }
-  *found = list_place(walk.rest(), passed);
-  return walk.failed() ? 1 : 0;
+  return list_place(entry, passed);
 }
 
 void fill_record(const flashfs_dir_slot* slot, uint32_t next_position, uint8_t* out) {
@@ -67,10 +64,7 @@ int32_t list_directory(flashfs* fs, flashfs_open_file* open, uint8_t* out, uint3
   if (!buffer) {
     return -1;
   }
-  list_place place;
-  if (skip_entries(fs, open, buffer, &place) != 0) {
-    return flashfs_fail(EIO);
-  }
+  const list_place place = skip_entries(open);
   slot_walk walk(fs, place.entry(), buffer, slot_walk_yields::yes);
   uint32_t produced = 0;
   while (produced < wanted && walk.next()) {

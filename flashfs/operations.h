@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "flashfs/flashfs.h"
+#include "flashfs/kept_sector.h"
 #include "flashfs/path.h"
 #include "flashfs/place.h"
 
@@ -15,6 +16,7 @@ struct flashfs_open_file {
   uint32_t oflags;
   // In the file's list, or, for a directory, the entry behind the last listing and its position.
   list_place place;
+  kept_sector kept;  // of a file, where its last read ended
 };
 
 // The flags that make an open one for writing.

@@ -1,5 +1,5 @@
-// Paths: a directory is only a list of slots, so a name is found by reading the slots one after
-// another. And the making of new names.
+// Paths: a name is found by reading the slots that may have it, as the map knows them. And the
+// making of new names.
 #include "flashfs/path.h"
 
 #include <cerrno>
@@ -11,8 +11,8 @@
 #include "flashfs/claim.h"
 #include "flashfs/entry.h"
 #include "flashfs/filemap.h"
+#include "flashfs/io.h"
 #include "flashfs/log.h"
-#include "flashfs/slots.h"
 
 namespace {
 
@@ -70,13 +70,16 @@ name_place find_directory(flashfs* fs, const char* dir_path, const name_rules& r
 
 // Makes the entry in a directory that is claimed for writing. 0, or the error.
 int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* name, uint32_t mode,
-                        flashfs_sector* buffer, flashfs_sctr_map** entry) {
+                        flashfs_sctr_map** entry) {
   const uint16_t fileid = flashfs_next_fileid(fs);
   flashfs_sctr_ptr pointer;
   uint8_t slot_no = 0;
-  if (fileid == fileid_available || fileid == fileid_invalidated ||
-      flashfs_alloc_slot(fs, &pointer, &slot_no, 0) != 0) {
+  if (fileid == fileid_available || fileid == fileid_invalidated) {
     return ENOSPC;
+  }
+  const int failure = flashfs_alloc_slot(fs, &pointer, &slot_no, 0);
+  if (failure != 0) {
+    return failure == alloc_failed ? EIO : ENOSPC;
   }
   const auto entry_mode = static_cast<ppc_mode_t>(mode | mode_of_new_entries);
   *entry = filemap_insert(fs, fileid, directory->fileid, entry_mode);
@@ -88,7 +91,7 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
   // The directory's list knows the slot before the directory is dated: that may collect garbage,
   // which must find the slot's reference when it moves it.
   const int error =
-      flashfs_write_new_slot(fs, pointer, slot_no, directory, fileid, entry_mode, name, buffer);
+      flashfs_write_new_slot(fs, pointer, slot_no, directory, fileid, entry_mode, name);
   if (error == EIO || flashfs_touch(fs, directory, 0) != 0) {
     return EIO;
   }
@@ -98,10 +101,6 @@ int create_in_directory(flashfs* fs, flashfs_sctr_map* directory, const char* na
 // 0, or the error.
 int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map** entry) {
   const found_name existing = path == nullptr ? found_name{0, ENOENT} : path_find(fs, path);
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return errno;
-  }
   if (path == nullptr || *path == '\0') {
     return ENOENT;
   }
@@ -114,7 +113,7 @@ int create_entry(flashfs* fs, const char* path, uint32_t mode, flashfs_sctr_map*
   if (!claim.take(place.directory, acquire_write)) {
     return EBUSY;
   }
-  return create_in_directory(fs, place.directory, place.name, mode, buffer.get(), entry);
+  return create_in_directory(fs, place.directory, place.name, mode, entry);
 }
 
 }  // namespace
@@ -124,7 +123,7 @@ bool is_absent(const found_name& search) {
 }
 
 found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
-  const flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
+  flashfs_sctr_map* directory = filemap_lookup(fs, dir_fileid);
   sector_buffer buffer(fs);
   if (!buffer) {
     return {0, errno};
@@ -135,16 +134,20 @@ found_name dir_find(flashfs* fs, uint16_t dir_fileid, const char* name) {
   if (!is_directory_mode(directory->mode)) {
     return {0, ENOTDIR};
   }
-  slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::yes);
-  while (walk.next()) {
-    if (dir_slot_name_equals(&walk.slot(), name)) {
+  name_search search(directory, name);
+  while (const listed_slot* listed = search.next()) {
+    process_may_suspend();
+    flashfs_dir_slot& slot = buffer.get()->slots[listed->slot_no];
+    if (read_slot(fs, listed->sctr_ptr, listed->slot_no, &slot) != 0) {
+      return {0, EIO};  // not "no such name": nobody may create the name because of it
+    }
+    if (dir_slot_name_equals(&slot, name)) {
       // A slot that has lost its bits since the check names nothing: id 0 is nobody's.
-      const uint16_t fileid = walk.slot().entry_fileid;
+      const uint16_t fileid = slot.entry_fileid;
       return {fileid, fileid == 0 ? ENOENT : 0};
     }
   }
-  // A failing flash is not "no such name": nobody may create the name because of it.
-  return {0, walk.failed() ? EIO : ENOENT};
+  return {0, ENOENT};
 }
 
 found_name path_find(flashfs* fs, const char* path) {

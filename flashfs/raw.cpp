@@ -43,6 +43,25 @@ stream_place find_stream_place(const flashfs* fs, uint32_t position) {
   return {b, position};
 }
 
+// Reads the words of a block that hold these bytes to their places in `contents`.
+int read_block_words(flashfs* fs, int16_t block_num, uint32_t start, uint32_t end,
+                     uint8_t* contents) {
+  const uint32_t first = round_down_to_words(start);
+  const uint32_t behind = std::min(round_up_to_words(end), block_size(fs, block_num));
+  return first == behind ? 0 : read_block(fs, block_num, {first, behind - first}, contents + first);
+}
+
+// Reads the parts of a block, before the place and behind `length` bytes from there on, that a
+// write of these leaves as they are.
+int read_block_around(flashfs* fs, const stream_place& place, uint32_t length, uint8_t* contents) {
+  const uint32_t end = place.offset + length;
+  return read_block_words(fs, place.block_num, 0, place.offset, contents) == 0 &&
+                 read_block_words(fs, place.block_num, end, block_size(fs, place.block_num),
+                                  contents) == 0
+             ? 0
+             : 1;
+}
+
 }  // namespace
 
 bool flashfs_is_raw(const flashfs* fs, const flashfs_open_file* open) {
@@ -81,10 +100,10 @@ int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer, uin
   stream_place place = find_stream_place(fs, open->filepos);
   while (place.block_num < fs->num_blocks && total < length) {
     process_may_suspend();
-    if (read_block(fs, place.block_num, raw.get()) != 0) {
+    const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
+    if (read_block_words(fs, place.block_num, place.offset, place.offset + taken, raw.get()) != 0) {
       return flashfs_fail(EIO);
     }
-    const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
     memcpy(out + total, raw.get() + place.offset, taken);
     total += taken;
     place = {static_cast<int16_t>(place.block_num + 1), 0};
@@ -111,7 +130,7 @@ int32_t flashfs_raw_write(flashfs* fs, flashfs_open_file* open, const void* buff
   while (place.block_num < fs->num_blocks && total < length) {
     process_may_suspend();
     const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
-    if (read_block(fs, place.block_num, raw.get()) != 0) {
+    if (read_block_around(fs, place, taken, raw.get()) != 0) {
       return flashfs_fail(EIO);
     }
     memcpy(raw.get() + place.offset, in + total, taken);

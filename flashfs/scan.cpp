@@ -1,12 +1,20 @@
 // The validation of a sector, and the collection of a block's free space.
 #include "flashfs/scan.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "flashfs/available.h"
 #include "flashfs/buffer.h"
 #include "flashfs/io.h"
 #include "flashfs/log.h"
 
 namespace {
+
+// A free slot of which something has been programmed.
+bool is_dirty_free_slot(const flashfs_dir_slot& slot) {
+  return slot.dir_fileid == fileid_available && !is_erased(&slot, sizeof(slot));
+}
 
 // What is wrong with a slot, after its message; false when it is good.
 bool slot_is_bad(const flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_dir_slot* slot,
@@ -15,11 +23,11 @@ bool slot_is_bad(const flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_dir_
     return false;
   }
   if (slot->dir_fileid == fileid_available) {
-    if (is_erased(slot, sizeof(*slot))) {
-      return false;
+    const bool dirty = is_dirty_free_slot(*slot);
+    if (dirty) {
+      flashfs_log(fs, "bad available_slot.");
     }
-    flashfs_log(fs, "bad available_slot.");
-    return true;
+    return dirty;
   }
   const uint32_t crc = dir_slot_crc(slot);
   if (crc != flashfs_good_crc) {
@@ -46,30 +54,22 @@ bool slot_is_bad(const flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_dir_
 }
 
 int check_directory_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
-  bool deleted = false;
-  for (uint32_t k = 0; k < slots_per_sector; k++) {
-    if (!slot_is_bad(fs, pointer, &sector->slots[k], k)) {
-      continue;
-    }
-    delete_slot_buf(fs, pointer, sector, k);
-    deleted = true;
-    if (sector->fileid == fileid_invalidated) {
-      break;
+  const flashfs_sector held = *sector;
+  for (uint32_t k = 0; k < slots_per_sector && sector->fileid != fileid_invalidated; k++) {
+    if (slot_is_bad(fs, pointer, &sector->slots[k], k)) {
+      delete_slot_buf(fs, pointer, sector, k);
     }
   }
-  return deleted ? write_sector(fs, pointer, sector, whole_sector) : 0;
+  return update_sector(fs, pointer, &held, sector);
 }
 
-int push_available_slots(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* buffer) {
-  if (read_sector(fs, pointer, buffer, whole_sector) != 0) {
-    return 1;
-  }
+int list_free_slots(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {
   for (uint8_t k = 0; k < slots_per_sector; k++) {
-    const flashfs_dir_slot& slot = buffer->slots[k];
+    const flashfs_dir_slot& slot = sector->slots[k];
     if (slot.dir_fileid != fileid_available) {
       continue;
     }
-    if (!is_erased(&slot, sizeof(slot))) {
+    if (is_dirty_free_slot(slot)) {
       flashfs_log(fs, "Inconsistency found in directory slot %d in sector %d in block %d", k,
                   pointer.sctr_num, pointer.block_num);
       return 1;
@@ -104,8 +104,24 @@ int flashfs_check_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* 
                   static_cast<unsigned>(flashfs_good_crc));
     }
   }
-  invalidate_sector_buf(fs, pointer, sector);
-  return write_sector(fs, pointer, sector, whole_sector);
+  const uint16_t held = sector->fileid;
+  sector->fileid = fileid_invalidated;
+  return obsolete_sector(fs, pointer, held);
+}
+
+bool flashfs_free_slots_are_erased(const flashfs_sector* sector) {
+  return std::none_of(std::begin(sector->slots), std::end(sector->slots), is_dirty_free_slot);
+}
+
+int flashfs_list_free(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {
+  switch (static_cast<uint16_t>(sector->fileid)) {
+    case fileid_available:
+      return available_sector_push(fs, pointer);
+    case fileid_root:
+      return list_free_slots(fs, pointer, sector);
+    default:
+      return 0;
+  }
 }
 
 int flashfs_scan_block_available(flashfs* fs, int16_t block_num) {
@@ -119,11 +135,11 @@ int flashfs_scan_block_available(flashfs* fs, int16_t block_num) {
     if (read_sector(fs, pointer, buffer.get(), only_fileid) != 0) {
       return 1;
     }
-    const uint16_t fileid = buffer->fileid;
-    if (fileid == fileid_available && available_sector_push(fs, pointer) != 0) {
+    if (buffer->fileid == fileid_root &&
+        read_sector(fs, pointer, buffer.get(), all_but_fileid) != 0) {
       return 1;
     }
-    if (fileid == fileid_root && push_available_slots(fs, pointer, buffer.get()) != 0) {
+    if (flashfs_list_free(fs, pointer, buffer.view()) != 0) {
       return 1;
     }
   }

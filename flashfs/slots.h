@@ -7,7 +7,8 @@
 // Whether a walk offers the processor to other work before each entry of the list.
 enum class slot_walk_yields : bool { no, yes };
 
-// A walk along a directory's list that reads the slot of each entry through the caller's buffer.
+// A walk along a directory's list that reads the slot of each entry, and nothing else, to its place
+// in the caller's buffer.
 //
 //   slot_walk walk(fs, directory->sctr_list, buffer, slot_walk_yields::no);
 //   while (walk.next()) { ... walk.slot() ... walk.entry() ... }
@@ -52,7 +53,8 @@ struct found_slot {
   bool failed;
 };
 
-// The entry of the parent's list that names this file. The buffer holds the slot's sector then.
+// The entry of the parent's list that names this file. The buffer has the slot in its place then;
+// nothing else is read.
 [[nodiscard]] found_slot filemap_find_slot_in(flashfs* fs, const flashfs_sctr_map* entry,
                                               sector_buffer& buffer);
 // The same with a buffer of its own; null for whatever reason.

@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr uint32_t sector_head = offsetof(flashfs_sector, data);
 constexpr uint32_t statfs_version = 1;
 constexpr uint32_t statfs_fileids = 65534;
 
@@ -29,7 +28,7 @@ int regular_size(flashfs* fs, const flashfs_sctr_map* file, list_place* near, ui
     near->remember(last);
   }
   flashfs_sector sector;
-  if (read_sector(fs, last.entry()->sctr_ptr, &sector, sector_head) != 0) {
+  if (read_sector(fs, last.entry()->sctr_ptr, &sector, only_count) != 0) {
     return 1;
   }
   *size = last.index() * sector_data_size + sector_bytes_used(&sector);

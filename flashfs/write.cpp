@@ -28,24 +28,40 @@ struct write_request {
   uint32_t length;  // bytes
 };
 
-int write_data_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
+void erase_buffer(flashfs_sector* sector) {
+  ifs_runtime::memset(sector, flash_erased_byte, sizeof(*sector));
+}
+
+// Writes a sector of a file to a place whose contents are known (null: erased).
+int write_data_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* held,
+                      flashfs_sector* sector) {
   sector_set_checksum(sector);
-  return write_sector(fs, pointer, sector, whole_sector);
+  return update_sector(fs, pointer, held, sector);
+}
+
+// What stands in a sector that was reserved: its owner, and nothing else.
+int read_reserved(flashfs* fs, const flashfs_sctr_list_ordered* entry, flashfs_sector* held) {
+  erase_buffer(held);
+  return read_sector(fs, entry->sctr_ptr, held, only_fileid);
 }
 
 // Writes a sector that was reserved for the file, in the place reserved.
 int write_reserved(const write_request& request, flashfs_sctr_list_ordered* entry,
-                   uint32_t bytes_used) {
+                   const flashfs_sector& held, uint32_t bytes_used) {
   entry->slot_no = slot_of_sector;
   request.buffer->fileid = request.open->file->fileid;
   request.buffer->count = static_cast<uint16_t>(bytes_used);
   request.buffer->seq_no = entry->seq_no;
-  return write_data_sector(request.fs, entry->sctr_ptr, request.buffer);
+  return write_data_sector(request.fs, entry->sctr_ptr, &held, request.buffer);
 }
 
 int write_zero_sector(const write_request& request, flashfs_sctr_list_ordered* entry) {
+  flashfs_sector held;
+  if (read_reserved(request.fs, entry, &held) != 0) {
+    return 1;
+  }
   memset(request.buffer->data, 0, sector_data_size);
-  return write_reserved(request, entry, sector_data_size);
+  return write_reserved(request, entry, held, sector_data_size);
 }
 
 // Goes to the sector with an index. Reserved ones on the way become zeros, so that a hole reads as
@@ -65,16 +81,28 @@ int fill_holes_before(const write_request& request, uint32_t index, list_place* 
 
 int overwrite_reserved(const write_request& request, flashfs_sctr_list_ordered* entry,
                        uint32_t offset, const uint8_t* data, uint32_t length) {
-  if (offset != 0) {
-    ifs_runtime::memset(request.buffer, flash_erased_byte, sizeof(*request.buffer));
-    memset(request.buffer->data, 0, offset);
-  } else if (read_sector(request.fs, entry->sctr_ptr, request.buffer, whole_sector) != 0) {
+  flashfs_sector held;
+  if (read_reserved(request.fs, entry, &held) != 0) {
     return 1;
-  } else if (request.buffer->fileid == fileid_available) {
-    memset(request.buffer->data, 0, sector_data_size);
   }
+  erase_buffer(request.buffer);
+  const bool claim_was_lost = offset == 0 && held.fileid == fileid_available;
+  memset(request.buffer->data, 0, claim_was_lost ? sector_data_size : offset);
   memcpy(request.buffer->data + offset, data, length);
-  return write_reserved(request, entry, offset + length);
+  return write_reserved(request, entry, held, offset + length);
+}
+
+// Reads what a write of these bytes of a sector's data leaves as it is, and its owner. Whole words:
+// so perhaps a byte more on each side.
+int read_around(flashfs* fs, flashfs_sctr_ptr pointer, uint32_t offset, uint32_t length,
+                flashfs_sector* sector) {
+  const auto data = static_cast<uint32_t>(offsetof(flashfs_sector, data));
+  const uint32_t behind = round_down_to_words(data + offset + length);
+  const record_part before_it = {0, data + round_up_to_words(offset)};
+  const record_part behind_it = {behind, only_seq_no.offset + only_seq_no.length - behind};
+  return read_sector(fs, pointer, sector, before_it) == 0
+             ? read_sector(fs, pointer, sector, behind_it)
+             : 1;
 }
 
 int overwrite_written(const write_request& request, flashfs_sctr_list_ordered* entry,
@@ -84,7 +112,7 @@ int overwrite_written(const write_request& request, flashfs_sctr_list_ordered* e
   flashfs_sctr_ptr fresh;
   // The allocation may collect garbage and move the old sector; the list entry follows it.
   if (flashfs_alloc_sector(fs, &fresh, 1) != 0 ||
-      read_sector(fs, entry->sctr_ptr, buffer, whole_sector) != 0) {
+      read_around(fs, entry->sctr_ptr, offset, length, buffer) != 0) {
     return 1;
   }
   if (buffer->fileid != request.open->file->fileid) {
@@ -92,8 +120,8 @@ int overwrite_written(const write_request& request, flashfs_sctr_list_ordered* e
   }
   memcpy(buffer->data + offset, data, length);
   buffer->count = static_cast<uint16_t>(std::max(sector_bytes_used(buffer), offset + length));
-  if (write_data_sector(fs, fresh, buffer) != 0 ||
-      obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, buffer) != 0) {
+  if (write_data_sector(fs, fresh, nullptr, buffer) != 0 ||
+      obsolete_sector(fs, entry->sctr_ptr, buffer->fileid) != 0) {
     return 1;
   }
   entry->sctr_ptr = fresh;
@@ -187,26 +215,29 @@ int32_t write_file(flashfs* fs, flashfs_open_file* open, flashfs_sector* buffer,
 // Rewrites the last sector that a cut leaves with its first bytes only.
 int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_ordered* entry,
                    uint32_t kept_bytes) {
-  sector_buffer old_buffer(fs);
-  sector_buffer new_buffer(fs);
+  sector_buffer buffer(fs);
   flashfs_sctr_ptr fresh;
-  if (!old_buffer || !new_buffer || flashfs_alloc_sector(fs, &fresh, 1) != 0 ||
-      read_sector(fs, entry->sctr_ptr, old_buffer.get(), whole_sector) != 0 ||
-      old_buffer->fileid != file->fileid) {
+  if (!buffer || flashfs_alloc_sector(fs, &fresh, 1) != 0) {
     return 1;
   }
-  flashfs_sector* shortened = new_buffer.get();
-  ifs_runtime::memset(shortened, flash_erased_byte, sizeof(*shortened));
-  shortened->fileid = old_buffer->fileid;
+  flashfs_sector* shortened = buffer.get();
+  erase_buffer(shortened);
+  const bool is_hole = entry->slot_no == slot_of_reserved_sector;
+  const record_part kept = {
+      0, static_cast<uint32_t>(offsetof(flashfs_sector, data)) + round_up_to_words(kept_bytes)};
+  if (read_sector(fs, entry->sctr_ptr, shortened, is_hole ? only_fileid : kept) != 0 ||
+      shortened->fileid != file->fileid) {
+    return 1;
+  }
   shortened->count = static_cast<uint16_t>(kept_bytes);
   shortened->seq_no = entry->seq_no;
-  if (entry->slot_no == slot_of_reserved_sector) {
-    memset(shortened->data, 0, kept_bytes);  // never written: a hole
+  if (is_hole) {
+    memset(shortened->data, 0, kept_bytes);
   } else {
-    memcpy(shortened->data, old_buffer->data, kept_bytes);
+    memset(shortened->data + kept_bytes, flash_erased_byte, sector_data_size - kept_bytes);
   }
-  if (write_data_sector(fs, fresh, shortened) != 0 ||
-      obsolete_on_flash(fs, entry->sctr_ptr, entry->slot_no, old_buffer.get()) != 0) {
+  if (write_data_sector(fs, fresh, nullptr, shortened) != 0 ||
+      obsolete_sector(fs, entry->sctr_ptr, shortened->fileid) != 0) {
     return 1;
   }
   entry->sctr_ptr = fresh;
@@ -215,18 +246,14 @@ int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_
 }
 
 // Obsoletes everything behind an entry of the file's list.
-int cut_behind(flashfs* fs, flashfs_sctr_list_ordered* entry) {
-  sector_buffer buffer(fs);
-  if (!buffer) {
-    return 1;
-  }
+int cut_behind(flashfs* fs, flashfs_sctr_map* file, flashfs_sctr_list_ordered* entry) {
   while (entry->next != nullptr) {
     const flashfs_sctr_list_ordered* dropped = entry->next;
     process_may_suspend();
-    if (obsolete_on_flash(fs, dropped->sctr_ptr, dropped->slot_no, buffer.get()) != 0) {
+    if (obsolete_on_flash(fs, dropped->sctr_ptr, dropped->slot_no) != 0) {
       return 1;
     }
-    sctr_list_remove_behind(fs, entry);
+    sctr_list_remove_behind(fs, file, entry);
   }
   return 0;
 }
@@ -274,7 +301,7 @@ int32_t flashfs_truncate_to(flashfs* fs, flashfs_open_file* open, uint32_t lengt
   }
   const uint32_t kept = length - last.index() * sector_data_size;
   if ((kept < sector_data_size && shorten_sector(fs, open->file, last.entry(), kept) != 0) ||
-      cut_behind(fs, last.entry()) != 0) {
+      cut_behind(fs, open->file, last.entry()) != 0) {
     return flashfs_fail(EIO);
   }
   return 0;

@@ -37,7 +37,7 @@ std::string with_before(std::string_view from, std::string_view characters,
 }
 
 // A word of bash or zsh.
-std::string quoted(std::string_view text) {
+std::string in_quotes(std::string_view text) {
   std::string word = "'";
   for (const char one : text) {
     word += one == '\'' ? "'\\''" : std::string(1, one);
@@ -113,7 +113,8 @@ std::string bash_values(const std::vector<described_option>& options, const std:
     for (const std::string& name : option.names) {
       patterns.push_back(command + ":" + name);
     }
-    text += "      " + joined(patterns, " | ") + ") value=" + quoted(choices_of(option)) + " ;;\n";
+    text +=
+        "      " + joined(patterns, " | ") + ") value=" + in_quotes(choices_of(option)) + " ;;\n";
   }
   return text;
 }
@@ -125,9 +126,9 @@ std::string bash_script(const option_tree& tree) {
   std::string words;
   for (const described_command& command : tree.commands) {
     values += bash_values(command.options, command.name);
-    options +=
-        "      " + command.name + ") names+=" + quoted(" " + names_of(command.options)) + " ;;\n";
-    words += "      " + command.name + ") value=" + quoted(choices_of_words(command)) + " ;;\n";
+    options += "      " + command.name + ") names+=" + in_quotes(" " + names_of(command.options)) +
+               " ;;\n";
+    words += "      " + command.name + ") value=" + in_quotes(choices_of_words(command)) + " ;;\n";
   }
   const std::string commands = names_of(tree.commands);
   return first_line("bash") + R"(_flashfs_image() {
@@ -149,14 +150,14 @@ std::string bash_script(const option_tree& tree) {
   done
   if [[ -z $value && $current == -* ]]; then
     names=)" +
-         quoted(names_of(tree.globals)) + R"(
+         in_quotes(names_of(tree.globals)) + R"(
     case $command in
 )" + options +
          R"(    esac
     value=$names
   elif [[ -z $value && -z $command ]]; then
     value=)" +
-         quoted(commands) + R"(
+         in_quotes(commands) + R"(
   elif [[ -z $value ]]; then
     case $command in
 )" + words +
@@ -203,7 +204,7 @@ std::string zsh_options(const std::vector<described_option>& options, const std:
     const std::string others = "(" + joined(option.names, " ") + ")";
     for (const std::string& name : option.names) {
       const bool equals = !option.value.empty() && name.starts_with("--");
-      text += indent + quoted(others + name + (equals ? "=" : "") + what) + "\n";
+      text += indent + in_quotes(others + name + (equals ? "=" : "") + what) + "\n";
     }
   }
   return text;
@@ -213,9 +214,9 @@ std::string zsh_script(const option_tree& tree) {
   std::string commands;
   std::string cases;
   for (const described_command& command : tree.commands) {
-    commands += "    " + quoted(command.name + ":" + command.summary) + "\n";
+    commands += "    " + in_quotes(command.name + ":" + command.summary) + "\n";
     cases += "    " + command.name + ")\n      own=(\n" + zsh_options(command.options, "        ") +
-             "        " + quoted("*:word:" + zsh_action(choices_of_words(command))) +
+             "        " + in_quotes("*:word:" + zsh_action(choices_of_words(command))) +
              "\n      )\n" + "      ;;\n";
   }
   return "#compdef flashfs-image\n" + first_line("zsh") + R"(_flashfs-image() {

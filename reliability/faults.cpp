@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <set>
 
 #include "flashfs/io.h"
 #include "reliability/judge.h"
@@ -174,6 +175,12 @@ class fault_run {
 
   std::string judge_mount(uint32_t flags) {
     const bool unfinished = has_unfinished_sector(rig_.device());
+    // A slot is written in parts, where words of it stay erased: a part that fails leaves what a
+    // power cut leaves there.
+    causes_ = each_.what.own_causes;
+    if (has_unfinished_slot(rig_.device())) {
+      causes_.insert(cause::half_written_slot);
+    }
     if (rig_.mount(flags) != 0) {
       return explained(outcome::check_refuses, flags) ? "" : " the next mount fails;";
     }
@@ -190,8 +197,7 @@ class fault_run {
 
   // Whether a check may find this because the operation ended in its middle.
   bool explained(outcome kind, uint32_t flags) {
-    const std::set<cause>& own = each_.what.own_causes;
-    const bool is_explained = std::any_of(own.begin(), own.end(), [&](cause why) {
+    const bool is_explained = std::any_of(causes_.begin(), causes_.end(), [&](cause why) {
       return outcomes_of(why, flags == flashfs_check_quick).count(kind) != 0;
     });
     counts_.excused += is_explained ? 1 : 0;
@@ -199,6 +205,7 @@ class fault_run {
   }
 
   const fault_operation& each_;
+  std::set<cause> causes_;  // of what a check may find
   rig rig_;
   std::vector<uint8_t> start_;
   tree before_;

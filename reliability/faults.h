@@ -36,7 +36,8 @@ struct fault_counts {
   uint64_t faults = 0;  // tried: calls times codes, alone and with all after
   std::map<ending, uint64_t> endings;
   uint64_t dropped = 0;  // after which a quick check drops the file that was being written
-  uint64_t excused = 0;  // outcomes that a cause of the operation brings about
+  uint64_t excused =
+      0;  // outcomes that a cause, of the operation or of a part that failed, brings about
   uint64_t unexpected = 0;
   std::vector<std::string> unexpected_samples;
 };

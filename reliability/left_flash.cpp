@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "flashfs/big_endian.h"
@@ -149,6 +150,21 @@ bool has_unfinished_sector(test_support::ram_flash& device) {
   for (const block_view& block : blocks_of(device)) {
     for (size_t s = 0; block.state() == block_in_use && s < block.count; s++) {
       if (is_file_sector(block.sectors[s].fileid) && block.sectors[s].checksum == 0xFFFF) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool has_unfinished_slot(test_support::ram_flash& device) {
+  for (const block_view& block : blocks_of(device)) {
+    for (size_t s = 0; block.state() == block_in_use && s < block.count; s++) {
+      const flashfs_sector& sector = block.sectors[s];
+      if (sector.fileid == fileid_root &&
+          std::any_of(std::begin(sector.slots), std::end(sector.slots), [](const auto& slot) {
+            return is_live(slot.dir_fileid) && slot.checksum == 0xFFFF;
+          })) {
         return true;
       }
     }

@@ -12,6 +12,9 @@ namespace reliability {
 // Whether a data sector of a block in use has no checksum yet.
 bool has_unfinished_sector(test_support::ram_flash& device);
 
+// Whether a slot of a block in use has an owner and no checksum yet.
+bool has_unfinished_slot(test_support::ram_flash& device);
+
 // Whether a reclamation has been left where no check finds a spare: no erased block of the largest
 // size, and the whole of the victim in a committed block, or what an interrupted erase has left of
 // it. A block that was committed before its copy was whole is none.

@@ -161,6 +161,8 @@ void run(const ls_options& options, const globals& all, report& out) {
   for (const std::string& given : options.paths) {
     list.add(inside_path(given));
   }
+  out.detail(
+      fmt::format("{} bytes of the image were read", opened->mounted().flash().bytes_read()));
 }
 
 }  // namespace

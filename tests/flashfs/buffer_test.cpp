@@ -59,11 +59,3 @@ TEST_F(sector_buffers, a_borrowed_buffer_is_given_back_when_its_scope_ends) {
   }
   EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
 }
-
-TEST_F(sector_buffers, a_buffer_that_may_have_been_changed_holds_no_sector) {
-  sector_buffer buffer(fs());
-  ASSERT_EQ(read_sector_once(fs(), {1, 5}, buffer), 0);
-  EXPECT_TRUE(buffer.holds({1, 5}));
-  EXPECT_EQ(buffer.get(), buffer.view());
-  EXPECT_FALSE(buffer.holds({1, 5}));
-}

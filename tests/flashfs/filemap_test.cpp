@@ -83,17 +83,27 @@ int contiguous_bad(const uint16_t (&seq_nos)[count]) {
   return sctr_list_is_contiguous_bad(list.data());
 }
 
-uint16_t next_slot_after(std::initializer_list<uint16_t> numbers) {
-  std::vector<flashfs_sctr_list_ordered> held(numbers.size());
-  size_t i = 0;
-  for (const uint16_t number : numbers) {
-    held[i].next = i + 1 < held.size() ? &held[i + 1] : nullptr;
-    held[i++].seq_no = number;
+// The number for the next slot of a directory with slots of these numbers, and that it is the same
+// however often it is asked for.
+class next_slot_seq_no : public unchecked_fixture {
+ protected:
+  uint16_t after(std::initializer_list<uint16_t> numbers) {
+    filemap_clear(fs());
+    flashfs_sctr_map* directory = filemap_insert(fs(), 30, 1, 0x4700);
+    for (const uint16_t number : numbers) {
+      enter(directory, number);
+    }
+    const uint16_t next = flashfs_next_slot_seq_no(directory);
+    EXPECT_EQ(flashfs_next_slot_seq_no(directory), next);
+    return next;
   }
-  flashfs_sctr_map directory = {};
-  directory.sctr_list = held.empty() ? nullptr : held.data();
-  return flashfs_next_slot_seq_no(&directory);
-}
+  flashfs_sctr_list_ordered* enter(const flashfs_sctr_map* directory, uint16_t number) {
+    flashfs_dir_slot slot = {};
+    slot.dir_fileid = directory->fileid;
+    slot.seq_no = number;
+    return filemap_add_slot(fs(), {0, 0}, 0, slot);
+  }
+};
 
 class next_fileid : public unchecked_fixture {
  protected:
@@ -382,11 +392,11 @@ TEST_F(file_map, the_entry_behind_another_is_taken_out_and_given_back) {
     ASSERT_EQ(filemap_add_sector(fs(), {0, seq_no}, data_sector(12, seq_no), slot_of_sector), 0);
   }
   flashfs_sctr_list_ordered* head = filemap_lookup(fs(), 12)->sctr_list;
-  sctr_list_remove_behind(fs(), head->next);
+  sctr_list_remove_behind(fs(), filemap_lookup(fs(), 12), head->next);
   EXPECT_EQ(list_of(12), "0@0.0 1@0.1 3@0.3");
-  sctr_list_remove_behind(fs(), head->next);
+  sctr_list_remove_behind(fs(), filemap_lookup(fs(), 12), head->next);
   EXPECT_EQ(list_of(12), "0@0.0 1@0.1") << "the last one";
-  sctr_list_remove_behind(fs(), head);
+  sctr_list_remove_behind(fs(), filemap_lookup(fs(), 12), head);
   EXPECT_EQ(list_of(12), "0@0.0");
   EXPECT_EQ(filemap_lookup(fs(), 12)->sctr_list, head);
 }
@@ -424,30 +434,62 @@ TEST_F(file_map, clearing_maps_that_were_never_built_does_no_harm) {
 
 // --- numbers for what is new ---
 
-TEST(next_slot_seq_no, is_0_for_an_empty_directory_and_one_that_does_not_begin_with_0) {
-  EXPECT_EQ(next_slot_after({}), 0);
-  EXPECT_EQ(next_slot_after({1, 2}), 0);
+TEST_F(next_slot_seq_no, is_0_for_an_empty_directory_and_one_that_does_not_begin_with_0) {
+  EXPECT_EQ(after({}), 0);
+  EXPECT_EQ(after({1, 2}), 0);
 }
 
-TEST(next_slot_seq_no, follows_the_unbroken_run_from_0) {
-  EXPECT_EQ(next_slot_after({0}), 1);
-  EXPECT_EQ(next_slot_after({0, 1, 2}), 3);
-  EXPECT_EQ(next_slot_after({0, 1, 3, 4}), 2);
-  EXPECT_EQ(next_slot_after({0, 65535}), 1);
-  EXPECT_EQ(next_slot_after({0, 0, 1}), 1);
+TEST_F(next_slot_seq_no, follows_the_unbroken_run_from_0) {
+  EXPECT_EQ(after({0}), 1);
+  EXPECT_EQ(after({0, 1, 2}), 3);
+  EXPECT_EQ(after({0, 1, 3, 4}), 2);
+  EXPECT_EQ(after({0, 65535}), 1);
+  EXPECT_EQ(after({0, 0, 1}), 1);
 }
 
-TEST(next_slot_seq_no, has_16_bits) {
-  std::vector<flashfs_sctr_list_ordered> held(65536);
-  for (size_t i = 0; i < held.size(); i++) {
-    held[i].next = i + 1 < held.size() ? &held[i + 1] : nullptr;
-    held[i].seq_no = static_cast<uint16_t>(i);
+TEST_F(next_slot_seq_no, has_16_bits) {
+  flashfs_sctr_map* directory = filemap_insert(fs(), 30, 1, 0x4700);
+  flashfs_sctr_list_ordered* last = nullptr;
+  for (uint32_t i = 0; i <= 0xFFFF; i++) {
+    ASSERT_EQ(flashfs_next_slot_seq_no(directory), i);
+    last = enter(directory, static_cast<uint16_t>(i));
   }
-  flashfs_sctr_map directory = {};
-  directory.sctr_list = held.data();
-  EXPECT_EQ(flashfs_next_slot_seq_no(&directory), 0);
-  held[65534].next = nullptr;
-  EXPECT_EQ(flashfs_next_slot_seq_no(&directory), 65535);
+  EXPECT_EQ(flashfs_next_slot_seq_no(directory), 0);
+  sctr_list_remove(fs(), directory, last);
+  EXPECT_EQ(flashfs_next_slot_seq_no(directory), 65535);
+}
+
+TEST_F(next_slot_seq_no, is_the_same_as_by_a_walk_whatever_is_entered_and_taken_out) {
+  flashfs_sctr_map* directory = filemap_insert(fs(), 30, 1, 0x4700);
+  const auto by_a_walk = [&] {
+    uint16_t next = 0;
+    for (const auto* each = directory->sctr_list; each != nullptr && each->seq_no == next;
+         each = each->next) {
+      next++;
+    }
+    return next;
+  };
+  uint32_t random = 1;
+  const auto below = [&](uint32_t limit) {
+    random = random * 1664525U + 1013904223U;
+    return (random >> 8) % limit;
+  };
+  for (int i = 0; i < 5000; i++) {
+    const uint32_t length = sctr_list_length(directory->sctr_list);
+    const uint32_t kind = below(4);
+    if (kind < 2) {
+      enter(directory, kind == 0 ? by_a_walk() : static_cast<uint16_t>(below(40)));
+    } else if (length > 0) {
+      flashfs_sctr_list_ordered* entry = directory->sctr_list;
+      for (uint32_t skipped = below(length); skipped > 0; skipped--) {
+        entry = entry->next;
+      }
+      sctr_list_remove(fs(), directory, entry);
+    }
+    if (below(3) != 0) {
+      ASSERT_EQ(flashfs_next_slot_seq_no(directory), by_a_walk()) << i;
+    }
+  }
 }
 
 TEST_F(next_fileid, is_2_for_an_empty_map) {

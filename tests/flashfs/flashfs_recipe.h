@@ -81,20 +81,23 @@ inline std::string map_text(const flashfs* fs) {
 }
 
 // Notes the writes and erases that a file system makes, in their order, while it lives:
-// "2=invalid1" for a header of block 2, "2.0" for a whole sector, "2.0+" for its file id alone,
-// "erase 2".
+// "2=invalid1" for a header of block 2, by the state that it leaves; "2.0" for a sector or what
+// changes of it, "2.0+" when that is its file id alone; "erase 2". Writes that go up through one
+// sector, with no other call between them, are one.
 class flash_recorder {
  public:
   explicit flash_recorder(flashfs* fs)
-      : fs_(fs), write_(fs->fdi[0].write), erase_(fs->fdi[0].erase) {
+      : fs_(fs), read_(fs->fdi[0].read), write_(fs->fdi[0].write), erase_(fs->fdi[0].erase) {
     active_ = this;
     for (flash_driver_info& driver : fs->fdi) {
+      driver.read = note_read;
       driver.write = note_write;
       driver.erase = note_erase;
     }
   }
   ~flash_recorder() {
     for (flash_driver_info& driver : fs_->fdi) {
+      driver.read = read_;
       driver.write = write_;
       driver.erase = erase_;
     }
@@ -108,11 +111,28 @@ class flash_recorder {
   }
 
  private:
-  static std::string name_of_header(const void* buffer) {
-    flashfs_blkheader header;
-    memcpy(&header, buffer, sizeof(header));
-    const std::string name = block_state_text(header.state & 0xFU);
+  // Without its state a header is written only after an erase.
+  static std::string name_of_header(uint32_t in_header, uint32_t length, const void* buffer) {
+    constexpr uint32_t state = offsetof(flashfs_blkheader, state);
+    const bool has_state = in_header <= state && in_header + length > state;
+    const uint8_t byte =
+        has_state ? static_cast<const uint8_t*>(buffer)[state - in_header] : flash_erased_byte;
+    const std::string name = block_state_text(byte & 0xFU);
     return name.substr(0, name.find('['));
+  }
+
+  void note_sector(int block, uint32_t offset, uint32_t length) {
+    const std::string name =
+        std::to_string(block) + "." + std::to_string((offset - 32) / sizeof(flashfs_sector));
+    const uint32_t in_sector = (offset - 32) % sizeof(flashfs_sector);
+    const bool more_of_one = !record_.empty() && record_ == name && in_sector >= end_in_record_;
+    if (more_of_one) {
+      events_.back() = name;
+    } else {
+      events_.push_back(name + (in_sector == 0 && length == 2 ? "+" : ""));
+    }
+    record_ = name;
+    end_in_record_ = in_sector + length;
   }
 
   void note(const void* handle, uint32_t offset, uint32_t length, const void* buffer) {
@@ -123,18 +143,23 @@ class flash_recorder {
           offset >= block.offset + size) {
         continue;
       }
-      if (buffer == nullptr) {
-        events_.push_back("erase " + std::to_string(b));
-      } else if (offset == block.offset) {
-        events_.push_back(std::to_string(b) + "=" + name_of_header(buffer));
-      } else {
-        const uint32_t sector = (offset - block.offset - 32) / 2056;
-        events_.push_back(std::to_string(b) + "." + std::to_string(sector) +
-                          (length == 2 ? "+" : ""));
+      if (buffer != nullptr && offset >= block.offset + sizeof(flashfs_blkheader)) {
+        note_sector(b, offset - block.offset, length);
+        return;
       }
+      record_.clear();
+      events_.push_back(buffer == nullptr
+                            ? "erase " + std::to_string(b)
+                            : std::to_string(b) + "=" +
+                                  name_of_header(offset - block.offset, length, buffer));
       return;
     }
     events_.push_back("astray");
+  }
+  static flash_return_code note_read(const void* handle, uint32_t offset, uint32_t length,
+                                     void* buffer) {
+    active_->record_.clear();
+    return active_->read_(handle, offset, length, buffer);
   }
   static flash_return_code note_write(const void* handle, uint32_t offset, uint32_t length,
                                       const void* buffer) {
@@ -148,9 +173,12 @@ class flash_recorder {
 
   static inline flash_recorder* active_ = nullptr;
   flashfs* fs_;
+  flash_return_code (*read_)(const void*, uint32_t, uint32_t, void*);
   flash_return_code (*write_)(const void*, uint32_t, uint32_t, const void*);
   flash_return_code (*erase_)(const void*, uint32_t);
   std::vector<std::string> events_;
+  std::string record_;  // the sector that is being written; empty: none
+  uint32_t end_in_record_ = 0;
 };
 
 // The writes and erases that a call makes. What it prints is dropped.

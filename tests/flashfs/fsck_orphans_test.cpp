@@ -217,21 +217,24 @@ TEST_F(relinking, the_last_slot_is_kept_back) {
 }
 
 TEST_F(relinking, every_failing_write_is_told_and_the_check_goes_on) {
-  // Making the directory and dating the root, then the name and dating the directory: three each.
-  for (uint64_t n = 1; n <= 6; n++) {
+  // Making the directory and dating the root, then the name and dating the directory: five each,
+  // two for each of the two new slots, and one for the old one's end.
+  for (uint64_t n = 1; n <= 10; n++) {
     make();
     data(5, "1.0");
     initialize();
     device().fail(flash_call::write, n, flash_operation_failed);
     EXPECT_EQ(check(flashfs_check_quick), 0) << n;
-    const std::string path = n <= 3 ? "/lost+found" : "/lost+found/00005";
+    const std::string path = n <= 5 ? "/lost+found" : "/lost+found/00005";
     const std::string end = said("error accessing/creating " + path) + quiet_check;
     ASSERT_GT(check_output().size(), end.size());
     EXPECT_EQ(check_output().substr(check_output().size() - end.size()), end) << n;
     EXPECT_EQ(fs()->sctr_bufs_allocated, 0U);
     device().fail(flash_call::any, 0, flash_ok);
-    // The next check finishes what was begun.
-    check_of_recipe(flashfs_check_quick);
+    // The next check finishes what was begun. Of a slot that half stands only the full one can
+    // tell.
+    const bool half_a_slot = n % 5 == 2 || n % 5 == 4;
+    check_of_recipe(half_a_slot ? flashfs_check_full : flashfs_check_quick);
     EXPECT_EQ(path_lookup(fs(), "lost+found/00005"), 5) << n << check_output();
     EXPECT_TRUE(is_repaired()) << n;
   }
@@ -239,7 +242,7 @@ TEST_F(relinking, every_failing_write_is_told_and_the_check_goes_on) {
 
 TEST_F(relinking, an_orphan_is_placed_as_soon_as_its_name_stands_whatever_becomes_of_the_date) {
   // The writes of the directory's date: its fresh slot, and the end of the old one.
-  for (const uint64_t n : {5U, 6U}) {
+  for (const uint64_t n : {8U, 9U, 10U}) {
     make();
     data(5, "1.0");
     initialize();
@@ -256,7 +259,7 @@ TEST_F(relinking, an_orphan_is_placed_as_soon_as_its_name_stands_whatever_become
 }
 
 TEST_F(relinking, a_directory_for_orphans_that_could_not_be_dated_is_there_all_the_same) {
-  for (const uint64_t n : {2U, 3U}) {
+  for (const uint64_t n : {3U, 4U, 5U}) {
     make();
     data(5, "1.0");
     initialize();
@@ -327,7 +330,7 @@ TEST_F(relinking, a_failing_read_is_told_and_the_check_goes_on) {
   }
   // Before relinking and in the space report a failing read ends the check.
   EXPECT_GT(failed_checks, 20);
-  EXPECT_GT(failed_names, 10);
+  EXPECT_EQ(failed_names, 10);
 }
 
 TEST_F(relinking, the_call_gives_0_or_1) {

@@ -3,18 +3,22 @@
 // leaves, and that a second check has nothing to say.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
+#include "flashfs/available.h"
 #include "flashfs/check_flags.h"
 #include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
 #include "flashfs/fsck.h"
 #include "flashfs/path.h"
+#include "flashfs/scan.h"
 #include "sim/flash.h"
+#include "tests/flashfs/driver_calls.h"
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/flashfs_test_tools.h"
 #include "tests/flashfs/fsck_recipe.h"
@@ -34,7 +38,7 @@ using check_lists = check_recipe;
 
 // --- sectors ---
 
-TEST_F(check_sectors, the_quick_check_reads_whole_sectors_only_where_something_is) {
+TEST_F(check_sectors, the_quick_check_reads_of_data_only_whose_they_are_and_their_number) {
   make();
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   device().clear_counts();
@@ -42,8 +46,63 @@ TEST_F(check_sectors, the_quick_check_reads_whole_sectors_only_where_something_i
   const uint64_t quick_bytes = device().counts().bytes_read;
   device().clear_counts();
   ASSERT_EQ(check(flashfs_check_full), 0);
-  // Of 12 sectors in use the quick check reads 3 whole and of 12 the owner, the full one all 12.
-  EXPECT_EQ(device().counts().bytes_read - quick_bytes, 9 * 2056U - 12 * 2U);
+  // Of 12 sectors the quick check reads the owner, of a directory sector also the rest and of two
+  // data sectors the number; the full one all 12, once.
+  EXPECT_EQ(device().counts().bytes_read - quick_bytes, 12 * 2056U - (12 * 2U + 2054U + 2 * 2U));
+}
+
+TEST_F(check_sectors, every_byte_is_read_by_the_full_check_and_data_once) {
+  make();
+  ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
+  const driver_calls calls(fs());
+  ASSERT_EQ(check(flashfs_check_full), 0);
+  for (int b = 0; b < fs()->num_blocks; b++) {
+    for (int s = 0; s < fs()->flashfs_blocks[b].num_sectors; s++) {
+      const auto offset = static_cast<uint32_t>(image().sector_at(b, s) - device().bytes());
+      const std::vector<uint32_t> reads = calls.reads_of_bytes(offset, sizeof(flashfs_sector));
+      // Names are looked up in directory sectors again.
+      const bool holds_names = fileid_at(b, s) == fileid_root;
+      EXPECT_GE(*std::min_element(reads.begin(), reads.end()), 1U) << b << "." << s;
+      if (!holds_names) {
+        EXPECT_EQ(*std::max_element(reads.begin(), reads.end()), 1U) << b << "." << s;
+      }
+    }
+  }
+}
+
+TEST_F(check_sectors, the_free_space_is_listed_as_block_after_block_would_list_it) {
+  make_blocks({4, 4, 4, 4});
+  image().headers(3);
+  names({"0:0.1/0 1<1", "1:2.0/5 2<1 f", "2:2.2/31 3<1 g"});
+  data(2, "1.1");
+  delete_slots("0.1/7");
+  for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
+    check_of_recipe(flags);
+    ASSERT_EQ(fs()->ready, 1U);
+    const std::string sectors = sectors_text(fs());
+    const std::string slots = slots_text(fs());
+    EXPECT_EQ(sectors, "2.1 2.3 1.0 1.2 1.3 0.0 0.2 0.3");
+    available_clear(fs());
+    for (int16_t b = 0; b < 3; b++) {
+      ASSERT_EQ(flashfs_scan_block_available(fs(), b), 0);
+    }
+    EXPECT_EQ(sectors_text(fs()), sectors);
+    EXPECT_EQ(slots_text(fs()), slots);
+    EXPECT_EQ(fs()->num_available_sectors, 8U);
+    EXPECT_EQ(fs()->num_available_slots, 31U + 31 + 30);
+  }
+}
+
+TEST_F(check_sectors, where_the_check_changed_something_it_looks_for_the_free_space_again) {
+  make();
+  image().data_sector(1, 2, 2, 1, "another second sector");
+  ASSERT_EQ(check_of_recipe(flashfs_check_full), quiet_check);
+  EXPECT_EQ(fileid_at(1, 0), 0) << "the one met last stays";
+  const std::string sectors = sectors_text(fs());
+  const std::string slots = slots_text(fs());
+  remount(flashfs_check_full);
+  EXPECT_EQ(sectors_text(fs()), sectors);
+  EXPECT_EQ(slots_text(fs()), slots);
 }
 
 TEST_F(check_sectors, a_wrong_checksum_is_found_by_the_full_check_only) {
@@ -301,7 +360,8 @@ TEST_F(check_duplicates, a_later_copy_in_a_committed_block_replaces_the_earlier_
   auto* later = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs()->sctr_ptr_chunk));
   *later = {nullptr, 1, slot_of_sector, {1, 3}};
   entry(2)->sctr_list->next->next = later;
-  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(fsck_resolve_duplicates(fs(), entry(2)), 0); }), "2.2");
+  EXPECT_EQ(writes_of(fs(), [&] { EXPECT_EQ(fsck_resolve_duplicates(fs(), entry(2)), 0); }),
+            "2.2+");
   EXPECT_EQ(list_text(fs(), 2), "0:0.1/255 1:1.3/255");
   EXPECT_EQ(block_text(2), "- - 0 -");
 }
@@ -311,9 +371,11 @@ TEST_F(check_duplicates, a_later_slot_in_a_committed_block_replaces_the_earlier_
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
   image_state(1, 0x3);
   names({"1:1.3/6 2<1 committed"});
-  auto* later = static_cast<flashfs_sctr_list_ordered*>(chunk_malloc(fs()->sctr_ptr_chunk));
   flashfs_sctr_list_ordered* second = entry(1)->sctr_list->next;
-  *later = {second->next, 1, 6, {1, 3}};
+  auto* later = new listed_slot{};
+  static_cast<flashfs_sctr_list_ordered&>(*later) = {second->next, 1, 6, {1, 3}};
+  later->before = second;
+  as_listed_slot(second->next)->before = later;
   second->next = later;
   EXPECT_EQ(fsck_resolve_duplicates(fs(), entry(1)), 0);
   EXPECT_EQ(list_text(fs(), 1), "0:0.0/0 1:1.3/6 2:0.0/2");

@@ -426,8 +426,9 @@ TEST_F(one_block, has_its_pointers_in_the_spare_before_that_is_in_use) {
   names({"1:0.0/1 2<1 f"});
   data(2, "0.1 1.1");
   ASSERT_EQ(check_of_recipe(flashfs_check_quick), quiet_check);
-  // After the spare's invalid1, two sectors, its committed state, and the victim's new header.
-  device().fail(flash_call::write, 6, flash_operation_failed);
+  // After the spare's invalid1, two sectors, one of them in four parts, its committed state, and
+  // the victim's new header.
+  device().fail(flash_call::write, 9, flash_operation_failed);
   output_of([&] { EXPECT_EQ(flashfs_reclaim_block(fs(), 0, 0), 1); });
   device().fail(flash_call::any, 0, flash_ok);
   EXPECT_EQ(list_text(fs(), 2), "0:2.1/255 1:1.1/255");

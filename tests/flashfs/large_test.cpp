@@ -8,8 +8,11 @@
 #include <set>
 #include <string>
 
+#include "flashfs/filemap.h"
 #include "flashfs/flashfs.h"
+#include "flashfs/path.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/image_builder.h"
 #include "tests/support/ram_flash.h"
 
 namespace test_support {
@@ -97,6 +100,59 @@ TEST_F(real_size, two_thousand_files_in_one_directory_are_all_listed_and_found) 
   EXPECT_EQ(ifs_stat("bootflash:file0", &status), 0);
   EXPECT_EQ(ifs_stat("bootflash:file1999", &status), 0);
   EXPECT_EQ(ifs_stat("bootflash:file2000", &status), -1);
+}
+
+// 65,533 slots of one name, the most that one directory can hold with a file each, and the root's.
+TEST(damaged_real_size, slots_of_one_name_are_mounted_found_and_removed_without_a_walk) {
+  class flash : public flashfs_fixture {
+   public:
+    void TestBody() override {}
+    using flashfs_fixture::device;
+    using flashfs_fixture::fs;
+    using flashfs_fixture::make_flash;
+    using flashfs_fixture::mount;
+  } flash;
+  constexpr int slots = 65534;
+  constexpr int slots_of_block = 63 * 32;
+  flash.make_flash(ram_blocks_of_ppc());
+  image_builder image(flash.device());
+  image.headers(215);
+  image.slot(0, 0, 0, {.entry_fileid = 1, .mode = 0x4700, .name = ""});
+  for (int i = 1; i < slots; i++) {
+    image.slot(i / slots_of_block, i % slots_of_block / 32, i % 32,
+               {.seq_no = static_cast<uint16_t>(i),
+                .entry_fileid = static_cast<uint16_t>(1 + i),
+                .name = "same"});
+  }
+  flash.mount();
+  for (uint16_t fileid = 2; fileid < 300; fileid++) {
+    flash.device().clear_counts();
+    ASSERT_EQ(path_lookup(flash.fs(), "same"), fileid);
+    ASSERT_EQ(flash.device().counts().bytes_read, 64U);
+    ASSERT_EQ(ifs_remove("bootflash:same"), 0);
+  }
+  // What is entered first in the list is found; the others stay behind it.
+  ASSERT_EQ(ifs_rename("bootflash:same", "bootflash:else"), 0);
+  EXPECT_EQ(path_lookup(flash.fs(), "else"), 300);
+  EXPECT_EQ(path_lookup(flash.fs(), "same"), 301);
+  ASSERT_EQ(ifs_chmod("bootflash:same", 0), 0);
+  EXPECT_EQ(path_lookup(flash.fs(), "same"), 301);
+}
+
+TEST_F(real_size, a_look_up_reads_one_slot_for_each_component_however_large_the_directories_are) {
+  ASSERT_EQ(ifs_mkdir("bootflash:d", 0), 0);
+  for (int i = 0; i < 600; i++) {
+    ASSERT_EQ(write_file("d/file" + std::to_string(i), ""), 0);
+  }
+  for (int i = 0; i < 600; i += 57) {
+    device().clear_counts();
+    ASSERT_NE(path_lookup(fs(), ("d/file" + std::to_string(i)).c_str()), 0);
+    EXPECT_EQ(device().counts().reads, 2U);
+    EXPECT_EQ(device().counts().bytes_read, 2U * 64);
+  }
+  device().clear_counts();
+  EXPECT_EQ(path_lookup(fs(), "d/missing"), 0);
+  EXPECT_EQ(device().counts().bytes_read, 64U);
 }
 
 }  // namespace

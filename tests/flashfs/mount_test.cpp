@@ -239,7 +239,7 @@ TEST_F(mounting, copies_the_driver_records) {
   EXPECT_EQ(std::memcmp(&fs()->fdi[0], record, sizeof kept), 0);
   std::memset(static_cast<void*>(record), 0, sizeof *record);
   flashfs_blkheader header;
-  EXPECT_EQ(read_blkheader(fs(), 1, &header), 0);
+  EXPECT_EQ(read_blkheader(fs(), 1, &header, whole_header), 0);
   *record = kept;
 }
 

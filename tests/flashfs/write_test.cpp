@@ -8,7 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "flashfs/check_flags.h"
@@ -17,6 +19,7 @@
 #include "flashfs/place.h"
 #include "sim/flash.h"
 #include "sim/power.h"
+#include "tests/flashfs/driver_calls.h"
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
 #include "tests/support/image_builder.h"
@@ -300,10 +303,36 @@ TEST_F(file_write, a_written_sector_is_copied_before_the_old_one_becomes_obsolet
   const int32_t fd = open("a", open_rw);
   flash_recorder recorder(fs());
   EXPECT_EQ(write(fd, "T"), 1);
-  EXPECT_EQ(recorder.text(), "2.2 2.1 2.0 2.0");
+  EXPECT_EQ(recorder.text(), "2.2 2.1+ 2.0 2.0");
   EXPECT_EQ(text_of(entry(fileid_of("a"))->sctr_list->sctr_ptr), "2.2");
   EXPECT_EQ(fileid_at(2, 1), 0);
   EXPECT_EQ(fs()->flashfs_blocks[2].invalid_sectors, 1);
+  EXPECT_EQ(close(fd), 0);
+}
+
+TEST_F(file_write, of_the_old_sector_is_read_what_the_copy_keeps) {
+  make();
+  put("a", pattern(2048));
+  const int32_t fd = open("a", open_rw);
+  for (const auto& [offset, length, expected] :
+       {std::tuple{0, 2048, "r0-4 r2052-2054"}, std::tuple{0, 100, "r0-4 r104-2054"},
+        std::tuple{101, 100, "r0-106 r204-2054"}, std::tuple{2000, 48, "r0-2004 r2052-2054"}}) {
+    const flashfs_sctr_ptr old = entry(fileid_of("a"))->sctr_list->sctr_ptr;
+    const auto start = static_cast<uint32_t>(
+        image_builder(device()).sector_at(old.block_num, old.sctr_num) - device().bytes());
+    EXPECT_EQ(seek(fd, offset), offset);
+    const driver_calls calls(fs());
+    EXPECT_EQ(write(fd, pattern(static_cast<size_t>(length))), length);
+    std::string of_old;
+    std::istringstream words(calls.text(start));
+    for (std::string word; words >> word;) {
+      const auto from = static_cast<uint32_t>(std::stoul(word.substr(1)));
+      if (word[0] == 'r' && from < sizeof(flashfs_sector)) {
+        of_old += (of_old.empty() ? "" : " ") + word;
+      }
+    }
+    EXPECT_EQ(of_old, expected);
+  }
   EXPECT_EQ(close(fd), 0);
 }
 

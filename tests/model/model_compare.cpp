@@ -20,6 +20,7 @@
 #include "tests/model/model_operation.h"
 #include "tests/model/model_run.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/plain_walk.h"
 #include "tests/support/ram_flash.h"
 
 namespace model_test {
@@ -111,7 +112,11 @@ bool model_run::compare_maps() {
     }
     actual = actual->next;
   }
-  return actual == nullptr || fail("file id " + number(actual->fileid) + " must not exist");
+  if (actual != nullptr) {
+    return fail("file id " + number(actual->fileid) + " must not exist");
+  }
+  const std::string walked = test_support::difference_to_a_walk(fs_);
+  return walked.empty() || fail("a walk finds another thing: " + walked);
 }
 
 bool model_run::compare_space() {

@@ -68,7 +68,7 @@ bool model_run::play_check(uint32_t flags) {
     return expect(checked, expected);
   }
   if (checked.result != 0) {
-    return fail("the check failed: " + output_.take());
+    return fail("the check failed: " + take_output());
   }
   return expect_check_output(flags, settles) && settle((flags & flashfs_check_quick) != 0) &&
          (!must_not_change || expect_unchanged(before, "the check")) && compare_maps() &&
@@ -83,7 +83,7 @@ bool model_run::play_format(const step& one) {
     return expect(formatted, expected);
   }
   if (formatted.result != 0) {
-    return fail("formatting failed: " + output_.take());
+    return fail("formatting failed: " + take_output());
   }
   return expect_check_output(flashfs_check_full, false) && compare_flash();
 }
@@ -157,7 +157,7 @@ bool model_run::raw_copy(uint32_t chunk) {
     done += part;
   }
   if (ifs_close(fd) != 0) {
-    return fail("closing the raw image failed: " + output_.take());
+    return fail("closing the raw image failed: " + take_output());
   }
   model_->restart();
   return (image() == whole || fail("the flash differs from the raw image")) &&

@@ -84,11 +84,12 @@ model_run::model_run(const geometry& shape, run_counts* counts) : shape_(shape),
   for (const auto* device : {&shape.device_0, &shape.device_1}) {
     if (!device->empty()) {
       devices_.push_back(std::make_unique<test_support::ram_flash>(*device, &supply_));
+      record_.watch(*devices_.back());
     }
   }
   model_ = std::make_unique<fs_model>(total_sectors(shape), now_);
   mount(flashfs_check_quick);
-  output_.take();
+  take_output();
 }
 
 model_run::~model_run() {
@@ -106,10 +107,21 @@ bool model_run::fail(const std::string& what) {
   return false;
 }
 
+std::string model_run::take_output() {
+  std::string text = output_.take();
+  record_.add_text(text);
+  return text;
+}
+
+std::string model_run::take_changes() {
+  record_.add_memory(*fs_);
+  return record_.take();
+}
+
 void model_run::drop_state() {
   files_.detach();
   fs_ = nullptr;
-  output_.take();
+  take_output();
 }
 
 bool model_run::mount(uint32_t flags) {
@@ -121,7 +133,7 @@ bool model_run::mount(uint32_t flags) {
     return fail("attaching failed");
   }
   fs_ = files_.state();
-  return files_.check(flags) == 0 || fail("mounting failed: " + output_.take());
+  return files_.check(flags) == 0 || fail("mounting failed: " + take_output());
 }
 
 int32_t model_run::fd_of(uint32_t handle) const {
@@ -134,6 +146,7 @@ seen_result model_run::seen(int32_t result, uint32_t handle) {
   seen_result seen;
   seen.result = result;
   seen.error = result < 0 ? errno : 0;
+  record_.add_answer(seen.result, seen.error);
   seen.marked_down = model_->ready() && fs_->ready == 0;
   seen.collected_in_vain =
       shape_.has_empty_blocks && output_.peek().find(empty_block_line) != std::string::npos;
@@ -169,7 +182,7 @@ bool model_run::expect(const seen_result& seen, const expected_result& expected)
 }
 
 bool model_run::expect_output(const std::vector<std::string>& lines) {
-  const std::string text = output_.take();
+  const std::string text = take_output();
   std::vector<std::string> printed = lines_of(without_markers(text));
   printed.erase(std::remove_if(printed.begin(), printed.end(),
                                [this](const std::string& line) {
@@ -181,7 +194,7 @@ bool model_run::expect_output(const std::vector<std::string>& lines) {
 }
 
 bool model_run::expect_check_output(uint32_t flags, bool settles) {
-  const std::string text = output_.take();
+  const std::string text = take_output();
   std::vector<std::string> printed = lines_of(without_markers(text));
   if (printed.empty() || printed.back() != time_line) {
     return fail("the check printed: " + text);

@@ -13,6 +13,7 @@
 #include "sim/power.h"
 #include "tests/model/fs_model.h"
 #include "tests/model/model_operation.h"
+#include "tests/support/change_record.h"
 #include "tests/support/output_capture.h"
 #include "tests/support/ram_flash.h"
 #include "volume/volume.h"
@@ -62,6 +63,13 @@ class model_run {
   const fs_model& model() const {
     return *model_;
   }
+  // What the steps since the last call (or the beginning) changed on flash, answered and printed,
+  // and what stands in memory now, as a row of text.
+  std::string take_changes();
+  // The same for a look in between, memory left out.
+  std::string changes_so_far() const {
+    return record_.text();
+  }
 
  private:
   bool fail(const std::string& what);
@@ -89,6 +97,7 @@ class model_run {
   bool expect_output(const std::vector<std::string>& lines);
   bool expect_check_output(uint32_t flags, bool settles);
 
+  std::string take_output();
   int32_t fd_of(uint32_t handle) const;
   bool mount(uint32_t flags);
   void drop_state();
@@ -113,6 +122,7 @@ class model_run {
   sim::chassis clock_;
   sim::power supply_;
   std::vector<std::unique_ptr<test_support::ram_flash>> devices_;
+  test_support::change_record record_;
   test_support::output_capture output_;
   std::unique_ptr<fs_model> model_;
   volume::file_system files_;

@@ -3,7 +3,10 @@
 //
 //   MODEL_STEPS=<n>     steps of each random test instead of the build's number
 //   MODEL_SEED=<n>      the first seed (each further sequence takes the next one)
-//   MODEL_TRACE=1       every step on standard error before it is played
+//   MODEL_TRACE=1       every step on standard error before it is played, and what has changed
+//   since
+//                       the last row of tests/golden/changes after it: the traces of two builds
+//                       differ first where they do
 //   MODEL_REPLAY=<file> a geometry's name on the first line, then steps as a failure prints them:
 //                       played by the test model.a_sequence_from_a_file
 #include <gtest/gtest.h>
@@ -27,6 +30,7 @@
 #include "tests/model/model_operation.h"
 #include "tests/model/model_run.h"
 #include "tests/model/step_generator.h"
+#include "tests/support/golden.h"
 #include "tests/support/ram_flash.h"
 
 namespace model_test {
@@ -37,12 +41,15 @@ using test_support::ram_block;
 using test_support::ram_blocks;
 
 // Of each test. Fewer under an emulator.
+constexpr uint64_t steps_with_stored_changes = 20000;
 #ifdef ZANTROLUME_EMULATOR
 constexpr uint64_t steps_by_default = 3000;
 #else
-constexpr uint64_t steps_by_default = 20000;
+constexpr uint64_t steps_by_default = steps_with_stored_changes;
 #endif
 constexpr uint64_t steps_per_sequence = 1000;
+// So that the shortest sequence, one of an emulator, has a row.
+constexpr uint64_t steps_per_row = 150;
 constexpr uint64_t first_seed_by_default = 1;
 constexpr auto longest_reduction = std::chrono::seconds(60);
 
@@ -105,6 +112,19 @@ bool tracing() {
   return on;
 }
 
+void trace_changes(const model_run& run) {
+  if (tracing()) {
+    std::fprintf(stderr, "  %s\n", run.changes_so_far().c_str());
+  }
+}
+
+// Rows of what the steps of sequences changed on flash, answered and left in memory.
+using change_rows = std::vector<std::string>;
+
+void add_row(model_run& run, uint64_t seed, const std::string& steps, change_rows* rows) {
+  rows->push_back("seed " + std::to_string(seed) + " | " + steps + " | " + run.take_changes());
+}
+
 // Plays steps from the beginning. Returns what went wrong, or nothing; `*played` is the number of
 // steps that were begun.
 std::string play_all(const geometry& shape, const std::vector<step>& steps, run_counts* counts,
@@ -165,7 +185,7 @@ std::string failure_report(const geometry& shape, std::vector<step> steps, std::
 
 // One sequence of its own. False after a failure.
 bool play_random(const geometry& shape, fullness how, uint64_t seed, uint64_t length,
-                 run_counts* counts) {
+                 run_counts* counts, change_rows* rows) {
   // Known also when the sequence ends the process.
   std::printf("[ sequence ] %s, %s, seed %llu\n", shape.name, name_of(how),
               static_cast<unsigned long long>(seed));
@@ -184,9 +204,16 @@ bool play_random(const geometry& shape, fullness how, uint64_t seed, uint64_t le
       if (!run.play(steps.back())) {
         failure = "after " + to_text(steps.back()) + ": " + run.failure();
       }
+      trace_changes(run);
+      if (steps.size() % steps_per_row == 0) {
+        add_row(run, seed, "to step " + std::to_string(steps.size()), rows);
+      }
     }
     if (failure.empty() && !run.finish()) {
       failure = "at the end: " + run.failure();
+    }
+    if (failure.empty() && length == steps_per_sequence) {
+      add_row(run, seed, "to the end", rows);
     }
   }
   if (failure.empty()) {
@@ -222,16 +249,27 @@ void play_sequences(const char* name, fullness how, uint64_t share = 1) {
   const geometry& shape = *geometry_named(name);
   const uint64_t total = number_from_environment("MODEL_STEPS", steps_by_default) / share;
   const uint64_t first_seed = number_from_environment("MODEL_SEED", first_seed_by_default);
+  // As many sequences, from the first seed on, have their changes stored.
+  const uint64_t stored = steps_with_stored_changes / share / steps_per_sequence;
+  change_rows known_rows;
   run_counts counts;
   uint64_t seed = first_seed;
   for (uint64_t done = 0; done < total; ++seed) {
     const uint64_t length = std::min(steps_per_sequence, total - done);
-    if (!play_random(shape, how, seed, length, &counts)) {
+    change_rows rows;
+    if (!play_random(shape, how, seed, length, &counts, &rows)) {
       break;
+    }
+    if (seed >= first_seed_by_default && seed < first_seed_by_default + stored) {
+      known_rows.insert(known_rows.end(), rows.begin(), rows.end());
     }
     done += length;
   }
   print_counts(name, how, first_seed, seed - 1, counts);
+  const bool all = first_seed == first_seed_by_default && total >= stored * steps_per_sequence;
+  test_support::expect_golden_rows(
+      std::string("changes/") + name + "_" + name_of(how) + ".txt", known_rows,
+      all ? test_support::golden_rows::all : test_support::golden_rows::some);
 }
 
 void play_text(const std::string& name, const std::string& text) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <functional>
@@ -84,6 +85,13 @@ ending end_after_one_line(const std::string& chassis, const std::vector<std::str
   return program.wait();
 }
 
+// Whether a process sleeps in a system call.
+bool is_asleep(pid_t process) {
+  const std::string status = read_whole_file("/proc/" + std::to_string(process) + "/stat");
+  const size_t name_end = status.rfind(')');
+  return name_end != std::string::npos && status.compare(name_end, 3, ") S") == 0;
+}
+
 }  // namespace
 
 TEST_F(ended_runs, a_pipe_that_is_read_no_more_lets_the_repair_finish) {
@@ -93,6 +101,29 @@ TEST_F(ended_runs, a_pipe_that_is_read_no_more_lets_the_repair_finish) {
 
 TEST_F(ended_runs, a_dump_into_a_pipe_that_is_read_no_more_ends) {
   EXPECT_EQ(end_after_one_line(chassis_.path(), {"4", "aread", "20", "33554400"}).signal, SIGPIPE);
+}
+
+TEST_F(ended_runs, output_that_waits_for_its_reader_goes_on_waiting_after_a_signal) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  started_program program(chassis_.path(), {"4", "aread", "20", "33554400"},
+                          [&] { dup2(ends[1], STDOUT_FILENO); });
+  const int pipe_size = fcntl(ends[1], F_GETPIPE_SZ);
+  close(ends[1]);
+  // A full pipe is not enough: the program may still be filling its own buffer, and then it ends at
+  // the next line, as it should.
+  int waiting_bytes = 0;
+  ASSERT_TRUE(comes_true([&] {
+    return ioctl(ends[0], FIONREAD, &waiting_bytes) == 0 && waiting_bytes == pipe_size &&
+           is_asleep(program.process());
+  }));
+  kill(program.process(), SIGTERM);
+  EXPECT_FALSE(program.wait(1).ended);
+  char part[4096];
+  while (read(ends[0], part, sizeof(part)) > 0) {
+  }
+  close(ends[0]);
+  EXPECT_EQ(program.wait().signal, SIGTERM);
 }
 
 TEST_F(ended_runs, a_kill_lets_the_repair_finish) {

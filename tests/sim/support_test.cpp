@@ -1,14 +1,19 @@
-// The test support itself: the driver over memory, the image builder and the runner of programs.
+// The test support itself: the driver over memory, the record of changes, the image builder and the
+// runner of programs.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "flashfs/flash_driver.h"
 #include "sim/flash.h"
 #include "sim/power.h"
+#include "tests/support/change_record.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/ram_flash.h"
 #include "tests/support/run_program.h"
@@ -44,6 +49,79 @@ TEST(ram_flash, only_words_that_differ_are_programmed) {
   EXPECT_EQ(device.supply().mutations(), 3U);
   EXPECT_EQ(device.bytes()[10], 0xFF);
   EXPECT_EQ(device.deviations(), 0U);
+}
+
+TEST(change_record, words_that_stay_and_reads_do_not_count) {
+  const uint8_t part[] = {0xFF, 0xFF, 0x12, 0x34};
+  uint8_t back[8];
+  ram_flash whole_device(ram_blocks(2, 4096));
+  change_record whole;
+  whole.watch(whole_device);
+  const uint8_t bytes[] = {0xFF, 0xFF, 0x12, 0x34, 0xFF, 0xFF, 0x56, 0x78};
+  EXPECT_EQ(whole_device.write(8, sizeof bytes, bytes), flash_ok);
+  EXPECT_EQ(whole_device.write(8, sizeof bytes, bytes), flash_ok);
+
+  ram_flash device(ram_blocks(2, 4096));
+  change_record in_parts;
+  in_parts.watch(device);
+  EXPECT_EQ(device.write(8, sizeof part, part), flash_ok);
+  EXPECT_EQ(device.read(0, sizeof back, back), flash_ok);
+  EXPECT_EQ(device.write(14, 2, bytes + 6), flash_ok);
+  EXPECT_EQ(in_parts.text(), whole.text());
+  EXPECT_EQ(in_parts.take().rfind("2 words | 0 erases | ", 0), 0U);
+  EXPECT_EQ(in_parts.text(), change_record().text());
+}
+
+TEST(change_record, order_values_addresses_and_erases_count) {
+  const uint8_t zeros[4] = {};
+  std::set<std::string> rows;
+  const auto add_row = [&](const std::function<void(ram_flash&)>& act) {
+    ram_flash device(ram_blocks(2, 4096));
+    change_record record;
+    record.watch(device);
+    act(device);
+    rows.insert(record.take());
+  };
+  const auto write = [&](ram_flash& device, uint32_t offset) {
+    EXPECT_EQ(device.write(offset, 2, zeros), flash_ok);
+  };
+  add_row([&](ram_flash& device) {
+    write(device, 2);
+    write(device, 4);
+  });
+  add_row([&](ram_flash& device) {
+    write(device, 4);
+    write(device, 2);
+  });
+  add_row([&](ram_flash& device) {
+    write(device, 4);
+    write(device, 6);
+  });
+  add_row([&](ram_flash& device) {
+    const uint8_t one[2] = {0, 1};
+    EXPECT_EQ(device.write(2, 2, one), flash_ok);
+    write(device, 4);
+  });
+  add_row([&](ram_flash& device) { EXPECT_EQ(device.erase(0), flash_ok); });
+  add_row([&](ram_flash& device) { EXPECT_EQ(device.erase(4096), flash_ok); });
+  EXPECT_EQ(rows.size(), 6U);
+}
+
+TEST(change_record, answers_are_told_by_result_error_and_text) {
+  std::set<std::string> rows;
+  const auto add_row = [&](int32_t result, int error, const char* printed) {
+    change_record record;
+    record.add_answer(result, error);
+    record.add_text(printed);
+    rows.insert(record.take());
+  };
+  add_row(0, 0, "");
+  add_row(0, ENOSPC, "");  // the same: there is no error
+  add_row(1, 0, "");
+  add_row(-1, ENOSPC, "");
+  add_row(-1, EIO, "");
+  add_row(0, 0, "x");
+  EXPECT_EQ(rows.size(), 5U);
 }
 
 TEST(ram_flash, wrong_calls_are_refused_and_counted) {

@@ -9,7 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
+#include <set>
 #include <sstream>  // IWYU pragma: keep
+#include <string>
+#include <vector>
 
 #ifdef ZANTROLUME_COVERAGE
 extern "C" void __gcov_dump();
@@ -39,22 +43,82 @@ std::string contents_of(FILE* file) {
   return contents;
 }
 
+std::string path_of(const std::string& name) {
+  return std::string(TESTS_FOLDER) + "/golden/" + name;
+}
+
+bool are_rewritten() {
+  const char* update = getenv("UPDATE_GOLDEN");
+  return update != nullptr && strcmp(update, "1") == 0;
+}
+
+void rewrite(const std::string& path, const std::string& text) {
+  std::ofstream file(path, std::ios::binary);
+  file << text;
+  ASSERT_TRUE(file.good()) << "cannot write " << path;
+}
+
+std::optional<std::string> stored(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return file.is_open() ? std::optional(text.str()) : std::nullopt;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// The rows that are not among `others`, each a line with a mark before it.
+std::string rows_without(const std::vector<std::string>& rows,
+                         const std::vector<std::string>& others, const char* mark) {
+  const std::set<std::string> known(others.begin(), others.end());
+  std::string text;
+  for (const std::string& row : rows) {
+    text += known.count(row) == 0 ? mark + row + "\n" : "";
+  }
+  return text;
+}
+
 }  // namespace
 
 void expect_golden(const std::string& name, const std::string& actual) {
-  const std::string path = std::string(TESTS_FOLDER) + "/golden/" + name;
-  const char* update = getenv("UPDATE_GOLDEN");
-  if (update != nullptr && strcmp(update, "1") == 0) {
-    std::ofstream file(path, std::ios::binary);
-    file << actual;
-    ASSERT_TRUE(file.good()) << "cannot write " << path;
+  if (are_rewritten()) {
+    rewrite(path_of(name), actual);
     return;
   }
-  std::ifstream file(path, std::ios::binary);
-  ASSERT_TRUE(file.is_open()) << "cannot read " << path;
-  std::ostringstream expected;
-  expected << file.rdbuf();
-  EXPECT_EQ(actual, expected.str()) << "golden file " << path;
+  const std::optional<std::string> expected = stored(path_of(name));
+  ASSERT_TRUE(expected) << "cannot read " << path_of(name);
+  EXPECT_EQ(actual, *expected) << "golden file " << path_of(name);
+}
+
+void expect_golden_rows(const std::string& name, const std::vector<std::string>& rows,
+                        golden_rows which) {
+  if (are_rewritten()) {
+    ASSERT_EQ(which, golden_rows::all) << "this run does not have all rows of " << path_of(name);
+    std::string text;
+    for (const std::string& row : rows) {
+      text += row + "\n";
+    }
+    rewrite(path_of(name), text);
+    return;
+  }
+  const std::optional<std::string> expected = stored(path_of(name));
+  ASSERT_TRUE(expected) << "cannot read " << path_of(name);
+  const std::vector<std::string> expected_rows = lines_of(*expected);
+  std::string differences = rows_without(rows, expected_rows, "+ ");
+  if (which == golden_rows::all) {
+    differences = rows_without(expected_rows, rows, "- ") + differences;
+    EXPECT_TRUE(rows == expected_rows || !differences.empty()) << "rows in another order";
+  }
+  EXPECT_TRUE(differences.empty())
+      << "rows of " << path_of(name) << " differ; UPDATE_GOLDEN=1 rewrites them\n"
+      << differences;
 }
 
 isolated_result run_isolated(const std::function<void()>& body) {

@@ -5,11 +5,19 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace test_support {
 
 // Compares `actual` with the file tests/golden/<name>.
 void expect_golden(const std::string& name, const std::string& actual);
+
+// Compares rows of text with the lines of the file tests/golden/<name> and prints those that
+// differ. Of a run that has only some of the rows (`some`) each must be in the file, and the file
+// is not rewritten.
+enum class golden_rows { all, some };
+void expect_golden_rows(const std::string& name, const std::vector<std::string>& rows,
+                        golden_rows which = golden_rows::all);
 
 struct isolated_result {
   int status = -1;     // exit status; 128 + the signal that ended it

@@ -157,6 +157,7 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
   if (flash_.dead()) {
     return flash_ok;
   }
+  counts_.bytes_programmed += length;
   const auto* wanted = static_cast<const uint8_t*>(buffer);
   const uint8_t* held = flash_.bytes() + offset;
   if (sets_a_bit(wanted, held, length)) {
@@ -169,7 +170,8 @@ flash_return_code ram_flash::write(uint32_t offset, uint32_t length, const void*
       counts_.words_programmed++;
       const auto word = static_cast<uint16_t>((wanted[i] << 8) | wanted[i + 1]);
       if (watcher_) {
-        watcher_({.is_erase = false, .offset = offset + i, .wanted = word});
+        const auto old = static_cast<uint16_t>((held[i] << 8) | held[i + 1]);
+        watcher_({.is_erase = false, .offset = offset + i, .held = old, .wanted = word});
       }
       flash_.program16(offset + i, word);
     }

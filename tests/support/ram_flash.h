@@ -32,6 +32,7 @@ struct ram_flash_counts {
   uint64_t writes = 0;
   uint64_t erases = 0;
   uint64_t bytes_read = 0;
+  uint64_t bytes_programmed = 0;  // handed to the driver
   uint64_t words_programmed = 0;  // words that differed from what the flash held
   uint64_t calls() const {
     return reads + writes + erases;
