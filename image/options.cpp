@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "image/completions.h"
-#include "image/option_tree.h"
 #include "zantrolume/zantrolume_device.h"
 
 namespace image {
