@@ -2,13 +2,10 @@
 // made from it (completions) or held against it (the manual page).
 #pragma once
 
-#include <span>
 #include <string>
 #include <vector>
 
 namespace image {
-
-struct command;
 
 struct described_option {
   std::vector<std::string> names;  // with their dashes, the short ones first
@@ -27,9 +24,5 @@ struct option_tree {
   std::vector<described_option> globals;
   std::vector<described_command> commands;
 };
-
-// The tree of the commands, in the order of the help, but for what the help does not show. (In
-// options.cpp, which alone sees the library.)
-option_tree describe_command_line(std::span<const command> commands);
 
 }  // namespace image

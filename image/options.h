@@ -12,6 +12,7 @@
 
 #include "image/exit_status.h"
 #include "image/globals.h"
+#include "image/option_tree.h"
 
 namespace CLI {
 class App;
@@ -79,5 +80,8 @@ struct parsed_line {
 
 // The values go where the commands have pointed with their arguments.
 parsed_line parse_command_line(std::span<const command> commands, int argc, char* argv[]);
+
+// All that a line may hold, in the order of the help, but for what the help does not show.
+option_tree describe_command_line(std::span<const command> commands);
 
 }  // namespace image

@@ -9,7 +9,6 @@
 
 #include "image/commands/all_commands.h"
 #include "image/completions.h"
-#include "image/option_tree.h"
 #include "image/options.h"
 #include "tests/support/run_program.h"
 

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "image/commands/all_commands.h"
-#include "image/option_tree.h"
 #include "image/options.h"
 #include "tests/support/run_program.h"
 
