@@ -95,7 +95,8 @@ std::string objection_to_complex(const globals& options, const arguments& taken,
 
 // What is wrong with a command line. The library calls a command that it does not know missing.
 std::string error_of(const CLI::App& app, const CLI::ParseError& ended) {
-  if (app.get_subcommands().empty()) {
+  const bool bad_value = ended.get_exit_code() == static_cast<int>(CLI::ExitCodes::ValidationError);
+  if (app.get_subcommands().empty() && !bad_value) {
     const std::vector<std::string> words = app.remaining();
     return words.empty() ? "a command is missing" : "there is no command \"" + words.front() + "\"";
   }
