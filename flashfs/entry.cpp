@@ -29,8 +29,10 @@ struct fresh_slot {
   flashfs_dir_slot contents;
 };
 
-void redirect_reference(flashfs* fs, const fresh_slot& fresh) {
-  filemap_redirect_slot(fs, fresh.reference, fresh.pointer, fresh.slot_no, fresh.contents);
+// The reference is of the list of the entry's parent.
+void redirect_reference(flashfs* fs, const flashfs_sctr_map* entry, const fresh_slot& fresh) {
+  filemap_redirect_slot(fs, filemap_lookup(fs, entry->parent_fileid), fresh.reference,
+                        fresh.pointer, fresh.slot_no, fresh.contents);
 }
 
 // Writes the slot's contents to its place, which is erased, and only then makes the old slot, which
@@ -190,7 +192,7 @@ int32_t flashfs_touch(flashfs* fs, flashfs_sctr_map* entry, uint32_t time) {
       replace_slot(fs, fresh, fresh.contents.dir_fileid) != 0) {
     return flashfs_fail(EIO);
   }
-  redirect_reference(fs, fresh);
+  redirect_reference(fs, entry, fresh);
   return 0;
 }
 
@@ -204,7 +206,7 @@ int32_t flashfs_rename_entry(flashfs* fs, flashfs_sctr_map* entry, flashfs_sctr_
                    [&](flashfs_dir_slot& slot) { dir_slot_set_name(&slot, new_name); }) != 0) {
     return -1;
   }
-  redirect_reference(fs, fresh);
+  redirect_reference(fs, entry, fresh);
   return 0;
 }
 
@@ -215,7 +217,7 @@ int32_t flashfs_change_mode(flashfs* fs, flashfs_sctr_map* entry, ppc_mode_t mod
       }) != 0) {
     return -1;
   }
-  redirect_reference(fs, fresh);
+  redirect_reference(fs, entry, fresh);
   entry->mode = with_permissions(entry->mode, mode);
   return 0;
 }

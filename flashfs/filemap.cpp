@@ -395,7 +395,8 @@ flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointe
   return add_entry(fs, pointer, contents_of_slot(slot, slot_no));
 }
 
-void filemap_redirect_slot(flashfs* fs, flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
+void filemap_redirect_slot(flashfs* fs, flashfs_sctr_map* directory,
+                           flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
                            uint8_t slot_no, const flashfs_dir_slot& contents) {
   auto* slot = static_cast<listed_slot*>(entry);
   slot->sctr_ptr = pointer;
@@ -409,13 +410,13 @@ void filemap_redirect_slot(flashfs* fs, flashfs_sctr_list_ordered* entry, flashf
   if (slot->name_hash == hash) {
     return;
   }
-  filemap_record* directory = record_of(filemap_lookup(fs, contents.dir_fileid));
-  if (directory->names != nullptr) {
-    directory->names->remove(slot);
+  name_index* names = record_of(directory)->names.get();
+  if (names != nullptr) {
+    names->remove(slot);
   }
   slot->name_hash = hash;
-  if (directory->names != nullptr) {
-    directory->names->add(slot);
+  if (names != nullptr) {
+    names->add(slot);
   }
 }
 

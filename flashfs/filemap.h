@@ -51,9 +51,11 @@ uint16_t flashfs_next_fileid(const flashfs* fs);
 [[nodiscard]] flashfs_sctr_list_ordered* filemap_add_slot(flashfs* fs, flashfs_sctr_ptr pointer,
                                                           uint8_t slot_no,
                                                           const flashfs_dir_slot& slot);
-// Lets the list entry of a slot stand for another place, where the slot has these contents. Its own
-// place in the list stays.
-void filemap_redirect_slot(flashfs* fs, flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
+// Lets an entry of a directory's list stand for another place, where its slot has these contents
+// (which may say something else of the directory: flash can lose bits). Its own place in the list
+// stays.
+void filemap_redirect_slot(flashfs* fs, flashfs_sctr_map* directory,
+                           flashfs_sctr_list_ordered* entry, flashfs_sctr_ptr pointer,
                            uint8_t slot_no, const flashfs_dir_slot& contents);
 // Enters a data sector, or all live slots of a directory sector.
 [[nodiscard]] int filemap_add_sector_all(flashfs* fs, flashfs_sctr_ptr pointer,

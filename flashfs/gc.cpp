@@ -266,7 +266,8 @@ int move_slot(flashfs* fs, flashfs_sctr_ptr source, uint8_t source_slot) {
   }
   uint8_t taken_slot = 0;
   const flashfs_sctr_ptr taken = available_slot_take(fs, &taken_slot);
-  filemap_redirect_slot(fs, reference, taken, taken_slot, slot);
+  filemap_redirect_slot(fs, filemap_lookup(fs, slot.dir_fileid), reference, taken, taken_slot,
+                        slot);
   return 0;
 }
 

@@ -97,11 +97,11 @@ class part_change {
   // The next run of words that differ, from an offset on; of length 0 at the end of the part.
   record_part next_run(uint32_t offset) const {
     while (offset < length_ && !differs(offset)) {
-      offset += word;
+      offset += word_size;
     }
     const uint32_t start = offset;
     while (offset < length_ && differs(offset)) {
-      offset += word;
+      offset += word_size;
     }
     return {start, offset - start};
   }
@@ -109,8 +109,8 @@ class part_change {
   record_part span() const {
     const record_part first = next_run(0);
     uint32_t end = length_;
-    while (end > first.offset && !differs(end - word)) {
-      end -= word;
+    while (end > first.offset && !differs(end - word_size)) {
+      end -= word_size;
     }
     return {first.offset, end - first.offset};
   }
@@ -130,8 +130,6 @@ class part_change {
   }
 
  private:
-  static constexpr uint32_t word = sizeof(uint16_t);
-
   uint8_t held(uint32_t i) const {
     return held_ == nullptr ? flash_erased_byte : held_[i];
   }

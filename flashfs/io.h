@@ -43,6 +43,16 @@ constexpr record_part all_but_fileid = {sizeof(be16), sizeof(flashfs_sector) - s
 constexpr record_part only_count = {offsetof(flashfs_sector, count), sizeof(be16)};
 constexpr record_part only_seq_no = {offsetof(flashfs_sector, seq_no), sizeof(be16)};
 
+// Flash has words of so many bytes. The driver can read odd bytes, too, but does so with a word
+// each and tells of it.
+constexpr uint32_t word_size = sizeof(uint16_t);
+constexpr uint32_t round_down_to_words(uint32_t bytes) {
+  return bytes / word_size * word_size;
+}
+constexpr uint32_t round_up_to_words(uint32_t bytes) {
+  return round_down_to_words(bytes + word_size - 1);
+}
+
 // Header and whole-block access; a block number out of range ends the program. Writes and erases
 // leave a mark on standard output, " wS<block>" or " eS<block>", also where nothing changes.
 [[nodiscard]] int read_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header,

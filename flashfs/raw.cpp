@@ -43,15 +43,23 @@ stream_place find_stream_place(const flashfs* fs, uint32_t position) {
   return {b, position};
 }
 
-// Reads the part of a block, before the place and behind `length` bytes from there on, that a write
-// of these leaves as it is.
+// Reads the words of a block that hold these bytes to their places in `contents`.
+int read_block_words(flashfs* fs, int16_t block_num, uint32_t start, uint32_t end,
+                     uint8_t* contents) {
+  const uint32_t first = round_down_to_words(start);
+  const uint32_t behind = std::min(round_up_to_words(end), block_size(fs, block_num));
+  return first == behind ? 0 : read_block(fs, block_num, {first, behind - first}, contents + first);
+}
+
+// Reads the parts of a block, before the place and behind `length` bytes from there on, that a
+// write of these leaves as they are.
 int read_block_around(flashfs* fs, const stream_place& place, uint32_t length, uint8_t* contents) {
   const uint32_t end = place.offset + length;
-  const uint32_t rest = block_size(fs, place.block_num) - end;
-  if (place.offset != 0 && read_block(fs, place.block_num, {0, place.offset}, contents) != 0) {
-    return 1;
-  }
-  return rest == 0 ? 0 : read_block(fs, place.block_num, {end, rest}, contents + end);
+  return read_block_words(fs, place.block_num, 0, place.offset, contents) == 0 &&
+                 read_block_words(fs, place.block_num, end, block_size(fs, place.block_num),
+                                  contents) == 0
+             ? 0
+             : 1;
 }
 
 }  // namespace
@@ -93,10 +101,10 @@ int32_t flashfs_raw_read(flashfs* fs, flashfs_open_file* open, void* buffer, uin
   while (place.block_num < fs->num_blocks && total < length) {
     process_may_suspend();
     const uint32_t taken = std::min(length - total, block_size(fs, place.block_num) - place.offset);
-    if (read_block(fs, place.block_num, {place.offset, taken}, raw.get()) != 0) {
+    if (read_block_words(fs, place.block_num, place.offset, place.offset + taken, raw.get()) != 0) {
       return flashfs_fail(EIO);
     }
-    memcpy(out + total, raw.get(), taken);
+    memcpy(out + total, raw.get() + place.offset, taken);
     total += taken;
     place = {static_cast<int16_t>(place.block_num + 1), 0};
     if (intr_req() != 0) {

@@ -32,12 +32,6 @@ void erase_buffer(flashfs_sector* sector) {
   ifs_runtime::memset(sector, flash_erased_byte, sizeof(*sector));
 }
 
-constexpr uint32_t word_size = sizeof(uint16_t);  // bytes
-
-constexpr uint32_t round_up_to_words(uint32_t bytes) {
-  return (bytes + word_size - 1) / word_size * word_size;
-}
-
 // Writes a sector of a file to a place whose contents are known (null: erased).
 int write_data_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* held,
                       flashfs_sector* sector) {
@@ -103,7 +97,7 @@ int overwrite_reserved(const write_request& request, flashfs_sctr_list_ordered* 
 int read_around(flashfs* fs, flashfs_sctr_ptr pointer, uint32_t offset, uint32_t length,
                 flashfs_sector* sector) {
   const auto data = static_cast<uint32_t>(offsetof(flashfs_sector, data));
-  const uint32_t behind = (data + offset + length) / word_size * word_size;
+  const uint32_t behind = round_down_to_words(data + offset + length);
   const record_part before_it = {0, data + round_up_to_words(offset)};
   const record_part behind_it = {behind, only_seq_no.offset + only_seq_no.length - behind};
   return read_sector(fs, pointer, sector, before_it) == 0

@@ -13,6 +13,7 @@ namespace image {
 namespace {
 
 std::optional<uint32_t> date_set;
+int device_clocks = 0;
 
 // What SOURCE_DATE_EPOCH allows at most; what is no number there says nothing.
 int64_t latest_date() {
@@ -37,8 +38,19 @@ uint32_t clock_date_of(int64_t seconds) {
   return static_cast<uint32_t>(std::max<int64_t>(1, std::min(seconds, latest_date())));
 }
 
+device_clock::device_clock() {
+  device_clocks++;
+}
+
+device_clock::~device_clock() {
+  device_clocks--;
+}
+
 }  // namespace image
 
 int64_t window_clock() {
+  if (image::device_clocks > 0) {
+    return std::time(nullptr);
+  }
   return image::date_set ? *image::date_set : image::clock_date_of(std::time(nullptr));
 }

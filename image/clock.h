@@ -13,4 +13,14 @@ void clock_set(std::optional<uint32_t> date);
 // that is set, nor beyond the 32 bits; 0 and what comes before it become 1.
 uint32_t clock_date_of(int64_t seconds);
 
+// While one of these lives, the clock is the real one, whatever dates are to be written: a device's
+// driver measures its waits by it.
+class device_clock {
+ public:
+  device_clock();
+  ~device_clock();
+  device_clock(const device_clock&) = delete;
+  device_clock& operator=(const device_clock&) = delete;
+};
+
 }  // namespace image

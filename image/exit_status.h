@@ -11,7 +11,7 @@ enum class exit_status : int {
   faults = 4,        // faults were found, and are left
   failed = 8,        // it could not be done: input/output, not found, full, locked
   usage = 16,        // the command line is wrong
-  interrupted = 32,  // by a signal; nothing was changed
+  interrupted = 32,  // by a signal; nothing was changed, or a part that is told
 };
 
 }  // namespace image

@@ -1,6 +1,7 @@
 // The options that every command takes.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,9 @@ struct globals {
   bool full = false;     // reading commands mount with the full check
   bool strict = false;   // what is only warned of counts as a fault
   double lock_timeout_seconds = 10;
+  std::optional<int32_t> ppc;  // a complex instead of an image
+  bool yes = false;            // it may be changed without asking
+  bool no_backup = false;      // and without a copy of what was there
 };
 
 }  // namespace image

@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <initializer_list>
 
 #include "ifs/interrupt.h"
@@ -15,8 +17,30 @@ namespace {
 
 volatile std::sig_atomic_t noted = 0;
 const char* volatile unfinished_file = nullptr;
+const char* volatile step_held = nullptr;
+struct sigaction pipe_action_before = {};
 
-void note_signal(int) {
+// Called by the handler: nothing here but what a handler may call.
+void tell_what_is_finished() {
+  const auto tell = [](const char* text) {
+    // Nobody to tell is no error.
+    (void)!write(STDERR_FILENO, text, strlen(text));
+  };
+  tell("flashfs-image: interrupted, ends after ");
+  tell(step_held);
+  tell("\n");
+}
+
+void note_signal(int number) {
+  if (step_held != nullptr) {
+    const int error = errno;
+    if (noted != 0 && number != SIGPIPE) {
+      tell_what_is_finished();
+    }
+    noted = 1;
+    errno = error;
+    return;
+  }
   if (noted != 0) {
     if (const char* path = unfinished_file; path != nullptr) {
       unlink(path);
@@ -39,6 +63,18 @@ void catch_signals() {
     noting.sa_handler = note_signal;
     sigaction(number, &noting, nullptr);
   }
+}
+
+held_step::held_step(const char* step) {
+  struct sigaction noting = {};
+  noting.sa_handler = note_signal;
+  sigaction(SIGPIPE, &noting, &pipe_action_before);
+  step_held = step;
+}
+
+held_step::~held_step() {
+  step_held = nullptr;
+  sigaction(SIGPIPE, &pipe_action_before, nullptr);
 }
 
 bool interrupted() {

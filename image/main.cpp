@@ -10,11 +10,13 @@
 #include "image/interrupt.h"
 #include "image/options.h"
 #include "image/report.h"
+#include "zantrolume/zantrolume_device.h"
 
 namespace {
 
 // Of the run that goes on, for the end that nobody has planned.
 image::report* running = nullptr;
+bool running_on_complex = false;
 
 // The file system ends the process when its memory contradicts itself. That is a failure like
 // others here, and has its document.
@@ -24,7 +26,9 @@ void end_unplanned() {
   }
   image::report* out = running;
   running = nullptr;
-  out->fail(image::exit_status::failed, "the file system gave up: the image is damaged");
+  out->fail(image::exit_status::failed, running_on_complex
+                                            ? "the device or the file system gave up"
+                                            : "the file system gave up: the image is damaged");
   _exit(static_cast<int>(out->finish()));
 }
 
@@ -38,6 +42,7 @@ image::exit_status run(const image::parsed_line& parsed) {
   image::catch_signals();
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
+  running_on_complex = parsed.options.ppc.has_value();
   try {
     if (parsed.options.json && parsed.options.output == "-") {
       out.fail(image::exit_status::usage,
@@ -56,6 +61,10 @@ image::exit_status run(const image::parsed_line& parsed) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  // Or an image that is opened to be edited becomes standard output.
+  if (!zantrolume_occupy_output_descriptors()) {
+    return static_cast<int>(image::exit_status::failed);
+  }
   std::atexit(end_unplanned);
   const std::vector<image::command> commands = image::all_commands();
   const image::parsed_line parsed = image::parse_command_line(commands, argc, argv);

@@ -3,12 +3,16 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "flashfs/format.h"
 
 namespace image {
 
 namespace {
+
+// What is had from a source at once: a header, half a slot.
+constexpr uint32_t granule = 32;
 
 // Calls that the file system never makes.
 flash_return_code not_supported() {
@@ -46,6 +50,46 @@ void memory_flash::clear_counts() {
   bytes_read_ = 0;
 }
 
+void memory_flash::fill_from(source bytes) {
+  source_ = std::move(bytes);
+  filled_.assign((bytes_.size() + granule - 1) / granule, false);
+}
+
+// The missing granules around a range, neighbours together.
+void memory_flash::fill(uint32_t offset, uint32_t length) {
+  if (!source_ || length == 0) {
+    return;
+  }
+  const size_t end = (size_t{offset} + length + granule - 1) / granule;
+  for (size_t first = offset / granule; first < end; ++first) {
+    size_t last = first;
+    while (last < end && !filled_[last]) {
+      filled_[last++] = true;
+    }
+    if (last > first) {
+      const size_t from = first * granule;
+      source_(static_cast<uint32_t>(from),
+              bytes_.subspan(from, std::min(last * granule, bytes_.size()) - from));
+      first = last;
+    }
+  }
+}
+
+// What is erased need not be had, but for what its granules share with its neighbours.
+void memory_flash::mark_filled(uint32_t offset, uint32_t length) {
+  if (!source_) {
+    return;
+  }
+  const uint32_t end = offset + length;
+  if (offset % granule != 0) {
+    fill(offset, 1);
+  }
+  if (end % granule != 0) {
+    fill(end - 1, 1);
+  }
+  std::fill(filled_.begin() + offset / granule, filled_.begin() + (end - 1) / granule + 1, true);
+}
+
 bool memory_flash::holds(uint32_t offset, uint32_t length) const {
   return offset <= bytes_.size() && length <= bytes_.size() - offset;
 }
@@ -55,6 +99,7 @@ flash_return_code memory_flash::read(uint32_t offset, uint32_t length, void* buf
     return flash_illegal_operation;
   }
   bytes_read_ += length;
+  fill(offset, length);
   std::memcpy(buffer, bytes_.data() + offset, length);
   return flash_ok;
 }
@@ -63,6 +108,7 @@ flash_return_code memory_flash::write(uint32_t offset, uint32_t length, const vo
   if (!holds(offset, length)) {
     return flash_illegal_operation;
   }
+  fill(offset, length);
   uint8_t* held = bytes_.data() + offset;
   const auto* wanted = static_cast<const uint8_t*>(buffer);
   if (std::memcmp(held, wanted, length) == 0) {
@@ -73,6 +119,9 @@ flash_return_code memory_flash::write(uint32_t offset, uint32_t length, const vo
     held[i] = static_cast<uint8_t>(held[i] & wanted[i]);
   }
   changed_ = true;
+  if (changes_ != nullptr) {
+    changes_->program(offset, {wanted, length});
+  }
   return flash_ok;
 }
 
@@ -82,6 +131,10 @@ flash_return_code memory_flash::erase(uint32_t offset) {
                        [](const flash_block_info& one, uint32_t at) { return one.offset < at; });
   if (block == blocks_.end() || block->offset != offset) {
     return flash_illegal_operation;
+  }
+  mark_filled(offset, block->size);
+  if (changes_ != nullptr) {
+    changes_->erase(offset);
   }
   std::memset(bytes_.data() + offset, flash_erased_byte, block->size);
   erased_blocks_.insert(static_cast<uint32_t>(block - blocks_.begin()));

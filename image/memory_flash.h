@@ -3,11 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <span>
 #include <vector>
 
 #include "flashfs/flash_driver.h"
+#include "image/change_list.h"
 #include "image/geometry.h"
 
 namespace image {
@@ -48,10 +50,21 @@ class memory_flash {
   // Forgets all of that.
   void clear_counts();
 
+  // The bytes are not there yet: each is had from the source when the file system first looks at it
+  // or at its neighbours.
+  using source = std::function<void(uint32_t offset, std::span<uint8_t> to)>;
+  void fill_from(source bytes);
+  // All changes go into the list, too, from now on; it must live as long.
+  void keep_changes(change_list* list) {
+    changes_ = list;
+  }
+
  private:
   flash_return_code read(uint32_t offset, uint32_t length, void* buffer);
   flash_return_code write(uint32_t offset, uint32_t length, const void* buffer);
   flash_return_code erase(uint32_t offset);
+  void fill(uint32_t offset, uint32_t length);
+  void mark_filled(uint32_t offset, uint32_t length);
   bool holds(uint32_t offset, uint32_t length) const;
   static memory_flash& flash_of(const void* handle);
 
@@ -62,6 +75,9 @@ class memory_flash {
   bool changed_ = false;
   std::set<uint32_t> erased_blocks_;
   uint64_t bytes_read_ = 0;
+  source source_;             // empty: all bytes are there
+  std::vector<bool> filled_;  // by granule
+  change_list* changes_ = nullptr;
 };
 
 }  // namespace image

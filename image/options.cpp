@@ -2,9 +2,13 @@
 #include "image/options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <sstream>
+
+#include "image/completions.h"
+#include "zantrolume/zantrolume_device.h"
 
 namespace image {
 
@@ -51,6 +55,10 @@ void add_globals(CLI::App* app, globals* options) {
          },
          "How long to wait for another run's lock (10)")
       ->type_name("SECONDS");
+  app->add_option("--ppc", options->ppc, "The flash of this complex (3 to 8) instead of an image")
+      ->type_name("N");
+  app->add_flag("-y,--yes", options->yes, "Change the complex without asking");
+  app->add_flag("--no-backup", options->no_backup, "Change it without saving a copy before");
 }
 
 // In one line, as the messages of the library are not always.
@@ -58,13 +66,31 @@ std::string first_line(const std::string& text) {
   return text.substr(0, text.find('\n'));
 }
 
-bool asks_for_json(int argc, char* argv[]) {
+// Whether an option is on the line, with its value behind it or behind "=".
+bool has_option(int argc, char* argv[], const char* name) {
+  const size_t length = std::strlen(name);
   for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
-    if (std::strcmp(argv[i], "--json") == 0) {
+    if (std::strncmp(argv[i], name, length) == 0 &&
+        (argv[i][length] == '\0' || argv[i][length] == '=')) {
       return true;
     }
   }
   return false;
+}
+
+// What is wrong about --ppc; empty: nothing.
+std::string objection_to_complex(const globals& options, const arguments& taken,
+                                 const char* command) {
+  if (!options.ppc) {
+    return taken.needs_complex() ? std::string(command) + " works on a complex: --ppc names it"
+                                 : "";
+  }
+  if (!zantrolume_is_ppc(*options.ppc)) {
+    char text[64];
+    std::snprintf(text, sizeof(text), zantrolume_invalid_ppc_text, *options.ppc);
+    return text;
+  }
+  return taken.takes_complex() ? "" : std::string(command) + " does not work on a complex";
 }
 
 // What is wrong with a command line. The library calls a command that it does not know missing.
@@ -85,7 +111,92 @@ std::string example_text(const command& one) {
   return text + "\nOptions of all commands: flashfs-image --help";
 }
 
+std::vector<described_option> described_options(const CLI::App& app) {
+  std::vector<described_option> options;
+  for (const CLI::Option* one : app.get_options()) {
+    if (one->get_positional() || one->get_group().empty()) {
+      continue;
+    }
+    described_option described;
+    for (const std::string& name : one->get_snames()) {
+      described.names.push_back("-" + name);
+    }
+    for (const std::string& name : one->get_lnames()) {
+      described.names.push_back("--" + name);
+    }
+    described.value = one->get_type_name();
+    described.help = one->get_description();
+    options.push_back(std::move(described));
+  }
+  return options;
+}
+
+option_tree described(const CLI::App& app) {
+  option_tree tree = {.globals = described_options(app), .commands = {}};
+  for (const CLI::App* one : app.get_subcommands([](const CLI::App*) { return true; })) {
+    described_command command = {.name = one->get_name(),
+                                 .summary = one->get_description(),
+                                 .options = described_options(*one),
+                                 .words = {}};
+    for (const CLI::Option* option : one->get_options()) {
+      if (option->get_positional()) {
+        command.words.push_back(option->get_name(true));
+      }
+    }
+    tree.commands.push_back(std::move(command));
+  }
+  return tree;
+}
+
+// Ends the run with a shell's script in place of an answer. Who packages the program asks for it,
+// so the help does not show it.
+void add_completions(CLI::App* app) {
+  const auto print = [app](const std::string& shell) {
+    std::string script = completion_script(described(*app), shell);
+    if (script.empty()) {
+      throw CLI::ValidationError("--completions is for bash, zsh or fish");
+    }
+    script.pop_back();  // the library ends the line
+    throw CLI::CallForVersion(script, 0);
+  };
+  app->add_option_function<std::string>("--completions", print)->type_name("SHELL")->group("");
+}
+
+// The parser with all that it points to.
+struct command_line {
+  CLI::App app{"Looks into, makes and changes images of a flash file system.", own_name};
+  parsed_line parsed;
+  std::map<const command*, arguments> taken;
+
+  // With `complex` the line names one with --ppc.
+  command_line(std::span<const command> commands, bool complex) {
+    app.require_subcommand(1);
+    app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
+    add_globals(&app, &parsed.options);
+    add_completions(&app);
+    for (const command& one : commands) {
+      CLI::App* added = app.add_subcommand(one.name, one.summary);
+      added->fallthrough();
+      added->footer(example_text(one));
+      one.add_arguments(taken.try_emplace(&one, *added, complex).first->second);
+      added->callback([this, &one] { parsed.chosen = &one; });
+    }
+  }
+};
+
 }  // namespace
+
+void arguments::image(std::string* value, const char* name, const char* help) {
+  takes_complex_ = true;
+  if (!complex_) {
+    word(name, value, help);
+  }
+}
+
+void arguments::complex_alone() {
+  takes_complex_ = true;
+  needs_complex_ = true;
+}
 
 void arguments::flag(const char* names, bool* value, const char* help) {
   app_.add_flag(names, *value, help);
@@ -124,19 +235,9 @@ void arguments::optional_words(const char* name, std::vector<std::string>* value
 }
 
 parsed_line parse_command_line(std::span<const command> commands, int argc, char* argv[]) {
-  parsed_line parsed;
-  CLI::App app("Looks into, makes and changes images of a flash file system.", own_name);
-  app.require_subcommand(1);
-  app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
-  add_globals(&app, &parsed.options);
-  for (const command& one : commands) {
-    CLI::App* added = app.add_subcommand(one.name, one.summary);
-    added->fallthrough();
-    added->footer(example_text(one));
-    arguments of_command(*added);
-    one.add_arguments(of_command);
-    added->callback([&parsed, &one] { parsed.chosen = &one; });
-  }
+  command_line line(commands, has_option(argc, argv, "--ppc"));
+  CLI::App& app = line.app;
+  parsed_line& parsed = line.parsed;
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& ended) {
@@ -150,9 +251,22 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
     if (const auto named = app.get_subcommands(); !named.empty()) {
       parsed.command_name = named.front()->get_name();
     }
-    parsed.options.json = asks_for_json(argc, argv);
+    parsed.options.json = has_option(argc, argv, "--json");
+  }
+  if (parsed.chosen != nullptr) {
+    parsed.error =
+        objection_to_complex(parsed.options, line.taken.at(parsed.chosen), parsed.chosen->name);
+    if (!parsed.error.empty()) {
+      parsed.command_name = parsed.chosen->name;
+      parsed.chosen = nullptr;
+      parsed.status = exit_status::usage;
+    }
   }
   return parsed;
+}
+
+option_tree describe_command_line(std::span<const command> commands) {
+  return described(command_line(commands, false).app);
 }
 
 }  // namespace image

@@ -12,6 +12,7 @@
 
 #include "image/exit_status.h"
 #include "image/globals.h"
+#include "image/option_tree.h"
 
 namespace CLI {
 class App;
@@ -25,7 +26,13 @@ class report;
 // are met in the order in which they are given here.
 class arguments {
  public:
-  explicit arguments(CLI::App& app) : app_(app) {}
+  // With `complex` the line names one with --ppc.
+  arguments(CLI::App& app, bool complex) : app_(app), complex_(complex) {}
+
+  // The image, as a word; with --ppc there is none, and the value stays empty.
+  void image(std::string* value, const char* name = "IMAGE", const char* help = "The image");
+  // The command works on nothing but a complex.
+  void complex_alone();
 
   void flag(const char* names, bool* value, const char* help);
   // `value_name` stands for the value in the help.
@@ -40,8 +47,18 @@ class arguments {
   void words(const char* name, std::vector<std::string>* values, const char* help);
   void optional_words(const char* name, std::vector<std::string>* values, const char* help);
 
+  bool takes_complex() const {
+    return takes_complex_;
+  }
+  bool needs_complex() const {
+    return needs_complex_;
+  }
+
  private:
   CLI::App& app_;
+  const bool complex_;
+  bool takes_complex_ = false;
+  bool needs_complex_ = false;
 };
 
 struct command {
@@ -63,5 +80,8 @@ struct parsed_line {
 
 // The values go where the commands have pointed with their arguments.
 parsed_line parse_command_line(std::span<const command> commands, int argc, char* argv[]);
+
+// All that a line may hold, in the order of the help, but for what the help does not show.
+option_tree describe_command_line(std::span<const command> commands);
 
 }  // namespace image

@@ -23,15 +23,7 @@ block_record decode_header(const records& all, const flash_block_info& place, ui
   const auto* header = reinterpret_cast<const flashfs_blkheader*>(all.image.data() + place.offset);
   block.header = header;
   block.state = blkheader_state(header);
-  if (is_erased(header, sizeof(*header))) {
-    block.verdict = header_verdict::erased;
-  } else if (header->block_num != number) {
-    block.verdict = header_verdict::bad_number;
-  } else if (blkheader_crc(header) != flashfs_good_crc) {
-    block.verdict = header_verdict::bad_checksum;
-  } else {
-    block.verdict = header_verdict::good;
-  }
+  block.verdict = judge_header(*header, number);
   block.is_read = block.verdict == header_verdict::good &&
                   (block.state == block_in_use || block.state == block_committed);
   return block;
@@ -243,6 +235,17 @@ const char* kind_text(sector_kind kind) {
       break;
   }
   return "data";
+}
+
+header_verdict judge_header(const flashfs_blkheader& header, uint32_t number) {
+  if (is_erased(&header, sizeof(header))) {
+    return header_verdict::erased;
+  }
+  if (header.block_num != number) {
+    return header_verdict::bad_number;
+  }
+  return blkheader_crc(&header) == flashfs_good_crc ? header_verdict::good
+                                                    : header_verdict::bad_checksum;
 }
 
 const char* state_text(uint8_t state) {

@@ -11,7 +11,8 @@ namespace image {
 // Fills blocks, sectors, slots, counts and the spare; nothing is current yet.
 void decode_records(records* all);
 
-// A data sector, or a slot, by itself.
+// The header of the block of this number, a data sector, or a slot, by itself.
+header_verdict judge_header(const flashfs_blkheader& header, uint32_t number);
 sector_verdict judge_data_sector(const flashfs_sector& sector);
 slot_verdict judge_slot(const flashfs_dir_slot& slot);
 

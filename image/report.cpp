@@ -232,6 +232,12 @@ void report::raise(exit_status status) {
   }
 }
 
+void report::ask(std::string_view text) {
+  wipe_progress();
+  std::fflush(stdout);
+  std::fwrite(text.data(), 1, text.size(), stderr);
+}
+
 void report::progress(std::string_view what, uint64_t done, uint64_t total) {
   const clock::time_point now = clock::now();
   if (!shows_progress_ || now - started_ < std::chrono::seconds(1) ||

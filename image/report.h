@@ -67,6 +67,8 @@ class report {
 
   // Told unless -q.
   void message(std::string_view text);
+  // A question, at the end of its line, whatever the options.
+  void ask(std::string_view text);
   // Told with -v only.
   void detail(std::string_view text);
   // Told with its place, warnings and errors always, information with -v; the status stays.

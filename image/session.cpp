@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "flashfs/check_flags.h"
+#include "image/complex_edit.h"
 #include "image/console.h"
 #include "image/interrupt.h"
 
@@ -38,6 +39,24 @@ std::optional<geometry> geometry_of(const globals& options, const std::string& n
   return given;
 }
 
+// The flash of the complex that --ppc names: its geometry is known.
+std::optional<opened_image> open_complex(const globals& options, flash_file::access wanted,
+                                         report& out) {
+  if (!options.geometry.empty()) {
+    out.fail(exit_status::usage, "--geometry: that of a complex is known");
+    return std::nullopt;
+  }
+  if (wanted == flash_file::access::edit && !may_change_complex(options, out)) {
+    return std::nullopt;
+  }
+  std::shared_ptr<complex_flash> complex = complex_flash::open(options, out);
+  if (!complex) {
+    return std::nullopt;
+  }
+  const std::string name = complex->name();
+  return opened_image{name, std::nullopt, std::move(complex), default_geometry()};
+}
+
 bool refuse(const std::string& name, const std::string& why, report& out) {
   out.fail(exit_status::failed, why, name);
   return false;
@@ -45,9 +64,25 @@ bool refuse(const std::string& name, const std::string& why, report& out) {
 
 }  // namespace
 
+bool opened_image::read(uint32_t offset, std::span<uint8_t> to) const {
+  if (uint64_t{offset} + to.size() > (complex ? size_bytes(layout) : file->contents().size())) {
+    return false;
+  }
+  if (complex) {
+    complex->read(offset, to);
+  } else {
+    const std::span<const uint8_t> found = file->contents().subspan(offset, to.size());
+    std::copy(found.begin(), found.end(), to.begin());
+  }
+  return true;
+}
+
 std::optional<opened_image> open_image(const globals& options, const std::string& name,
                                        flash_file::access wanted, report& out) {
   console_show(options.verbose);
+  if (options.ppc && name.empty()) {
+    return open_complex(options, wanted, out);
+  }
   std::string why;
   std::optional<flash_file> file =
       flash_file::open(name, wanted, options.lock_timeout_seconds, &why);
@@ -59,7 +94,7 @@ std::optional<opened_image> open_image(const globals& options, const std::string
   if (!layout) {
     return std::nullopt;
   }
-  return opened_image{name, std::move(*file), std::move(*layout)};
+  return opened_image{name, std::move(file), nullptr, std::move(*layout)};
 }
 
 session::session(const globals& options, opened_image opened)
@@ -72,14 +107,27 @@ std::unique_ptr<session> session::to_read(const globals& options, const std::str
     return nullptr;
   }
   std::unique_ptr<session> made(new session(options, std::move(*opened)));
+  if (made->image_.complex) {
+    made->mount_complex();
+    return made->check_for_reading(out) ? std::move(made) : nullptr;
+  }
   std::string why;
-  const std::optional<std::span<uint8_t>> view = made->image_.file.private_view(&why);
+  const std::optional<std::span<uint8_t>> view = made->image_.private_view(&why);
   if (!view) {
     refuse(name, why, out);
     return nullptr;
   }
   made->mounted_ = std::make_unique<class mounted>(*view, made->layout());
   return made->check_for_reading(out) ? std::move(made) : nullptr;
+}
+
+// A device is slow: what nobody asks for is not read.
+void session::mount_complex() {
+  copy_.resize(static_cast<size_t>(size_bytes(layout())));
+  mounted_ = std::make_unique<class mounted>(copy_, layout());
+  mounted_->flash().fill_from([complex = image_.complex](uint32_t offset, std::span<uint8_t> to) {
+    complex->read(offset, to);
+  });
 }
 
 bool session::check_for_reading(report& out) {
@@ -115,6 +163,9 @@ std::unique_ptr<session> session::to_edit(const globals& options, const std::str
   std::unique_ptr<session> made(new session(options, std::move(*opened)));
   made->copy_.assign(made->contents().begin(), made->contents().end());
   made->mounted_ = std::make_unique<class mounted>(made->copy_, made->layout());
+  if (made->image_.complex) {
+    made->mounted_->flash().keep_changes(&made->changes_);
+  }
   return made->check_for_editing(force, out) ? std::move(made) : nullptr;
 }
 
@@ -145,11 +196,11 @@ bool session::check_for_editing(bool force, report& out) {
 
 bool session::commit(report& out) {
   return static_cast<int>(out.status()) <= static_cast<int>(exit_status::partial) &&
-         write_result(options_, image_, copy_, out);
+         write_result(options_, image_, copy_, out, &changes_);
 }
 
 bool write_result(const globals& options, const opened_image& image,
-                  std::span<const uint8_t> contents, report& out) {
+                  std::span<const uint8_t> contents, report& out, const change_list* in_order) {
   if (!result_is_sound(contents, image.layout, out)) {
     return false;
   }
@@ -160,8 +211,15 @@ bool write_result(const globals& options, const opened_image& image,
   if (options.dry_run || (in_place && same)) {
     return true;
   }
+  if (in_place && image.complex) {
+    if (!change_complex(options, *image.complex, contents, in_order, out)) {
+      return false;
+    }
+    put_text(&out.result(), "written", image.name);
+    return true;
+  }
   std::string why;
-  if (in_place ? image.file.replace(contents, &why)
+  if (in_place ? image.file->replace(contents, &why)
                : write_new_file(options.output, contents, false, &why)) {
     put_text(&out.result(), "written", in_place ? image.name : options.output);
     out.set_written();

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "image/change_list.h"
+#include "image/complex_flash.h"
 #include "image/flash_file.h"
 #include "image/geometry.h"
 #include "image/globals.h"
@@ -18,19 +20,29 @@
 
 namespace image {
 
-// An image that is open and locked, and how it is divided; nothing is mounted.
+// An image that is open and locked, and how it is divided; nothing is mounted. It is a file, or,
+// with --ppc, the flash of a complex.
 struct opened_image {
-  std::string name;  // as it was given
-  flash_file file;
+  std::string name;                        // as it was given, or "PPC 4"
+  std::optional<flash_file> file;          // nothing: a complex
+  std::shared_ptr<complex_flash> complex;  // null: a file
   geometry layout;
 
+  // A complex is read whole at the first call. After a signal it is not whole.
   std::span<const uint8_t> contents() const {
-    return file.contents();
+    return complex ? complex->contents() : file->contents();
+  }
+  // Some bytes of it; of a complex nothing else is read. False when it ends before.
+  [[nodiscard]] bool read(uint32_t offset, std::span<uint8_t> to) const;
+  // All of it, to be changed at will: nobody else sees that. Nothing, with the reason, when it
+  // cannot be had.
+  std::optional<std::span<uint8_t>> private_view(std::string* why) {
+    return complex ? std::optional(complex->private_view()) : file->private_view(why);
   }
 };
 
-// Opens, locks and finds the geometry (--geometry, --lock-timeout). Nothing after a failure, which
-// is told and has raised the status.
+// Opens, locks and finds the geometry (--geometry, --lock-timeout, --ppc: the name is empty then).
+// Nothing after a failure, which is told and has raised the status.
 std::optional<opened_image> open_image(const globals& options, const std::string& name,
                                        flash_file::access wanted, report& out);
 
@@ -65,20 +77,24 @@ class session {
 
  private:
   session(const globals& options, opened_image opened);
+  void mount_complex();
   bool check_for_reading(report& out);
   bool check_for_editing(bool force, report& out);
 
   const globals options_;
   opened_image image_;
-  std::vector<uint8_t> copy_;  // of an edit
+  std::vector<uint8_t> copy_;  // of an edit, and of what was looked at of a complex
+  change_list changes_;        // of an edit on a complex
   std::unique_ptr<class mounted> mounted_;
 };
 
 // Puts other contents in place of an image that was opened to be edited, or into --output, once
 // they have passed the full check without a change; with --dry-run, and where nothing has changed,
-// nothing is written. False when it could not be, which is told.
+// nothing is written. On a complex the changes of the list are made in their order, where there is
+// one; else see complex_edit.h. False when it could not be, which is told.
 [[nodiscard]] bool write_result(const globals& options, const opened_image& image,
-                                std::span<const uint8_t> contents, report& out);
+                                std::span<const uint8_t> contents, report& out,
+                                const change_list* in_order = nullptr);
 
 // Whether the contents of an image pass the full check without a change; told if not.
 [[nodiscard]] bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout,

@@ -496,4 +496,11 @@ chassis* environment_chassis() {
   return &kept->get();
 }
 
+chassis& chassis_in_use() {
+  if (installed_chassis() == nullptr) {
+    install_chassis(environment_chassis());
+  }
+  return *installed_chassis();
+}
+
 }  // namespace sim

@@ -91,5 +91,7 @@ class folder_chassis {
 // at the first call. Ends the process with status 2 after one line on standard error when the
 // folder cannot be used.
 chassis* environment_chassis();
+// The installed chassis; without one that of the environment, which is installed then.
+chassis& chassis_in_use();
 
 }  // namespace sim

@@ -1,20 +1,13 @@
 // The program's seam to its hardware, over the simulated chassis: the installed one, or else that
-// of the chassis folder. The base of a window is the address of its node.
+// of the chassis folder. The base of a window is the address of its node. The clock is
+// sim/window_clock.cpp.
 #include "window/window.h"
 
 #include "sim/chassis.h"
 #include "sim/cpld.h"
 #include "sim/folder.h"
-#include "window/clock.h"
 
 namespace {
-
-sim::chassis& chassis_in_use() {
-  if (sim::installed_chassis() == nullptr) {
-    sim::install_chassis(sim::environment_chassis());
-  }
-  return *sim::installed_chassis();
-}
 
 sim::cpld& node_at(window_base base) {
   return *static_cast<sim::cpld*>(const_cast<void*>(base));
@@ -23,19 +16,19 @@ sim::cpld& node_at(window_base base) {
 }  // namespace
 
 int window_open(const char* path) {
-  return chassis_in_use().open(path);
+  return sim::chassis_in_use().open(path);
 }
 
 int window_lock(int fd, bool wait) {
-  return chassis_in_use().lock(fd, wait);
+  return sim::chassis_in_use().lock(fd, wait);
 }
 
 window_base window_map(int fd, size_t length, off_t offset) {
-  return chassis_in_use().map(fd, length, offset);
+  return sim::chassis_in_use().map(fd, length, offset);
 }
 
 int window_unmap(window_base base, size_t length) {
-  return chassis_in_use().unmap(base, length);
+  return sim::chassis_in_use().unmap(base, length);
 }
 
 uint32_t window_load32(window_base base, uint32_t offset) {
@@ -52,8 +45,4 @@ uint16_t window_load16(window_base base, uint32_t offset) {
 
 void window_store16(window_base base, uint32_t offset, uint16_t value) {
   node_at(base).store16(offset, value);
-}
-
-int64_t window_clock() {
-  return chassis_in_use().clock();
 }

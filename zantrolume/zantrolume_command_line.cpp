@@ -8,12 +8,10 @@
 #include <cstring>
 
 #include "zantrolume/zantrolume_cpld.h"
+#include "zantrolume/zantrolume_device.h"
 #include "zantrolume/zantrolume_number.h"
 
 namespace {
-
-constexpr int32_t first_ppc = 3;
-constexpr uint32_t ppc_count = 6;
 
 constexpr const char* command_words[] = {"copy", "dir",   "erase", "fsck", "more",
                                          "rm",   "sread", "aread", "sizes"};
@@ -124,8 +122,9 @@ int zantrolume_parse(int argc, char* argv[], zantrolume_request* request) {
     return refuse(missing_parameters);
   }
   request->ppc_number = parse_number(argv[index++], 10);
-  if (static_cast<uint32_t>(request->ppc_number) - first_ppc >= ppc_count) {
-    printf("\nInvalid ppc number : %d", request->ppc_number);
+  if (!zantrolume_is_ppc(request->ppc_number)) {
+    printf("\n");
+    printf(zantrolume_invalid_ppc_text, request->ppc_number);
     zantrolume_display_usage();
     return EXIT_FAILURE;
   }

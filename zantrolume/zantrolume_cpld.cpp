@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "ifs/console.h"
 #include "window/clock.h"
 
 int verbose_mode;
@@ -200,7 +201,7 @@ flash_return_code zantrolume_wait_on_flash_ready(uint32_t status_register, uint3
   }
   for (;;) {
     if (window_clock() > start + ready_timeout_seconds) {
-      printf("Timeout waiting for flash ready: bit 0x%x\n", mask);
+      console_print("Timeout waiting for flash ready: bit 0x%x\n", mask);
       return flash_poll_timeout;
     }
     if ((window_load32(vexmor_mapped_ptr, status_register) & mask) != 0) {

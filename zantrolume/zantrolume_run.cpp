@@ -2,64 +2,25 @@
 // reset, carries out one command and unmaps. What the command line means is decided elsewhere.
 #include "zantrolume/zantrolume_run.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 
 #include "window/window.h"
 #include "zantrolume/zantrolume_command_line.h"
 #include "zantrolume/zantrolume_commands.h"
 #include "zantrolume/zantrolume_cpld.h"
+#include "zantrolume/zantrolume_device.h"
 #include "zantrolume/zantrolume_display.h"
 #include "zantrolume/zantrolume_signals.h"
 
 namespace {
 
-// One CPLD with the complexes that it guards.
-struct cpld_node {
-  const char* path;
-  off_t window_offset;
-  int32_t first_ppc;
-};
-constexpr cpld_node first_node = {"/dev/vexmor1", 0x10150000, 3};
-constexpr cpld_node second_node = {"/dev/vexmor2", 0x10170000, 6};
-
-const cpld_node& node_of(int32_t ppc_number) {
-  return ppc_number < second_node.first_ppc ? first_node : second_node;
-}
-
 void print_verbose(const char* text) {
   if (verbose_mode != 0) {
     printf("%s", text);
   }
-}
-
-// Puts /dev/null where standard output or standard error was closed, so that nothing that is opened
-// later gets their numbers and is printed into. False when it cannot be had.
-bool occupy_output_descriptors() {
-  for (const int wanted : {STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(wanted, F_GETFD) >= 0) {
-      continue;
-    }
-    // Gives descriptor 0 when that is closed too, which stays as it was.
-    const int opened = open("/dev/null", O_RDWR);
-    if (opened < 0) {
-      return false;
-    }
-    if (opened != wanted) {
-      const bool placed = dup2(opened, wanted) == wanted;
-      close(opened);
-      if (!placed) {
-        return false;
-      }
-    }
-  }
-  return true;
 }
 
 // Waits until no other run has the device. Signals end the waiting: they are not held yet.
@@ -68,7 +29,9 @@ void take_device(int fd, const char* path) {
     return;
   }
   fflush(stdout);
-  fprintf(stderr, "zantrolume: another run has %s, waiting for its end\n", path);
+  char told[80];
+  snprintf(told, sizeof(told), zantrolume_waiting_text, path);
+  fprintf(stderr, "zantrolume: %s\n", told);
   // It waits until it has it.
   (void)window_lock(fd, true);
 }
@@ -77,7 +40,9 @@ void take_device(int fd, const char* path) {
 bool map_window(const cpld_node& node) {
   const int fd = zantrolume_open_vexmor_device(node.path);
   if (fd < 0) {
-    printf("\nZANTROLUME : Failed to open file VEXMOR device driver, errno %d", errno);
+    const int error = errno;
+    printf("\nZANTROLUME : ");
+    printf(zantrolume_open_failed_text, error);
     return false;
   }
   if (fd != 0) {
@@ -87,7 +52,10 @@ bool map_window(const cpld_node& node) {
   vexmor_mapped_ptr = window_map(fd, cpld_window_size, node.window_offset);
   const auto base = reinterpret_cast<uintptr_t>(vexmor_mapped_ptr);
   if (base == 0 || base == UINTPTR_MAX) {
-    printf("\nZANTROLUME: mmap failed, errno %d.\n", errno);
+    const int error = errno;
+    printf("\nZANTROLUME: ");
+    printf(zantrolume_map_failed_text, error);
+    printf("\n");
     return false;
   }
   print_verbose("\nZANTROLUME : vexmor device driver memory mapped");
@@ -136,7 +104,7 @@ void run_command(const zantrolume_request& request) {
 }  // namespace
 
 int zantrolume_run(int argc, char* argv[]) {
-  if (!occupy_output_descriptors()) {
+  if (!zantrolume_occupy_output_descriptors()) {
     return EXIT_FAILURE;
   }
   zantrolume_request request;
@@ -144,19 +112,17 @@ int zantrolume_run(int argc, char* argv[]) {
   if (status != 0) {
     return status;
   }
-  const cpld_node& node = node_of(request.ppc_number);
-  const auto index = static_cast<uint32_t>(request.ppc_number - node.first_ppc);
-  cpld_flash_access_selection = cpld_data_window + (index << flash_page_shift);
-  flash_status_bit = uint32_t{2} << index;
-  if (!map_window(node)) {
+  const uint32_t run_state_bit = zantrolume_select_ppc(request.ppc_number);
+  if (!map_window(zantrolume_node_of(request.ppc_number))) {
     return 0;
   }
   zantrolume_hold_signals();
-  if (zantrolume_is_ppc_in_reset(vexmor_mapped_ptr, index + 1) != 0) {
+  if (zantrolume_is_ppc_in_reset(vexmor_mapped_ptr, run_state_bit) != 0) {
     run_command(request);
   } else {
-    printf("\nZANTROLUME : PPC Flashfs access requires PPC %d to be in reset.\n",
-           request.ppc_number);
+    printf("\nZANTROLUME : ");
+    printf(zantrolume_needs_reset_text, request.ppc_number);
+    printf("\n");
   }
   // The run is over, and its end unmaps the window anyway.
   (void)window_unmap(vexmor_mapped_ptr, cpld_window_size);

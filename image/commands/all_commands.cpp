@@ -27,6 +27,10 @@ std::vector<command> all_commands() {
       extract_command(),
       diff_command(),
       dump_command(),
+      wear_command(),
+      read_command(),
+      write_command(),
+      explain_command(),
   };
   // clang-format on
 }

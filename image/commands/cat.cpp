@@ -61,7 +61,7 @@ command cat_command() {
   auto options = std::make_shared<cat_options>();
   return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.words("PATH", &options->paths, "Files in the image");
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};

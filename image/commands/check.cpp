@@ -31,6 +31,7 @@ struct tried_check {
   bool loses = false;
   std::vector<finding> findings;
   std::vector<uint8_t> result;
+  change_list order;  // of what it has changed, on a complex
 };
 
 class checker {
@@ -74,6 +75,9 @@ class checker {
     const std::span<const uint8_t> before = opened_.contents();
     tried.result.assign(before.begin(), before.end());
     mounted system(tried.result, opened_.layout);
+    if (opened_.complex) {
+      system.flash().keep_changes(&tried.order);
+    }
     out_.progress(std::string("the ") + name + " check", 0, 1);
     tried.passed = system.check(flags);
     tried.changes = system.flash().changed();
@@ -141,7 +145,7 @@ class checker {
     if (tried.loses && !options_.force) {
       out_.fail(exit_status::faults,
                 "not repaired: that would drop what still is good; --force does it", opened_.name);
-    } else if (write_result(all_, opened_, tried.result, out_)) {
+    } else if (write_result(all_, opened_, tried.result, out_, &tried.order)) {
       out_.print(all_.dry_run ? "it would be repaired\n" : "repaired\n");
       out_.raise(exit_status::changed);
     }
@@ -174,7 +178,7 @@ command check_command() {
           "flashfs-image check boot.img\n"
           "flashfs-image check --repair -o mended.img boot.img",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.flag("--quick", &options->quick, "The check that the board runs alone");
             take.flag("--repair", &options->repair, "Do what the check would do");
             take.flag("--force", &options->force, "Even if good records are lost");

@@ -13,6 +13,7 @@ command chmod_command();
 command create_command();
 command diff_command();
 command dump_command();
+command explain_command();
 command extract_command();
 command format_command();
 command get_command();
@@ -22,9 +23,12 @@ command ls_command();
 command mkdir_command();
 command mv_command();
 command put_command();
+command read_command();
 command rm_command();
 command tree_command();
 command truncate_command();
 command verify_command();
+command wear_command();
+command write_command();
 
 }  // namespace image

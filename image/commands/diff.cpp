@@ -228,7 +228,7 @@ command diff_command() {
   return {"diff", "Tells what is different between two images",
           "flashfs-image diff before.img after.img",
           [options](arguments& take) {
-            take.word("A", &options->first, "An image");
+            take.image(&options->first, "A", "An image");
             take.word("B", &options->second, "Another one");
             take.flag("--files", &options->files,
                       "Names, contents, modes and dates, wherever they lie on flash (so without)");

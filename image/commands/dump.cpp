@@ -522,7 +522,7 @@ command dump_command() {
           "flashfs-image dump --path /config/a --hex boot.img\n"
           "flashfs-image dump --at 0x207e8 boot.img",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.option("--block", "N", &options->block, "The header and sectors of a block");
             take.option("--sector", "B.S", &options->sector, "Sector S of block B");
             take.option("--slot", "B.S.I", &options->slot, "Slot I of a directory sector");

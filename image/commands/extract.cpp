@@ -149,7 +149,7 @@ command extract_command() {
           "flashfs-image extract boot.img -C folder\n"
           "flashfs-image extract boot.img --to-tar - | tar -tv",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.option("-C", "DIR", &options->folder, "Into this folder, made if missing");
             take.option("--to-tar", "FILE", &options->archive,
                         "Into a tar archive, '-' for standard output");

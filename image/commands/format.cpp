@@ -52,7 +52,7 @@ command format_command() {
   auto options = std::make_shared<format_options>();
   return {"format", "Erases all files", "flashfs-image format boot.img --force",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.flag("--force", &options->force, "Yes, all files go");
             take.flag("--reset-wear", &options->reset_wear, "The erase counts begin at 0 again");
           },

@@ -137,7 +137,7 @@ command get_command() {
   auto options = std::make_shared<get_options>();
   return {"get", "Copies files out of the image", "flashfs-image get -r boot.img /config backup",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.words("PATH... HOST", &options->words,
                        "Paths in the image; then a file or folder of the host, or '-'");
             take.flag("-r", &options->recursive, "Directories, too, with all in them");

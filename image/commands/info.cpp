@@ -77,7 +77,7 @@ class image_info {
 
   bool measure_space() {
     std::string why;
-    const std::optional<std::span<uint8_t>> view = opened_.file.private_view(&why);
+    const std::optional<std::span<uint8_t>> view = opened_.private_view(&why);
     if (!view) {
       out_.fail(exit_status::failed, why, opened_.name);
       return false;
@@ -332,7 +332,7 @@ command info_command() {
   auto options = std::make_shared<info_options>();
   return {"info", "Tells what an image is, how full, how worn, and what is wrong",
           "flashfs-image info boot.img",
-          [options](arguments& take) { take.word("IMAGE", &options->image, "The image"); },
+          [options](arguments& take) { take.image(&options->image); },
           [options](const globals& all, report& out) { run(*options, all, out); }};
 }
 

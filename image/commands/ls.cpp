@@ -171,7 +171,7 @@ command ls_command() {
   auto options = std::make_shared<ls_options>();
   return {"ls", "Lists directories", "flashfs-image ls -l boot.img /config",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.optional_words("PATH", &options->paths, "Files and directories in it");
             take.flag("-l", &options->with_details, "Type, mode, size and date (UTC), too");
             take.flag("-R", &options->recursive, "All below the directories, with whole paths");

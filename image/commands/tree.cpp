@@ -116,7 +116,7 @@ command tree_command() {
   auto options = std::make_shared<tree_command_options>();
   return {"tree", "Shows directories within each other", "flashfs-image tree -L 2 boot.img",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.optional_word("PATH", &options->path, "A directory in it");
             take.option("-L", "LEVELS", &options->levels, "No deeper than this");
           },

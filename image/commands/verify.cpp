@@ -138,7 +138,7 @@ command verify_command() {
   return {"verify", "Tells whether all files are sound, and what they should be",
           "flashfs-image verify boot.img --against folder",
           [options](arguments& take) {
-            take.word("IMAGE", &options->image, "The image");
+            take.image(&options->image);
             take.optional_words("PATH", &options->paths, "These files and directories only");
             take.option("--against", "SOURCE", &options->against,
                         "Compare with a folder or a tar archive, '-' for an archive from standard "

@@ -49,7 +49,7 @@ class names_in_memory : public unchecked_fixture {
     flashfs_dir_slot slot = slot_named(name);
     slot.dir_fileid = 30;
     slot.entry_fileid = as_listed_slot(entry)->entry_fileid;
-    filemap_redirect_slot(fs(), entry, {1, 1}, 1, slot);
+    filemap_redirect_slot(fs(), directory(), entry, {1, 1}, 1, slot);
   }
   // The numbers of the entries that a search gives.
   std::vector<int> search(const std::string& name) {

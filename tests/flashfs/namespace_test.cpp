@@ -291,6 +291,48 @@ TEST_F(namespace_mkdir, directories_nest_40_deep) {
 
 // --- flash that loses bits under a mounted file system ---
 
+class slot_of_another_directory : public operations_fixture {
+ protected:
+  // The slot of `name` comes to say that it is of another directory.
+  void lose(const std::string& name, uint16_t dir_fileid) {
+    const auto* entry = filemap_find_slot(fs(), filemap_lookup(fs(), fileid_of(name)));
+    ASSERT_NE(entry, nullptr);
+    flashfs_dir_slot held;
+    ASSERT_EQ(read_slot(fs(), entry->sctr_ptr, entry->slot_no, &held), 0);
+    flashfs_dir_slot lost = held;
+    lost.dir_fileid = dir_fileid;
+    ASSERT_EQ(update_slot(fs(), entry->sctr_ptr, entry->slot_no, &held, &lost), 0);
+  }
+  // In a directory with so many names that they are indexed, id 3, beside another such one.
+  void rename_what_has_lost(uint16_t dir_fileid) {
+    make({16, 16, 16, 16});
+    ASSERT_EQ(mkdir("other"), 0);
+    ASSERT_EQ(mkdir("d"), 0);
+    ASSERT_EQ(fileid_of("d"), 3);
+    for (int i = 0; i < 20; i++) {
+      put("d/" + std::to_string(i), "text");
+      put(std::to_string(i), "text");
+    }
+    lose("d/5", dir_fileid);
+    ASSERT_EQ(rename("d/5", "d/moved"), 0);
+    ppc_stat status;
+    EXPECT_EQ(stat("d/moved", &status), 0);
+    EXPECT_EQ(error_of(stat("d/5", &status)), ENOENT);
+    EXPECT_EQ(get("5"), "text");
+    EXPECT_EQ(chmod("d/moved", 0x300), 0);
+    EXPECT_EQ(remove("d/moved"), 0);
+    EXPECT_EQ(error_of(stat("d/moved", &status)), ENOENT);
+  }
+};
+
+TEST_F(slot_of_another_directory, is_renamed_where_memory_has_it) {
+  rename_what_has_lost(fileid_root);
+}
+
+TEST_F(slot_of_another_directory, is_renamed_where_memory_has_it_when_it_names_none) {
+  rename_what_has_lost(fileid_invalidated);
+}
+
 class name_of_nobody : public operations_fixture {
  protected:
   // The slot of `name` comes to name the id 0.

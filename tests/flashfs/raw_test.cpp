@@ -14,6 +14,7 @@
 #include "flashfs/flashfs.h"
 #include "flashfs/operations.h"
 #include "sim/flash.h"
+#include "tests/flashfs/driver_calls.h"
 #include "tests/flashfs/flashfs_recipe.h"
 #include "tests/flashfs/operations_fixture.h"
 #include "tests/support/image_builder.h"
@@ -179,6 +180,19 @@ TEST_F(raw_device, pieces_of_odd_sizes_make_the_same_image) {
   }
 }
 
+TEST_F(raw_device, the_driver_reads_whole_words_and_no_more_than_they) {
+  make_with_a_tree();
+  const std::string flash = image_on_flash();
+  const int32_t raw = open("...");
+  const driver_calls calls(fs());
+  EXPECT_TRUE(read_text(raw, 3) == flash.substr(0, 3));
+  EXPECT_TRUE(read_text(raw, 3) == flash.substr(3, 3));
+  EXPECT_TRUE(read_text(raw, 5) == flash.substr(6, 5));
+  EXPECT_TRUE(read_text(raw, 1) == flash.substr(11, 1));
+  EXPECT_EQ(calls.text(), "r0-4 r2-6 r6-12 r10-12");
+  EXPECT_EQ(close(raw), 0);
+}
+
 TEST_F(raw_device, blocks_of_two_devices_follow_each_other_with_their_spare_bytes) {
   make_flash({{block_bytes(8), false}, {block_bytes(3) + 1000, false}},
              {{block_bytes(8) + 2054, false}, {block_bytes(5), false}});
@@ -280,6 +294,24 @@ TEST_F(raw_device, a_part_of_a_block_leaves_the_rest_of_it) {
   EXPECT_TRUE(image_on_flash() ==
               head + "across!" + erased_flash(4 * block_bytes(8) - head.size() - 7));
   close(raw);
+}
+
+TEST_F(raw_device, a_write_reads_the_words_around_it_and_nothing_of_a_block_that_is_replaced) {
+  make_with_a_tree();
+  const int32_t raw = open("...", open_rw);
+  const driver_calls calls(fs());
+  EXPECT_EQ(write(raw, "odd"), 3);
+  EXPECT_EQ(write(raw, "x"), 1);
+  const std::string end = std::to_string(block_bytes(8));
+  EXPECT_EQ(calls.text(), "r2-" + end + " w0-" + end + " r0-4 r4-" + end + " w0-" + end);
+  EXPECT_EQ(write(raw, std::string(2 * block_bytes(8) - 4, 'y')),
+            static_cast<int32_t>(2 * block_bytes(8)) - 4);
+  const std::string second = end + "-" + std::to_string(2 * block_bytes(8));
+  EXPECT_EQ(calls.text(), "r2-" + end + " w0-" + end + " r0-4 r4-" + end + " w0-" + end +
+                              " r0-4 w0-" + end + " w" + second);
+  EXPECT_TRUE(image_on_flash() ==
+              "oddx" + std::string(2 * block_bytes(8) - 4, 'y') + erased_flash(2 * block_bytes(8)));
+  EXPECT_EQ(close(raw), 0);
 }
 
 TEST_F(raw_device, a_block_is_written_whole_with_its_marker) {

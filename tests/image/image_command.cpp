@@ -27,7 +27,7 @@ image_command::image_command() {
 }
 
 program_result image_command::run(const std::vector<std::string>& words) const {
-  return run_program({.path = FLASHFS_IMAGE_PROGRAM,
+  return run_program({.path = program_,
                       .arguments = words,
                       .environment = environment_,
                       .folder = folder_.path()});

@@ -41,6 +41,7 @@ class image_command : public testing::Test {
   std::vector<std::string> names() const;
 
   std::map<std::string, std::string> environment_;
+  std::string program_ = FLASHFS_IMAGE_PROGRAM;
 
  private:
   temporary_folder folder_;

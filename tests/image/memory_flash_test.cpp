@@ -4,7 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <utility>
 
 #include "flashfs/check_flags.h"
 #include "image/clock.h"
@@ -46,6 +48,54 @@ TEST_F(memory_flash, what_is_programmed_as_it_was_is_no_change) {
   EXPECT_TRUE(flash_.changed());
   flash_.clear_counts();
   EXPECT_FALSE(flash_.changed());
+}
+
+TEST_F(memory_flash, has_its_bytes_from_a_source_when_they_are_looked_at) {
+  std::vector<std::pair<uint32_t, size_t>> asked;
+  flash_.fill_from([&](uint32_t offset, std::span<uint8_t> to) {
+    asked.emplace_back(offset, to.size());
+    std::fill(to.begin(), to.end(), uint8_t{0x5A});
+  });
+  using places = std::vector<std::pair<uint32_t, size_t>>;
+  uint8_t read[100];
+  EXPECT_EQ(driver_->read(flash_.handle(), 70, 1, read), flash_ok);
+  EXPECT_EQ(read[0], 0x5A);
+  EXPECT_EQ(driver_->read(flash_.handle(), 71, 0, read), flash_ok);
+  EXPECT_EQ(asked, (places{{64, 32}}));
+  // What is there already is not asked for again.
+  EXPECT_EQ(driver_->read(flash_.handle(), 40, 100, read), flash_ok);
+  EXPECT_EQ(asked, (places{{64, 32}, {32, 32}, {96, 64}}));
+  EXPECT_EQ(read[99], 0x5A);
+  EXPECT_EQ(driver_->read(flash_.handle(), 40, 100, read), flash_ok);
+  EXPECT_EQ(asked.size(), 3U);
+  // What is programmed is had first; what is erased, never.
+  asked.clear();
+  const uint8_t word[] = {0xF0, 0xF0};
+  EXPECT_EQ(driver_->write(flash_.handle(), 1000, 2, word), flash_ok);
+  EXPECT_EQ(bytes_[1000], 0x50);
+  EXPECT_EQ(driver_->erase(flash_.handle(), block_size), flash_ok);
+  EXPECT_EQ(driver_->read(flash_.handle(), block_size, 100, read), flash_ok);
+  EXPECT_EQ(read[0], 0xFF);
+  EXPECT_EQ(asked, (places{{992, 32}}));
+}
+
+TEST_F(memory_flash, keeps_its_changes_in_their_order) {
+  image::change_list list;
+  flash_.keep_changes(&list);
+  const uint8_t ones[] = {0xFF, 0xFF};
+  const uint8_t word[] = {0x12, 0x34};
+  EXPECT_EQ(driver_->write(flash_.handle(), 10, 2, word), flash_ok);
+  EXPECT_EQ(driver_->write(flash_.handle(), 20, 2, ones), flash_ok);
+  EXPECT_EQ(driver_->erase(flash_.handle(), block_size), flash_ok);
+  EXPECT_EQ(driver_->write(flash_.handle(), block_size, 2, word), flash_ok);
+  ASSERT_EQ(list.changes().size(), 3U);
+  EXPECT_FALSE(list.changes()[0].is_erase);
+  EXPECT_EQ(list.changes()[0].offset, 10U);
+  EXPECT_TRUE(std::ranges::equal(list.bytes_of(list.changes()[0]), word));
+  EXPECT_TRUE(list.changes()[1].is_erase);
+  EXPECT_EQ(list.changes()[1].offset, block_size);
+  EXPECT_EQ(list.changes()[2].offset, block_size);
+  EXPECT_TRUE(std::ranges::equal(list.bytes_of(list.changes()[2]), word));
 }
 
 TEST_F(memory_flash, what_lies_outside_is_refused) {
