@@ -36,7 +36,7 @@ const std::vector<line>& all_lines() {
       {{"info", "gone.img"}, 8},
       {{"wear", "boot.img"}, 0},
       {{"wear", "gone.img"}, 8},
-      {{"explain", "orphan-made"}, 8},
+      {{"explain", "nothing"}, 8},
       {{"explain", "sector-checksum"}, 0},
       {{"ls", "-l", "boot.img"}, 0},
       {{"ls", "boot.img", "/gone"}, 8},
