@@ -69,7 +69,7 @@ const std::vector<line>& all_lines() {
       {{"verify", "boot.img"}, 0},
       {{"extract", "boot.img", "-C", "out"}, 0},
       {{"extract", "boot.img", "-C", "source"}, 8},
-      {{"dump", "boot.img", "--slot", "1.0.31"}, 0},
+      {{"dump", "boot.img", "--slot", "4.0.31"}, 0},
       {{"dump", "boot.img", "--slot", "1.0.32"}, 8},
       {{"import", "back.img", "--geometry", "6x16K", "log"}, 4},
       {{"import", "none.img", "source/folder/file"}, 8},
