@@ -416,6 +416,12 @@ std::vector<finding> report_check(const check_run& run) {
   return reporter(run).report();
 }
 
+bool check_leaves_faults(std::span<const finding> report) {
+  return std::any_of(report.begin(), report.end(), [](const finding& each) {
+    return std::string_view(each.code) == "check-file-unreadable";
+  });
+}
+
 bool check_loses(std::span<const finding> report) {
   static constexpr std::string_view losses[] = {"check-block-lost",   "check-file-dropped",
                                                 "check-file-changed", "check-file-removed",

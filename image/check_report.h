@@ -29,4 +29,8 @@ std::vector<finding> report_check(const check_run& run);
 // stands nowhere else.
 bool check_loses(std::span<const finding> report);
 
+// Whether something is wrong that the check does not mind, so that it is wrong behind it, too: a
+// name that leads nowhere for instance.
+bool check_leaves_faults(std::span<const finding> report);
+
 }  // namespace image

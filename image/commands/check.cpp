@@ -57,6 +57,9 @@ class checker {
     if (interrupted()) {
       return;
     }
+    if (check_leaves_faults(decisive.findings)) {
+      out_.raise(exit_status::faults);
+    }
     if (!decisive.passed) {
       out_.raise(exit_status::faults);
     } else if (options_.repair && decisive.changes) {

@@ -3,6 +3,7 @@
 
 #include "tests/image/image_command.h"
 #include "tests/support/golden.h"
+#include "tests/support/image_builder.h"
 
 namespace {
 
@@ -62,6 +63,23 @@ TEST_F(check_command, cannot_mend_everything) {
   const std::string before = contents(image);
   EXPECT_EQ(run({"check", "--repair", "--force", image}).status, 4);
   EXPECT_TRUE(contents(image) == before);
+}
+
+// No path leads to a file whose name is empty, and no check minds.
+TEST_F(check_command, tells_of_faults_that_no_check_mends) {
+  constexpr uint32_t block_size = 16384;
+  std::string bytes(4 * block_size, '\xFF');
+  test_support::image_builder builder(reinterpret_cast<uint8_t*>(bytes.data()), 4, block_size);
+  builder.headers(0);
+  builder.slot(1, 0, 31, {.entry_fileid = 1, .mode = 0x4600, .name = ""});
+  builder.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 2, .name = ""});
+  test_support::write_whole_file(file("nameless.img"), bytes);
+  EXPECT_EQ(run({"ls", "nameless.img"}).status, 4);
+  const json document = document_of({"--full", "check", "nameless.img"}, 4);
+  EXPECT_EQ(document["findings"][0]["code"], "check-file-unreadable");
+  EXPECT_EQ(document["result"]["checks"][0]["changes"], false);
+  EXPECT_EQ(run({"check", "--repair", "nameless.img"}).status, 4);
+  EXPECT_TRUE(contents("nameless.img") == bytes);
 }
 
 TEST_F(check_command, as_a_document) {
