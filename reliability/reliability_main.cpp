@@ -15,6 +15,7 @@
 #include "reliability/expectation.h"
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
+#include "reliability/rescue_table.h"
 #include "sim/chassis.h"
 
 namespace {
@@ -66,6 +67,7 @@ int usage() {
           "       reliability rows SAMPLE OPERATION\n"
           "       reliability compare SAMPLE OPERATION\n"
           "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
+          "       reliability rescue STRIDE SECOND_STRIDE SECOND_OF [OPERATION ...]\n"
           "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
           "CHECK "
           "is quick or full.\n");
@@ -150,8 +152,35 @@ int try_operation(char* argv[]) {
   return status != EXIT_SUCCESS ? status : defects;
 }
 
-int run(int argc, char* argv[]) {
+// rescue STRIDE SECOND_STRIDE SECOND_OF [OPERATION ...]
+int rescue(int argc, char* argv[], sim::chassis* chassis) {
+  const reliability::rescue_sample sample = {strtoull(argv[2], nullptr, 10),
+                                             strtoull(argv[3], nullptr, 10),
+                                             strtoull(argv[4], nullptr, 10)};
+  if (sample.stride == 0 || sample.second_of == 0) {
+    return usage();
+  }
+  reliability::rescue_rows rows;
+  for (const operation& each : reliability::rescue_operations()) {
+    if (argc > 5 && std::find(argv + 5, argv + argc, each.name) == argv + argc) {
+      continue;
+    }
+    const reliability::rescue_rows found = reliability::try_rescue(
+        each, sample, [chassis](int64_t seconds) { chassis->clock_hold(seconds); },
+        [](const std::string& told) { printf("%s\n", told.c_str()); });
+    for (const auto& [kinds, counts] : found) {
+      rows[kinds].add(counts);
+    }
+  }
+  printf("%s", reliability::rescue_table(rows).c_str());
+  return EXIT_SUCCESS;
+}
+
+int run(int argc, char* argv[], sim::chassis* chassis) {
   const std::string command = argc > 1 ? argv[1] : "";
+  if (command == "rescue" && argc >= 5) {
+    return rescue(argc, argv, chassis);
+  }
   if (command == "list" && argc == 2) {
     return list();
   }
@@ -167,5 +196,5 @@ int main(int argc, char* argv[]) {
   sim::chassis chassis;
   chassis.clock_hold(standing_clock);
   sim::install_chassis(&chassis);
-  return run(argc, argv);
+  return run(argc, argv, &chassis);
 }
