@@ -21,21 +21,21 @@ const char* certainty_text(certainty value);
 struct rescue_decision {
   const char* code = "";  // stays the same from version to version
   certainty sure = certainty::proved;
-  uint32_t block = 0;        // the place that it is about, among the usable blocks
-  uint32_t sector = 0;       // unless it is about the whole block
-  uint32_t slot = 0;         // unless it is about the whole sector
-  uint16_t fileid = 0;       // of the file or directory that it is about; 0: none
-  std::string path;          // its path when it has one, "/a/b"
-  std::string what;          // what is done
-  std::string evidence;      // what speaks for it
-  std::string alternatives;  // what else could be done; empty when nothing could
+  uint32_t block = 0;             // the place that it is about, among the usable blocks
+  uint32_t sector = 0;            // unless it is about the whole block
+  uint32_t slot = 0;              // unless it is about the whole sector
+  uint16_t fileid = 0;            // of the file or directory that it is about; 0: none
+  std::string path = {};          // its path when it has one, "/a/b"
+  std::string what = {};          // what is done
+  std::string evidence = {};      // what speaks for it
+  std::string alternatives = {};  // what else could be done; empty when nothing could
 };
 
 // One step on flash. Programming clears bits only, an erase sets a whole block to ones.
 struct rescue_step {
   bool is_erase = false;
-  uint32_t offset = 0;         // bytes into the flash; of an erase its block's
-  std::vector<uint8_t> bytes;  // to program: an even number, at an even offset
+  uint32_t offset = 0;              // bytes into the flash; of an erase its block's
+  std::vector<uint8_t> bytes = {};  // to program: an even number, at an even offset
 };
 
 struct rescue_options {

@@ -1,0 +1,693 @@
+#include "image/rescue_lists.h"
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+namespace image::rescuing {
+
+namespace {
+
+// Zeros are written for at most so many sectors of a file of which nothing is left.
+constexpr size_t max_zero_sectors = 64;
+// So many equal bytes at the beginning tell a copy from what comes after it.
+constexpr uint32_t telling_bytes = 16;
+
+struct file_records {
+  std::vector<const sector_record*> standing;    // good, in blocks that are kept
+  std::vector<const sector_record*> unfinished;  // claimed or half-written for it, there
+  std::vector<const sector_record*> old;         // obsolete or torn so, in any block
+};
+
+using file_map = std::map<uint16_t, file_records>;
+
+file_map sort_by_file(const evidence& found) {
+  file_map files;
+  for (const sector_record& each : found.sectors) {
+    const bool kept = found.is_kept(each.at);
+    if (each.fitting != 0 && (kept || each.kind == sector_kind::obsolete)) {
+      files[each.fitting].old.push_back(&each);
+    }
+    if (!kept) {
+      continue;
+    }
+    if (each.kind == sector_kind::data) {
+      files[each.owner].standing.push_back(&each);
+    } else if ((each.kind == sector_kind::claimed || each.kind == sector_kind::unfinished) &&
+               is_file_sector(each.owner)) {
+      files[each.owner].unfinished.push_back(&each);
+    }
+  }
+  return files;
+}
+
+// Decides about one file.
+class list_judge {
+ public:
+  list_judge(const evidence& found, uint16_t fileid, const file_records& records,
+             const name_evidence& names, const list_options& options)
+      : found_(found), records_(records), names_(names), options_(options) {
+    change_.fileid = fileid;
+    for (const sector_record* each : records.standing) {
+      add_standing(each);
+    }
+  }
+
+  list_change judge() {
+    if (names_.directory) {
+      drop_all("a directory has no data");
+      return change_;
+    }
+    if (!records_.unfinished.empty()) {
+      undo_extension_behind() || undo_first_write() || undo_extension_over_hole() ||
+          undo_overwrite(records_.unfinished);
+    }
+    choose_of_doubles();
+    finish_or_undo_truncation();
+    close_gaps();
+    return change_;
+  }
+
+ private:
+  using chosen_map = std::map<uint16_t, std::vector<const sector_record*>>;
+
+  const flashfs_sector* bytes(const sector_record* record) const {
+    return found_.sector(record->at);
+  }
+  bool equal(const sector_record* one, const sector_record* other) const {
+    return one->count == other->count &&
+           memcmp(bytes(one)->data, bytes(other)->data, sector_data_size) == 0;
+  }
+  // Whether `part` is the beginning of `whole`, and shorter.
+  bool begins(const sector_record* part, const sector_record* whole) const {
+    return part->count != 0 && part->count < whole->count &&
+           memcmp(bytes(part)->data, bytes(whole)->data, part->count) == 0;
+  }
+
+  void add_standing(const sector_record* record) {
+    std::vector<const sector_record*>& same = list_[record->number];
+    if (std::any_of(same.begin(), same.end(),
+                    [&](const auto* other) { return equal(record, other); })) {
+      drops_of_equal_.push_back(record);
+      return;
+    }
+    same.push_back(record);
+  }
+
+  // --- places ---
+
+  const sector_record* neighbour(const sector_record* record, int step) const {
+    const int sector = record->at.sector + step;
+    if (sector < 0 || sector >= found_.blocks[record->at.block].sectors) {
+      return nullptr;
+    }
+    return &found_.at({record->at.block, static_cast<uint16_t>(sector)});
+  }
+  bool is_own_data(const sector_record* record) const {
+    return record != nullptr && record->kind == sector_kind::data &&
+           record->owner == change_.fileid;
+  }
+  bool is_own_unfinished(const sector_record* record) const {
+    return record != nullptr && record->owner == change_.fileid &&
+           (record->kind == sector_kind::claimed || record->kind == sector_kind::unfinished);
+  }
+  // Allocation fills a block from below: nothing below the newest sector is erased.
+  bool is_at_frontier(const sector_record* record) const {
+    for (const sector_record* below = neighbour(record, -1); below != nullptr;
+         below = neighbour(below, -1)) {
+      if (below->kind == sector_kind::erased) {
+        return false;
+      }
+    }
+    return true;
+  }
+  bool all_erased_behind(const sector_record* record) const {
+    for (const sector_record* above = neighbour(record, 1); above != nullptr;
+         above = neighbour(above, 1)) {
+      if (above->kind != sector_kind::erased) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // --- what is chosen ---
+
+  rescue_decision& note(const char* code, certainty sure, const sector_record* about,
+                        const std::string& what, const std::string& evidence_text,
+                        const std::string& alternatives = "") {
+    rescue_decision decision = {.code = code, .sure = sure, .fileid = change_.fileid};
+    if (about != nullptr) {
+      decision.block = about->at.block;
+      decision.sector = about->at.sector;
+    }
+    decision.what = what;
+    decision.evidence = evidence_text;
+    decision.alternatives = alternatives;
+    change_.decisions.push_back(std::move(decision));
+    return change_.decisions.back();
+  }
+
+  void drop(const sector_record* record) {
+    change_.drops.push_back(record->at);
+  }
+
+  void drop_number(uint16_t number) {
+    const auto place = list_.find(number);
+    if (place == list_.end()) {
+      return;
+    }
+    for (const sector_record* each : place->second) {
+      drop(each);
+    }
+    list_.erase(place);
+  }
+
+  // The highest numbers first: what a cut in between leaves is still a list without gaps.
+  void drop_behind(uint32_t number) {
+    while (!list_.empty() && list_.rbegin()->first > number) {
+      drop_number(list_.rbegin()->first);
+    }
+  }
+
+  void drop_all(const std::string& why) {
+    if (!list_.empty()) {
+      note("list-dropped", certainty::supported, list_.begin()->second.front(),
+           "give up all sectors of the file", why);
+    }
+    while (!list_.empty()) {
+      drop_number(list_.rbegin()->first);
+    }
+    forget_equal();
+  }
+
+  void forget_equal() {
+    for (const sector_record* each : drops_of_equal_) {
+      drop(each);
+    }
+    drops_of_equal_.clear();
+  }
+
+  // The record that is to stand for a number: one that stands, or a copy of an old one.
+  void choose(uint16_t number, const sector_record* chosen) {
+    const auto standing = list_.find(number);
+    bool stands = false;
+    if (standing != list_.end()) {
+      for (const sector_record* each : standing->second) {
+        stands = stands || equal(each, chosen);
+      }
+    }
+    if (!stands) {
+      flashfs_sector copy = *bytes(chosen);
+      copy.fileid = change_.fileid;
+      copy.seq_no = number;
+      sector_set_checksum(&copy);
+      change_.writes.push_back(copy);
+    }
+    if (standing != list_.end()) {
+      for (const sector_record* each : standing->second) {
+        if (!equal(each, chosen)) {
+          drop(each);
+        }
+      }
+    }
+    list_[number] = {chosen};
+  }
+
+  // --- what stood before ---
+
+  struct weighed {
+    const sector_record* record;
+    int weight;
+  };
+
+  bool follows(const sector_record* record, int step, const sector_record* wanted) const {
+    return wanted != nullptr && neighbour(record, step) == wanted;
+  }
+
+  int weight_of(const sector_record* option, uint16_t number, const sector_record* replaced) const {
+    int weight = 0;
+    if (option->kind != sector_kind::obsolete) {
+      weight += 100;  // it was being invalidated when the power failed
+    }
+    if (replaced != nullptr) {
+      weight += begins(option, replaced) ? 40 : 0;
+      weight += option->at.block == replaced->at.block && option->at < replaced->at ? 5 : 0;
+      weight += equal_bytes(option, replaced) * 2 > sector_data_size ? 20 : 0;
+    }
+    const sector_record* next = chosen_of(static_cast<uint16_t>(number + 1));
+    const sector_record* previous =
+        number == 0 ? nullptr : chosen_of(static_cast<uint16_t>(number - 1));
+    weight += follows(option, 1, next) || follows(option, -1, previous) ? 10 : 0;
+    return weight;
+  }
+
+  uint32_t equal_bytes(const sector_record* one, const sector_record* other) const {
+    const uint32_t length = std::min(one->count, other->count);
+    uint32_t equal = 0;
+    for (uint32_t i = 0; i < length; i++) {
+      equal += bytes(one)->data[i] == bytes(other)->data[i] ? 1 : 0;
+    }
+    return equal;
+  }
+
+  const sector_record* chosen_of(uint16_t number) const {
+    const auto place = list_.find(number);
+    return place == list_.end() ? nullptr : place->second.front();
+  }
+
+  // The old sector of a number that what was found speaks for; null without any. `replaced` is the
+  // sector that took its place, if one did.
+  const sector_record* find_old(uint16_t number, const sector_record* replaced,
+                                certainty* sure) const {
+    if (!options_.may_write) {
+      return nullptr;
+    }
+    weighed best = {nullptr, -1};
+    bool other = false;
+    for (const sector_record* each : records_.old) {
+      if (each->number != number || (replaced != nullptr && equal(each, replaced))) {
+        continue;
+      }
+      const int weight = weight_of(each, number, replaced);
+      if (best.record != nullptr && !equal(best.record, each)) {
+        other = true;
+      }
+      const bool longer = weight == best.weight && replaced != nullptr && begins(each, replaced) &&
+                          each->count > best.record->count;
+      const bool later = weight == best.weight &&
+                         (replaced == nullptr || each->count == best.record->count) &&
+                         each->at.block == best.record->at.block && each->at > best.record->at;
+      if (weight > best.weight || longer || later) {
+        best = {each, weight};
+      }
+    }
+    *sure = other ? certainty::guessed : certainty::supported;
+    return best.record;
+  }
+
+  // --- operations that were cut ---
+
+  // An extension claims all its sectors, then copies the last one that stood, then fills the
+  // claimed ones. So good sectors right behind a claim that remains belong to it, and so do those
+  // right before it that it has filled.
+  bool undo_extension_behind() {
+    for (const sector_record* first : records_.unfinished) {
+      std::vector<const sector_record*> copies;
+      const sector_record* last = first;
+      for (const sector_record* next = neighbour(first, 1);
+           is_own_data(next) || is_own_unfinished(next); next = neighbour(next, 1)) {
+        if (is_own_data(next)) {
+          copies.push_back(next);
+        }
+        last = next;
+      }
+      if (!copies.empty() && is_copy_run(copies, first, last)) {
+        undo_copies(copies, first);
+        return true;
+      }
+    }
+    return false;
+  }
+
+  // Copies come in the order of their numbers. A claim alone may be another file's, torn: then
+  // nothing may stand behind.
+  bool is_copy_run(const std::vector<const sector_record*>& copies, const sector_record* first,
+                   const sector_record* last) const {
+    for (size_t i = 1; i < copies.size(); i++) {
+      if (copies[i]->number != copies[i - 1]->number + 1) {
+        return false;
+      }
+    }
+    if (copies.front()->count != sector_data_size || first->kind == sector_kind::unfinished) {
+      return first->kind == sector_kind::unfinished && copies.back()->count == sector_data_size &&
+             has_old(copies);
+    }
+    return has_old(copies) && (records_.unfinished.size() > 1 || all_erased_behind(last));
+  }
+
+  bool has_old(const std::vector<const sector_record*>& copies) const {
+    return std::all_of(copies.begin(), copies.end(), [&](const sector_record* each) {
+      certainty sure = certainty::proved;
+      return other_standing(each) != nullptr || find_old(each->number, each, &sure) != nullptr;
+    });
+  }
+
+  const sector_record* other_standing(const sector_record* record) const {
+    const auto place = list_.find(record->number);
+    if (place == list_.end()) {
+      return nullptr;
+    }
+    for (const sector_record* each : place->second) {
+      if (!equal(each, record)) {
+        return each;
+      }
+    }
+    return nullptr;
+  }
+
+  void undo_copies(const std::vector<const sector_record*>& copies, const sector_record* claim) {
+    std::vector<uint16_t> filled;
+    for (const sector_record* before = neighbour(claim, -1);
+         is_own_data(before) && before->number > copies.back()->number &&
+         (filled.empty() || before->number + 1 == filled.back());
+         before = neighbour(before, -1)) {
+      filled.push_back(before->number);
+    }
+    bool was_last = false;
+    for (const sector_record* each : copies) {
+      certainty sure = certainty::supported;
+      const sector_record* old = other_standing(each);
+      old = old != nullptr ? old : find_old(each->number, each, &sure);
+      note("extension-undone", sure, each, "put back what stood in the place of the sector",
+           "it stands behind a sector that was claimed for the file and not filled, and what it "
+           "replaced is still there",
+           "keep it: the file is then new up to there");
+      choose(each->number, old);
+      was_last = was_last || (each == copies.back() && old->count < sector_data_size);
+    }
+    if (was_last) {
+      drop_behind(copies.back()->number);
+    }
+    for (const uint16_t number : filled) {
+      drop_number(number);
+    }
+  }
+
+  // A file whose slot is still that of its creation has never been written to the end of an
+  // operation: it was empty.
+  bool undo_first_write() {
+    if (!names_.never_written || list_.empty()) {
+      return false;
+    }
+    drop_all(
+        "its first write was cut: its slot is still that of its creation, and a sector claimed "
+        "for it is not filled");
+    return true;
+  }
+
+  // A file that is extended over a hole keeps its short last sector: the sectors behind it that
+  // were filled before the one that is not belong to the extension.
+  bool undo_extension_over_hole() {
+    std::vector<const sector_record*> added;
+    const sector_record* next = first_unfinished();
+    for (auto each = list_.rbegin(); each != list_.rend() && each->second.size() == 1; ++each) {
+      const sector_record* record = each->second.front();
+      const bool adjoins = neighbour(record, 1) == next || record->at.block != next->at.block;
+      if (record->count < sector_data_size) {
+        if (added.empty()) {
+          return false;
+        }
+        note("extension-undone", certainty::supported, record,
+             "give up the sectors behind the short one",
+             "they were filled right before one that was claimed for the file and not filled, and "
+             "a short sector is a file's last",
+             "keep them: the file is then new up to there");
+        drop_behind(each->first);
+        return true;
+      }
+      if (!adjoins) {
+        return false;
+      }
+      added.push_back(record);
+      next = record;
+    }
+    return false;
+  }
+
+  const sector_record* first_unfinished() const {
+    return *std::min_element(
+        records_.unfinished.begin(), records_.unfinished.end(),
+        [](const auto* one, const auto* other) { return one->at < other->at; });
+  }
+
+  // How much of a half-written sector's data has been written.
+  uint32_t written_bytes(const sector_record* record) const {
+    uint32_t length = sector_data_size;
+    while (length > 0 && bytes(record)->data[length - 1] == flash_erased_byte) {
+      length--;
+    }
+    return length;
+  }
+
+  bool looks_like(const sector_record* half, const sector_record* whole) const {
+    return whole != nullptr && memcmp(bytes(half)->data, bytes(whole)->data, telling_bytes) == 0;
+  }
+
+  // An overwrite of several sectors writes one copy after the other. The copies right before the
+  // one that was cut belong to it when its number is the next one, and when it does not begin as
+  // the sector that it replaces does: then the overwrite had begun with it.
+  bool undo_overwrite(const std::vector<const sector_record*>& cut) {
+    bool undone = false;
+    for (const sector_record* half : cut) {
+      if (half->kind != sector_kind::unfinished || written_bytes(half) < telling_bytes) {
+        continue;
+      }
+      undone = undo_overwrite_before(half) || undone;
+    }
+    return undone;
+  }
+
+  bool undo_overwrite_before(const sector_record* half) {
+    std::vector<const sector_record*> run;
+    for (const sector_record* before = neighbour(half, -1);
+         is_own_data(before) && (run.empty() || before->number + 1 == run.back()->number);
+         before = neighbour(before, -1)) {
+      run.push_back(before);
+    }
+    if (run.empty() || looks_like(half, run.front())) {
+      return false;
+    }
+    const sector_record* replaced = chosen_of(static_cast<uint16_t>(run.front()->number + 1));
+    if (run.front()->number == 0xFFFF || replaced == nullptr || looks_like(half, replaced)) {
+      return false;
+    }
+    bool undone = false;
+    for (const sector_record* each : run) {
+      certainty sure = certainty::supported;
+      const sector_record* old = other_standing(each);
+      old = old != nullptr ? old : find_old(each->number, each, &sure);
+      if (old == nullptr) {
+        break;
+      }
+      note("overwrite-undone", sure, each, "put back what stood in the place of the sector",
+           "it was written right before the copy of the next one, which was cut, and what it "
+           "replaced is still there",
+           "keep it: the file is then new up to there");
+      choose(each->number, old);
+      undone = true;
+    }
+    return undone;
+  }
+
+  // --- lists that do not fit ---
+
+  // Two sectors of one number: the new one stood, and the old one had not gone.
+  void choose_of_doubles() {
+    for (auto& [number, same] : list_) {
+      while (same.size() > 1) {
+        const sector_record* kept = older_of(same[0], same[1]);
+        const sector_record* given = kept == same[0] ? same[1] : same[0];
+        if (records_.unfinished.empty()) {
+          undo_overwrite_of_double(given);
+        }
+        note("double-resolved", certainty::supported, given, "give up one of two equal numbers",
+             "both are whole; the other one is older, or holds more", "keep it instead");
+        drop(given);
+        same.erase(std::find(same.begin(), same.end(), given));
+      }
+    }
+    forget_equal();
+  }
+
+  void undo_overwrite_of_double(const sector_record* newer) {
+    for (const sector_record* before = neighbour(newer, -1); is_own_data(before);
+         before = neighbour(before, -1)) {
+      const sector_record* after = neighbour(before, 1);
+      certainty sure = certainty::supported;
+      const sector_record* old = find_old(before->number, before, &sure);
+      if (before->number + 1 != after->number || old == nullptr ||
+          chosen_of(before->number) != before || looks_like(newer, chosen_other(newer))) {
+        return;
+      }
+      note("overwrite-undone", sure, before, "put back what stood in the place of the sector",
+           "it was written right before the copy of the next one, whose old sector still stands",
+           "keep it: the file is then new up to there");
+      choose(before->number, old);
+    }
+  }
+
+  const sector_record* chosen_other(const sector_record* record) const {
+    return other_standing(record);
+  }
+
+  const sector_record* older_of(const sector_record* one, const sector_record* other) const {
+    // What a claim that remains shows to be cut goes back; a truncation goes back to the longer.
+    const bool extending = !records_.unfinished.empty();
+    if (begins(one, other) || begins(other, one)) {
+      const bool one_is_shorter = one->count < other->count;
+      return one_is_shorter == extending ? one : other;
+    }
+    const bool one_at_frontier = is_at_frontier(one);
+    if (one_at_frontier != is_at_frontier(other)) {
+      return one_at_frontier ? other : one;
+    }
+    if (one->at.block != other->at.block) {
+      return one->at.block > other->at.block ? one : other;
+    }
+    return one->at < other->at ? one : other;
+  }
+
+  // A truncation writes the shortened sector, then invalidates the old one, then those behind it,
+  // the lowest number first.
+  void finish_or_undo_truncation() {
+    if (!records_.unfinished.empty()) {
+      return;
+    }
+    for (const auto& [number, same] : list_) {
+      const sector_record* shortened = same.front();
+      if (shortened->count == sector_data_size || number == list_.rbegin()->first) {
+        continue;
+      }
+      const bool gap_behind = chosen_of(static_cast<uint16_t>(number + 1)) == nullptr;
+      certainty sure = certainty::supported;
+      const sector_record* old = find_old(number, shortened, &sure);
+      if (gap_behind) {
+        note("truncation-finished", certainty::supported, shortened,
+             "give up the sectors behind the shortened one",
+             "the sector is short, and the one behind it has gone already");
+        drop_behind(number);
+        return;
+      }
+      if (old != nullptr && begins(shortened, old) && is_newest(shortened)) {
+        note("truncation-undone", sure, shortened, "put back the sector that was shortened",
+             "a short sector stands before others, and begins one that was given up",
+             "finish the truncation instead");
+        choose(number, old);
+        return;
+      }
+    }
+  }
+
+  bool is_newest(const sector_record* record) const {
+    const sector_record* above = neighbour(record, 1);
+    return is_at_frontier(record) && (above == nullptr || above->kind == sector_kind::erased);
+  }
+
+  // What a gap has lost comes back from what was invalidated. A removed file of which not all is
+  // there is given up, as its removal was meant to do.
+  void close_gaps() {
+    if (list_.empty()) {
+      return;
+    }
+    const uint32_t end = list_.rbegin()->first + 1U;
+    const size_t missing = end - list_.size();
+    if (missing == 0) {
+      return;
+    }
+    size_t restored = 0;
+    for (uint32_t number = end; number-- > 0 && missing <= records_.old.size();) {
+      restored += chosen_of(static_cast<uint16_t>(number)) == nullptr &&
+                          fill_gap(static_cast<uint16_t>(number))
+                      ? 1
+                      : 0;
+    }
+    if (restored == missing) {
+      return;
+    }
+    if (names_.removed) {
+      change_.writes.clear();
+      keep_standing_only();
+      drop_all("it was being removed, and not all of it is left");
+    } else if (missing - restored <= max_zero_sectors && options_.may_write) {
+      fill_with_zeros(end);
+    } else {
+      cut_at_gap();
+    }
+  }
+
+  // Whether an old sector can stand in the middle of the list.
+  bool fill_gap(uint16_t number) {
+    certainty sure = certainty::supported;
+    const sector_record* old = find_old(number, nullptr, &sure);
+    if (old == nullptr || old->count != sector_data_size) {
+      return false;
+    }
+    note("gap-filled", sure, old, "put back the sector with number " + std::to_string(number),
+         "the list has a gap there, and the checksum of this invalidated sector holds for the file",
+         "give up the file's sectors instead");
+    choose(number, old);
+    return true;
+  }
+
+  void keep_standing_only() {
+    for (auto each = list_.begin(); each != list_.end();) {
+      const sector_record* record = each->second.front();
+      each =
+          is_own_data(record) && found_.is_kept(record->at) ? std::next(each) : list_.erase(each);
+    }
+  }
+
+  void fill_with_zeros(uint32_t end) {
+    for (uint32_t number = 0; number < end; number++) {
+      if (chosen_of(static_cast<uint16_t>(number)) != nullptr) {
+        continue;
+      }
+      flashfs_sector zeros = {};
+      zeros.fileid = change_.fileid;
+      zeros.count = static_cast<uint16_t>(sector_data_size);
+      zeros.seq_no = static_cast<uint16_t>(number);
+      sector_set_checksum(&zeros);
+      change_.writes.push_back(zeros);
+      note("gap-zeroed", certainty::guessed, nullptr,
+           "write zeros for the sector with number " + std::to_string(number),
+           "nothing is left of it, and what stands behind it keeps its place so",
+           "give up what stands behind it");
+    }
+  }
+
+  void cut_at_gap() {
+    uint32_t whole = 0;
+    while (chosen_of(static_cast<uint16_t>(whole)) != nullptr) {
+      whole++;
+    }
+    note("list-cut", certainty::guessed, list_.rbegin()->second.front(),
+         "give up what stands behind the gap", "too much is missing to be filled in");
+    if (whole == 0) {
+      drop_all("its beginning is missing");
+    } else {
+      drop_behind(whole - 1);
+    }
+  }
+
+  const evidence& found_;
+  const file_records& records_;
+  const name_evidence& names_;
+  const list_options& options_;
+  list_change change_;
+  chosen_map list_;
+  std::vector<const sector_record*> drops_of_equal_;
+};
+
+}  // namespace
+
+std::vector<list_change> decide_lists(const evidence& found,
+                                      const std::map<uint16_t, name_evidence>& named,
+                                      const list_options& options) {
+  std::vector<list_change> changes;
+  for (const auto& [fileid, records] : sort_by_file(found)) {
+    if (records.standing.empty()) {
+      continue;
+    }
+    const auto names = named.find(fileid);
+    list_change change = list_judge(found, fileid, records,
+                                    names == named.end() ? name_evidence{} : names->second, options)
+                             .judge();
+    if (!change.writes.empty() || !change.drops.empty()) {
+      changes.push_back(std::move(change));
+    }
+  }
+  return changes;
+}
+
+}  // namespace image::rescuing
