@@ -10,8 +10,10 @@ namespace image::rescuing {
 namespace {
 
 constexpr uint16_t mode_of_root = 0x4600;
-constexpr uint16_t mode_of_directory = 0x4700;
-constexpr uint16_t mode_of_file = 0x8700;
+// Of what a check finds without a name.
+constexpr uint16_t mode_of_directory = 0x4600;
+constexpr uint16_t mode_of_file = 0x8600;
+constexpr uint16_t mode_of_lost_and_found = 0x4700;
 constexpr const char* lost_and_found = "lost+found";
 
 bool counts(const evidence& found, const slot_record& slot) {
@@ -382,7 +384,8 @@ class name_judge {
     }
     for (uint32_t id = fileid_first; id <= fileid_last; id++) {
       if (!used.contains(static_cast<uint16_t>(id))) {
-        write(made_slot(fileid_root, static_cast<uint16_t>(id), mode_of_directory, lost_and_found));
+        write(made_slot(fileid_root, static_cast<uint16_t>(id), mode_of_lost_and_found,
+                        lost_and_found));
         return static_cast<uint16_t>(id);
       }
     }

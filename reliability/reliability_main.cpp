@@ -70,7 +70,7 @@ int usage() {
           "       reliability rescue STRIDE SECOND_STRIDE SECOND_OF [OPERATION ...]\n"
           "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
           "CHECK "
-          "is quick or full.\n");
+          "is quick or full; the last one may be rescue.\n");
   return usage_status;
 }
 
@@ -106,22 +106,43 @@ bool parse_check(const char* word, uint32_t* flags) {
   return quick || strcmp(word, "full") == 0;
 }
 
-// play OPERATION N KIND [CHECK M KIND] CHECK
-int play(int argc, char* argv[]) {
+// The operations that a rescue is tried with: the further ones only by their names.
+std::vector<operation> operations_to_rescue(bool all) {
+  std::vector<operation> operations = reliability::rescue_operations();
+  if (all) {
+    for (operation& each : reliability::further_rescue_operations()) {
+      operations.push_back(std::move(each));
+    }
+  }
+  return operations;
+}
+
+// play OPERATION N KIND [CHECK M KIND] CHECK|rescue
+int play(int argc, char* argv[], sim::chassis* chassis) {
   const bool with_second = argc == 9;
+  const bool rescued = strcmp(argv[argc - 1], "rescue") == 0;
   reliability::planned_cut first;
   reliability::planned_check cut_check;
   uint32_t flags = 0;
   if ((argc != 6 && !with_second) || !reliability::parse_cut(argv[3], argv[4], &first) ||
       (with_second && (!parse_check(argv[5], &cut_check.flags) ||
                        !reliability::parse_cut(argv[6], argv[7], &cut_check.planned))) ||
-      !parse_check(argv[argc - 1], &flags)) {
+      !(rescued || parse_check(argv[argc - 1], &flags))) {
     return usage();
   }
-  const std::vector<operation> operations = reliability::power_cut_operations();
+  const std::vector<operation> operations =
+      rescued ? operations_to_rescue(true) : reliability::power_cut_operations();
   const operation* what = find(operations, argv[2]);
   if (what == nullptr) {
     return usage();
+  }
+  if (rescued) {
+    fputs(reliability::play_rescue(*what, first,
+                                   with_second ? std::optional(cut_check) : std::nullopt,
+                                   [chassis](int64_t seconds) { chassis->clock_hold(seconds); })
+              .c_str(),
+          stdout);
+    return EXIT_SUCCESS;
   }
   const std::string text = reliability::play_power_cut(
       *what, first, with_second ? std::optional(cut_check) : std::nullopt, flags);
@@ -161,7 +182,7 @@ int rescue(int argc, char* argv[], sim::chassis* chassis) {
     return usage();
   }
   reliability::rescue_rows rows;
-  for (const operation& each : reliability::rescue_operations()) {
+  for (const operation& each : operations_to_rescue(argc > 5)) {
     if (argc > 5 && std::find(argv + 5, argv + argc, each.name) == argv + argc) {
       continue;
     }
@@ -187,7 +208,7 @@ int run(int argc, char* argv[], sim::chassis* chassis) {
   if ((command == "rows" || command == "compare") && argc == 4) {
     return try_operation(argv);
   }
-  return command == "play" ? play(argc, argv) : usage();
+  return command == "play" ? play(argc, argv, chassis) : usage();
 }
 
 }  // namespace

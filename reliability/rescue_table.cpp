@@ -10,6 +10,7 @@
 #include "flashfs/check_flags.h"
 #include "flashfs/format.h"
 #include "image/rescue.h"
+#include "image/rescue_evidence.h"
 #include "reliability/cut_player.h"
 #include "reliability/judge.h"
 #include "reliability/left_flash.h"
@@ -20,7 +21,6 @@ namespace {
 
 constexpr int64_t time_of_preparation = 1800000000;
 constexpr int64_t time_of_operation = time_of_preparation + 1000;
-constexpr int64_t time_of_recovery = time_of_operation + 1000;
 
 // The last line of a check is the only one that a mended flash may bring.
 constexpr const char* closing_line = "flashfs fsck took";
@@ -42,9 +42,10 @@ std::string sector_of(const std::string& content, size_t index) {
   return start < content.size() ? content.substr(start, sector_data_size) : "";
 }
 
-bool is_mixture(const std::string& content, const std::string& before, const std::string& after) {
-  if (content.size() < std::min(before.size(), after.size()) ||
-      content.size() > std::max(before.size(), after.size())) {
+// `least`: what it may not be shorter than.
+bool is_mixture(const std::string& content, const std::string& before, const std::string& after,
+                size_t least) {
+  if (content.size() < least || content.size() > std::max(before.size(), after.size())) {
     return false;
   }
   for (size_t i = 0; i * sector_data_size < content.size(); i++) {
@@ -54,6 +55,18 @@ bool is_mixture(const std::string& content, const std::string& before, const std
     }
   }
   return true;
+}
+
+operation at_times(operation what, const std::function<void(int64_t)>& set_clock) {
+  what.prepare = [prepare = what.prepare, set_clock](rig& flash) {
+    set_clock(time_of_preparation);
+    prepare(flash);
+  };
+  what.act = [act = what.act, set_clock](rig& flash) {
+    set_clock(time_of_operation);
+    return act(flash);
+  };
+  return what;
 }
 
 class rescue_run {
@@ -81,18 +94,6 @@ class rescue_run {
   }
 
  private:
-  static operation at_times(operation what, const std::function<void(int64_t)>& set_clock) {
-    what.prepare = [prepare = what.prepare, set_clock](rig& flash) {
-      set_clock(time_of_preparation);
-      prepare(flash);
-    };
-    what.act = [act = what.act, set_clock](rig& flash) {
-      set_clock(time_of_operation);
-      return act(flash);
-    };
-    return what;
-  }
-
   void note_erases() {
     rig& flash = player_.flash();
     flash.device().watch([&](const sim::mutation& next) {
@@ -129,7 +130,8 @@ class rescue_run {
   }
 
   void recover(const std::vector<uint8_t>& left, left_by kind, const std::string& played) {
-    set_clock_(time_of_recovery);
+    set_clock_(
+        time_of_operation);  // what a check or the rescue makes has the date of the operation
     check_mutations_[0] = check(left, kind, recovery::quick, played);
     check_mutations_[1] = check(left, kind, recovery::full, played);
     const std::vector<uint8_t> mended = rescued(player_.flash(), left);
@@ -211,6 +213,15 @@ class rescue_run {
     return found == nodes.end() ? "" : found->second.content;
   }
 
+  // A file that is emptied on the way may be found shorter than it was and than it is to be.
+  size_t least_of(const std::string& path) const {
+    const bool emptied = std::any_of(quiet_.begin(), quiet_.end(), [&](const tree* nodes) {
+      return content_of(*nodes, path).empty();
+    });
+    return emptied ? 0
+                   : std::min(content_of(*before_, path).size(), content_of(*after_, path).size());
+  }
+
   // Whether the tree has no content that is a mixture.
   bool has_whole_contents(const tree& nodes) const {
     return std::all_of(nodes.begin(), nodes.end(), [&](const auto& each) {
@@ -220,6 +231,34 @@ class rescue_run {
     });
   }
 
+  static const tree_node* node_of(const tree& nodes, const std::string& path) {
+    const auto found = nodes.find(path);
+    return found == nodes.end() ? nullptr : &found->second;
+  }
+  static bool same_node(const tree_node* one, const tree_node* other) {
+    return one == nullptr || other == nullptr ? one == other : *one == *other;
+  }
+  static std::multiset<std::string> contents_of(const tree& nodes) {
+    std::multiset<std::string> contents;
+    for (const auto& [path, node] : nodes) {
+      contents.insert(node.content);
+    }
+    return contents;
+  }
+
+  // Whether each path by itself is old or new, and no content has got lost or doubled with it.
+  bool is_old_or_new_each(const tree& nodes) const {
+    const bool each = std::all_of(nodes.begin(), nodes.end(), [&](const auto& one) {
+      return same_node(&one.second, node_of(*before_, one.first)) ||
+             same_node(&one.second, node_of(*after_, one.first));
+    });
+    const std::multiset<std::string> contents = contents_of(nodes);
+    const std::multiset<std::string> old_contents = contents_of(*before_);
+    const bool whole =
+        std::includes(contents.begin(), contents.end(), old_contents.begin(), old_contents.end());
+    return each && whole && nodes.size() <= std::max(before_->size(), after_->size());
+  }
+
   touched_state state_of(const tree* nodes) const {
     if (nodes == before_) {
       return touched_state::old;
@@ -227,7 +266,7 @@ class rescue_run {
     if (nodes == after_) {
       return touched_state::as_new;
     }
-    if (quiet_.count(nodes) != 0 && has_whole_contents(*nodes)) {
+    if ((quiet_.count(nodes) != 0 && has_whole_contents(*nodes)) || is_old_or_new_each(*nodes)) {
       return touched_state::between;
     }
     std::set<std::string> paths;
@@ -246,7 +285,7 @@ class rescue_run {
       if (nodes->count(path) == 0
               ? !may_be_absent
               : !is_mixture(content_of(*nodes, path), content_of(*before_, path),
-                            content_of(*after_, path))) {
+                            content_of(*after_, path), least_of(path))) {
         return touched_state::neither;
       }
     }
@@ -352,7 +391,49 @@ const char* touched_state_name(touched_state kind) {
 }
 
 std::vector<uint8_t> rescued(rig& flash, const std::vector<uint8_t>& left) {
-  return image::plan_rescue(left, flash.device().blocks()).mended;
+  return image::plan_rescue(left, flash.device().blocks(),
+                            {.now = static_cast<uint32_t>(time_of_operation)})
+      .mended;
+}
+
+// Every sector that is not erased, a line each.
+std::string sectors_text(rig& flash) {
+  const std::vector<uint8_t> left = flash.snapshot();
+  const image::rescuing::evidence found =
+      image::rescuing::read_evidence(left, flash.device().blocks());
+  std::string text;
+  for (const image::rescuing::sector_record& each : found.sectors) {
+    if (each.kind != image::rescuing::sector_kind::erased) {
+      text += std::to_string(each.at.block) + "/" + std::to_string(each.at.sector) + ": kind " +
+              std::to_string(static_cast<int>(each.kind)) + ", owner " +
+              std::to_string(each.owner) + " (" + std::to_string(each.fitting) + "), number " +
+              std::to_string(each.number) + ", " + std::to_string(each.count) + " bytes\n";
+    }
+  }
+  return text;
+}
+
+std::string play_rescue(const operation& what, planned_cut first,
+                        const std::optional<planned_check>& cut_check,
+                        const std::function<void(int64_t)>& set_clock) {
+  const operation timed = at_times(what, set_clock);
+  cut_player player(timed);
+  rig& flash = player.flash();
+  player.play(first);
+  if (cut_check) {
+    player.play_check(flash.snapshot(), cut_check->flags, cut_check->planned);
+  }
+  const image::rescue_plan plan = image::plan_rescue(
+      flash.snapshot(), flash.device().blocks(), {.now = static_cast<uint32_t>(time_of_operation)});
+  std::string text = sectors_text(flash);
+  for (const image::rescue_decision& each : plan.decisions) {
+    text += std::string(each.code) + ", " + image::certainty_text(each.sure) + ": block " +
+            std::to_string(each.block) + ", sector " + std::to_string(each.sector) + ", slot " +
+            std::to_string(each.slot) + ", file " + std::to_string(each.fileid) + " " + each.path +
+            ": " + each.what + ": " + each.evidence + "\n";
+  }
+  return text + std::to_string(plan.steps.size()) + " steps" +
+         (plan.complete ? "\n" : ", not complete\n");
 }
 
 rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
@@ -368,6 +449,11 @@ std::vector<operation> rescue_operations() {
       chosen.push_back(each);
     }
   }
+  return chosen;
+}
+
+std::vector<operation> further_rescue_operations() {
+  std::vector<operation> chosen = power_cut_operations();
   const auto add = [&](const char* name, const std::string& path,
                        const std::function<int32_t(rig&)>& act) {
     operation made = *std::find_if(chosen.begin(), chosen.end(), [](const operation& each) {
@@ -385,7 +471,7 @@ std::vector<operation> rescue_operations() {
   add("write anew", "file", [](rig& flash) {
     return flash.write("file", pattern(5000, 77), ifs_open_write | ifs_open_truncate);
   });
-  return chosen;
+  return {chosen.end() - 3, chosen.end()};
 }
 
 std::string rescue_table(const rescue_rows& rows) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -64,11 +65,19 @@ rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
                        const std::function<void(const std::string&)>& tell);
 
 // The operations whose cuts the table is about: power_cut_operations() but those that change the
-// whole device, and some that write several sectors over standing ones.
+// whole device.
 std::vector<operation> rescue_operations();
+// Others, which write several sectors where some stand or stood.
+std::vector<operation> further_rescue_operations();
 
 // The rows as a table in Markdown.
 std::string rescue_table(const rescue_rows& rows);
+
+// Plays an operation with its cut, and a check with its own, if any, and tells what the rescue
+// decides.
+std::string play_rescue(const operation& what, planned_cut first,
+                        const std::optional<planned_check>& cut_check,
+                        const std::function<void(int64_t)>& set_clock);
 
 // The bytes that the rescue makes of a flash left by cuts.
 std::vector<uint8_t> rescued(rig& flash, const std::vector<uint8_t>& left);
