@@ -131,6 +131,69 @@ class list_judge {
     return true;
   }
 
+  // Whether it can have been written last: nothing below it is erased, and nothing stands behind
+  // it.
+  bool is_newest(const sector_record* record) const {
+    const sector_record* above = neighbour(record, 1);
+    return is_at_frontier(record) && (above == nullptr || above->kind == sector_kind::erased);
+  }
+
+  // Whether the block is full from the sector on: allocation went on in another one behind it.
+  bool is_last_of_block(const sector_record* record) const {
+    for (; record != nullptr; record = neighbour(record, 1)) {
+      if (record->kind == sector_kind::erased) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  // The file's sector with the next number where it was written right behind this one: in the next
+  // place, or, at the end of a block, where another one goes on. Null when none can be told.
+  const sector_record* written_behind(const sector_record* record) const {
+    const sector_record* next = neighbour(record, 1);
+    if (next != nullptr) {
+      return is_own_data(next) && next->number == record->number + 1 ? next : nullptr;
+    }
+    const auto place = list_.find(static_cast<uint16_t>(record->number + 1));
+    if (record->number == 0xFFFF || place == list_.end()) {
+      return nullptr;
+    }
+    const sector_record* found = nullptr;
+    for (const sector_record* each : place->second) {
+      if (each->at.block != record->at.block && is_at_frontier(each) && goes_on_behind(each)) {
+        found = found == nullptr ? each : nullptr;
+      }
+    }
+    return found;
+  }
+  bool goes_on_behind(const sector_record* record) const {
+    const sector_record* next = neighbour(record, 1);
+    return next == nullptr || next->kind == sector_kind::erased || is_own_data(next) ||
+           is_own_unfinished(next);
+  }
+
+  // The file's sector that was written right before this one, as far as it can be told.
+  const sector_record* written_before(const sector_record* record) const {
+    const sector_record* before = neighbour(record, -1);
+    if (is_own_data(before)) {
+      return before;
+    }
+    if (!is_at_frontier(record)) {
+      return nullptr;
+    }
+    const sector_record* found = nullptr;
+    for (const auto& [number, same] : list_) {
+      for (const sector_record* each : same) {
+        if (each->at.block != record->at.block && neighbour(each, 1) == nullptr &&
+            is_at_frontier(each)) {
+          found = found == nullptr ? each : nullptr;
+        }
+      }
+    }
+    return found;
+  }
+
   // --- what is chosen ---
 
   rescue_decision& note(const char* code, certainty sure, const sector_record* about,
@@ -302,12 +365,25 @@ class list_judge {
         }
         last = next;
       }
+      add_copies_in_other_blocks(&copies);
       if (!copies.empty() && is_copy_run(copies, first, last)) {
         undo_copies(copies, first);
         return true;
       }
     }
     return false;
+  }
+
+  void add_copies_in_other_blocks(std::vector<const sector_record*>* copies) const {
+    while (!copies->empty()) {
+      const sector_record* next = written_behind(copies->back());
+      certainty sure = certainty::guessed;
+      if (next == nullptr || copies->size() > list_.size() ||
+          find_old(next->number, next, &sure) == nullptr) {
+        return;
+      }
+      copies->push_back(next);
+    }
   }
 
   // Copies come in the order of their numbers. A claim alone may be another file's, torn: then
@@ -450,9 +526,10 @@ class list_judge {
 
   bool undo_overwrite_before(const sector_record* half) {
     std::vector<const sector_record*> run;
-    for (const sector_record* before = neighbour(half, -1);
-         is_own_data(before) && (run.empty() || before->number + 1 == run.back()->number);
-         before = neighbour(before, -1)) {
+    for (const sector_record* before = written_before(half);
+         before != nullptr && run.size() <= list_.size() &&
+         (run.empty() || before->number + 1 == run.back()->number);
+         before = written_before(before)) {
       run.push_back(before);
     }
     if (run.empty() || looks_like(half, run.front())) {
@@ -501,24 +578,24 @@ class list_judge {
   }
 
   void undo_overwrite_of_double(const sector_record* newer) {
-    for (const sector_record* before = neighbour(newer, -1); is_own_data(before);
-         before = neighbour(before, -1)) {
-      const sector_record* after = neighbour(before, 1);
+    if (looks_like(newer, other_standing(newer))) {
+      return;  // the overwrite had begun with it
+    }
+    const sector_record* after = newer;
+    for (const sector_record* before = written_before(newer); before != nullptr;
+         before = written_before(before)) {
       certainty sure = certainty::supported;
       const sector_record* old = find_old(before->number, before, &sure);
       if (before->number + 1 != after->number || old == nullptr ||
-          chosen_of(before->number) != before || looks_like(newer, chosen_other(newer))) {
+          chosen_of(before->number) != before) {
         return;
       }
+      after = before;
       note("overwrite-undone", sure, before, "put back what stood in the place of the sector",
            "it was written right before the copy of the next one, whose old sector still stands",
            "keep it: the file is then new up to there");
       choose(before->number, old);
     }
-  }
-
-  const sector_record* chosen_other(const sector_record* record) const {
-    return other_standing(record);
   }
 
   const sector_record* older_of(const sector_record* one, const sector_record* other) const {
@@ -528,9 +605,8 @@ class list_judge {
       const bool one_is_shorter = one->count < other->count;
       return one_is_shorter == extending ? one : other;
     }
-    const bool one_at_frontier = is_at_frontier(one);
-    if (one_at_frontier != is_at_frontier(other)) {
-      return one_at_frontier ? other : one;
+    if (is_newest(one) != is_newest(other)) {
+      return is_newest(one) ? other : one;
     }
     if (one->at.block != other->at.block) {
       return one->at.block > other->at.block ? one : other;
@@ -567,11 +643,6 @@ class list_judge {
         return;
       }
     }
-  }
-
-  bool is_newest(const sector_record* record) const {
-    const sector_record* above = neighbour(record, 1);
-    return is_at_frontier(record) && (above == nullptr || above->kind == sector_kind::erased);
   }
 
   // What a gap has lost comes back from what was invalidated. A removed file of which not all is
