@@ -605,13 +605,21 @@ class list_judge {
       const bool one_is_shorter = one->count < other->count;
       return one_is_shorter == extending ? one : other;
     }
-    if (is_newest(one) != is_newest(other)) {
-      return is_newest(one) ? other : one;
+    // A block that still had room when the newer one was written has none behind the older one, but
+    // for the block that allocation had not come to: it begins with the highest.
+    if (has_room_behind(one) != has_room_behind(other)) {
+      return has_room_behind(one) ? other : one;
     }
     if (one->at.block != other->at.block) {
-      return one->at.block > other->at.block ? one : other;
+      const bool higher_is_newer = has_room_behind(one);
+      return (one->at.block < other->at.block) == higher_is_newer ? one : other;
     }
     return one->at < other->at ? one : other;
+  }
+
+  bool has_room_behind(const sector_record* record) const {
+    const sector_record* above = neighbour(record, 1);
+    return above != nullptr && above->kind == sector_kind::erased;
   }
 
   // A truncation writes the shortened sector, then invalidates the old one, then those behind it,
