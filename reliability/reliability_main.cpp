@@ -67,7 +67,7 @@ int usage() {
           "       reliability rows SAMPLE OPERATION\n"
           "       reliability compare SAMPLE OPERATION\n"
           "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
-          "       reliability rescue STRIDE SECOND_STRIDE SECOND_OF [OPERATION ...]\n"
+          "       reliability rescue STRIDE SECOND_STRIDE SECOND_OF RESCUE_STRIDE [OPERATION ...]\n"
           "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
           "CHECK "
           "is quick or full; the last one may be rescue.\n");
@@ -173,17 +173,17 @@ int try_operation(char* argv[]) {
   return status != EXIT_SUCCESS ? status : defects;
 }
 
-// rescue STRIDE SECOND_STRIDE SECOND_OF [OPERATION ...]
+// rescue STRIDE SECOND_STRIDE SECOND_OF RESCUE_STRIDE [OPERATION ...]
 int rescue(int argc, char* argv[], sim::chassis* chassis) {
-  const reliability::rescue_sample sample = {strtoull(argv[2], nullptr, 10),
-                                             strtoull(argv[3], nullptr, 10),
-                                             strtoull(argv[4], nullptr, 10)};
+  const reliability::rescue_sample sample = {
+      strtoull(argv[2], nullptr, 10), strtoull(argv[3], nullptr, 10),
+      strtoull(argv[4], nullptr, 10), strtoull(argv[5], nullptr, 10)};
   if (sample.stride == 0 || sample.second_of == 0) {
     return usage();
   }
   reliability::rescue_rows rows;
-  for (const operation& each : operations_to_rescue(argc > 5)) {
-    if (argc > 5 && std::find(argv + 5, argv + argc, each.name) == argv + argc) {
+  for (const operation& each : operations_to_rescue(argc > 6)) {
+    if (argc > 6 && std::find(argv + 6, argv + argc, each.name) == argv + argc) {
       continue;
     }
     const reliability::rescue_rows found = reliability::try_rescue(
@@ -199,7 +199,7 @@ int rescue(int argc, char* argv[], sim::chassis* chassis) {
 
 int run(int argc, char* argv[], sim::chassis* chassis) {
   const std::string command = argc > 1 ? argv[1] : "";
-  if (command == "rescue" && argc >= 5) {
+  if (command == "rescue" && argc >= 6) {
     return rescue(argc, argv, chassis);
   }
   if (command == "list" && argc == 2) {

@@ -69,6 +69,11 @@ operation at_times(operation what, const std::function<void(int64_t)>& set_clock
   return what;
 }
 
+image::rescue_plan plan_of(rig& flash, const std::vector<uint8_t>& left) {
+  return image::plan_rescue(left, flash.device().blocks(),
+                            {.now = static_cast<uint32_t>(time_of_operation)});
+}
+
 class rescue_run {
  public:
   rescue_run(const operation& what, const std::function<void(int64_t)>& set_clock)
@@ -112,7 +117,13 @@ class rescue_run {
     const std::string played = "'" + what_.name + "' " + cut_text(left.planned);
     recover(left.contents, erased ? left_by::cut_after_erase : left_by::first_cut, played);
     states_++;
-    if (sample_.second_stride == 0 || states_ % sample_.second_of != 0) {
+    if (states_ % sample_.second_of != 0) {
+      return;
+    }
+    if (sample_.rescue_stride != 0) {
+      cut_rescue(left, played);
+    }
+    if (sample_.second_stride == 0) {
       return;
     }
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
@@ -127,6 +138,47 @@ class rescue_run {
                     played + (quick ? " quick " : " full ") + cut_text(second.planned));
           });
     }
+  }
+
+  // Cuts the rescue itself at its mutations, in all ways, and rescues what that leaves.
+  void cut_rescue(const cut_flash& left, const std::string& played) {
+    const std::vector<image::rescue_step> steps = plan_of(player_.flash(), left.contents).steps;
+    const uint64_t mutations = carry_out(steps, left.contents, {0, sim::cut_kind::before});
+    for (uint64_t m = 1; m <= mutations; m += sample_.rescue_stride) {
+      for (const sim::cut_kind kind :
+           {sim::cut_kind::before, sim::cut_kind::during, sim::cut_kind::during_noise}) {
+        const planned_cut planned = {m, kind};
+        carry_out(steps, left.contents, planned);
+        const std::vector<uint8_t> contents = player_.flash().snapshot();
+        if (seen_.insert(hash_of(contents.data(), contents.size())).second) {
+          check(rescued(player_.flash(), contents), left_by::cut_rescue, recovery::rescue,
+                played + " rescue " + cut_text(planned));
+        }
+      }
+    }
+  }
+
+  // Takes the steps of a rescue on a flash whose power fails; returns the mutations. The flash has
+  // its power back afterwards.
+  uint64_t carry_out(const std::vector<image::rescue_step>& steps,
+                     const std::vector<uint8_t>& contents, planned_cut planned) {
+    rig& flash = player_.flash();
+    flash.restore(contents);
+    flash.supply().restore();
+    if (planned.mutation != 0) {
+      flash.supply().cut_at(planned.mutation, planned.kind, planned.mutation);
+    }
+    for (const image::rescue_step& each : steps) {
+      if (each.is_erase) {
+        flash.device().erase(each.offset);
+      } else {
+        flash.device().write(each.offset, static_cast<uint32_t>(each.bytes.size()),
+                             each.bytes.data());
+      }
+    }
+    const uint64_t mutations = flash.supply().mutations();
+    flash.supply().restore();
+    return mutations;
   }
 
   void recover(const std::vector<uint8_t>& left, left_by kind, const std::string& played) {
@@ -357,9 +409,11 @@ const char* left_by_name(left_by kind) {
     case left_by::cut_quick_check:
       return "second cut, in the quick check";
     case left_by::cut_full_check:
+      return "second cut, in the full check";
+    case left_by::cut_rescue:
       break;
   }
-  return "second cut, in the full check";
+  return "second cut, in the rescue";
 }
 
 const char* recovery_name(recovery kind) {
@@ -391,9 +445,7 @@ const char* touched_state_name(touched_state kind) {
 }
 
 std::vector<uint8_t> rescued(rig& flash, const std::vector<uint8_t>& left) {
-  return image::plan_rescue(left, flash.device().blocks(),
-                            {.now = static_cast<uint32_t>(time_of_operation)})
-      .mended;
+  return plan_of(flash, left).mended;
 }
 
 // Every sector that is not erased, a line each.

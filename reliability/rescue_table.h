@@ -18,6 +18,7 @@ struct rescue_sample {
   uint64_t stride = 1;         // every so manieth mutation, and the first and last of each call
   uint64_t second_stride = 0;  // of the mutations of the checks that follow; 0: none
   uint64_t second_of = 1;      // cuts of checks are tried of every so manieth state
+  uint64_t rescue_stride = 0;  // of the mutations of the rescue of such a state; 0: none
 };
 
 // What a flash was left by.
@@ -26,6 +27,7 @@ enum class left_by {
   cut_after_erase,  // a cut of an operation that had erased a block
   cut_quick_check,  // a second cut, in the quick check that followed
   cut_full_check,
+  cut_rescue,  // a second cut, in the rescue
 };
 
 enum class recovery { quick, full, rescue };
