@@ -4,19 +4,26 @@
 #include <cstring>
 #include <optional>
 
+#include "image/rescue_bits.h"
+
 namespace image::rescuing {
 
 namespace {
 
 // Zeros are written for at most so many sectors of a file of which nothing is left.
 constexpr size_t max_zero_sectors = 64;
+// So many copies of one write are looked for.
+constexpr size_t max_copies = 1024;
 // So many equal bytes at the beginning tell a copy from what comes after it.
 constexpr uint32_t telling_bytes = 16;
 
 struct file_records {
   std::vector<const sector_record*> standing;    // good, in blocks that are kept
   std::vector<const sector_record*> unfinished;  // claimed or half-written for it, there
-  std::vector<const sector_record*> old;         // obsolete or torn so, in any block
+  // Obsolete or torn so, in any block, by their numbers.
+  std::map<uint16_t, std::vector<const sector_record*>> old;
+  std::vector<const sector_record*> damaged;  // whole, and not good
+  size_t old_count = 0;
 };
 
 using file_map = std::map<uint16_t, file_records>;
@@ -26,10 +33,16 @@ file_map sort_by_file(const evidence& found) {
   for (const sector_record& each : found.sectors) {
     const bool kept = found.is_kept(each.at);
     if (each.fitting != 0 && (kept || each.kind == sector_kind::obsolete)) {
-      files[each.fitting].old.push_back(&each);
+      files[each.fitting].old[each.number].push_back(&each);
+      files[each.fitting].old_count++;
     }
     if (!kept) {
       continue;
+    }
+    // What reads as torn may be damaged as well: one record in four would look so.
+    if ((each.kind == sector_kind::damaged || each.kind == sector_kind::obsolete_torn) &&
+        is_file_sector(each.owner)) {
+      files[each.owner].damaged.push_back(&each);
     }
     if (each.kind == sector_kind::data) {
       files[each.owner].standing.push_back(&each);
@@ -183,12 +196,10 @@ class list_judge {
       return nullptr;
     }
     const sector_record* found = nullptr;
-    for (const auto& [number, same] : list_) {
-      for (const sector_record* each : same) {
-        if (each->at.block != record->at.block && neighbour(each, 1) == nullptr &&
-            is_at_frontier(each)) {
-          found = found == nullptr ? each : nullptr;
-        }
+    for (const sector_record* each : records_.standing) {
+      if (each->at.block != record->at.block && neighbour(each, 1) == nullptr &&
+          is_at_frontier(each) && list_.contains(each->number)) {
+        found = found == nullptr ? each : nullptr;
       }
     }
     return found;
@@ -323,13 +334,14 @@ class list_judge {
   // sector that took its place, if one did.
   const sector_record* find_old(uint16_t number, const sector_record* replaced,
                                 certainty* sure) const {
-    if (!options_.may_write) {
+    const auto options = records_.old.find(number);
+    if (!options_.may_write || options == records_.old.end()) {
       return nullptr;
     }
     weighed best = {nullptr, -1};
     bool other = false;
-    for (const sector_record* each : records_.old) {
-      if (each->number != number || (replaced != nullptr && equal(each, replaced))) {
+    for (const sector_record* each : options->second) {
+      if (replaced != nullptr && equal(each, replaced)) {
         continue;
       }
       const int weight = weight_of(each, number, replaced);
@@ -378,7 +390,7 @@ class list_judge {
     while (!copies->empty()) {
       const sector_record* next = written_behind(copies->back());
       certainty sure = certainty::guessed;
-      if (next == nullptr || copies->size() > list_.size() ||
+      if (next == nullptr || copies->size() >= max_copies ||
           find_old(next->number, next, &sure) == nullptr) {
         return;
       }
@@ -527,7 +539,7 @@ class list_judge {
   bool undo_overwrite_before(const sector_record* half) {
     std::vector<const sector_record*> run;
     for (const sector_record* before = written_before(half);
-         before != nullptr && run.size() <= list_.size() &&
+         before != nullptr && run.size() < max_copies &&
          (run.empty() || before->number + 1 == run.back()->number);
          before = written_before(before)) {
       run.push_back(before);
@@ -665,7 +677,8 @@ class list_judge {
       return;
     }
     size_t restored = 0;
-    for (uint32_t number = end; number-- > 0 && missing <= records_.old.size();) {
+    for (uint32_t number = end;
+         number-- > 0 && missing <= records_.old_count + records_.damaged.size();) {
       restored += chosen_of(static_cast<uint16_t>(number)) == nullptr &&
                           fill_gap(static_cast<uint16_t>(number))
                       ? 1
@@ -690,13 +703,33 @@ class list_judge {
     certainty sure = certainty::supported;
     const sector_record* old = find_old(number, nullptr, &sure);
     if (old == nullptr || old->count != sector_data_size) {
-      return false;
+      return mend_gap(number);
     }
     note("gap-filled", sure, old, "put back the sector with number " + std::to_string(number),
          "the list has a gap there, and the checksum of this invalidated sector holds for the file",
          "give up the file's sectors instead");
     choose(number, old);
     return true;
+  }
+
+  // A sector of the number that one changed bit makes good.
+  bool mend_gap(uint16_t number) {
+    for (const sector_record* each : records_.damaged) {
+      if (each->number != number || !options_.may_write) {
+        continue;
+      }
+      const std::optional<flashfs_sector> mended = mended_sector(*bytes(each), change_.fileid);
+      if (mended && mended->count == sector_data_size) {
+        note("sector-mended", certainty::guessed, each,
+             "put back the sector with number " + std::to_string(number),
+             "the list has a gap there, and one changed bit makes this sector good",
+             "write zeros instead");
+        change_.writes.push_back(*mended);
+        list_[number] = {each};
+        return true;
+      }
+    }
+    return false;
   }
 
   void keep_standing_only() {

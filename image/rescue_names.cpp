@@ -3,7 +3,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <utility>
+
+#include "image/rescue_bits.h"
 
 namespace image::rescuing {
 
@@ -37,37 +41,108 @@ bool same_name(const slot_record& one, const slot_record& other) {
   return memcmp(one.slot.name, other.slot.name, filename_size) == 0;
 }
 
+// The slots that once named something, by what they named.
+using former_index = std::multimap<uint16_t, const slot_record*>;
+
+former_index index_former(const evidence& found) {
+  former_index index;
+  for (const slot_record& each : found.slots) {
+    if (former_directory(each) != 0) {
+      index.emplace(each.slot.entry_fileid, &each);
+    }
+  }
+  return index;
+}
+
 // Whether the slot has been rewritten, as the end of a write does.
-bool has_former_twin(const evidence& found, const slot_record& slot) {
-  return std::any_of(found.slots.begin(), found.slots.end(), [&](const slot_record& other) {
-    return former_directory(other) == slot.slot.dir_fileid &&
-           other.slot.entry_fileid == slot.slot.entry_fileid && same_name(slot, other);
+bool has_former_twin(const former_index& former, const slot_record& slot) {
+  const auto [first, last] = former.equal_range(slot.slot.entry_fileid);
+  return std::any_of(first, last, [&](const auto& other) {
+    return former_directory(*other.second) == slot.slot.dir_fileid &&
+           same_name(slot, *other.second);
   });
 }
+
+// The slots that are to stand, on flash or to be written: one for each entry.
+class standing_names {
+ public:
+  struct standing_slot {
+    flashfs_dir_slot slot;
+    const slot_record* on_flash;  // null: to be written
+  };
+  using by_entry = std::map<uint16_t, standing_slot>;
+
+  const by_entry& all() const {
+    return slots_;
+  }
+  const standing_slot* find(uint16_t entry) const {
+    const auto place = slots_.find(entry);
+    return place == slots_.end() ? nullptr : &place->second;
+  }
+  bool is_directory(uint16_t id) const {
+    const standing_slot* slot = find(id);
+    return id == fileid_root || (slot != nullptr && is_directory_mode(slot->slot.mode));
+  }
+  // The entry with a name; 0: none.
+  uint16_t find_name(uint16_t directory, const std::string& name) const {
+    const auto place = names_.find({directory, name});
+    return place == names_.end() ? uint16_t{0} : place->second;
+  }
+  bool is_taken(uint16_t directory, uint16_t number) const {
+    return numbers_.contains({directory, number});
+  }
+  uint16_t next_number(uint16_t directory) {
+    uint16_t& next = next_[directory];
+    while (numbers_.contains({directory, next})) {
+      next++;
+    }
+    return next;
+  }
+
+  void add(const flashfs_dir_slot& slot, const slot_record* on_flash) {
+    slots_[slot.entry_fileid] = {slot, on_flash};
+    names_.try_emplace({slot.dir_fileid, name_of(slot)}, slot.entry_fileid);
+    numbers_.insert({slot.dir_fileid, slot.seq_no});
+  }
+  // Its number stays taken: on flash the slot goes only after all others are written.
+  void remove(uint16_t entry) {
+    const standing_slot* slot = find(entry);
+    const auto name = names_.find({slot->slot.dir_fileid, name_of(slot->slot)});
+    if (name != names_.end() && name->second == entry) {
+      names_.erase(name);
+    }
+    slots_.erase(entry);
+  }
+
+  static std::string name_of(const flashfs_dir_slot& slot) {
+    return {slot.name, strnlen(slot.name, filename_size)};
+  }
+
+ private:
+  by_entry slots_;
+  std::map<std::pair<uint16_t, std::string>, uint16_t> names_;
+  std::set<std::pair<uint16_t, uint16_t>> numbers_;
+  std::map<uint16_t, uint16_t> next_;  // below it every number is taken
+};
 
 class name_judge {
  public:
   name_judge(const evidence& found, const std::set<uint16_t>& with_data, uint32_t date)
-      : found_(found), with_data_(with_data), date_(date) {}
+      : found_(found), with_data_(with_data), date_(date), former_(index_former(found)) {}
 
   name_changes judge() {
     collect();
-    delete_second_names();
+    mend_damaged();
     finish_or_undo_deletions();
     place_root();
     delete_names_in_files();
-    renumber();
     relink_orphans();
     connect_to_root();
     return std::move(changes_);
   }
 
  private:
-  // A slot that is to stand: one on flash, or one to be written.
-  struct standing_slot {
-    flashfs_dir_slot slot;
-    const slot_record* on_flash;  // null: to be written
-  };
+  using standing_slot = standing_names::standing_slot;
 
   rescue_decision& note(const char* code, certainty sure, const slot_record* about,
                         const flashfs_dir_slot& slot, const std::string& what,
@@ -78,7 +153,7 @@ class name_judge {
       decision.sector = about->at.sector;
       decision.slot = about->index;
     }
-    decision.path = std::string(slot.name, strnlen(slot.name, filename_size));
+    decision.path = standing_names::name_of(slot);
     decision.what = what;
     decision.evidence = evidence_text;
     changes_.decisions.push_back(std::move(decision));
@@ -89,26 +164,6 @@ class name_judge {
     changes_.deletions.push_back({record.at, record.index});
   }
 
-  // Everything that is neither good nor erased nor deleted goes.
-  void collect() {
-    for (const slot_record& each : found_.slots) {
-      if (!found_.is_kept(each.at) || each.kind == slot_kind::erased ||
-          each.kind == slot_kind::deleted) {
-        continue;
-      }
-      if (each.kind == slot_kind::good) {
-        standing_.push_back({each.slot, &each});
-        continue;
-      }
-      remove(each);
-      if (each.kind != slot_kind::deleted_torn) {
-        note("slot-dropped", certainty::proved, &each, each.slot, "delete the slot",
-             each.kind == slot_kind::half_written ? "it is half-written"
-                                                  : "its checksum does not hold");
-      }
-    }
-  }
-
   // Whether `one` was written after `other`: the later date, else the next place to be taken.
   static bool is_newer(const slot_record& one, const slot_record& other) {
     if (one.slot.date != other.slot.date) {
@@ -117,48 +172,91 @@ class name_judge {
     return one.at == other.at ? one.index < other.index : other.at < one.at;
   }
 
-  void drop_standing(size_t place) {
-    if (standing_[place].on_flash != nullptr) {
-      remove(*standing_[place].on_flash);
-    }
-    standing_.erase(standing_.begin() + static_cast<ptrdiff_t>(place));
-  }
-
-  // An id has one name. Of two the newer stands: it was written whole before the other was to go.
-  void delete_second_names() {
+  // Everything that is neither good nor erased nor deleted goes. An id has one name: of two the
+  // newer stands, since it was written whole before the other was to go.
+  void collect() {
     std::map<uint16_t, const slot_record*> best;
-    for (const standing_slot& each : standing_) {
-      const slot_record*& chosen = best[each.slot.entry_fileid];
-      if (chosen == nullptr || is_newer(*each.on_flash, *chosen)) {
-        chosen = each.on_flash;
+    for (const slot_record& each : found_.slots) {
+      if (!found_.is_kept(each.at)) {
+        continue;
+      }
+      if (each.kind == slot_kind::good) {
+        const slot_record*& chosen = best[each.slot.entry_fileid];
+        if (chosen != nullptr) {
+          drop_second_name(is_newer(each, *chosen) ? *chosen : each);
+        }
+        chosen = chosen == nullptr || is_newer(each, *chosen) ? &each : chosen;
+      } else if (each.kind != slot_kind::erased && each.kind != slot_kind::deleted) {
+        remove(each);
+        note_bad(each);
       }
     }
-    for (size_t i = standing_.size(); i-- > 0;) {
-      const slot_record& record = *standing_[i].on_flash;
-      if (best[record.slot.entry_fileid] != &record) {
-        note("second-name", certainty::supported, &record, record.slot, "delete the slot",
-             "another one names the same file, and is newer");
-        drop_standing(i);
-      }
+    for (const auto& [entry, record] : best) {
+      add_standing(*record);
     }
   }
 
-  const standing_slot* find_entry(uint16_t entry) const {
-    const auto place = std::find_if(standing_.begin(), standing_.end(), [&](const auto& each) {
-      return each.slot.entry_fileid == entry;
-    });
-    return place == standing_.end() ? nullptr : &*place;
+  void note_bad(const slot_record& record) {
+    if (record.kind == slot_kind::half_written) {
+      note("slot-dropped", certainty::proved, &record, record.slot, "delete the slot",
+           "it is half-written");
+    } else if (record.kind == slot_kind::damaged) {
+      note("slot-dropped", certainty::proved, &record, record.slot, "delete the slot",
+           "it cannot stand as it is");
+    }
   }
-  const standing_slot* find_name(uint16_t directory, const char* name) const {
-    const auto place = std::find_if(standing_.begin(), standing_.end(), [&](const auto& each) {
-      return each.slot.dir_fileid == directory && each.slot.entry_fileid != fileid_root &&
-             strncmp(each.slot.name, name, filename_size) == 0;
-    });
-    return place == standing_.end() ? nullptr : &*place;
+
+  void drop_second_name(const slot_record& record) {
+    note("second-name", certainty::supported, &record, record.slot, "delete the slot",
+         "another one names the same file, and is newer");
+    remove(record);
   }
-  bool is_directory(uint16_t id) const {
-    const standing_slot* slot = find_entry(id);
-    return id == fileid_root || (slot != nullptr && is_directory_mode(slot->slot.mode));
+
+  // Two entries of a directory have not one number, and not one name.
+  void add_standing(const slot_record& record) {
+    flashfs_dir_slot slot = record.slot;
+    const bool is_root = slot.entry_fileid == fileid_root;
+    if (!is_root && names_.find_name(slot.dir_fileid, standing_names::name_of(slot)) != 0) {
+      note("name-taken", certainty::proved, &record, slot, "delete the slot",
+           "another one in the directory has its name");
+      remove(record);
+      lose(slot);
+    } else if (names_.is_taken(slot.dir_fileid, slot.seq_no)) {
+      note("slot-renumbered", certainty::proved, &record, slot,
+           "write the slot anew with another number",
+           "another one in the directory has its number");
+      remove(record);
+      renumbered_.push_back(slot);
+      // Its number is given when all others are known.
+      names_.add(slot, nullptr);
+    } else {
+      names_.add(slot, &record);
+    }
+  }
+
+  void lose(const flashfs_dir_slot& slot) {
+    lost_[slot.entry_fileid] = slot.mode;
+  }
+
+  // A slot that is whole but for one bit, or for its type, and that names something that no other
+  // slot names.
+  void mend_damaged() {
+    for (const flashfs_dir_slot& each : renumbered_) {
+      write(each);
+    }
+    for (const slot_record& each : found_.slots) {
+      if (each.kind != slot_kind::damaged || !found_.is_kept(each.at)) {
+        continue;
+      }
+      const std::optional<flashfs_dir_slot> mended = mended_slot(each.slot);
+      if (mended && names_.find(mended->entry_fileid) == nullptr &&
+          with_data_.contains(mended->entry_fileid) && is_regular_mode(mended->mode) &&
+          names_.find_name(mended->dir_fileid, standing_names::name_of(*mended)) == 0) {
+        note("slot-mended", certainty::supported, &each, *mended, "write the slot anew",
+             "a single change makes it good, and nothing else names the file");
+        write(*mended);
+      }
+    }
   }
 
   // A slot whose deletion was cut: the newer name stands, or nothing did but the removal.
@@ -167,7 +265,7 @@ class name_judge {
       if (each.kind != slot_kind::deleted_torn || !found_.is_kept(each.at)) {
         continue;
       }
-      if (find_entry(each.slot.entry_fileid) != nullptr || !can_return(each)) {
+      if (names_.find(each.slot.entry_fileid) != nullptr || !can_return(each)) {
         note("deletion-finished", certainty::supported, &each, each.slot, "delete the slot",
              "its deletion was cut, and another one stands for it");
         continue;
@@ -188,9 +286,7 @@ class name_judge {
     if (record.slot.entry_fileid == fileid_root) {
       return true;
     }
-    char name[filename_buffer_size];
-    dir_slot_get_name(&record.slot, name);
-    return is_directory(directory) && find_name(directory, name) == nullptr &&
+    return names_.is_directory(directory) && names_.find_name(directory, record.name()) == 0 &&
            (!with_data_.contains(record.slot.entry_fileid) || !record.is_directory());
   }
 
@@ -201,35 +297,16 @@ class name_judge {
   }
 
   void write(flashfs_dir_slot slot) {
-    if (is_taken(slot.dir_fileid, slot.seq_no)) {
-      slot.seq_no = next_number(slot.dir_fileid);
+    if (names_.is_taken(slot.dir_fileid, slot.seq_no)) {
+      slot.seq_no = names_.next_number(slot.dir_fileid);
     }
     dir_slot_set_checksum(&slot);
     changes_.writes.push_back(slot);
-    standing_.push_back({slot, nullptr});
-  }
-
-  bool is_taken(uint16_t directory, uint16_t number) const {
-    return std::any_of(standing_.begin(), standing_.end(), [&](const auto& each) {
-      return each.slot.dir_fileid == directory && each.slot.seq_no == number;
-    });
-  }
-  uint16_t next_number(uint16_t directory) const {
-    std::set<uint16_t> taken;
-    for (const standing_slot& each : standing_) {
-      if (each.slot.dir_fileid == directory) {
-        taken.insert(each.slot.seq_no);
-      }
-    }
-    uint16_t number = 0;
-    for (const uint16_t each : taken) {
-      number = static_cast<uint16_t>(number + (each == number ? 1 : 0));
-    }
-    return number;
+    names_.add(slot, nullptr);
   }
 
   void place_root() {
-    if (find_entry(fileid_root) != nullptr) {
+    if (names_.find(fileid_root) != nullptr) {
       return;
     }
     const slot_record* former = newest_former(fileid_root);
@@ -239,17 +316,16 @@ class name_judge {
       bring_back(*former);
       return;
     }
-    flashfs_dir_slot slot = made_slot(fileid_root, fileid_root, mode_of_root, "");
+    const flashfs_dir_slot slot = made_slot(fileid_root, fileid_root, mode_of_root, "");
     note("root-made", certainty::proved, nullptr, slot, "make a slot for the root",
          "no slot of the root stands");
     write(slot);
   }
 
-  flashfs_dir_slot made_slot(uint16_t directory, uint16_t entry, uint16_t mode,
-                             const char* name) const {
+  flashfs_dir_slot made_slot(uint16_t directory, uint16_t entry, uint16_t mode, const char* name) {
     flashfs_dir_slot slot;
     memset(&slot, flash_erased_byte, sizeof(slot));
-    slot.seq_no = next_number(directory);
+    slot.seq_no = names_.next_number(directory);
     slot.dir_fileid = directory;
     slot.entry_fileid = entry;
     slot.mode = mode;
@@ -260,84 +336,56 @@ class name_judge {
 
   const slot_record* newest_former(uint16_t entry) const {
     const slot_record* newest = nullptr;
-    for (const slot_record& each : found_.slots) {
-      if (each.slot.entry_fileid == entry && former_directory(each) != 0 && can_return(each) &&
-          (newest == nullptr || is_newer(each, *newest))) {
-        newest = &each;
+    const auto [first, last] = former_.equal_range(entry);
+    for (auto each = first; each != last; ++each) {
+      if (can_return(*each->second) && (newest == nullptr || is_newer(*each->second, *newest))) {
+        newest = each->second;
       }
     }
     return newest;
   }
 
-  // A slot in what is a file, or of the root elsewhere, names nothing.
-  void delete_names_in_files() {
-    for (size_t i = standing_.size(); i-- > 0;) {
-      const flashfs_dir_slot slot = standing_[i].slot;
-      const standing_slot* holder = find_entry(slot.dir_fileid);
-      const bool in_file = holder != nullptr && is_regular_mode(holder->slot.mode);
-      if (in_file && standing_[i].on_flash != nullptr) {
-        note("name-in-file", certainty::proved, standing_[i].on_flash, slot, "delete the slot",
-             "what holds it is a file");
-        drop_standing(i);
-        lost_.insert(slot.entry_fileid);
-        modes_[slot.entry_fileid] = slot.mode;
-      }
+  void take_name(uint16_t entry) {
+    const standing_slot slot = *names_.find(entry);
+    if (slot.on_flash != nullptr) {
+      remove(*slot.on_flash);
     }
+    lose(slot.slot);
+    names_.remove(entry);
   }
 
-  // Two entries with one number, or one name, in a directory.
-  void renumber() {
-    std::set<std::pair<uint16_t, uint16_t>> numbers;
-    std::set<std::pair<uint16_t, std::string>> names;
-    for (size_t i = 0; i < standing_.size(); i++) {
-      const standing_slot each = standing_[i];
-      const uint16_t directory = each.slot.dir_fileid;
-      const std::string name(each.slot.name, strnlen(each.slot.name, filename_size));
-      const bool new_name = name.empty() || names.insert({directory, name}).second;
-      if (new_name && numbers.insert({directory, each.slot.seq_no}).second) {
-        continue;
+  // A slot in what is a file names nothing.
+  void delete_names_in_files() {
+    std::vector<uint16_t> taken;
+    for (const auto& [entry, each] : names_.all()) {
+      const standing_slot* holder = names_.find(each.slot.dir_fileid);
+      if (holder != nullptr && is_regular_mode(holder->slot.mode) && each.on_flash != nullptr) {
+        note("name-in-file", certainty::proved, each.on_flash, each.slot, "delete the slot",
+             "what holds it is a file");
+        taken.push_back(entry);
       }
-      if (each.on_flash == nullptr) {
-        continue;
-      }
-      note(new_name ? "slot-renumbered" : "name-taken", certainty::proved, each.on_flash, each.slot,
-           new_name ? "write the slot anew with another number" : "delete the slot",
-           new_name ? "another one in the directory has its number"
-                    : "another one in the directory has its name");
-      remove(*each.on_flash);
-      if (new_name) {
-        standing_[i].slot.seq_no = next_number(directory);
-        dir_slot_set_checksum(&standing_[i].slot);
-        standing_[i].on_flash = nullptr;
-        numbers.insert({directory, standing_[i].slot.seq_no});
-        changes_.writes.push_back(standing_[i].slot);
-      } else {
-        lost_.insert(each.slot.entry_fileid);
-        modes_[each.slot.entry_fileid] = each.slot.mode;
-        standing_.erase(standing_.begin() + static_cast<ptrdiff_t>(i));
-        i--;
-      }
+    }
+    for (const uint16_t entry : taken) {
+      take_name(entry);
     }
   }
 
   // What has sectors or entries but no name, the lowest id first.
   void relink_orphans() {
     for (const uint16_t id : with_data_) {
-      if (find_entry(id) == nullptr) {
-        lost_.insert(id);
-        modes_.try_emplace(id, mode_of_file);
+      if (names_.find(id) == nullptr) {
+        lost_.try_emplace(id, mode_of_file);
       }
     }
-    for (const standing_slot& each : standing_) {
+    for (const auto& [entry, each] : names_.all()) {
       const uint16_t directory = each.slot.dir_fileid;
-      if (directory != fileid_root && find_entry(directory) == nullptr) {
-        lost_.insert(directory);
-        modes_[directory] = mode_of_directory;
+      if (directory != fileid_root && names_.find(directory) == nullptr) {
+        lost_[directory] = mode_of_directory;
       }
     }
-    const std::set<uint16_t> lost = lost_;
-    for (const uint16_t id : lost) {
-      if (find_entry(id) == nullptr) {
+    const std::map<uint16_t, uint16_t> lost = lost_;
+    for (const auto& [id, mode] : lost) {
+      if (names_.find(id) == nullptr) {
         relink(id);
       }
     }
@@ -345,8 +393,7 @@ class name_judge {
 
   void relink(uint16_t id) {
     const slot_record* former = newest_former(id);
-    if (former != nullptr &&
-        is_directory_mode(former->slot.mode) == is_directory_mode(modes_[id])) {
+    if (former != nullptr && is_directory_mode(former->slot.mode) == is_directory_mode(lost_[id])) {
       note("orphan-named", certainty::supported, former, former->slot, "write the slot anew",
            "something has its id and no name, and this one was the last to name it")
           .alternatives = "give up what it names: it was removed";
@@ -360,10 +407,10 @@ class name_judge {
     const uint16_t directory = lost_and_found_id();
     char name[sizeof("65535")];
     snprintf(name, sizeof(name), "%05u", static_cast<unsigned>(id));
-    if (directory == 0 || find_name(directory, name) != nullptr) {
+    if (directory == 0 || names_.find_name(directory, name) != 0) {
       return;
     }
-    const flashfs_dir_slot slot = made_slot(directory, id, modes_[id], name);
+    const flashfs_dir_slot slot = made_slot(directory, id, lost_[id], name);
     note("orphan-relinked", certainty::proved, nullptr, slot, "name it in /lost+found",
          "nothing that is left names it");
     write(slot);
@@ -371,22 +418,16 @@ class name_judge {
 
   // Made if need be; 0 when a file has its name or no id is left.
   uint16_t lost_and_found_id() {
-    const standing_slot* existing = find_name(fileid_root, lost_and_found);
-    if (existing != nullptr) {
-      const bool usable = is_directory_mode(existing->slot.mode);
-      return usable ? existing->slot.entry_fileid : uint16_t{0};
-    }
-    std::set<uint16_t> used(lost_.begin(), lost_.end());
-    used.insert(with_data_.begin(), with_data_.end());
-    for (const standing_slot& each : standing_) {
-      used.insert(each.slot.entry_fileid);
-      used.insert(each.slot.dir_fileid);
+    const uint16_t existing = names_.find_name(fileid_root, lost_and_found);
+    if (existing != 0) {
+      return names_.is_directory(existing) ? existing : uint16_t{0};
     }
     for (uint32_t id = fileid_first; id <= fileid_last; id++) {
-      if (!used.contains(static_cast<uint16_t>(id))) {
-        write(made_slot(fileid_root, static_cast<uint16_t>(id), mode_of_lost_and_found,
-                        lost_and_found));
-        return static_cast<uint16_t>(id);
+      const auto fileid = static_cast<uint16_t>(id);
+      if (!lost_.contains(fileid) && !with_data_.contains(fileid) &&
+          names_.find(fileid) == nullptr) {
+        write(made_slot(fileid_root, fileid, mode_of_lost_and_found, lost_and_found));
+        return fileid;
       }
     }
     return 0;
@@ -395,65 +436,55 @@ class name_judge {
   // Directories that hold each other in a circle are reached from nowhere: the one with the lowest
   // id is taken out of it.
   void connect_to_root() {
-    for (size_t rounds = standing_.size(); rounds-- > 0;) {
-      const std::set<uint16_t> reached = reached_from_root();
-      uint16_t lowest = 0;
-      for (const standing_slot& each : standing_) {
-        const uint16_t id = each.slot.entry_fileid;
-        if (is_directory_mode(each.slot.mode) && !reached.contains(id) &&
-            (lowest == 0 || id < lowest)) {
-          lowest = id;
-        }
+    std::multimap<uint16_t, uint16_t> below;
+    std::vector<uint16_t> directories;
+    for (const auto& [entry, each] : names_.all()) {
+      if (is_directory_mode(each.slot.mode)) {
+        below.emplace(each.slot.dir_fileid, entry);
+        directories.push_back(entry);
       }
-      if (lowest == 0) {
-        return;
+    }
+    std::set<uint16_t> reached;
+    reach(fileid_root, below, &reached);
+    for (const uint16_t id : directories) {
+      if (reached.contains(id) || names_.find(id)->on_flash == nullptr) {
+        continue;
       }
-      for (size_t i = standing_.size(); i-- > 0;) {
-        if (standing_[i].slot.entry_fileid == lowest && standing_[i].on_flash != nullptr) {
-          modes_[lowest] = standing_[i].slot.mode;
-          drop_standing(i);
-        }
-      }
-      if (find_entry(lowest) != nullptr) {
-        return;
-      }
-      put_into_lost_and_found(lowest);
+      take_name(id);
+      put_into_lost_and_found(id);
+      reach(id, below, &reached);
     }
   }
 
-  std::set<uint16_t> reached_from_root() const {
-    std::multimap<uint16_t, uint16_t> below;
-    for (const standing_slot& each : standing_) {
-      if (is_directory_mode(each.slot.mode)) {
-        below.emplace(each.slot.dir_fileid, each.slot.entry_fileid);
-      }
-    }
-    std::set<uint16_t> reached = {fileid_root};
-    std::vector<uint16_t> open = {fileid_root};
+  static void reach(uint16_t from, const std::multimap<uint16_t, uint16_t>& below,
+                    std::set<uint16_t>* reached) {
+    reached->insert(from);
+    std::vector<uint16_t> open = {from};
     while (!open.empty()) {
       const auto [first, last] = below.equal_range(open.back());
       open.pop_back();
       for (auto each = first; each != last; ++each) {
-        if (reached.insert(each->second).second) {
+        if (reached->insert(each->second).second) {
           open.push_back(each->second);
         }
       }
     }
-    return reached;
   }
 
   const evidence& found_;
   const std::set<uint16_t>& with_data_;
   uint32_t date_;
+  former_index former_;
   name_changes changes_;
-  std::vector<standing_slot> standing_;
-  std::set<uint16_t> lost_;             // have no name yet
-  std::map<uint16_t, uint16_t> modes_;  // of these
+  standing_names names_;
+  std::vector<flashfs_dir_slot> renumbered_;
+  std::map<uint16_t, uint16_t> lost_;  // have no name yet, with their modes
 };
 
 }  // namespace
 
 std::map<uint16_t, name_evidence> read_names(const evidence& found) {
+  const former_index former = index_former(found);
   std::map<uint16_t, name_evidence> names;
   for (size_t i = 0; i < found.slots.size(); i++) {
     const slot_record& each = found.slots[i];
@@ -463,7 +494,7 @@ std::map<uint16_t, name_evidence> read_names(const evidence& found) {
       name.removed = false;
       name.directory = name.directory || each.is_directory();
       name.never_written = is_followed_by_directory(each, i == 0 ? nullptr : &found.slots[i - 1]) &&
-                           !has_former_twin(found, each);
+                           !has_former_twin(former, each);
     } else if (former_directory(each) != 0) {
       name_evidence& name = names[each.slot.entry_fileid];
       name.removed = !name.named;
