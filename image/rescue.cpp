@@ -6,6 +6,7 @@
 #include <set>
 
 #include "image/rescue_blocks.h"
+#include "image/rescue_deleted.h"
 #include "image/rescue_evidence.h"
 #include "image/rescue_flash.h"
 #include "image/rescue_lists.h"
@@ -16,7 +17,7 @@ namespace image {
 
 namespace {
 
-using namespace rescuing;
+using namespace rescuing;  // NOLINT: its own parts
 
 constexpr int max_rounds = 6;
 
@@ -129,6 +130,28 @@ class rescue_round {
   std::set<sector_place> dropped_;
 };
 
+// Brings back removed files on a flash that is mended otherwise, as far as there is room.
+void return_deleted(flash_copy* flash, std::span<const flash_block_info> blocks,
+                    const rescue_options& options, rescue_plan* plan) {
+  const std::vector<uint8_t> before(flash->bytes().begin(), flash->bytes().end());
+  evidence found = read_evidence(before, blocks);
+  judge_blocks(&found, &plan->decisions);
+  room space(flash, found, options.now != 0 ? options.now : latest_date(found));
+  for (const returned_file& each : find_deleted(found)) {
+    rescue_decision decision = each.decision;
+    if (space.free_sectors() < each.sectors.size() + 1) {  // one for its slot
+      decision.what = "leave it removed: there is no room";
+      plan->decisions.push_back(std::move(decision));
+      continue;
+    }
+    for (const flashfs_sector& sector : each.sectors) {
+      plan->complete = space.write_sector(sector) && plan->complete;
+    }
+    plan->complete = space.write_slot(each.slot) && plan->complete;
+    plan->decisions.push_back(std::move(decision));
+  }
+}
+
 }  // namespace
 
 const char* certainty_text(certainty value) {
@@ -155,6 +178,9 @@ rescue_plan plan_rescue(std::span<const uint8_t> bytes, std::span<const flash_bl
     const bool changed = flash.steps().size() != steps;
     plan.complete = done && !changed;
     may_write = may_write && (done || changed);
+  }
+  if (options.deleted && plan.complete) {
+    return_deleted(&flash, blocks, options, &plan);
   }
   plan.steps = flash.take_steps();
   plan.mended = flash.take_bytes();

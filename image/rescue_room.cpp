@@ -321,6 +321,15 @@ std::optional<sector_place> room::now_at(sector_place place) const {
   return emptied_[place.block] ? std::nullopt : std::optional(place);
 }
 
+size_t room::free_sectors() const {
+  size_t count = count_erased(no_block);
+  const int spare = find_spare();
+  for (uint16_t b = 0; b < blocks_.size(); b++) {
+    count += blocks_[b].fate == block_fate::fresh && b != spare ? blocks_[b].sectors : 0U;
+  }
+  return count;
+}
+
 void room::drop_sector(sector_place place) {
   const std::optional<sector_place> now = now_at(place);
   if (!now || blocks_[now->block].fate != block_fate::kept) {

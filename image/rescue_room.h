@@ -25,6 +25,8 @@ class room {
   // Writes a whole record to an erased sector, or a slot to an erased slot. False without room.
   [[nodiscard]] bool write_sector(const flashfs_sector& sector);
   [[nodiscard]] bool write_slot(const flashfs_dir_slot& slot);
+  // Erased sectors that can be written without a reclamation.
+  size_t free_sectors() const;
   // Makes a record obsolete where it stands now, if it still does.
   void drop_sector(sector_place place);
   void delete_slot(slot_place place);
