@@ -134,7 +134,13 @@ class list_judge {
     }
     return true;
   }
+  // But for a claim that may be the file's own, torn.
   bool all_erased_behind(const sector_record* record) const {
+    const sector_record* next = neighbour(record, 1);
+    if (next != nullptr && next->kind == sector_kind::claimed &&
+        (next->owner & change_.fileid) == change_.fileid) {
+      record = next;
+    }
     for (const sector_record* above = neighbour(record, 1); above != nullptr;
          above = neighbour(above, 1)) {
       if (above->kind != sector_kind::erased) {

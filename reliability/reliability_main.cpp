@@ -181,8 +181,13 @@ int rescue(int argc, char* argv[], sim::chassis* chassis) {
   if (sample.stride == 0 || sample.second_of == 0) {
     return usage();
   }
+  // RESCUE_LARGE in the environment: with blocks of the size that the real device has.
+  const bool large = getenv("RESCUE_LARGE") != nullptr;
   reliability::rescue_rows rows;
-  for (const operation& each : operations_to_rescue(argc > 6)) {
+  for (operation& each : operations_to_rescue(argc > 6)) {
+    for (test_support::ram_block& block : each.blocks) {
+      block.size = large ? test_support::ram_block().size : block.size;
+    }
     if (argc > 6 && std::find(argv + 6, argv + argc, each.name) == argv + argc) {
       continue;
     }
