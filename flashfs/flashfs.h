@@ -135,6 +135,13 @@ void flashfs_release(flashfs* fs);
 int32_t flashfs_get_chip_code(const char* prefix);
 const char* flashfs_get_chip_desc(const char* prefix);
 
+// --- dates (namespace.cpp) ---
+
+// Dates what the path names, without the prefix, and nothing else: seconds since 1970, not 0. For
+// tools that give a directory the date of its source when all in it has been written. 0, or -1 with
+// errno.
+[[nodiscard]] int32_t flashfs_set_date(flashfs* fs, const char* path, uint32_t date);
+
 // --- diagnostic dumps (dump.cpp) ---
 
 // Prints a file's list and a verdict on its sequence numbers and checksums. The caller holds the

@@ -1,8 +1,6 @@
 // The check's work on blocks.
 #include "flashfs/fsck_blocks.h"
 
-#include <cstdio>
-
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/io.h"
@@ -157,20 +155,20 @@ int fsck_check_header(flashfs* fs, int16_t block_num, flashfs_blkheader* header,
   if (erase_block(fs, block_num, true, false) != 0) {
     return 1;
   }
-  printf("done.%s", flashfs_log_suffix);
+  console_print("done.%s", flashfs_log_suffix);
   return read_blkheader(fs, block_num, header);
 }
 
 int fsck_scrub_block(flashfs* fs, int16_t block_num) {
   sector_buffer buffer(fs);
   if (!buffer) {
-    puts("Unable to alloc sctr");
+    console_print("Unable to alloc sctr\n");
     return 1;
   }
   const auto* bytes = reinterpret_cast<const uint8_t*>(buffer.view());
   for (uint16_t s = 0; s < fs->flashfs_blocks[block_num].num_sectors; s++) {
     if (read_sector(fs, {block_num, s}, buffer.get(), whole_sector) != 0) {
-      puts("Failed on sector read");
+      console_print("Failed on sector read\n");
       return 1;
     }
     process_suspend();

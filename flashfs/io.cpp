@@ -148,7 +148,7 @@ int write_blkheader(flashfs* fs, int16_t block_num, flashfs_blkheader* header) {
   const flashfs_block& block =
       require_block(fs, "Trying to write a block header not in the  flash device!.", block_num);
   header->block_num = static_cast<uint16_t>(block_num);
-  printf(" wS%d", block_num);
+  console_print(" wS%d", block_num);
   // The one write whose message has a colon there.
   return write_device(fs, block, block.offset, sizeof(*header), header, "length:");
 }
@@ -162,14 +162,14 @@ int read_block(flashfs* fs, int16_t block_num, void* buffer) {
 int write_block(flashfs* fs, int16_t block_num, const void* buffer) {
   const flashfs_block& block =
       require_block(fs, "Trying to write a block not in the  flash device!.", block_num);
-  printf(" wS%d", block_num);
+  console_print(" wS%d", block_num);
   return write_device(fs, block, block.offset, block_size(fs, block_num), buffer, "length");
 }
 
 int erase_whole_block(flashfs* fs, int16_t block_num) {
   const flashfs_block& block =
       require_block(fs, "Trying to read a block header not in the  flash device!.", block_num);
-  printf(" eS%d", block_num);
+  console_print(" eS%d", block_num);
   sector_buffers_forget();
   const flash_return_code code =
       fs->fdi[block.device].erase(fs->handle[block.device], block.offset);

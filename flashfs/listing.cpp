@@ -2,7 +2,6 @@
 #include "flashfs/listing.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "flashfs/buffer.h"
@@ -121,7 +120,7 @@ int32_t flashfs_vctr_stat(ppc_fsid_t fsid, const char* path, ppc_stat* status) {
     if (flashfs_of(fsid) == nullptr) {
       return -1;
     }
-    puts("fsp not ready");
+    console_print("fsp not ready\n");
     return flashfs_fail(EINVAL);
   }
   if (*path == '\0') {

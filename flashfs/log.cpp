@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 
 const char* const flashfs_log_prefix = "";
 const char* const flashfs_log_suffix = "\n";
@@ -11,9 +10,9 @@ const char* const flashfs_log_suffix = "\n";
 namespace {
 
 void log_line(const flashfs* fs, const char* format, va_list arguments, const char* suffix) {
-  printf("%sflashfs[%d]: ", flashfs_log_prefix, fs->fsid);
-  vprintf(format, arguments);
-  printf("%s", suffix);
+  console_print("%sflashfs[%d]: ", flashfs_log_prefix, fs->fsid);
+  console_print_list(format, arguments);
+  console_print("%s", suffix);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // it back. The maps are built by the check.
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <new>
 
 #include "flashfs/filemap.h"
@@ -139,13 +138,14 @@ int32_t flashfs_initialize(const void* const handles[], const flash_driver_info*
   }
   flashfs* fs = create_state(handles, records, num_devices);
   if (fs == nullptr) {
-    printf("%sflashfs: out of memory.%s", flashfs_log_prefix, flashfs_log_suffix);
+    console_print("%sflashfs: out of memory.%s", flashfs_log_prefix, flashfs_log_suffix);
     return -1;
   }
   fs->fsid = static_cast<ppc_fsid_t>(ifs_create(prefix, &flashfs_operations, filesystem_type,
                                                 filesystem_flags, filesystem_feature, fs));
   if (ifs_fsid_is_valid(fs->fsid) == 0) {
-    printf("%sflashfs: Unable to register with IFS.%s", flashfs_log_prefix, flashfs_log_suffix);
+    console_print("%sflashfs: Unable to register with IFS.%s", flashfs_log_prefix,
+                  flashfs_log_suffix);
     return -1;
   }
   return fs->fsid;

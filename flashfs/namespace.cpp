@@ -90,6 +90,15 @@ int32_t change_mode_of_named(flashfs* fs, const char* path, ppc_mode_t mode) {
   return entry == nullptr ? flashfs_fail(ENOENT) : flashfs_change_mode(fs, entry, mode);
 }
 
+int32_t date_named(flashfs* fs, const char* path, uint32_t date) {
+  const found_name found = flashfs_resolve(fs, path);
+  if (found.fileid == 0) {
+    return flashfs_fail(found.error);
+  }
+  flashfs_sctr_map* entry = filemap_lookup(fs, found.fileid);
+  return entry == nullptr ? flashfs_fail(ENOENT) : flashfs_touch(fs, entry, date);
+}
+
 int32_t remove_named_file(flashfs* fs, const char* path) {
   const found_name found = flashfs_resolve(fs, path);
   if (found.fileid == 0) {
@@ -135,6 +144,14 @@ int32_t flashfs_vctr_chmod(ppc_fsid_t fsid, const char* path, ppc_mode_t mode) {
   }
   const flashfs_lock_guard lock(fs);
   return flashfs_finish(fs, change_mode_of_named(fs, path, mode));
+}
+
+int32_t flashfs_set_date(flashfs* fs, const char* path, uint32_t date) {
+  if (fs->ready == 0 || date == 0) {
+    return flashfs_fail(EINVAL);
+  }
+  const flashfs_lock_guard lock(fs);
+  return flashfs_finish(fs, date_named(fs, path, date));
 }
 
 int32_t flashfs_vctr_remove(ppc_fsid_t fsid, const char* path) {

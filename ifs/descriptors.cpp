@@ -3,9 +3,9 @@
 #include "ifs/descriptors.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <new>
 
+#include "ifs/console.h"
 #include "ifs/tables.h"
 
 namespace {
@@ -89,14 +89,14 @@ ppc_fsid_t ifs_fd_get_fsid(int32_t fd) {
 }
 
 void zantrolume_display_fdent(const ifs_descriptor* entry) {
-  printf("fdent at 0x%x\n", low_address_bits(entry));
-  printf("fd         = 0x%x\n", static_cast<uint32_t>(entry->fd));
-  printf("native_fd  = 0x%x\n", static_cast<uint32_t>(entry->native_fd));
-  printf("fsid       = 0x%x\n", static_cast<uint32_t>(entry->fsid));
-  printf("filepos    = 0x%x\n", static_cast<uint32_t>(entry->filepos));
-  printf("size       = 0x%x\n", static_cast<uint32_t>(entry->size));
-  printf("data       = 0x%x\n", static_cast<uint32_t>(entry->data));
-  printf("flags      = 0x%x\n", static_cast<uint32_t>(entry->flags));
-  printf("oflags     = 0x%x\n", static_cast<uint32_t>(entry->oflags));
-  printf("fd_context = 0x%x\n", low_address_bits(entry->fd_context));
+  console_print("fdent at 0x%x\n", low_address_bits(entry));
+  console_print("fd         = 0x%x\n", static_cast<uint32_t>(entry->fd));
+  console_print("native_fd  = 0x%x\n", static_cast<uint32_t>(entry->native_fd));
+  console_print("fsid       = 0x%x\n", static_cast<uint32_t>(entry->fsid));
+  console_print("filepos    = 0x%x\n", static_cast<uint32_t>(entry->filepos));
+  console_print("size       = 0x%x\n", static_cast<uint32_t>(entry->size));
+  console_print("data       = 0x%x\n", static_cast<uint32_t>(entry->data));
+  console_print("flags      = 0x%x\n", static_cast<uint32_t>(entry->flags));
+  console_print("oflags     = 0x%x\n", static_cast<uint32_t>(entry->oflags));
+  console_print("fd_context = 0x%x\n", low_address_bits(entry->fd_context));
 }

@@ -4,6 +4,7 @@
 #pragma once
 
 // IWYU pragma: begin_exports
+#include "ifs/console.h"
 #include "ifs/crc.h"
 #include "ifs/descriptors.h"
 #include "ifs/fstab.h"

@@ -3,77 +3,13 @@
 #include "image/rescue_evidence.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
+
+#include "image/record_fit.h"
 
 namespace image::rescuing {
 
 namespace {
-
-constexpr uint32_t bits = 16;
-
-// Finds the 16-bit field, at an offset in a record, for which the record's checksum holds.
-class field_solver {
- public:
-  field_solver(uint32_t record_size, uint32_t field_offset) {
-    std::vector<uint8_t> record(record_size, 0);
-    const uint32_t none = generate_crc(record_size, record.data());
-    for (uint32_t bit = 0; bit < bits; bit++) {
-      record[field_offset] = static_cast<uint8_t>((1U << bit) >> 8);
-      record[field_offset + 1] = static_cast<uint8_t>(1U << bit);
-      add_row(static_cast<uint16_t>(generate_crc(record_size, record.data()) ^ none),
-              static_cast<uint16_t>(1U << bit));
-    }
-  }
-
-  // `crc` is that of the record with a field of 0.
-  uint16_t solve(uint32_t crc) const {
-    auto rest = static_cast<uint16_t>(crc ^ flashfs_good_crc);
-    uint16_t field = 0;
-    for (uint32_t bit = bits; bit-- > 0;) {
-      if ((rest >> bit & 1) != 0) {
-        rest = static_cast<uint16_t>(rest ^ effect_[bit]);
-        field = static_cast<uint16_t>(field ^ cause_[bit]);
-      }
-    }
-    return field;
-  }
-
- private:
-  // Keeps the rows so that each effect has a highest bit of its own.
-  void add_row(uint16_t effect, uint16_t cause) {
-    for (uint32_t bit = bits; bit-- > 0;) {
-      if ((effect >> bit & 1) == 0) {
-        continue;
-      }
-      if (effect_[bit] == 0) {
-        effect_[bit] = effect;
-        cause_[bit] = cause;
-        return;
-      }
-      effect = static_cast<uint16_t>(effect ^ effect_[bit]);
-      cause = static_cast<uint16_t>(cause ^ cause_[bit]);
-    }
-  }
-
-  std::array<uint16_t, bits> effect_ = {};
-  std::array<uint16_t, bits> cause_ = {};
-};
-
-uint16_t fitting_owner(const flashfs_sector* sector) {
-  static const field_solver solver(sizeof(flashfs_sector), offsetof(flashfs_sector, fileid));
-  flashfs_sector copy = *sector;
-  copy.fileid = 0;
-  return solver.solve(sector_crc(&copy));
-}
-
-uint16_t fitting_directory(const flashfs_dir_slot& slot) {
-  static const field_solver solver(sizeof(flashfs_dir_slot),
-                                   offsetof(flashfs_dir_slot, dir_fileid));
-  flashfs_dir_slot copy = slot;
-  copy.dir_fileid = 0;
-  return solver.solve(dir_slot_crc(&copy));
-}
 
 // Whether programming can have made `left` of `before`, and has not made it wholly.
 bool is_torn_from(uint16_t left, uint16_t before) {
@@ -86,7 +22,7 @@ sector_kind kind_of_bad(const flashfs_sector* sector, uint16_t* fitting) {
   if (checksum == 0xFFFF) {
     return sector_kind::unfinished;
   }
-  const uint16_t owner = fitting_owner(sector);
+  const uint16_t owner = fitting_owner(*sector);
   if (is_file_sector(owner) && is_torn_from(sector->fileid, owner) &&
       sector->count <= sector_data_size) {
     *fitting = owner;
@@ -115,7 +51,7 @@ sector_record read_sector(const flashfs_sector* sector, sector_place place) {
   } else if (found.owner == fileid_invalidated) {
     found.kind = sector_kind::obsolete;
     if (sector->checksum != 0xFFFF && found.count <= sector_data_size) {
-      const uint16_t owner = fitting_owner(sector);
+      const uint16_t owner = fitting_owner(*sector);
       found.fitting = is_file_sector(owner) ? owner : uint16_t{0};
     }
   } else if (is_directory_sector(sector)) {

@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # Every Debian package that anything here needs.
-build_packages=(cmake g++ ninja-build xz-utils)
+build_packages=(cmake g++ ninja-build xz-utils
+  libarchive-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
 test_packages=(googletest libgtest-dev)
 mips_packages=(g++-mips-linux-gnu qemu-user-static)
 style_packages=(clang-format clang-tidy iwyu python3)

@@ -133,6 +133,11 @@ int32_t files::truncate(std::string_view path, uint32_t length) const {
   return opened ? opened.close(opened.truncate(length)) : -1;
 }
 
+int32_t files::set_date(std::string_view path, uint32_t date) const {
+  flashfs* fs = flashfs_get_fsp(start_.c_str());
+  return fs == nullptr ? -1 : flashfs_set_date(fs, std::string(path).c_str(), date);
+}
+
 int32_t files::list(std::string_view directory, std::vector<entry>* found) const {
   const std::string_view base = without_slashes_at_the_end(directory);
   file listed = open(std::string(base) + "/", ifs_open_read);

@@ -86,6 +86,8 @@ class files {
   [[nodiscard]] int32_t rmdir(std::string_view path) const;
   [[nodiscard]] int32_t chmod(std::string_view path, uint32_t mode) const;
   [[nodiscard]] int32_t truncate(std::string_view path, uint32_t length) const;
+  // Dates what the path names, and nothing else: seconds since 1970, not 0.
+  [[nodiscard]] int32_t set_date(std::string_view path, uint32_t date) const;
 
   // What a directory holds, in the order of its list. On a failure -1, and `*found` has what came
   // before it; an entry without a status is not a failure.

@@ -14,7 +14,6 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <system_error>
 #include <type_traits>
 
@@ -132,8 +131,16 @@ temporary_folder::~temporary_folder() {
 }
 
 std::string read_whole_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::string contents;
+  if (std::FILE* file = std::fopen(path.c_str(), "rb"); file != nullptr) {
+    // In large pieces: whole flashes are read like this.
+    std::vector<char> part(1 << 20);
+    for (size_t got; (got = std::fread(part.data(), 1, part.size(), file)) != 0;) {
+      contents.append(part.data(), got);
+    }
+    std::fclose(file);
+  }
+  return contents;
 }
 
 void write_whole_file(const std::string& path, const std::string& contents) {

@@ -1,0 +1,70 @@
+// cat: prints files, byte for byte.
+#include <cerrno>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "image/commands/commands.h"
+#include "image/interrupt.h"
+#include "image/paths.h"
+#include "image/session.h"
+
+namespace image {
+
+namespace {
+
+struct cat_options {
+  std::string image;
+  std::vector<std::string> paths;
+};
+
+void print_file(session& opened, const std::string& path, report& out) {
+  ppc_stat status;
+  if (status_of(opened.files(), path, &status) != 0) {
+    out.fail(exit_status::failed, error_text(errno), told_path(path));
+    return;
+  }
+  if (is_directory(status)) {
+    out.fail(exit_status::failed, error_text(EISDIR), told_path(path));
+    return;
+  }
+  std::string contents;
+  const bool whole = opened.files().read_file(path, &contents) == 0;
+  const int error = errno;
+  out.print(contents);
+  if (out.json()) {
+    nlohmann::ordered_json file;
+    put_text(&file, "path", told_path(path));
+    put_text(&file, "contents", contents);
+    out.result()["files"].push_back(file);
+  }
+  if (!whole) {
+    out.fail(exit_status::failed, error_text(error), told_path(path));
+  }
+}
+
+void run(const cat_options& options, const globals& all, report& out) {
+  const std::unique_ptr<session> opened = session::to_read(all, options.image, out);
+  if (!opened) {
+    return;
+  }
+  for (const std::string& given : options.paths) {
+    if (interrupted()) {
+      return;
+    }
+    print_file(*opened, inside_path(given), out);
+  }
+}
+
+}  // namespace
+
+command cat_command() {
+  auto options = std::make_shared<cat_options>();
+  return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup",
+          [options](arguments& take) {
+            take.word("IMAGE", &options->image, "The image");
+            take.words("PATH", &options->paths, "Files in the image");
+          },
+          [options](const globals& all, report& out) { run(*options, all, out); }};
+}
+
+}  // namespace image

@@ -1,0 +1,182 @@
+// check: what the two checks would do to an image, and with --repair, one of them done. A check is
+// run on a private copy; what it would change is the difference.
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "flashfs/check_flags.h"
+#include "image/check_report.h"
+#include "image/commands/commands.h"
+#include "image/interrupt.h"
+#include "image/mounted.h"
+#include "image/session.h"
+
+namespace image {
+
+namespace {
+
+using json = nlohmann::ordered_json;
+
+struct check_options {
+  std::string image;
+  bool quick = false;
+  bool repair = false;
+  bool force = false;
+};
+
+// A check that was tried, and what it leaves.
+struct tried_check {
+  bool passed = false;
+  bool changes = false;
+  bool loses = false;
+  std::vector<finding> findings;
+  std::vector<uint8_t> result;
+};
+
+class checker {
+ public:
+  checker(const check_options& options, const globals& all, const opened_image& opened, report& out)
+      : options_(options), all_(all), opened_(opened), out_(out) {}
+
+  void run() {
+    // Unless one was named, both are told of: the quick one is what the board runs, the full one
+    // is what counts.
+    tried_check quick;
+    tried_check full;
+    if (options_.quick || (!all_.full && !options_.repair)) {
+      quick = try_check("quick", flashfs_check_quick);
+    }
+    if (!options_.quick && !interrupted()) {
+      full = try_check("full", flashfs_check_full);
+    }
+    tried_check& decisive = options_.quick ? quick : full;
+    for (const finding& one : decisive.findings) {
+      out_.add_to_document(one);
+    }
+    if (interrupted()) {
+      return;
+    }
+    if (!decisive.passed) {
+      out_.raise(exit_status::faults);
+    } else if (options_.repair && decisive.changes) {
+      repair(decisive);
+    } else if (quick.changes || full.changes) {
+      out_.raise(exit_status::faults);
+    }
+  }
+
+ private:
+  tried_check try_check(const char* name, uint32_t flags) {
+    tried_check tried;
+    const std::span<const uint8_t> before = opened_.contents();
+    tried.result.assign(before.begin(), before.end());
+    mounted system(tried.result, opened_.layout);
+    out_.progress(std::string("the ") + name + " check", 0, 1);
+    tried.passed = system.check(flags);
+    tried.changes = system.flash().changed();
+    if (interrupted()) {
+      return tried;
+    }
+    const records records_before = read_records(before, opened_.layout);
+    const records records_after = read_records(tried.result, opened_.layout);
+    tried.findings = report_check({.before = records_before,
+                                   .after = records_after,
+                                   .passed = tried.passed,
+                                   .lines = system.said(),
+                                   .mounted = tried.passed ? &system.files() : nullptr});
+    tried.loses = check_loses(tried.findings);
+    tell(name, tried);
+    return tried;
+  }
+
+  void tell(const char* name, const tried_check& tried) {
+    const std::string verdict = !tried.passed   ? "cannot make it usable"
+                                : tried.loses   ? "would repair it, and lose something"
+                                : tried.changes ? "would repair it"
+                                                : "nothing to do";
+    const color tint = !tried.passed || tried.loses ? color::red
+                       : tried.changes              ? color::yellow
+                                                    : color::green;
+    out_.print(std::string(name) + " check: " + out_.colored(tint, verdict) + "\n");
+    json findings = json::array();
+    for (const finding& one : tried.findings) {
+      findings.push_back(json_of(one));
+    }
+    print_findings(tried);
+    out_.result()["checks"].push_back({{"check", name},
+                                       {"usable", tried.passed},
+                                       {"changes", tried.changes},
+                                       {"loses", tried.loses},
+                                       {"findings", findings}});
+  }
+
+  // Information is for who asks for it, or has nothing else to go by.
+  void print_findings(const tried_check& tried) {
+    constexpr uint32_t enough = 8;
+    const bool only_information =
+        std::all_of(tried.findings.begin(), tried.findings.end(),
+                    [](const finding& one) { return one.severity == severity::info; });
+    const bool sound = tried.passed && !tried.changes;
+    const bool wanted = all_.verbose || (!sound && (only_information || !tried.passed));
+    uint32_t shown = 0;
+    uint32_t left_out = 0;
+    for (const finding& one : tried.findings) {
+      const bool information = one.severity == severity::info;
+      if (information && (!wanted || (!all_.verbose && shown >= enough))) {
+        left_out++;
+        continue;
+      }
+      shown++;
+      out_.print(std::string("  ") + severity_text(one.severity) + ": " + line_of(one) + "\n");
+    }
+    if (wanted && left_out > 0) {
+      out_.print("  (" + std::to_string(left_out) + " more; -v shows them)\n");
+    }
+  }
+
+  void repair(const tried_check& tried) {
+    if (tried.loses && !options_.force) {
+      out_.fail(exit_status::faults,
+                "not repaired: that would drop what still is good; --force does it", opened_.name);
+    } else if (write_result(all_, opened_, tried.result, out_)) {
+      out_.print(all_.dry_run ? "it would be repaired\n" : "repaired\n");
+      out_.raise(exit_status::changed);
+    }
+  }
+
+  const check_options& options_;
+  const globals& all_;
+  const opened_image& opened_;
+  report& out_;
+};
+
+void run(const check_options& options, const globals& all, report& out) {
+  if (options.quick && all.full) {
+    out.fail(exit_status::usage, "--quick and --full are two checks");
+    return;
+  }
+  const bool edits = options.repair && all.output.empty();
+  const std::optional<opened_image> opened = open_image(
+      all, options.image, edits ? flash_file::access::edit : flash_file::access::read, out);
+  if (opened) {
+    checker(options, all, *opened, out).run();
+  }
+}
+
+}  // namespace
+
+command check_command() {
+  auto options = std::make_shared<check_options>();
+  return {"check", "Tells what a check would repair, or repairs it",
+          "flashfs-image check boot.img\n"
+          "flashfs-image check --repair -o mended.img boot.img",
+          [options](arguments& take) {
+            take.word("IMAGE", &options->image, "The image");
+            take.flag("--quick", &options->quick, "The check that the board runs alone");
+            take.flag("--repair", &options->repair, "Do what the check would do");
+            take.flag("--force", &options->force, "Even if good records are lost");
+          },
+          [options](const globals& all, report& out) { run(*options, all, out); }};
+}
+
+}  // namespace image

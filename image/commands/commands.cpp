@@ -1,0 +1,32 @@
+// The list of commands.
+#include "image/commands/commands.h"
+
+namespace image {
+
+std::vector<command> all_commands() {
+  // clang-format off
+  return {
+      create_command(),
+      format_command(),
+      import_command(),
+      info_command(),
+      ls_command(),
+      tree_command(),
+      cat_command(),
+      get_command(),
+      put_command(),
+      rm_command(),
+      mkdir_command(),
+      mv_command(),
+      chmod_command(),
+      truncate_command(),
+      check_command(),
+      verify_command(),
+      extract_command(),
+      diff_command(),
+      dump_command(),
+  };
+  // clang-format on
+}
+
+}  // namespace image

@@ -1,0 +1,35 @@
+// The commands of flashfs-image. Each is a source of one shape: the values of its options, a
+// function that carries it out, and the one named here, which makes the record of the two. A new
+// one is named here and in commands.cpp.
+#pragma once
+
+#include <vector>
+
+#include "image/options.h"
+
+namespace image {
+
+command cat_command();
+command check_command();
+command chmod_command();
+command create_command();
+command diff_command();
+command dump_command();
+command extract_command();
+command format_command();
+command get_command();
+command import_command();
+command info_command();
+command ls_command();
+command mkdir_command();
+command mv_command();
+command put_command();
+command rm_command();
+command tree_command();
+command truncate_command();
+command verify_command();
+
+// All of them, in the order of the help.
+std::vector<command> all_commands();
+
+}  // namespace image

@@ -1,0 +1,150 @@
+// verify: whether everything in the image is sound and, with --against, is what a folder or an
+// archive holds. It changes nothing, and looks at the image as it is, before any check.
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "image/commands/commands.h"
+#include "image/interrupt.h"
+#include "image/paths.h"
+#include "image/records.h"
+#include "image/session.h"
+#include "image/source.h"
+#include "image/tree_diff.h"
+#include "image/volume_tree.h"
+
+namespace image {
+
+namespace {
+
+struct verify_options {
+  std::string image;
+  std::string against;
+  std::vector<std::string> paths;
+};
+
+constexpr uint64_t any_size = uint64_t{1} << 40;  // bytes
+
+bool lies_in(std::string_view path, std::string_view folder) {
+  return folder.empty() || path == folder ||
+         (path.starts_with(folder) && path[folder.size()] == '/');
+}
+
+class verifier {
+ public:
+  verifier(const verify_options& options, session& opened, report& out)
+      : options_(options), opened_(opened), out_(out) {
+    for (const std::string& path : options.paths) {
+      paths_.push_back(inside_path(path));
+    }
+  }
+
+  // Whether all paths are there.
+  bool paths_are_there() {
+    for (const std::string& path : paths_) {
+      ppc_stat status;
+      if (status_of(opened_.files(), path, &status) != 0) {
+        out_.fail(exit_status::failed, error_text(errno), told_path(path));
+      }
+    }
+    return out_.status() < exit_status::failed;
+  }
+
+  void judge_records() {
+    uint32_t faults = 0;
+    for (const finding& one : read_records(opened_.contents(), opened_.layout()).findings) {
+      // Without paths, what is wrong with the image as a whole counts as well.
+      if (one.path.empty() ? !paths_.empty() : !is_wanted(inside_path(one.path))) {
+        continue;
+      }
+      out_.add(one);
+      if (one.severity != severity::info) {
+        out_.raise(exit_status::faults);
+        ++faults;
+      }
+    }
+    out_.result()["faults"] = faults;
+  }
+
+  void compare(bool strict) {
+    std::optional<tree> source = read_source(options_.against, any_size, out_);
+    if (!source) {
+      return;
+    }
+    tree here = read_volume(opened_.files());
+    for (const tree_problem& one : here.errors) {
+      out_.fail(exit_status::faults, one.text, told_path(one.path));
+    }
+    leave_wanted(&here);
+    leave_wanted(&*source);
+    out_.result()["differences"] = nlohmann::ordered_json::array();
+    for (const tree_difference& one :
+         compare_trees(here, *source, strict ? compared::all : compared::contents)) {
+      tell(one);
+    }
+  }
+
+ private:
+  bool is_wanted(std::string_view path) const {
+    return paths_.empty() || std::any_of(paths_.begin(), paths_.end(), [&](const std::string& one) {
+             return lies_in(path, one);
+           });
+  }
+
+  void leave_wanted(tree* from) const {
+    std::erase_if(from->entries, [&](const tree_entry& entry) { return !is_wanted(entry.path); });
+  }
+
+  void tell(const tree_difference& one) {
+    using kind = tree_difference::kind;
+    const char* what = one.what == kind::only_first    ? "only in the image"
+                       : one.what == kind::only_second ? "missing in the image"
+                                                       : "differs";
+    nlohmann::ordered_json object;
+    put_text(&object, "path", told_path(one.path));
+    object["what"] = what;
+    object["in"] = one.differs_in;
+    out_.result()["differences"].push_back(object);
+    out_.print(out_.shown(told_path(one.path)) + ": " + what +
+               (one.differs_in.empty() ? "" : " in " + one.differs_in) + "\n");
+    out_.raise(exit_status::changed);
+  }
+
+  const verify_options& options_;
+  session& opened_;
+  report& out_;
+  std::vector<std::string> paths_;
+};
+
+void run(const verify_options& options, const globals& all, report& out) {
+  const std::unique_ptr<session> opened = session::to_read(all, options.image, out);
+  if (!opened) {
+    return;
+  }
+  verifier work(options, *opened, out);
+  if (!work.paths_are_there()) {
+    return;
+  }
+  work.judge_records();
+  if (!options.against.empty() && !interrupted()) {
+    work.compare(all.strict);
+  }
+}
+
+}  // namespace
+
+command verify_command() {
+  auto options = std::make_shared<verify_options>();
+  return {"verify", "Tells whether all files are sound, and what they should be",
+          "flashfs-image verify boot.img --against folder",
+          [options](arguments& take) {
+            take.word("IMAGE", &options->image, "The image");
+            take.optional_words("PATH", &options->paths, "These files and directories only");
+            take.option("--against", "SOURCE", &options->against,
+                        "Compare with a folder or a tar archive, '-' for an archive from standard "
+                        "input; with --strict modes and dates as well");
+          },
+          [options](const globals& all, report& out) { run(*options, all, out); }};
+}
+
+}  // namespace image

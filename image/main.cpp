@@ -1,0 +1,70 @@
+// flashfs-image: images of a boot flash on the host.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <vector>
+
+#include "image/commands/commands.h"
+#include "image/interrupt.h"
+#include "image/options.h"
+#include "image/report.h"
+
+namespace {
+
+// Of the run that goes on, for the end that nobody has planned.
+image::report* running = nullptr;
+
+// The file system ends the process when its memory contradicts itself. That is a failure like
+// others here, and has its document.
+void end_unplanned() {
+  if (running == nullptr) {
+    return;
+  }
+  image::report* out = running;
+  running = nullptr;
+  out->fail(image::exit_status::failed, "the file system gave up: the image is damaged");
+  _exit(static_cast<int>(out->finish()));
+}
+
+image::exit_status refuse(const image::parsed_line& parsed) {
+  image::report out(parsed.options, parsed.command_name);
+  out.fail(parsed.status, parsed.error + " (--help tells more)");
+  return out.finish();
+}
+
+image::exit_status run(const image::parsed_line& parsed) {
+  image::catch_signals();
+  image::report out(parsed.options, parsed.chosen->name);
+  running = &out;
+  try {
+    if (parsed.options.json && parsed.options.output == "-") {
+      out.fail(image::exit_status::usage,
+               "standard output has the document or the image, not both");
+    } else {
+      parsed.chosen->run(parsed.options, out);
+    }
+  } catch (const std::exception& thrown) {
+    // The libraries throw, and memory may run out.
+    out.fail(image::exit_status::failed, thrown.what());
+  }
+  running = nullptr;
+  return out.finish();
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  std::atexit(end_unplanned);
+  const std::vector<image::command> commands = image::all_commands();
+  const image::parsed_line parsed = image::parse_command_line(commands, argc, argv);
+  if (parsed.chosen != nullptr) {
+    return static_cast<int>(run(parsed));
+  }
+  if (parsed.status != image::exit_status::good) {
+    return static_cast<int>(refuse(parsed));
+  }
+  std::fputs(parsed.out.c_str(), stdout);
+  return std::fflush(stdout) == 0 ? 0 : static_cast<int>(image::exit_status::failed);
+}

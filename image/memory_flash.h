@@ -1,0 +1,67 @@
+// A flash driver over bytes in memory: an erase sets a block to ones, programming clears bits. It
+// counts what is done with it, which tells whether a check had anything to repair.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <span>
+#include <vector>
+
+#include "flashfs/flash_driver.h"
+#include "image/geometry.h"
+
+namespace image {
+
+class memory_flash {
+ public:
+  // The bytes are as many as the geometry has, and live as long as this object.
+  memory_flash(std::span<uint8_t> bytes, const geometry& layout);
+  memory_flash(const memory_flash&) = delete;
+  memory_flash& operator=(const memory_flash&) = delete;
+
+  // Both live as long as this object.
+  const flash_driver_info* driver() const {
+    return &driver_;
+  }
+  const void* handle() const {
+    return this;
+  }
+
+  std::span<uint8_t> bytes() const {
+    return bytes_;
+  }
+  const geometry& layout() const {
+    return layout_;
+  }
+
+  // Whether anything on flash has been changed; what is programmed as it was does not count.
+  bool changed() const {
+    return changed_;
+  }
+  // The blocks that were erased.
+  const std::set<uint32_t>& erased_blocks() const {
+    return erased_blocks_;
+  }
+  uint64_t bytes_read() const {
+    return bytes_read_;
+  }
+  // Forgets all of that.
+  void clear_counts();
+
+ private:
+  flash_return_code read(uint32_t offset, uint32_t length, void* buffer);
+  flash_return_code write(uint32_t offset, uint32_t length, const void* buffer);
+  flash_return_code erase(uint32_t offset);
+  bool holds(uint32_t offset, uint32_t length) const;
+  static memory_flash& flash_of(const void* handle);
+
+  std::span<uint8_t> bytes_;
+  geometry layout_;
+  std::vector<flash_block_info> blocks_;
+  flash_driver_info driver_;
+  bool changed_ = false;
+  std::set<uint32_t> erased_blocks_;
+  uint64_t bytes_read_ = 0;
+};
+
+}  // namespace image

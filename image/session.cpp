@@ -1,0 +1,189 @@
+// Opening images, and the checks at both ends of a session.
+#include "image/session.h"
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+#include "flashfs/check_flags.h"
+#include "image/console.h"
+#include "image/interrupt.h"
+
+namespace image {
+
+namespace {
+
+std::optional<geometry> geometry_of(const globals& options, const std::string& name,
+                                    std::span<const uint8_t> bytes, report& out) {
+  std::string why;
+  if (options.geometry.empty()) {
+    std::optional<geometry> found = detect_geometry(bytes);
+    if (!found) {
+      out.fail(exit_status::failed,
+               "neither its size nor its block headers tell how it is divided; --geometry does",
+               name);
+    }
+    return found;
+  }
+  std::optional<geometry> given = parse_geometry(options.geometry, &why);
+  if (!given) {
+    out.fail(exit_status::usage, "--geometry: " + why);
+  } else if (size_bytes(*given) != bytes.size()) {
+    out.fail(exit_status::failed,
+             "has " + std::to_string(bytes.size()) + " bytes, its geometry " +
+                 std::to_string(size_bytes(*given)),
+             name);
+    return std::nullopt;
+  }
+  return given;
+}
+
+bool refuse(const std::string& name, const std::string& why, report& out) {
+  out.fail(exit_status::failed, why, name);
+  return false;
+}
+
+}  // namespace
+
+std::optional<opened_image> open_image(const globals& options, const std::string& name,
+                                       flash_file::access wanted, report& out) {
+  console_show(options.verbose);
+  std::string why;
+  std::optional<flash_file> file =
+      flash_file::open(name, wanted, options.lock_timeout_seconds, &why);
+  if (!file) {
+    refuse(name, why, out);
+    return std::nullopt;
+  }
+  std::optional<geometry> layout = geometry_of(options, name, file->contents(), out);
+  if (!layout) {
+    return std::nullopt;
+  }
+  return opened_image{name, std::move(*file), std::move(*layout)};
+}
+
+session::session(const globals& options, opened_image opened)
+    : options_(options), image_(std::move(opened)) {}
+
+std::unique_ptr<session> session::to_read(const globals& options, const std::string& name,
+                                          report& out) {
+  std::optional<opened_image> opened = open_image(options, name, flash_file::access::read, out);
+  if (!opened) {
+    return nullptr;
+  }
+  std::unique_ptr<session> made(new session(options, std::move(*opened)));
+  std::string why;
+  const std::optional<std::span<uint8_t>> view = made->image_.file.private_view(&why);
+  if (!view) {
+    refuse(name, why, out);
+    return nullptr;
+  }
+  made->mounted_ = std::make_unique<class mounted>(*view, made->layout());
+  return made->check_for_reading(out) ? std::move(made) : nullptr;
+}
+
+bool session::check_for_reading(report& out) {
+  const bool passed = mounted_->check(options_.full ? flashfs_check_full : flashfs_check_quick);
+  if (interrupted()) {
+    return false;
+  }
+  const std::string which = options_.full ? "the full check" : "the quick check";
+  if (!passed) {
+    out.fail(exit_status::faults,
+             which + " cannot mount it; \"flashfs-image check\" tells what is wrong", image_.name);
+    return false;
+  }
+  if (mounted_->flash().changed()) {
+    out.warn(codes::would_repair,
+             "this is how " + which +
+                 " leaves it, which would repair it; \"flashfs-image check\" "
+                 "tells what that changes",
+             image_.name);
+  }
+  return true;
+}
+
+std::unique_ptr<session> session::to_edit(const globals& options, const std::string& name,
+                                          bool force, report& out) {
+  // An edit that goes elsewhere leaves the image alone.
+  const bool in_place = options.output.empty();
+  std::optional<opened_image> opened = open_image(
+      options, name, in_place ? flash_file::access::edit : flash_file::access::read, out);
+  if (!opened) {
+    return nullptr;
+  }
+  std::unique_ptr<session> made(new session(options, std::move(*opened)));
+  made->copy_.assign(made->contents().begin(), made->contents().end());
+  made->mounted_ = std::make_unique<class mounted>(made->copy_, made->layout());
+  return made->check_for_editing(force, out) ? std::move(made) : nullptr;
+}
+
+bool session::check_for_editing(bool force, report& out) {
+  const bool passed = mounted_->check(flashfs_check_full);
+  if (interrupted()) {
+    return false;
+  }
+  if (!passed) {
+    out.fail(exit_status::faults,
+             "the full check cannot mount it; \"flashfs-image check\" tells what is wrong",
+             image_.name);
+    return false;
+  }
+  if (!mounted_->flash().changed()) {
+    return true;
+  }
+  if (!force) {
+    out.fail(exit_status::faults,
+             "it has faults, which \"flashfs-image check\" tells; --force repairs them first",
+             image_.name);
+    return false;
+  }
+  out.warn(codes::repaired, "it had faults, which were repaired", image_.name);
+  out.raise(exit_status::changed);
+  return true;
+}
+
+bool session::commit(report& out) {
+  return static_cast<int>(out.status()) <= static_cast<int>(exit_status::partial) &&
+         write_result(options_, image_, copy_, out);
+}
+
+bool write_result(const globals& options, const opened_image& image,
+                  std::span<const uint8_t> contents, report& out) {
+  if (!result_is_sound(contents, image.layout, out)) {
+    return false;
+  }
+  const bool in_place = options.output.empty();
+  out.result()["written"] = nullptr;
+  const std::span<const uint8_t> before = image.contents();
+  const bool same = std::equal(contents.begin(), contents.end(), before.begin(), before.end());
+  if (options.dry_run || (in_place && same)) {
+    return true;
+  }
+  std::string why;
+  if (in_place ? image.file.replace(contents, &why)
+               : write_new_file(options.output, contents, false, &why)) {
+    put_text(&out.result(), "written", in_place ? image.name : options.output);
+    out.set_written();
+    return true;
+  }
+  return !interrupted() && refuse(in_place ? image.name : options.output, why, out);
+}
+
+bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout, report& out) {
+  std::vector<uint8_t> copy(contents.begin(), contents.end());
+  mounted again(copy, layout);
+  const bool passed = again.check(flashfs_check_full);
+  if (interrupted()) {
+    return false;
+  }
+  if (passed && !again.flash().changed()) {
+    return true;
+  }
+  std::string first = again.said().empty() ? std::string() : ": " + again.said().front();
+  out.fail(exit_status::failed,
+           "the result does not pass the full check, so nothing is written" + first);
+  return false;
+}
+
+}  // namespace image

@@ -1,0 +1,22 @@
+// Bytes as text for people and for JSON: names that damaged flash or a hostile archive made up must
+// neither steer a terminal nor break a document.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace image {
+
+// Control bytes, backslashes and what is no UTF-8 as \n, \\, \x1b; everything else as it is.
+std::string escaped(std::string_view raw);
+bool is_utf8(std::string_view raw);
+// Two lower-case digits for each byte.
+std::string hexadecimal(std::string_view raw);
+
+// "2023-11-14 22:13:20", in UTC, of seconds since 1970.
+std::string date_text(uint32_t seconds);
+// "12.3 MiB", "512 bytes".
+std::string size_text(uint64_t bytes);
+
+}  // namespace image

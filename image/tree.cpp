@@ -1,0 +1,315 @@
+// The order of trees, names and dates, and the walk over a folder of the host.
+#include "image/tree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "flashfs/format.h"
+#include "image/clock.h"
+
+namespace image {
+
+namespace {
+
+constexpr uint32_t permission_bits = 0777;
+constexpr uint32_t special_bits = 07000;  // set-user-id, set-group-id, sticky
+
+// The name under which the file system gives the whole device instead of a file.
+constexpr std::string_view raw_device_name = "...";
+
+class descriptor {
+ public:
+  explicit descriptor(int fd) : fd_(fd) {}
+  ~descriptor() {
+    if (fd_ >= 0) {
+      close(fd_);
+    }
+  }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+  int fd() const {
+    return fd_;
+  }
+  int release() {
+    return std::exchange(fd_, -1);
+  }
+
+ private:
+  int fd_;
+};
+
+// Characters of a path in their order: the slash stands before all others.
+int rank(char character) {
+  return character == '/' ? -1 : static_cast<unsigned char>(character);
+}
+
+std::string hex_byte(int value) {
+  constexpr char digits[] = "0123456789abcdef";
+  const auto byte = static_cast<unsigned char>(value);
+  return {'0', 'x', digits[byte >> 4], digits[byte & 15]};
+}
+
+const char* kind_text(mode_t mode) {
+  switch (mode & S_IFMT) {
+    case S_IFLNK:
+      return "a symbolic link";
+    case S_IFIFO:
+      return "a pipe";
+    case S_IFSOCK:
+      return "a socket";
+    default:
+      return "a device";
+  }
+}
+
+// What is wrong with a path whose names are good.
+std::string whole_path_fault(std::string_view path) {
+  if (path == raw_device_name) {
+    return "this name stands for the whole device";
+  }
+  return path.size() <= tree_path_max
+             ? ""
+             : "the path has " + std::to_string(path.size()) + " bytes, at most " +
+                   std::to_string(tree_path_max) + " are possible";
+}
+
+template <typename Element>
+void sort_by_path(std::vector<Element>* elements) {
+  std::stable_sort(elements->begin(), elements->end(),
+                   [](const Element& one, const Element& other) {
+                     return path_is_before(one.path, other.path);
+                   });
+}
+
+// All bytes up to a file's end; 0 or errno.
+int read_all(int fd, uint64_t expected, std::string* contents) {
+  size_t filled = 0;
+  contents->resize(static_cast<size_t>(expected) + 1);  // one more, to see the end
+  for (;;) {
+    const ssize_t got = read(fd, contents->data() + filled, contents->size() - filled);
+    if (got < 0 && errno == EINTR) {
+      continue;
+    }
+    if (got <= 0) {
+      contents->resize(filled);
+      return got < 0 ? errno : 0;
+    }
+    filled += static_cast<size_t>(got);
+    if (filled == contents->size()) {
+      contents->resize(2 * filled);
+    }
+  }
+}
+
+// One walk over a folder of the host, by descriptors: nobody can put a link in its way.
+class folder_reader {
+ public:
+  folder_reader(const tree_options& options, tree* made) : options_(options), made_(made) {}
+
+  void read(const std::string& folder) {
+    const descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status = {};
+    if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+      fail(folder, errno);
+      return;
+    }
+    made_->root_mtime = clock_date_of(status.st_mtime);
+    owners_.see(status.st_uid, status.st_gid);
+    read_names(opened.fd(), "");
+    owners_.warn(made_);
+  }
+
+ private:
+  void fail(const std::string& path, int error) {
+    made_->errors.push_back({path, strerror(error)});
+  }
+
+  // No deeper than a path can be long: so deep a folder is an error of finish_tree.
+  void read_names(int folder, const std::string& base) {
+    const int copy = fcntl(folder, F_DUPFD_CLOEXEC, 0);
+    const std::unique_ptr<DIR, int (*)(DIR*)> listing(copy < 0 ? nullptr : fdopendir(copy),
+                                                      closedir);
+    if (listing == nullptr) {
+      fail(base, errno);
+      if (copy >= 0) {
+        close(copy);
+      }
+      return;
+    }
+    errno = 0;
+    while (const dirent* one = readdir(listing.get())) {
+      const std::string_view name = one->d_name;
+      if (name != "." && name != "..") {
+        read_one(folder, one->d_name, base.empty() ? one->d_name : base + "/" + one->d_name);
+      }
+      errno = 0;
+    }
+    if (errno != 0) {
+      fail(base, errno);
+    }
+  }
+
+  void read_one(int folder, const char* name, const std::string& path) {
+    struct stat status = {};
+    if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      fail(path, errno);
+      return;
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+      made_->warnings.push_back({path, std::string(kind_text(status.st_mode)) + ", left out"});
+      return;
+    }
+    // What stands there now may be something else: it is asked once more when it is open.
+    const descriptor opened(
+        openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+      fail(path, errno);
+      return;
+    }
+    if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+      fail(path, EBUSY);
+      return;
+    }
+    take(opened.fd(), path, status);
+  }
+
+  void take(int fd, const std::string& path, const struct stat& status) {
+    tree_entry entry;
+    entry.path = path;
+    entry.directory = S_ISDIR(status.st_mode);
+    entry.mode = status.st_mode & permission_bits;
+    entry.mtime = clock_date_of(status.st_mtime);
+    owners_.see(status.st_uid, status.st_gid);
+    if (entry.directory) {
+      made_->entries.push_back(std::move(entry));
+      if (path.size() <= tree_path_max) {
+        read_names(fd, path);
+      }
+      return;
+    }
+    if ((status.st_mode & special_bits) != 0) {
+      made_->warnings.push_back({path, "set-id and sticky bits, left out"});
+    }
+    if (const int error = take_contents(fd, static_cast<uint64_t>(status.st_size), &entry);
+        error != 0) {
+      fail(path, error);
+      return;
+    }
+    made_->entries.push_back(std::move(entry));
+  }
+
+  int take_contents(int fd, uint64_t size, tree_entry* entry) {
+    entry->size = size;
+    if (made_->contents_left_out || size > options_.contents_limit - taken_) {
+      made_->contents_left_out = true;
+      return 0;
+    }
+    const int error = read_all(fd, size, &entry->contents);
+    entry->size = entry->contents.size();
+    taken_ += std::min(entry->size, options_.contents_limit - taken_);
+    return error;
+  }
+
+  const tree_options& options_;
+  tree* made_;
+  uint64_t taken_ = 0;
+  owner_watch owners_;
+};
+
+}  // namespace
+
+bool path_is_before(std::string_view path, std::string_view other) {
+  const auto [at, at_other] = std::mismatch(path.begin(), path.end(), other.begin(), other.end());
+  if (at == path.end() || at_other == other.end()) {
+    return at == path.end() && at_other != other.end();
+  }
+  return rank(*at) < rank(*at_other);
+}
+
+std::string_view name_of_path(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+std::string_view folder_of_path(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+std::string name_fault(std::string_view name) {
+  if (name.empty()) {
+    return "an empty name";
+  }
+  if (name.size() > filename_max) {
+    return "the name has " + std::to_string(name.size()) + " bytes, at most " +
+           std::to_string(filename_max) + " are possible";
+  }
+  const std::string text(name);
+  if (text.size() != strlen(text.c_str())) {
+    return "the name holds a zero byte";
+  }
+  const int illegal = filename_illegal_char(text.c_str());
+  if (illegal > ' ' && illegal < 0x7F) {
+    return std::string("the name holds the character ") + static_cast<char>(illegal);
+  }
+  return illegal == 0 ? "" : "the name holds the byte " + hex_byte(illegal);
+}
+
+std::string path_fault(std::string_view path) {
+  std::string fault = whole_path_fault(path);
+  for (size_t begin = 0; fault.empty() && begin <= path.size();) {
+    const size_t end = std::min(path.find('/', begin), path.size());
+    fault = name_fault(path.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return fault;
+}
+
+void sort_tree(tree* made) {
+  sort_by_path(&made->entries);
+  sort_by_path(&made->warnings);
+  sort_by_path(&made->errors);
+}
+
+void finish_tree(tree* made) {
+  for (const tree_entry& entry : made->entries) {
+    // Only its own name: that of its folder is told with the folder.
+    std::string fault = name_fault(name_of_path(entry.path));
+    if (fault.empty()) {
+      fault = whole_path_fault(entry.path);
+    }
+    if (!fault.empty()) {
+      made->errors.push_back({entry.path, std::move(fault)});
+    }
+  }
+  sort_tree(made);
+}
+
+tree read_folder(const std::string& folder, const tree_options& options) {
+  tree made;
+  folder_reader(options, &made).read(folder);
+  finish_tree(&made);
+  return made;
+}
+
+void owner_watch::see(int64_t user, int64_t group) {
+  several_ = several_ || (user_ && (*user_ != user || *group_ != group));
+  user_ = user;
+  group_ = group;
+}
+
+void owner_watch::warn(tree* made) const {
+  if (several_) {
+    made->warnings.push_back({"", "the files have several owners, which are left out"});
+  }
+}
+
+}  // namespace image

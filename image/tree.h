@@ -1,0 +1,81 @@
+// A tree of files and folders in memory, on its way between the host and an image: what `create`
+// writes, what `extract` takes out, what `verify` and `diff` compare. Here are its order, what the
+// flash asks of names and dates, and reading one from a folder of the host.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace image {
+
+struct tree_entry {
+  std::string path;  // "a/b": no slash at either end, raw bytes
+  bool directory = false;
+  uint32_t mode = 0;     // permission bits, 0 to 0777
+  uint32_t mtime = 0;    // seconds since 1970
+  std::string contents;  // of a file; empty when the tree leaves contents out
+  uint64_t size = 0;     // bytes of a file
+};
+
+struct tree_problem {
+  std::string path;
+  std::string text;  // what is wrong with it, for a person
+};
+
+struct tree {
+  std::vector<tree_entry> entries;     // in byte order of the path's components, parents first
+  std::vector<tree_problem> warnings;  // left out: an image has no place for it
+  std::vector<tree_problem> errors;    // could not be read, or cannot be in an image
+  std::optional<uint32_t> root_mtime;  // of the folder that was read, when there is one
+  bool contents_left_out = false;      // they went beyond the limit: sizes still are right
+};
+
+struct tree_options {
+  // Beyond so many bytes in all, contents are not read, only sizes.
+  uint64_t contents_limit = uint64_t{1} << 31;
+};
+
+// Longest path, in bytes, that every operation of the file system takes.
+constexpr size_t tree_path_max = 318;
+
+// Whether one path stands before another: a folder before what is in it, which stays together.
+[[nodiscard]] bool path_is_before(std::string_view path, std::string_view other);
+
+// The name of the entry and the path of its folder, empty for the root.
+[[nodiscard]] std::string_view name_of_path(std::string_view path);
+[[nodiscard]] std::string_view folder_of_path(std::string_view path);
+
+// Why the file system would refuse this name of a file or folder; empty when it would not.
+[[nodiscard]] std::string name_fault(std::string_view name);
+
+// What is wrong with an entry's path: each name of it, and its length.
+[[nodiscard]] std::string path_fault(std::string_view path);
+
+// Brings entries and problems in the order of their paths.
+void sort_tree(tree* made);
+
+// As sort_tree, and adds an error for every one whose path an image cannot have.
+void finish_tree(tree* made);
+
+// Reads all below a folder of the host. Links are not followed and, like sockets, pipes and
+// devices, left out with a warning, and so are owners, when not all are the same. What cannot be
+// read is an error, and the rest is read on.
+[[nodiscard]] tree read_folder(const std::string& folder, const tree_options& options);
+
+// A warning when a source has files of several owners: an image has none.
+class owner_watch {
+ public:
+  void see(int64_t user, int64_t group);
+  void warn(tree* made) const;
+
+ private:
+  std::optional<int64_t> user_;
+  std::optional<int64_t> group_;
+  bool several_ = false;
+};
+
+}  // namespace image
