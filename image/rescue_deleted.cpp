@@ -140,6 +140,7 @@ class deleted_files {
     dir_slot_set_checksum(&slot);
     names_.add(slot, nullptr);
     used_.insert(id);
+    with_data_.insert(id);
     file.slot = slot;
     file.decision.code = code;
     file.decision.sure = list.sole && list.ended ? certainty::supported : certainty::guessed;

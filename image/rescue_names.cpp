@@ -157,7 +157,11 @@ class name_judge {
       write(each);
     }
     for (const slot_record& each : found_.slots) {
-      if (each.kind != slot_kind::damaged || !found_.is_kept(each.at)) {
+      // One damaged slot in two looks like one whose deletion was torn, but of no directory's.
+      const bool damaged =
+          each.kind == slot_kind::damaged ||
+          (each.kind == slot_kind::deleted_torn && !names_.is_directory(each.fitting));
+      if (!damaged || !found_.is_kept(each.at)) {
         continue;
       }
       const std::optional<flashfs_dir_slot> mended = mended_slot(each.slot);

@@ -188,8 +188,9 @@ bool room::make_room() {
     }
   }
   if (fresh != no_block) {
-    blocks_[fresh].fate = block_fate::kept;
-    return set_state(static_cast<uint16_t>(fresh), block_in_use);
+    const auto taken = static_cast<uint16_t>(fresh);
+    blocks_[taken].fate = block_fate::kept;
+    return set_state(taken, block_in_use);
   }
   const int victim = choose_victim();
   return victim != no_block && reclaim(static_cast<uint16_t>(victim));
@@ -249,10 +250,10 @@ bool room::copy_live(uint16_t from, uint16_t to) {
 // As the file system reclaims a block, so that a check or another rescue can go on with it.
 bool room::reclaim(uint16_t victim) {
   const int spare = find_spare();
-  if (spare == no_block || blocks_[victim].sectors > blocks_[spare].sectors) {
+  const auto fresh = static_cast<uint16_t>(spare);
+  if (spare == no_block || blocks_[victim].sectors > blocks_[fresh].sectors) {
     return false;
   }
-  const auto fresh = static_cast<uint16_t>(spare);
   if (!set_state(fresh, block_invalid1) || !copy_live(victim, fresh) ||
       !set_state(fresh, block_committed)) {
     return false;
