@@ -448,4 +448,34 @@ TEST_F(rescue, damage_of_all_kinds_is_mended_to_what_the_check_takes) {
   }
 }
 
+// Records that are good by themselves and contradict each other: two for one thing, gaps, circles,
+// orphans, blocks in all states.
+TEST_F(rescue, records_by_chance_are_mended_to_what_the_check_takes) {
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  for (uint32_t seed = 0; seed < 300 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<int>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(25); i > 0; i--) {
+      const int block = below(6);
+      if (below(3) != 0) {
+        flash.data(
+            block, below(5) + 1, static_cast<uint16_t>(below(8)), static_cast<uint16_t>(below(4)),
+            bytes_of(below(2) == 0 ? 2048 : random() % 2048, static_cast<uint32_t>(random())));
+      } else {
+        flash.name(below(32), static_cast<uint16_t>(below(8) + 1),
+                   std::string(1, "abcdef "[below(7)]), static_cast<uint16_t>(below(6)),
+                   1800000000U + random() % 3, static_cast<uint16_t>(below(8)),
+                   below(3) == 0 ? 0x4700 : 0x8700);
+      }
+    }
+    for (int i = below(3); i > 0; i--) {
+      const uint8_t states[] = {0xF, 7, 3, 1, 0, 2, 0xE};
+      flash.set_state(below(6), states[below(7)]);
+    }
+    flash.rescue();
+  }
+}
+
 }  // namespace
