@@ -3,7 +3,10 @@
 // finds what only then shows.
 #include "image/rescue.h"
 
+#include <map>
 #include <set>
+#include <tuple>
+#include <utility>
 
 #include "image/rescue_blocks.h"
 #include "image/rescue_deleted.h"
@@ -20,6 +23,8 @@ namespace {
 using namespace rescuing;  // NOLINT: its own parts
 
 constexpr int max_rounds = 6;
+// Directories in one another, in a path that is told.
+constexpr size_t max_levels = 64;
 
 class rescue_round {
  public:
@@ -109,7 +114,7 @@ class rescue_round {
       rescue_decision decision = {.code = "sector-dropped",
                                   .block = each.at.block,
                                   .sector = each.at.sector,
-                                  .fileid = each.owner};
+                                  .fileid = each.fitting != 0 ? each.fitting : each.owner};
       decision.what = "make the sector obsolete";
       decision.evidence = each.kind == sector_kind::dirty        ? "it is free and not erased"
                           : each.kind == sector_kind::claimed    ? "it is claimed and holds nothing"
@@ -152,6 +157,50 @@ void return_deleted(flash_copy* flash, std::span<const flash_block_info> blocks,
   }
 }
 
+// The paths of what stands, by id.
+std::map<uint16_t, std::string> paths_of(const evidence& found) {
+  std::map<uint16_t, const slot_record*> slots;
+  for (const slot_record& each : found.slots) {
+    if (each.kind == slot_kind::good && found.is_kept(each.at)) {
+      slots[each.slot.entry_fileid] = &each;
+    }
+  }
+  std::map<uint16_t, std::string> paths = {{fileid_root, "/"}};
+  for (const auto& [id, slot] : slots) {
+    std::string path;
+    size_t levels = 0;
+    uint16_t at = id;
+    while (at != fileid_root && levels++ < max_levels && slots.contains(at)) {
+      path.insert(0, "/" + slots[at]->name());
+      at = slots[at]->slot.dir_fileid;
+    }
+    if (at == fileid_root && id != fileid_root) {
+      paths[id] = path;
+    }
+  }
+  return paths;
+}
+
+// Gives each decision the path of what it is about, as it is in the end, and keeps one of equal
+// ones: what is gone through twice is decided twice.
+void finish_decisions(const evidence& found, std::vector<rescue_decision>* decisions) {
+  const std::map<uint16_t, std::string> paths = paths_of(found);
+  std::set<std::tuple<std::string, uint32_t, uint32_t, uint32_t, uint16_t, std::string>> known;
+  std::vector<rescue_decision> kept;
+  for (rescue_decision& each : *decisions) {
+    if (!known.insert({each.code, each.block, each.sector, each.slot, each.fileid, each.what})
+             .second) {
+      continue;
+    }
+    const auto path = paths.find(each.fileid);
+    if (path != paths.end()) {
+      each.path = path->second;
+    }
+    kept.push_back(std::move(each));
+  }
+  *decisions = std::move(kept);
+}
+
 }  // namespace
 
 const char* certainty_text(certainty value) {
@@ -182,6 +231,10 @@ rescue_plan plan_rescue(std::span<const uint8_t> bytes, std::span<const flash_bl
   if (options.deleted && plan.complete) {
     return_deleted(&flash, blocks, options, &plan);
   }
+  evidence mended = read_evidence(flash.bytes(), blocks);
+  std::vector<rescue_decision> none;
+  judge_blocks(&mended, &none);
+  finish_decisions(mended, &plan.decisions);
   plan.steps = flash.take_steps();
   plan.mended = flash.take_bytes();
   return plan;

@@ -2,6 +2,8 @@
 #include "reliability/rescue_table.h"
 
 #include <algorithm>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <set>
 #include <unordered_set>
@@ -387,6 +389,10 @@ class rescue_run {
   std::unordered_set<uint64_t> seen_;
 };
 
+bool is_of_whole_device(const operation& what) {
+  return what.name == "format" || what.name == "raw write";
+}
+
 }  // namespace
 
 void rescue_counts::add(const rescue_counts& other) {
@@ -495,20 +501,18 @@ rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
 }
 
 std::vector<operation> rescue_operations() {
-  std::vector<operation> chosen;
-  for (const operation& each : power_cut_operations()) {
-    if (each.name != "format" && each.name != "raw write") {
-      chosen.push_back(each);
-    }
-  }
+  std::vector<operation> chosen = power_cut_operations();
+  std::erase_if(chosen, is_of_whole_device);
   return chosen;
 }
 
 std::vector<operation> further_rescue_operations() {
-  std::vector<operation> chosen = power_cut_operations();
+  const std::vector<operation> all = power_cut_operations();
+  std::vector<operation> chosen;
+  std::copy_if(all.begin(), all.end(), std::back_inserter(chosen), is_of_whole_device);
   const auto add = [&](const char* name, const std::string& path,
                        const std::function<int32_t(rig&)>& act) {
-    operation made = *std::find_if(chosen.begin(), chosen.end(), [](const operation& each) {
+    operation made = *std::find_if(all.begin(), all.end(), [](const operation& each) {
       return each.name == "overwrite in the middle";
     });
     made.name = name;
@@ -523,7 +527,7 @@ std::vector<operation> further_rescue_operations() {
   add("write anew", "file", [](rig& flash) {
     return flash.write("file", pattern(5000, 77), ifs_open_write | ifs_open_truncate);
   });
-  return {chosen.end() - 3, chosen.end()};
+  return chosen;
 }
 
 std::string rescue_table(const rescue_rows& rows) {

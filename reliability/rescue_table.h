@@ -69,7 +69,7 @@ rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
 // The operations whose cuts the table is about: power_cut_operations() but those that change the
 // whole device.
 std::vector<operation> rescue_operations();
-// Others, which write several sectors where some stand or stood.
+// Those, and others, which write several sectors where some stand or stood.
 std::vector<operation> further_rescue_operations();
 
 // The rows as a table in Markdown.
