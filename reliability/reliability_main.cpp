@@ -67,7 +67,7 @@ int usage() {
           "       reliability rows SAMPLE OPERATION\n"
           "       reliability compare SAMPLE OPERATION\n"
           "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
-          "       reliability rescue STRIDE SECOND_STRIDE SECOND_OF RESCUE_STRIDE [OPERATION ...]\n"
+          "       reliability rescue all|suite|large [OPERATION ...]\n"
           "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
           "CHECK "
           "is quick or full; the last one may be rescue.\n");
@@ -173,26 +173,20 @@ int try_operation(char* argv[]) {
   return status != EXIT_SUCCESS ? status : defects;
 }
 
-// rescue STRIDE SECOND_STRIDE SECOND_OF RESCUE_STRIDE [OPERATION ...]
+// rescue all|suite|large [OPERATION ...]: what was not brought back, and the table.
 int rescue(int argc, char* argv[], sim::chassis* chassis) {
-  const reliability::rescue_sample sample = {
-      strtoull(argv[2], nullptr, 10), strtoull(argv[3], nullptr, 10),
-      strtoull(argv[4], nullptr, 10), strtoull(argv[5], nullptr, 10)};
-  if (sample.stride == 0 || sample.second_of == 0) {
+  const reliability::rescue_sample* sample = reliability::find_rescue_sample(argv[2]);
+  if (sample == nullptr) {
     return usage();
   }
-  // RESCUE_LARGE in the environment: with blocks of the size that the real device has.
-  const bool large = getenv("RESCUE_LARGE") != nullptr;
+  constexpr int first_name = 3;
   reliability::rescue_rows rows;
-  for (operation& each : operations_to_rescue(argc > 6)) {
-    for (test_support::ram_block& block : each.blocks) {
-      block.size = large ? test_support::ram_block().size : block.size;
-    }
-    if (argc > 6 && std::find(argv + 6, argv + argc, each.name) == argv + argc) {
+  for (const operation& each : operations_to_rescue(argc > first_name)) {
+    if (argc > first_name && std::find(argv + first_name, argv + argc, each.name) == argv + argc) {
       continue;
     }
     const reliability::rescue_rows found = reliability::try_rescue(
-        each, sample, [chassis](int64_t seconds) { chassis->clock_hold(seconds); },
+        each, *sample, [chassis](int64_t seconds) { chassis->clock_hold(seconds); },
         [](const std::string& told) { printf("%s\n", told.c_str()); });
     for (const auto& [kinds, counts] : found) {
       rows[kinds].add(counts);
@@ -204,7 +198,7 @@ int rescue(int argc, char* argv[], sim::chassis* chassis) {
 
 int run(int argc, char* argv[], sim::chassis* chassis) {
   const std::string command = argc > 1 ? argv[1] : "";
-  if (command == "rescue" && argc >= 6) {
+  if (command == "rescue" && argc >= 3) {
     return rescue(argc, argv, chassis);
   }
   if (command == "list" && argc == 2) {

@@ -494,10 +494,24 @@ std::string play_rescue(const operation& what, planned_cut first,
          (plan.complete ? "\n" : ", not complete\n");
 }
 
+const rescue_sample* find_rescue_sample(const std::string& name) {
+  static const std::map<std::string, rescue_sample> samples = {
+      {"all", {.stride = 1, .second_stride = 61, .second_of = 10, .rescue_stride = 97}},
+      {"suite", {.stride = 97, .second_stride = 211, .second_of = 10, .rescue_stride = 211}},
+      {"large", {.stride = 100, .large_blocks = true}},
+  };
+  const auto found = samples.find(name);
+  return found == samples.end() ? nullptr : &found->second;
+}
+
 rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
                        const std::function<void(int64_t)>& set_clock,
                        const std::function<void(const std::string&)>& tell) {
-  return rescue_run(what, set_clock).run(sample, tell);
+  operation tried = what;
+  for (test_support::ram_block& block : tried.blocks) {
+    block.size = sample.large_blocks ? test_support::ram_block().size : block.size;
+  }
+  return rescue_run(tried, set_clock).run(sample, tell);
 }
 
 std::vector<operation> rescue_operations() {

@@ -19,7 +19,13 @@ struct rescue_sample {
   uint64_t second_stride = 0;  // of the mutations of the checks that follow; 0: none
   uint64_t second_of = 1;      // cuts of checks are tried of every so manieth state
   uint64_t rescue_stride = 0;  // of the mutations of the rescue of such a state; 0: none
+  bool large_blocks = false;
 };
+
+// The named samples: "all" has every different state of first cuts, and one in so many of second
+// ones; "suite" is what the tests try; "large" is of blocks of the size that the real device has.
+// Null for another name.
+const rescue_sample* find_rescue_sample(const std::string& name);
 
 // What a flash was left by.
 enum class left_by {
