@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "image/rescue.h"
 #include "image/rescue_evidence.h"
+#include "image/rescue_plan.h"
 
 namespace image::rescuing {
 

@@ -77,6 +77,7 @@ class list_judge {
     }
     choose_of_doubles();
     finish_or_undo_truncation();
+    add_torn_end();
     close_gaps();
     return change_;
   }
@@ -671,6 +672,29 @@ class list_judge {
     }
   }
 
+  // A sector behind the last one that was being invalidated when the power failed: by the file's
+  // own truncation, or by a check that took another one for it.
+  void add_torn_end() {
+    const bool open = list_.empty() || list_.rbegin()->second.front()->count == sector_data_size;
+    const auto next = static_cast<uint16_t>(list_.empty() ? 0 : list_.rbegin()->first + 1);
+    const auto options = records_.old.find(next);
+    // Where a claim remains it belonged to the extension that is being undone.
+    if (!open || !names_.named || !records_.unfinished.empty() || !options_.may_write ||
+        options == records_.old.end()) {
+      return;
+    }
+    for (const sector_record* each : options->second) {
+      if (each->kind != sector_kind::obsolete) {
+        note("invalidation-undone", certainty::supported, each,
+             "put back the sector with number " + std::to_string(next),
+             "it was being made obsolete, and it would be the next one of the list",
+             "leave it out: the file was being cut short");
+        choose(next, each);
+        return;
+      }
+    }
+  }
+
   // What a gap has lost comes back from what was invalidated. A removed file of which not all is
   // there is given up, as its removal was meant to do.
   void close_gaps() {
@@ -794,10 +818,11 @@ std::vector<list_change> decide_lists(const evidence& found,
                                       const list_options& options) {
   std::vector<list_change> changes;
   for (const auto& [fileid, records] : sort_by_file(found)) {
-    if (records.standing.empty()) {
+    const auto names = named.find(fileid);
+    const bool is_named = names != named.end() && names->second.named;
+    if (records.standing.empty() && !is_named) {
       continue;
     }
-    const auto names = named.find(fileid);
     list_change change = list_judge(found, fileid, records,
                                     names == named.end() ? name_evidence{} : names->second, options)
                              .judge();

@@ -7,8 +7,8 @@
 #include <set>
 #include <vector>
 
-#include "image/rescue.h"
 #include "image/rescue_evidence.h"
+#include "image/rescue_plan.h"
 
 namespace image::rescuing {
 

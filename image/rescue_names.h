@@ -6,9 +6,9 @@
 #include <set>
 #include <vector>
 
-#include "image/rescue.h"
 #include "image/rescue_evidence.h"
 #include "image/rescue_lists.h"
+#include "image/rescue_plan.h"
 
 namespace image::rescuing {
 

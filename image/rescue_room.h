@@ -7,10 +7,10 @@
 #include <optional>
 #include <vector>
 
-#include "image/rescue.h"
 #include "image/rescue_evidence.h"
 #include "image/rescue_flash.h"
 #include "image/rescue_names.h"
+#include "image/rescue_plan.h"
 
 namespace image::rescuing {
 
