@@ -141,19 +141,4 @@ void judge_blocks(evidence* found, std::vector<rescue_decision>* decisions) {
   }
 }
 
-size_t count_single_records(const evidence& found, uint16_t block) {
-  return count_single(found, record_index(found), block);
-}
-
-int find_redundant_block(const evidence& found, uint16_t sectors) {
-  const record_index index(found);
-  for (uint16_t b = 0; b < found.blocks.size(); b++) {
-    if (found.blocks[b].fate == block_fate::kept && found.blocks[b].sectors == sectors &&
-        count_single(found, index, b) == 0) {
-      return b;
-    }
-  }
-  return -1;
-}
-
 }  // namespace image::rescuing

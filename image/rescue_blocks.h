@@ -13,11 +13,4 @@ namespace image::rescuing {
 // so is every other that has the only copy of a good record.
 void judge_blocks(evidence* found, std::vector<rescue_decision>* decisions);
 
-// How many good records of a block, data and slots, stand nowhere else in a block that is kept.
-size_t count_single_records(const evidence& found, uint16_t block);
-
-// A block of the largest size that is kept although all its good records stand elsewhere, to become
-// the spare; -1 without one.
-int find_redundant_block(const evidence& found, uint16_t sectors);
-
 }  // namespace image::rescuing
