@@ -15,6 +15,7 @@
 #include "reliability/expectation.h"
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
+#include "reliability/rescue_table.h"
 #include "sim/chassis.h"
 
 namespace {
@@ -66,9 +67,10 @@ int usage() {
           "       reliability rows SAMPLE OPERATION\n"
           "       reliability compare SAMPLE OPERATION\n"
           "       reliability play OPERATION N KIND [CHECK M KIND] CHECK\n"
+          "       reliability rescue all|suite|large [OPERATION ...]\n"
           "SAMPLE is all, suite or target; KIND is before, during, during+VARIANT or during_noise; "
           "CHECK "
-          "is quick or full.\n");
+          "is quick or full; the last one may be rescue.\n");
   return usage_status;
 }
 
@@ -104,22 +106,43 @@ bool parse_check(const char* word, uint32_t* flags) {
   return quick || strcmp(word, "full") == 0;
 }
 
-// play OPERATION N KIND [CHECK M KIND] CHECK
-int play(int argc, char* argv[]) {
+// The operations that a rescue is tried with: the further ones only by their names.
+std::vector<operation> operations_to_rescue(bool all) {
+  std::vector<operation> operations = reliability::rescue_operations();
+  if (all) {
+    for (operation& each : reliability::further_rescue_operations()) {
+      operations.push_back(std::move(each));
+    }
+  }
+  return operations;
+}
+
+// play OPERATION N KIND [CHECK M KIND] CHECK|rescue
+int play(int argc, char* argv[], sim::chassis* chassis) {
   const bool with_second = argc == 9;
+  const bool rescued = strcmp(argv[argc - 1], "rescue") == 0;
   reliability::planned_cut first;
   reliability::planned_check cut_check;
   uint32_t flags = 0;
   if ((argc != 6 && !with_second) || !reliability::parse_cut(argv[3], argv[4], &first) ||
       (with_second && (!parse_check(argv[5], &cut_check.flags) ||
                        !reliability::parse_cut(argv[6], argv[7], &cut_check.planned))) ||
-      !parse_check(argv[argc - 1], &flags)) {
+      !(rescued || parse_check(argv[argc - 1], &flags))) {
     return usage();
   }
-  const std::vector<operation> operations = reliability::power_cut_operations();
+  const std::vector<operation> operations =
+      rescued ? operations_to_rescue(true) : reliability::power_cut_operations();
   const operation* what = find(operations, argv[2]);
   if (what == nullptr) {
     return usage();
+  }
+  if (rescued) {
+    fputs(reliability::play_rescue(*what, first,
+                                   with_second ? std::optional(cut_check) : std::nullopt,
+                                   [chassis](int64_t seconds) { chassis->clock_hold(seconds); })
+              .c_str(),
+          stdout);
+    return EXIT_SUCCESS;
   }
   const std::string text = reliability::play_power_cut(
       *what, first, with_second ? std::optional(cut_check) : std::nullopt, flags);
@@ -150,15 +173,41 @@ int try_operation(char* argv[]) {
   return status != EXIT_SUCCESS ? status : defects;
 }
 
-int run(int argc, char* argv[]) {
+// rescue all|suite|large [OPERATION ...]: what was not brought back, and the table.
+int rescue(int argc, char* argv[], sim::chassis* chassis) {
+  const reliability::rescue_sample* sample = reliability::find_rescue_sample(argv[2]);
+  if (sample == nullptr) {
+    return usage();
+  }
+  constexpr int first_name = 3;
+  reliability::rescue_rows rows;
+  for (const operation& each : operations_to_rescue(argc > first_name)) {
+    if (argc > first_name && std::find(argv + first_name, argv + argc, each.name) == argv + argc) {
+      continue;
+    }
+    const reliability::rescue_rows found = reliability::try_rescue(
+        each, *sample, [chassis](int64_t seconds) { chassis->clock_hold(seconds); },
+        [](const std::string& told) { printf("%s\n", told.c_str()); });
+    for (const auto& [kinds, counts] : found) {
+      rows[kinds].add(counts);
+    }
+  }
+  printf("%s", reliability::rescue_table(rows).c_str());
+  return EXIT_SUCCESS;
+}
+
+int run(int argc, char* argv[], sim::chassis* chassis) {
   const std::string command = argc > 1 ? argv[1] : "";
+  if (command == "rescue" && argc >= 3) {
+    return rescue(argc, argv, chassis);
+  }
   if (command == "list" && argc == 2) {
     return list();
   }
   if ((command == "rows" || command == "compare") && argc == 4) {
     return try_operation(argv);
   }
-  return command == "play" ? play(argc, argv) : usage();
+  return command == "play" ? play(argc, argv, chassis) : usage();
 }
 
 }  // namespace
@@ -167,5 +216,5 @@ int main(int argc, char* argv[]) {
   sim::chassis chassis;
   chassis.clock_hold(standing_clock);
   sim::install_chassis(&chassis);
-  return run(argc, argv);
+  return run(argc, argv, &chassis);
 }

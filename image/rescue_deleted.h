@@ -1,0 +1,23 @@
+// Removed files of which the name and the sectors are still there.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "image/rescue_evidence.h"
+#include "image/rescue_plan.h"
+
+namespace image::rescuing {
+
+// A file that comes back: first its sectors are written, then its slot.
+struct returned_file {
+  std::vector<flashfs_sector> sectors;
+  flashfs_dir_slot slot = {};
+  rescue_decision decision;
+};
+
+// The files that can come back on a flash that is sound otherwise. None has the name of one that
+// stands; what an empty file once held stands beside it, its name with ".old" behind it.
+std::vector<returned_file> find_deleted(const evidence& found);
+
+}  // namespace image::rescuing
