@@ -77,11 +77,12 @@ flashfs_sctr_list_ordered* allocate_entry(flashfs* fs, const flashfs_dir_slot* s
 }
 
 void free_entry(flashfs* fs, flashfs_sctr_list_ordered* entry) {
-  if (listed_slot* slot = as_listed_slot(entry); slot != nullptr) {
-    delete slot;
-  } else {
+  listed_slot* slot = as_listed_slot(entry);
+  if (slot == nullptr) {
     chunk_free(fs->sctr_ptr_chunk, entry);
+    return;
   }
+  delete slot;
 }
 
 // What a list entry is made from.

@@ -47,25 +47,25 @@ started_program::started_program(const std::string& chassis,
 }
 
 started_program::~started_program() {
-  if (process_ > 0 && !waited_) {
+  if (process_ > 0 && !ending_.ended) {
     kill(process_, SIGKILL);
     waitpid(process_, nullptr, 0);
   }
 }
 
-ending started_program::wait(int timeout_seconds) {
+bool started_program::has_ended() {
   int waited = 0;
-  const bool done =
-      comes_true([&] { return process_ > 0 && waitpid(process_, &waited, WNOHANG) == process_; },
-                 timeout_seconds);
-  waited_ = done;
-  ending result;
-  result.ended = done;
-  if (done) {
-    result.signal = WIFSIGNALED(waited) ? WTERMSIG(waited) : 0;
-    result.status = WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
+  if (!ending_.ended && process_ > 0 && waitpid(process_, &waited, WNOHANG) == process_) {
+    ending_.ended = true;
+    ending_.signal = WIFSIGNALED(waited) ? WTERMSIG(waited) : 0;
+    ending_.status = WIFEXITED(waited) ? WEXITSTATUS(waited) : -1;
   }
-  return result;
+  return ending_.ended;
+}
+
+ending started_program::wait(int timeout_seconds) {
+  comes_true([this] { return has_ended(); }, timeout_seconds);
+  return ending_;
 }
 
 pseudo_terminal::pseudo_terminal() {

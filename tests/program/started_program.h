@@ -31,11 +31,14 @@ class started_program {
   pid_t process() const {
     return process_;
   }
+  // Whether it has ended by now.
+  bool has_ended();
+  // Waits for its end, if it has not been seen yet. Always the same answer once it has ended.
   ending wait(int timeout_seconds = 120);
 
  private:
   pid_t process_ = -1;
-  bool waited_ = false;
+  ending ending_;
 };
 
 // A pseudo-terminal. The test holds its master side; a program gets the other one.

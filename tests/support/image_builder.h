@@ -30,7 +30,7 @@ struct image_slot {
   uint16_t entry_fileid = 2;
   uint16_t mode = 0x8700;
   uint32_t date = 1800000000;
-  std::string name;  // at most 46 bytes; padded with zeros
+  std::string name = {};  // at most 46 bytes; padded with zeros
   bool good_checksum = true;
 };
 
