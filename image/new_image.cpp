@@ -1,8 +1,11 @@
 // Judging and writing new images.
 #include "image/new_image.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "flashfs/format.h"
 #include "image/flash_file.h"
 #include "image/interrupt.h"
 
@@ -47,6 +50,23 @@ std::optional<geometry> plan_new_image(const new_image& planned, const globals& 
     out.fail(exit_status::usage, "--geometry: " + why);
   }
   return given;
+}
+
+std::vector<uint8_t> erased_flash(const geometry& layout) {
+  const auto size = static_cast<size_t>(size_bytes(layout));
+  std::vector<uint8_t> bytes;
+  bytes.reserve(size);
+#ifdef MADV_HUGEPAGE
+  // Large pages, if the system has some: a fault for each small one takes longer than the filling.
+  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(bytes.data()) + page - 1) & ~(page - 1);
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(bytes.data()) + size) & ~(page - 1);
+  if (begin < end) {
+    static_cast<void>(madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE));
+  }
+#endif
+  bytes.resize(size, flash_erased_byte);
+  return bytes;
 }
 
 bool write_new_image(const new_image& planned, std::span<const uint8_t> bytes, const globals& all,

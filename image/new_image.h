@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "image/geometry.h"
 #include "image/globals.h"
@@ -22,6 +23,9 @@ struct new_image {
 // Nothing after a failure, which is told and has raised the status.
 [[nodiscard]] std::optional<geometry> plan_new_image(const new_image& planned, const globals& all,
                                                      report& out);
+
+// The bytes of a flash that nothing has been written to.
+[[nodiscard]] std::vector<uint8_t> erased_flash(const geometry& layout);
 
 // Writes it, unless --dry-run; in place of one that is there, when nobody has that locked. False
 // after a failure, which is told, or a signal.

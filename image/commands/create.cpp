@@ -123,7 +123,7 @@ void run(const create_options& options, const globals& all, report& out) {
     out.fail(exit_status::failed, "it does not fit: " + fault, options.from);
     return;
   }
-  std::vector<uint8_t> bytes(static_cast<size_t>(size_bytes(*layout)), flash_erased_byte);
+  std::vector<uint8_t> bytes = erased_flash(*layout);
   if (!fill(*planned, *layout, bytes, out)) {
     return;
   }
