@@ -38,14 +38,17 @@ taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
   return obsolete_slot(fs, pointer, slot_no, slot.dir_fileid) == 0 ? taken::dirty : taken::failed;
 }
 
-// As many dirty sectors are passed over at a time: flash that does not erase any more would get
-// them back from garbage collection for ever.
-uint32_t count_sectors(const flashfs* fs) {
-  uint32_t count = 0;
-  for (int16_t b = 0; b < fs->num_blocks; b++) {
-    count += fs->flashfs_blocks[b].num_sectors;
+// Whether another one is tried behind so many dirty ones: no more than all sectors hold, `per_sector`
+// each. Flash that does not erase any more would get them back from garbage collection for ever.
+bool may_try(const flashfs* fs, uint32_t dirty, uint32_t per_sector) {
+  if (dirty == 0) {
+    return true;
   }
-  return count;
+  uint32_t all = 0;
+  for (int16_t b = 0; b < fs->num_blocks; b++) {
+    all += fs->flashfs_blocks[b].num_sectors * per_sector;
+  }
+  return dirty < all;
 }
 
 // The head of the list of sectors, after collecting garbage when the list cannot give it. False
@@ -129,7 +132,7 @@ int allocated(taken result, flashfs_sctr_ptr* pointer) {
 
 int flashfs_alloc_sector(flashfs* fs, flashfs_sctr_ptr* pointer, uint32_t use_reserve) {
   taken result = taken::dirty;
-  for (uint32_t left = count_sectors(fs); result == taken::dirty && left > 0; left--) {
+  for (uint32_t tried = 0; result == taken::dirty && may_try(fs, tried, 1); tried++) {
     if (!take_sector(fs, pointer, use_reserve)) {
       break;
     }
@@ -142,8 +145,8 @@ int flashfs_alloc_slot(flashfs* fs, flashfs_sctr_ptr* pointer, uint8_t* slot_no,
                        uint32_t use_reserve) {
   pointer->block_num = no_block;
   taken result = taken::dirty;
-  for (uint32_t left = count_sectors(fs) * slots_per_sector; result == taken::dirty && left > 0;
-       left--) {
+  for (uint32_t tried = 0; result == taken::dirty && may_try(fs, tried, slots_per_sector);
+       tried++) {
     const int failure = take_slot(fs, pointer, slot_no, use_reserve);
     if (failure != 0) {
       pointer->block_num = no_block;

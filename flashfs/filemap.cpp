@@ -35,7 +35,7 @@ flashfs_sctr_map** index_place(flashfs* fs, uint16_t fileid) {
 flashfs_sctr_map* index_before(const flashfs* fs, uint32_t fileid) {
   while (fileid > 0) {
     const filemap_page* page = fs->file_index[(fileid - 1) >> filemap_page_bits];
-    if (page == nullptr) {
+    if (page == nullptr || page->used == 0) {
       fileid = (fileid - 1) & ~(filemap_page_size - 1);
       continue;
     }

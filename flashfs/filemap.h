@@ -34,8 +34,8 @@ flashfs_sctr_map* filemap_insert(flashfs* fs, uint16_t fileid, uint16_t parent_f
 void filemap_remove(flashfs* fs, flashfs_sctr_map* entry);
 // Frees the whole map.
 void filemap_clear(flashfs* fs);
-// Discards the file map, the available lists and the block accounting; not ready
-// afterwards. The entries of open files are gone with it.
+// Discards the file map, the available lists and the block accounting; not ready afterwards. The
+// entries of open files are gone with it.
 void flashfs_clear_maps(flashfs* fs);
 
 // The number for a new slot of a directory.

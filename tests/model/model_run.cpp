@@ -7,13 +7,13 @@
 #include <cstring>
 #include <initializer_list>
 #include <iterator>
-#include <sstream>
 
 #include "flashfs/check_flags.h"
 #include "flashfs/control_codes.h"
 #include "flashfs/filemap.h"
 #include "flashfs/vector.h"
 #include "tests/support/flashfs_fixture.h"
+#include "tests/support/golden.h"
 
 namespace model_test {
 
@@ -45,15 +45,6 @@ std::string without_markers(const std::string& text) {
     }
   }
   return rest;
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
 }
 
 std::string error_text(int error) {
@@ -183,7 +174,7 @@ bool model_run::expect(const seen_result& seen, const expected_result& expected)
 
 bool model_run::expect_output(const std::vector<std::string>& lines) {
   const std::string text = take_output();
-  std::vector<std::string> printed = lines_of(without_markers(text));
+  std::vector<std::string> printed = test_support::lines_of(without_markers(text));
   printed.erase(std::remove_if(printed.begin(), printed.end(),
                                [this](const std::string& line) {
                                  return line.empty() ||
@@ -195,7 +186,7 @@ bool model_run::expect_output(const std::vector<std::string>& lines) {
 
 bool model_run::expect_check_output(uint32_t flags, bool settles) {
   const std::string text = take_output();
-  std::vector<std::string> printed = lines_of(without_markers(text));
+  std::vector<std::string> printed = test_support::lines_of(without_markers(text));
   if (printed.empty() || printed.back() != time_line) {
     return fail("the check printed: " + text);
   }

@@ -65,15 +65,6 @@ std::optional<std::string> stored(const std::string& path) {
   return file.is_open() ? std::optional(text.str()) : std::nullopt;
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 // The rows that are not among `others`, each a line with a mark before it.
 std::string rows_without(const std::vector<std::string>& rows,
                          const std::vector<std::string>& others, const char* mark) {
@@ -87,6 +78,15 @@ std::string rows_without(const std::vector<std::string>& rows,
 
 }  // namespace
 
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
 void expect_golden(const std::string& name, const std::string& actual) {
   if (are_rewritten()) {
     rewrite(path_of(name), actual);
@@ -99,6 +99,7 @@ void expect_golden(const std::string& name, const std::string& actual) {
 
 void expect_golden_rows(const std::string& name, const std::vector<std::string>& rows,
                         golden_rows which) {
+  ASSERT_FALSE(rows.empty()) << "nothing to compare with " << path_of(name);
   if (are_rewritten()) {
     ASSERT_EQ(which, golden_rows::all) << "this run does not have all rows of " << path_of(name);
     std::string text;

@@ -19,6 +19,9 @@ enum class golden_rows { all, some };
 void expect_golden_rows(const std::string& name, const std::vector<std::string>& rows,
                         golden_rows which = golden_rows::all);
 
+// A text's lines, without their ends.
+std::vector<std::string> lines_of(const std::string& text);
+
 struct isolated_result {
   int status = -1;     // exit status; 128 + the signal that ended it
   std::string output;  // standard output and standard error in the order of their writing
