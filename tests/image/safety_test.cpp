@@ -151,10 +151,13 @@ TEST_F(safety, command_lines_that_are_wrong_are_told) {
                                                      {"--json", "ls"},
                                                      {"--lock-timeout", "x", "ls", "basic.img"},
                                                      {"check", "--quick", "--full", "basic.img"},
-                                                     {"--version"},
                                                  }));
   const json document = document_of({"nothing"}, 16);
   EXPECT_EQ(document["findings"][0]["code"], "usage");
+}
+
+TEST_F(safety, the_version_is_the_project_s) {
+  EXPECT_EQ(output_of({"--version"}), "flashfs-image " ZANTROLUME_VERSION "\n");
 }
 
 TEST_F(safety, every_command_explains_itself_with_an_example) {

@@ -17,9 +17,9 @@ struct program_result {
 
 struct program_call {
   std::string path;
-  std::vector<std::string> arguments;              // without the program's name
-  std::map<std::string, std::string> environment;  // added to the test's own
-  std::string folder;                              // working folder; empty: the test's own
+  std::vector<std::string> arguments = {};              // without the program's name
+  std::map<std::string, std::string> environment = {};  // added to the test's own
+  std::string folder = {};                              // working folder; empty: the test's own
   int timeout_seconds = 120;
 };
 
