@@ -77,7 +77,8 @@ class complex : public test_support::image_command {
     environment["tool"] = emulator() + " " + program_;
     return test_support::run_program({.path = "/bin/sh",
                                       .arguments = {"-c", "cd '" + file("") + "'; " + line},
-                                      .environment = environment});
+                                      .environment = environment,
+                                      .is_of_the_host = true});
   }
 };
 

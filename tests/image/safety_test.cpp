@@ -122,7 +122,8 @@ TEST_F(safety, a_signal_ends_a_wait_with_a_document) {
       {.path = "/bin/sh",
        .arguments = {"-c", "(sleep 1; kill -INT $$) & exec " + emulator() +
                                " '" FLASHFS_IMAGE_PROGRAM "' --json ls '" + file("basic.img") +
-                               "'"}});
+                               "'"},
+       .is_of_the_host = true});
   close(writer);
   EXPECT_EQ(result.status, 32) << result.err;
   const json document = json::parse(result.out, nullptr, false);
@@ -134,7 +135,8 @@ TEST_F(safety, an_answer_that_cannot_be_printed_is_a_failure) {
   const test_support::program_result result = test_support::run_program(
       {.path = "/bin/sh",
        .arguments = {"-c", "exec " + emulator() + " '" FLASHFS_IMAGE_PROGRAM "' ls '" +
-                               file("basic.img") + "' >/dev/full"}});
+                               file("basic.img") + "' >/dev/full"},
+       .is_of_the_host = true});
   EXPECT_EQ(result.status, 8);
   EXPECT_NE(result.err.find("standard output"), std::string::npos) << result.err;
 }

@@ -27,7 +27,9 @@ constexpr useconds_t poll_microseconds = 1000;
 std::vector<std::string> command_of(const program_call& call) {
   std::vector<std::string> command;
 #ifdef ZANTROLUME_EMULATOR
-  command.push_back(ZANTROLUME_EMULATOR);
+  if (!call.is_of_the_host) {
+    command.push_back(ZANTROLUME_EMULATOR);
+  }
 #endif
   command.push_back(call.path);
   command.insert(command.end(), call.arguments.begin(), call.arguments.end());

@@ -21,6 +21,7 @@ struct program_call {
   std::map<std::string, std::string> environment = {};  // added to the test's own
   std::string folder = {};                              // working folder; empty: the test's own
   int timeout_seconds = 120;
+  bool is_of_the_host = false;  // a shell, say: never run by the emulator
 };
 
 program_result run_program(const program_call& call);
