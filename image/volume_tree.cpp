@@ -1,6 +1,7 @@
 // Reading and writing all files of a mounted file system.
 #include "image/volume_tree.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
 #include <utility>
@@ -128,15 +129,21 @@ std::string make_names(const tree& from, const volume::files& to) {
 std::string write_contents(const tree& from, const volume::files& to, const write_step& step) {
   uint64_t total = 0;
   for (const tree_entry& entry : from.entries) {
-    total += entry.contents.size();
+    total += std::max<uint64_t>(entry.size, entry.contents.size());
   }
   uint64_t done = 0;
+  std::string later;  // one for all: it stays in the processor's cache
   for (const tree_entry& entry : from.entries) {
+    const bool is_later = from.read_later && entry.contents.empty() && entry.size != 0;
+    if (std::string fault = is_later ? from.read_later(entry, &later) : ""; !fault.empty()) {
+      return entry.path + ": " + fault;
+    }
+    const std::string& contents = is_later ? later : entry.contents;
     clock_set(entry.mtime);
-    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
+    if (!contents.empty() && to.write_file(entry.path, contents, ifs_open_write) != 0) {
       return fault_of(entry.path);
     }
-    done += entry.contents.size();
+    done += contents.size();
     if (step && !step(done, total)) {
       return "interrupted";
     }
