@@ -274,6 +274,14 @@ class folder_reader {
 
 }  // namespace
 
+std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
+                        std::string_view* contents) {
+  const bool is_later = from.read_later && entry.contents.empty() && entry.size != 0;
+  std::string fault = is_later ? from.read_later(entry, held) : "";
+  *contents = is_later ? *held : entry.contents;
+  return fault;
+}
+
 bool path_is_before(std::string_view path, std::string_view other) {
   const auto [at, at_other] = std::mismatch(path.begin(), path.end(), other.begin(), other.end());
   if (at == path.end() || at_other == other.end()) {

@@ -45,6 +45,11 @@ struct tree_options {
   bool large_files_later = false;
 };
 
+// The contents of a file: the entry's, or, read into `held`, those that are still where they come
+// from. Returns what is wrong, for a person, or nothing.
+[[nodiscard]] std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
+                                      std::string_view* contents);
+
 // Longest path, in bytes, that every operation of the file system takes.
 constexpr size_t tree_path_max = 318;
 
