@@ -129,7 +129,7 @@ void run(const extract_options& options, const globals& all, report& out) {
   if (!opened || out.status() >= exit_status::faults) {
     return;
   }
-  tree found = read_volume(opened->files());
+  tree found = options.archive.empty() ? try_volume(opened->files()) : read_volume(opened->files());
   tell_missing(options, exit_status::faults, found.errors, out);
   if (interrupted() || out.status() >= exit_status::faults) {
     return;
