@@ -236,6 +236,8 @@ void finish_decisions(const evidence& found, std::vector<rescue_decision>* decis
     const auto path = paths.find(each.fileid);
     if (path != paths.end()) {
       each.path = path->second;
+    } else if (filename_illegal_char(each.path.c_str()) != 0) {
+      each.path.clear();  // a name that was never whole
     }
     if (each.block) {
       each.offset = offset_of(found, each);
