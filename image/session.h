@@ -101,6 +101,11 @@ class session {
                                 std::span<const uint8_t> contents, report& out,
                                 const change_list* in_order = nullptr);
 
+// The same for contents that have been checked already.
+[[nodiscard]] bool write_checked(const globals& options, const opened_image& image,
+                                 std::span<const uint8_t> contents, report& out,
+                                 const change_list* in_order = nullptr);
+
 // Whether the contents of an image pass the full check without a change; told if not.
 [[nodiscard]] bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout,
                                    report& out);
