@@ -1,9 +1,9 @@
 // Fuzzes flashfs-image with hostile images: the input is the recipe for a small flash
 // (hostile_flash.h; so the inputs of the file system's fuzzer serve here, too), and behind it what
-// is looked at and how. Each input is listed, taken out, checked, repaired, compared and dumped.
-// Besides the crashes that the sanitizers find it looks for documents that are none, statuses that
-// are not in the table, images that reading has changed, files outside the folder they belong into,
-// and repairs that do not last.
+// is looked at and how. Each input is listed, taken out, checked, repaired, rescued, compared and
+// dumped. Besides the crashes that the sanitizers find it looks for documents that are none,
+// statuses that are not in the table, images that reading has changed, files outside the folder
+// they belong into, and repairs and rescues that do not last.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -49,7 +49,7 @@ class image_under_attack {
     test_support::write_whole_file(path("damaged"), made_.bytes);
   }
   ~image_under_attack() {
-    for (const char* name : {"damaged", "other", "repaired", "archive"}) {
+    for (const char* name : {"damaged", "other", "repaired", "rescued", "archive"}) {
       fs::remove(path(name));
     }
   }
@@ -67,6 +67,7 @@ class image_under_attack {
     dump();
     repair();
     compare();
+    rescue();
     require(test_support::read_whole_file(path("damaged")) == made_.bytes, "reading wrote");
   }
 
@@ -161,6 +162,19 @@ class image_under_attack {
     require(run({"check"}, {path("repaired")}) == 0, "a repair does not last");
     require(run({"--strict", "ls", "-R"}, {path("repaired")}) == 0,
             "a repaired image is not whole");
+  }
+
+  // There may be no room for it (status 8). What comes of it has nothing left to mend.
+  void rescue() {
+    std::vector<std::string> words = {"rescue", "-o", path("rescued")};
+    if (input_.below(2) == 0) {
+      words.emplace_back("--deleted");
+    }
+    if (run(words, {path("damaged")}) >= 8) {
+      return;
+    }
+    require(run({"rescue", "--plan"}, {path("rescued")}) == 0, "a rescue does not last");
+    require(run({"check"}, {path("rescued")}) == 0, "a rescued image is not whole");
   }
 
   // With itself, and with the same after further damage.

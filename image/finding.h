@@ -20,7 +20,8 @@ const char* severity_text(severity value);
 struct finding_code {
   const char* code;
   image::severity severity;
-  const char* meaning;  // one line, for the document
+  const char* meaning;     // one line, for the document
+  const char* what_to_do;  // one line; "nothing"
 };
 
 // The table, in the order of the document.

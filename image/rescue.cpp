@@ -3,6 +3,7 @@
 // finds what only then shows.
 #include "image/rescue.h"
 
+#include <cstddef>
 #include <map>
 #include <set>
 #include <tuple>
@@ -72,6 +73,7 @@ class rescue_round {
       }
       for (const flashfs_sector& each : change.writes) {
         with_data_.insert(each.fileid);
+        whole_.insert({each.fileid, each.seq_no});
       }
       plan_->decisions.insert(plan_->decisions.end(), change.decisions.begin(),
                               change.decisions.end());
@@ -80,6 +82,7 @@ class rescue_round {
       if (each.kind == sector_kind::data && found_.is_kept(each.at) &&
           !dropped_.contains(each.at)) {
         with_data_.insert(each.owner);
+        whole_.insert({each.owner, each.number});
       }
     }
     return done;
@@ -111,17 +114,39 @@ class rescue_round {
         continue;
       }
       space->drop_sector(each.at);
-      rescue_decision decision = {.code = "sector-dropped",
-                                  .block = each.at.block,
-                                  .sector = each.at.sector,
-                                  .fileid = each.fitting != 0 ? each.fitting : each.owner};
-      decision.what = "make the sector obsolete";
-      decision.evidence = each.kind == sector_kind::dirty        ? "it is free and not erased"
-                          : each.kind == sector_kind::claimed    ? "it is claimed and holds nothing"
-                          : each.kind == sector_kind::unfinished ? "it is half-written"
-                                                                 : "its checksum does not hold";
-      plan_->decisions.push_back(std::move(decision));
+      plan_->decisions.push_back(drop_decision(each));
     }
+  }
+
+  // A sector whose checksum does not hold was whole once, and no power cut made it what it is.
+  rescue_decision drop_decision(const sector_record& bad) const {
+    rescue_decision decision = {.code = "sector-dropped",
+                                .block = bad.at.block,
+                                .sector = bad.at.sector,
+                                .fileid = bad.fitting != 0 ? bad.fitting : bad.owner};
+    decision.what = "make the sector obsolete";
+    switch (bad.kind) {
+      case sector_kind::dirty:
+        decision.evidence = "it is free and not erased";
+        break;
+      case sector_kind::claimed:
+        decision.evidence = "it is claimed and holds nothing";
+        break;
+      case sector_kind::unfinished:
+        decision.evidence = "it is half-written";
+        break;
+      case sector_kind::obsolete_torn:
+        decision.evidence = "it was being made obsolete";
+        break;
+      default:
+        decision.evidence = "its checksum does not hold";
+        if (whole_.contains({bad.owner, bad.number})) {
+          decision.evidence += ", and another one has its number";
+        } else {
+          decision.code = "sector-lost";
+        }
+    }
+    return decision;
   }
 
   flash_copy* flash_;
@@ -131,6 +156,7 @@ class rescue_round {
   bool may_write_;
   uint32_t date_ = 0;
   std::set<uint16_t> with_data_;
+  std::set<std::pair<uint16_t, uint16_t>> whole_;  // owners and numbers of what stands
   std::set<uint16_t> postponed_;
   std::set<sector_place> dropped_;
 };
@@ -145,7 +171,9 @@ void return_deleted(flash_copy* flash, std::span<const flash_block_info> blocks,
   for (const returned_file& each : find_deleted(found)) {
     rescue_decision decision = each.decision;
     if (space.free_sectors() < each.sectors.size() + 1) {  // one for its slot
-      decision.what = "leave it removed: there is no room";
+      decision.code = no_room_to_return;
+      decision.what = "leave it removed";
+      decision.evidence += "; there is no room for it";
       plan->decisions.push_back(std::move(decision));
       continue;
     }
@@ -181,11 +209,24 @@ std::map<uint16_t, std::string> paths_of(const evidence& found) {
   return paths;
 }
 
-// Gives each decision the path of what it is about, as it is in the end, and keeps one of equal
-// ones: what is gone through twice is decided twice.
+// Bytes into the flash of the place that a decision is about.
+uint32_t offset_of(const evidence& found, const rescue_decision& about) {
+  const block_record& block = found.blocks[*about.block];
+  if (!about.sector) {
+    return block.offset;
+  }
+  const uint32_t sector = offset_in_flash(block, static_cast<uint16_t>(*about.sector));
+  return about.slot ? static_cast<uint32_t>(sector + offsetof(flashfs_sector, slots) +
+                                            *about.slot * sizeof(flashfs_dir_slot))
+                    : sector;
+}
+
+// Gives each decision the path of what it is about, as it is in the end, and its offset, and keeps
+// one of equal ones: what is gone through twice is decided twice.
 void finish_decisions(const evidence& found, std::vector<rescue_decision>* decisions) {
   const std::map<uint16_t, std::string> paths = paths_of(found);
-  std::set<std::tuple<std::string, uint32_t, uint32_t, uint32_t, uint16_t, std::string>> known;
+  using place = std::optional<uint32_t>;
+  std::set<std::tuple<std::string, place, place, place, uint16_t, std::string>> known;
   std::vector<rescue_decision> kept;
   for (rescue_decision& each : *decisions) {
     if (!known.insert({each.code, each.block, each.sector, each.slot, each.fileid, each.what})
@@ -195,6 +236,11 @@ void finish_decisions(const evidence& found, std::vector<rescue_decision>* decis
     const auto path = paths.find(each.fileid);
     if (path != paths.end()) {
       each.path = path->second;
+    } else if (filename_illegal_char(each.path.c_str()) != 0) {
+      each.path.clear();  // a name that was never whole
+    }
+    if (each.block) {
+      each.offset = offset_of(found, each);
     }
     kept.push_back(std::move(each));
   }

@@ -143,6 +143,7 @@ class deleted_files {
     with_data_.insert(id);
     file.slot = slot;
     file.decision.code = code;
+    file.decision.asked = true;
     file.decision.sure = list.sole && list.ended ? certainty::supported : certainty::guessed;
     file.decision.block = list.sectors.front()->at.block;
     file.decision.sector = list.sectors.front()->at.sector;

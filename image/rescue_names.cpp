@@ -112,9 +112,6 @@ class name_judge {
     if (record.kind == slot_kind::half_written) {
       note("slot-dropped", certainty::proved, &record, record.slot, "delete the slot",
            "it is half-written");
-    } else if (record.kind == slot_kind::damaged) {
-      note("slot-dropped", certainty::proved, &record, record.slot, "delete the slot",
-           "it cannot stand as it is");
     }
   }
 
@@ -122,6 +119,16 @@ class name_judge {
     note("second-name", certainty::supported, &record, record.slot, "delete the slot",
          "another one names the same file, and is newer");
     remove(record);
+  }
+
+  void note_damaged(const slot_record& record, bool named_elsewhere) {
+    if (named_elsewhere) {
+      note("slot-dropped", certainty::supported, &record, record.slot, "delete the slot",
+           "its checksum does not hold, and another one names the same");
+    } else {
+      note("slot-lost", certainty::supported, &record, record.slot, "delete the slot",
+           "its checksum does not hold, or its fields contradict themselves");
+    }
   }
 
   // Two entries of a directory have not one number, and not one name.
@@ -171,6 +178,8 @@ class name_judge {
         note("slot-mended", certainty::supported, &each, *mended, "write the slot anew",
              "a single change makes it good, and nothing else names the file");
         write(*mended);
+      } else if (each.kind == slot_kind::damaged) {
+        note_damaged(each, mended && names_.find(mended->entry_fileid) != nullptr);
       }
     }
   }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,15 +12,20 @@ namespace image {
 // How sure a decision is: what the format proves; what everything found speaks for; the best guess.
 enum class certainty { proved, supported, guessed };
 
+// A removed file that would come back if there were room.
+constexpr const char* no_room_to_return = "no-room-to-return";
+
 // One thing that the rescue does, and why.
 struct rescue_decision {
-  const char* code = "";  // stays the same from version to version
+  const char* code = "";  // of the table in finding.h
   certainty sure = certainty::proved;
-  uint32_t block = 0;             // the place that it is about, among the usable blocks
-  uint32_t sector = 0;            // unless it is about the whole block
-  uint32_t slot = 0;              // unless it is about the whole sector
+  std::optional<uint32_t> block = {};   // the place that it is about, among the usable blocks
+  std::optional<uint32_t> sector = {};  // unless it is about the whole block
+  std::optional<uint32_t> slot = {};    // unless it is about the whole sector
+  std::optional<uint32_t> offset = {};  // of that place, bytes into the flash
+  bool asked = false;             // about a removed file: it comes back since it was asked for
   uint16_t fileid = 0;            // of the file or directory that it is about; 0: none
-  std::string path = {};          // its path when it has one, "/a/b"
+  std::string path = {};          // its path in the end, "/a/b"; of what has none, its last name
   std::string what = {};          // what is done
   std::string evidence = {};      // what speaks for it
   std::string alternatives = {};  // what else could be done; empty when nothing could

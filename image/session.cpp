@@ -130,8 +130,18 @@ void session::mount_complex() {
   });
 }
 
+uint32_t session::check_flags() const {
+  return options_.full ? flashfs_check_full : flashfs_check_quick;
+}
+
+void session::keep_ready() {
+  if (!mounted_->is_ready()) {
+    static_cast<void>(files().check(check_flags()));
+  }
+}
+
 bool session::check_for_reading(report& out) {
-  const bool passed = mounted_->check(options_.full ? flashfs_check_full : flashfs_check_quick);
+  const bool passed = mounted_->check(check_flags());
   if (interrupted()) {
     return false;
   }
@@ -201,9 +211,12 @@ bool session::commit(report& out) {
 
 bool write_result(const globals& options, const opened_image& image,
                   std::span<const uint8_t> contents, report& out, const change_list* in_order) {
-  if (!result_is_sound(contents, image.layout, out)) {
-    return false;
-  }
+  return result_is_sound(contents, image.layout, out) &&
+         write_checked(options, image, contents, out, in_order);
+}
+
+bool write_checked(const globals& options, const opened_image& image,
+                   std::span<const uint8_t> contents, report& out, const change_list* in_order) {
   const bool in_place = options.output.empty();
   out.result()["written"] = nullptr;
   const std::span<const uint8_t> before = image.contents();

@@ -71,6 +71,10 @@ class session {
     return *mounted_;
   }
 
+  // Before each of several files: one whose checksums do not fit has marked the file system down,
+  // and then it is checked again, as it was for reading.
+  void keep_ready();
+
   // The end of an edit: checks the result, writes it (--output, --dry-run). False when nothing was
   // written, which is told; so it is when the status tells of a failure before.
   [[nodiscard]] bool commit(report& out);
@@ -78,6 +82,7 @@ class session {
  private:
   session(const globals& options, opened_image opened);
   void mount_complex();
+  uint32_t check_flags() const;
   bool check_for_reading(report& out);
   bool check_for_editing(bool force, report& out);
 
@@ -95,6 +100,11 @@ class session {
 [[nodiscard]] bool write_result(const globals& options, const opened_image& image,
                                 std::span<const uint8_t> contents, report& out,
                                 const change_list* in_order = nullptr);
+
+// The same for contents that have been checked already.
+[[nodiscard]] bool write_checked(const globals& options, const opened_image& image,
+                                 std::span<const uint8_t> contents, report& out,
+                                 const change_list* in_order = nullptr);
 
 // Whether the contents of an image pass the full check without a change; told if not.
 [[nodiscard]] bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout,

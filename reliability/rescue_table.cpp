@@ -485,9 +485,12 @@ std::string play_rescue(const operation& what, planned_cut first,
       flash.snapshot(), flash.device().blocks(), {.now = static_cast<uint32_t>(time_of_operation)});
   std::string text = sectors_text(flash);
   for (const image::rescue_decision& each : plan.decisions) {
-    text += std::string(each.code) + ", " + image::certainty_text(each.sure) + ": block " +
-            std::to_string(each.block) + ", sector " + std::to_string(each.sector) + ", slot " +
-            std::to_string(each.slot) + ", file " + std::to_string(each.fileid) + " " + each.path +
+    const auto place = [](const char* word, const std::optional<uint32_t>& number) {
+      return number ? word + std::to_string(*number) + ", " : "";
+    };
+    text += std::string(each.code) + ", " + image::certainty_text(each.sure) + ": " +
+            place("block ", each.block) + place("sector ", each.sector) +
+            place("slot ", each.slot) + "file " + std::to_string(each.fileid) + " " + each.path +
             ": " + each.what + ": " + each.evidence + "\n";
   }
   return text + std::to_string(plan.steps.size()) + " steps" +

@@ -23,6 +23,7 @@ std::vector<command> all_commands() {
       chmod_command(),
       truncate_command(),
       check_command(),
+      rescue_command(),
       verify_command(),
       extract_command(),
       diff_command(),

@@ -24,6 +24,7 @@ command mkdir_command();
 command mv_command();
 command put_command();
 command read_command();
+command rescue_command();
 command rm_command();
 command tree_command();
 command truncate_command();

@@ -1,4 +1,4 @@
-// explain: what the codes of findings mean, from the table that they come from.
+// explain: what the codes of findings mean and what to do then, from the table that they come from.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -35,8 +35,11 @@ void tell(const finding_code& row, size_t width, report& out) {
   const std::string word = fmt::format("{:<7}", severity_text(row.severity));
   out.print(fmt::format("{:<{}}  {}  {}\n", row.code, width,
                         out.colored(tint_of(row.severity), word), row.meaning));
-  out.result()["codes"].push_back(
-      {{"code", row.code}, {"severity", severity_text(row.severity)}, {"meaning", row.meaning}});
+  out.print(fmt::format("{:<{}}           to do: {}\n", "", width, row.what_to_do));
+  out.result()["codes"].push_back({{"code", row.code},
+                                   {"severity", severity_text(row.severity)},
+                                   {"meaning", row.meaning},
+                                   {"what_to_do", row.what_to_do}});
 }
 
 void run(const explain_options& options, report& out) {
@@ -69,7 +72,7 @@ void run(const explain_options& options, report& out) {
 
 command explain_command() {
   auto options = std::make_shared<explain_options>();
-  return {"explain", "Tells what the codes of findings mean",
+  return {"explain", "Tells what the codes of findings mean, and what to do",
           "flashfs-image explain sector-checksum",
           [options](arguments& take) {
             take.optional_words("CODE", &options->codes, "Codes; without any, all are told");

@@ -1,7 +1,7 @@
 // Every command of the cookbook is run, in the order of the page, and prints what is shown under
 // it. A block that is fenced as "sh" has commands behind "$ ", each with what it prints; "..."
-// stands for any lines. The folder has boot.img and damaged.img in it and is the home of a chassis,
-// whose complex 4 has the flash of boot.img.
+// stands for any lines. The folder has boot.img, damaged.img and cut.img in it and is the home of a
+// chassis, whose complex 4 has the flash of boot.img.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -74,6 +74,7 @@ class cookbook : public testing::Test {
     const std::string flash = test_support::read_stored_image("basic");
     write_whole_file(folder_.file("boot.img"), flash);
     write_whole_file(folder_.file("damaged.img"), test_support::read_stored_image("orphans"));
+    write_whole_file(folder_.file("cut.img"), test_support::read_stored_image("gap_in_file"));
     write_whole_file(folder_.file("ppc4.flash"), flash);
     write_whole_file(folder_.file("chassis.txt"), "clock 1800000000\n");
     link(FLASHFS_IMAGE_SIM_PROGRAM, "flashfs-image");

@@ -9,9 +9,8 @@
 #include <filesystem>
 #include <random>
 #include <set>
-#include <sstream>
 
-#include "tests/image/image_command.h"
+#include "tests/image/chassis_command.h"
 #include "tests/support/golden.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/stored_image.h"
@@ -26,64 +25,8 @@ using test_support::write_whole_file;
 
 constexpr size_t flash_size = 32U << 20;
 constexpr size_t block_size = 128U << 10;
-constexpr int power_cut = 3;  // status of a run whose power was cut
 
-class complex : public test_support::image_command {
- protected:
-  complex() {
-    program_ = FLASHFS_IMAGE_SIM_PROGRAM;
-    std::filesystem::create_directory(file("chassis"));
-    environment_["ZANTROLUME_CHASSIS"] = file("chassis");
-    set_chassis("");
-  }
-  void set_chassis(const std::string& text) const {
-    write_whole_file(file("chassis/chassis.txt"), "clock 1800000000\n" + text);
-  }
-  void set_flash(const std::string& bytes) const {
-    write_whole_file(file("chassis/ppc4.flash"), bytes);
-  }
-  void set_stored_flash(const std::string& name) const {
-    test_support::unpack_stored_image(name, file("chassis/ppc4.flash"));
-  }
-  std::string flash() const {
-    return contents("chassis/ppc4.flash");
-  }
-  // The number behind a word of the chassis's report.
-  uint64_t reported(const std::string& word) const {
-    std::istringstream words(contents("chassis/report.txt"));
-    for (std::string next; words >> next;) {
-      uint64_t value = 0;
-      if (next == word && words >> value) {
-        return value;
-      }
-    }
-    ADD_FAILURE() << "no " << word << " in the report";
-    return 0;
-  }
-  // Copies that were saved.
-  std::vector<std::string> backups() const {
-    std::vector<std::string> found;
-    for (const std::string& name : names()) {
-      if (name.starts_with("ppc4-")) {
-        found.push_back(name);
-      }
-    }
-    return found;
-  }
-  program_result zantrolume(const std::vector<std::string>& words) const {
-    return test_support::run_program(
-        {.path = ZANTROLUME_SIM_PROGRAM, .arguments = words, .environment = environment_});
-  }
-  // Runs a shell's line in the folder, with $tool for the program.
-  program_result shell(const std::string& line) const {
-    std::map<std::string, std::string> environment = environment_;
-    environment["tool"] = emulator() + " " + program_;
-    return test_support::run_program({.path = "/bin/sh",
-                                      .arguments = {"-c", "cd '" + file("") + "'; " + line},
-                                      .environment = environment,
-                                      .is_of_the_host = true});
-  }
-};
+class complex : public test_support::chassis_command {};
 
 // Blocks of noise at some places of an otherwise erased flash.
 std::string noise(uint32_t seed, int blocks) {

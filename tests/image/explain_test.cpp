@@ -12,9 +12,14 @@ class explain : public test_support::image_command {};
 }  // namespace
 
 TEST_F(explain, tells_what_a_code_means) {
-  EXPECT_EQ(output_of({"explain", "sector-checksum", "orphan"}),
-            "sector-checksum  error    a sector's checksum does not fit\n"
-            "orphan           warning  no directory names what owns sectors or slots\n");
+  EXPECT_EQ(
+      output_of({"explain", "sector-checksum", "orphan"}),
+      "sector-checksum  error    a sector's checksum does not fit\n"
+      "                          to do: \"rescue\" puts back what stood there, where that can "
+      "be told; a check drops it\n"
+      "orphan           warning  no directory names what owns sectors or slots\n"
+      "                          to do: \"rescue\" gives it its last name back; a check names "
+      "it in /lost+found\n");
 }
 
 TEST_F(explain, tells_of_all_codes) {
@@ -27,7 +32,9 @@ TEST_F(explain, tells_of_all_codes) {
     EXPECT_EQ(told["code"], row.code);
     EXPECT_EQ(told["severity"], image::severity_text(row.severity));
     EXPECT_EQ(told["meaning"], row.meaning);
+    EXPECT_EQ(told["what_to_do"], row.what_to_do);
     EXPECT_NE(text.find(std::string(row.meaning) + "\n"), std::string::npos) << row.code;
+    EXPECT_NE(text.find(std::string(row.what_to_do) + "\n"), std::string::npos) << row.code;
   }
 }
 

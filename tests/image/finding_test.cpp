@@ -34,6 +34,9 @@ TEST(finding, each_code_stands_once_with_one_line) {
     const std::string meaning = row.meaning;
     EXPECT_FALSE(meaning.empty());
     EXPECT_EQ(meaning.find_first_of("\n|"), std::string::npos);
+    const std::string what_to_do = row.what_to_do;
+    EXPECT_FALSE(what_to_do.empty());
+    EXPECT_EQ(what_to_do.find_first_of("\n|"), std::string::npos);
   }
 }
 
@@ -63,4 +66,22 @@ TEST(finding, the_sources_name_only_codes_of_the_table) {
     }
   }
   EXPECT_GT(seen, 30);
+}
+
+// All words with hyphens that stand in its sources as texts are codes of decisions.
+TEST(finding, the_rescue_decides_only_codes_of_the_table) {
+  const std::regex code(R"re("([a-z]+(?:-[a-z]+)+)")re");
+  std::set<std::string> seen;
+  for (const auto& each : std::filesystem::directory_iterator(project + "/image")) {
+    if (!each.path().filename().string().starts_with("rescue")) {
+      continue;
+    }
+    const std::string source = test_support::read_whole_file(each.path());
+    for (std::sregex_iterator found(source.begin(), source.end(), code), end; found != end;
+         ++found) {
+      EXPECT_NE(image::find_code((*found)[1].str()), nullptr) << each.path() << ": " << (*found)[1];
+      seen.insert((*found)[1]);
+    }
+  }
+  EXPECT_GT(seen.size(), 25U);
 }

@@ -58,6 +58,8 @@ class hostile_images : public testing::Test {
         {"check", image},
         {"-n", "check", "--quick", "--repair", "--force", image},
         {"-n", "check", "--repair", image},
+        {"rescue", "--plan", image},
+        {"rescue", "--deleted", "-o", out, image},
         {"verify", image, "--against", source},
         {"extract", "--keep-going", "-C", out, image},
         {"diff", image, image},

@@ -1,0 +1,30 @@
+// Taking all files out of a mounted file system, into a folder of the host or into an archive: what
+// the commands share that do it.
+#pragma once
+
+#include <string>
+
+#include "image/globals.h"
+#include "image/report.h"
+#include "volume/volume.h"
+
+namespace image {
+
+// Where files go: one of the two names is empty.
+struct host_place {
+  std::string folder;
+  std::string archive;      // "-": standard output
+  bool keep_going = false;  // what cannot be taken out is left out, and told
+  bool force = false;       // into a folder that is not empty, over an archive that is there
+
+  bool is_standard_output() const {
+    return archive == "-";
+  }
+};
+
+// Writes all files out as extract_tree and write_tar do, and tells what cannot be, which raises the
+// status; with --dry-run it only judges the names. Puts the numbers into the result.
+void take_out(const volume::file_system& from, const host_place& to, const globals& all,
+              report& out);
+
+}  // namespace image
