@@ -20,12 +20,21 @@ add_library(short_test_options INTERFACE)
 target_link_libraries(short_test_options INTERFACE test_options)
 target_compile_options(short_test_options INTERFACE -O0 -fno-sanitize=undefined)
 
-# The headers that nearly every test source includes, read once. (They are still to be included
-# where they are used: scripts/style looks without this.)
+# The headers that nearly every test source includes, read once; the same with those of documents, for
+# the tests of the host tool. (They are still to be included where they are used: scripts/style looks
+# without this.)
 add_library(test_headers OBJECT ${PROJECT_SOURCE_DIR}/cmake/test_headers.cpp)
 target_link_libraries(test_headers PRIVATE short_test_options)
 target_precompile_headers(test_headers PRIVATE
   <gtest/gtest.h> <algorithm> <filesystem> <functional> <map> <memory> <set> <string> <vector>)
+add_library(image_test_headers OBJECT ${PROJECT_SOURCE_DIR}/cmake/test_headers.cpp)
+target_link_libraries(image_test_headers PRIVATE short_test_options host_headers)
+target_precompile_headers(image_test_headers PRIVATE
+  <gtest/gtest.h> <algorithm> <filesystem> <functional> <map> <memory> <set> <string> <vector>
+  <nlohmann/json.hpp> ${PROJECT_SOURCE_DIR}/cmake/host_templates.h)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(image_test_headers PRIVATE -fpch-instantiate-templates)
+endif()
 
 # program_options(TARGET): how a program that is not shipped is linked.
 function(program_options target)
@@ -38,12 +47,12 @@ function(program_options target)
   endif()
 endfunction()
 
-# test_program(TARGET [LONG] SHARDS number SOURCES ... USES libraries ...): a program of GoogleTest
-# tests. It runs whole, in so many processes side by side: a process for each test took most of the
+# test_program(TARGET [LONG] SHARDS number [HEADERS target] SOURCES ... USES libraries ...): a program
+# of GoogleTest tests; its precompiled headers are those of test_headers or of another target. It runs whole, in so many processes side by side: a process for each test took most of the
 # time that the suite ran, under emulation above all. scripts/test --quick leaves out the LONG ones,
 # which compute so much that natively they are optimised themselves.
 function(test_program target)
-  cmake_parse_arguments(arg "LONG" "SHARDS" "SOURCES;USES" ${ARGN})
+  cmake_parse_arguments(arg "LONG" "SHARDS;HEADERS" "SOURCES;USES" ${ARGN})
   add_executable(${target} ${arg_SOURCES})
   set(environment GTEST_COLOR=no)
   if(arg_LONG AND (NOT CMAKE_CROSSCOMPILING OR target STREQUAL "model_tests"))
@@ -52,7 +61,10 @@ function(test_program target)
     list(APPEND environment ASAN_OPTIONS=quarantine_size_mb=8:malloc_context_size=4)
   else()
     target_link_libraries(${target} PRIVATE ${arg_USES} short_test_options)
-    target_precompile_headers(${target} REUSE_FROM test_headers)
+    if(NOT arg_HEADERS)
+      set(arg_HEADERS test_headers)
+    endif()
+    target_precompile_headers(${target} REUSE_FROM ${arg_HEADERS})
   endif()
   program_options(${target})
   math(EXPR last "${arg_SHARDS} - 1")

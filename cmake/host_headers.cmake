@@ -11,6 +11,10 @@ foreach(folder CLI fmt nlohmann)
   file(CREATE_LINK /usr/include/${folder} ${links}/${folder} SYMBOLIC)
 endforeach()
 
+# What they would compile into each source, compiled once.
+add_library(host_functions STATIC cmake/host_functions.cpp)
+target_include_directories(host_functions SYSTEM PRIVATE ${links})
+
 add_library(host_headers INTERFACE)
 target_include_directories(host_headers SYSTEM INTERFACE ${links})
-target_compile_definitions(host_headers INTERFACE FMT_HEADER_ONLY=1)
+target_link_libraries(host_headers INTERFACE host_functions)

@@ -38,8 +38,9 @@ taken look_at_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no) {
   return obsolete_slot(fs, pointer, slot_no, slot.dir_fileid) == 0 ? taken::dirty : taken::failed;
 }
 
-// Whether another one is tried behind so many dirty ones: no more than all sectors hold, `per_sector`
-// each. Flash that does not erase any more would get them back from garbage collection for ever.
+// Whether another one is tried behind so many dirty ones: no more than all sectors hold,
+// `per_sector` each. Flash that does not erase any more would get them back from garbage collection
+// for ever.
 bool may_try(const flashfs* fs, uint32_t dirty, uint32_t per_sector) {
   if (dirty == 0) {
     return true;

@@ -1,7 +1,6 @@
 // The check's work on blocks.
 #include "flashfs/fsck_blocks.h"
 
-
 #include "flashfs/buffer.h"
 #include "flashfs/erase.h"
 #include "flashfs/io.h"

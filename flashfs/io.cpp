@@ -2,6 +2,7 @@
 #include "flashfs/io.h"
 
 #include <cstdio>
+#include <cstring>
 
 #include "flashfs/log.h"
 #include "window/clock.h"
@@ -85,6 +86,27 @@ int write_part(const flashfs* fs, const record_place& record, record_part part, 
   return 1;
 }
 
+// The words of flash that fill a machine word are looked at together: writing looks at all there
+// is.
+using machine_word = size_t;
+constexpr machine_word lowest_bits = ~machine_word{0} / 0xFFFF;  // of each of its words
+constexpr machine_word highest_bits = lowest_bits << 15;
+static_assert(sizeof(machine_word) % word_size == 0);
+
+machine_word load_machine_word(const uint8_t* bytes) {
+  machine_word value = 0;
+  memcpy(&value, bytes, sizeof(value));
+  return value;
+}
+
+// Whether none of the words is 0. To take one off a word whose highest bit is clear sets that bit
+// only if the word is 0, or if one behind it is, which borrows.
+constexpr bool has_no_zero_word(machine_word words) {
+  return ((words - lowest_bits) & ~words & highest_bits) == 0;
+}
+static_assert(has_no_zero_word(lowest_bits) && has_no_zero_word(highest_bits));
+static_assert(!has_no_zero_word(lowest_bits - 1) && !has_no_zero_word(0));
+
 // What stands in a part of a record, and what shall stand there.
 class part_change {
  public:
@@ -96,10 +118,16 @@ class part_change {
 
   // The next run of words that differ, from an offset on; of length 0 at the end of the part.
   record_part next_run(uint32_t offset) const {
+    while (holds_machine_word(offset) && difference(offset) == 0) {
+      offset += sizeof(machine_word);
+    }
     while (offset < length_ && !differs(offset)) {
       offset += word_size;
     }
     const uint32_t start = offset;
+    while (holds_machine_word(offset) && has_no_zero_word(difference(offset))) {
+      offset += sizeof(machine_word);
+    }
     while (offset < length_ && differs(offset)) {
       offset += word_size;
     }
@@ -118,18 +146,30 @@ class part_change {
     if (held_ == nullptr) {
       return false;
     }
-    for (uint32_t i = 0; i < length_; i++) {
-      if ((wanted_[i] & ~held_[i]) != 0) {
-        return true;
-      }
+    machine_word set = 0;
+    uint32_t i = 0;
+    for (; holds_machine_word(i); i += sizeof(machine_word)) {
+      set |= load_machine_word(wanted_ + i) & ~load_machine_word(held_ + i);
     }
-    return false;
+    for (; i < length_; i++) {
+      set |= static_cast<machine_word>(wanted_[i] & ~held_[i]);
+    }
+    return set != 0;
   }
   const uint8_t* wanted(uint32_t offset) const {
     return wanted_ + offset;
   }
 
  private:
+  bool holds_machine_word(uint32_t offset) const {
+    return length_ >= sizeof(machine_word) && offset <= length_ - sizeof(machine_word);
+  }
+  // The bits that differ.
+  machine_word difference(uint32_t offset) const {
+    const machine_word held =
+        held_ == nullptr ? ~machine_word{0} : load_machine_word(held_ + offset);
+    return load_machine_word(wanted_ + offset) ^ held;
+  }
   uint8_t held(uint32_t i) const {
     return held_ == nullptr ? flash_erased_byte : held_[i];
   }

@@ -215,6 +215,10 @@ class extractor {
   }
 
   std::string make_file(const tree_entry& entry) {
+    std::string_view contents;
+    if (std::string fault = contents_of(from_, entry, &held_, &contents); !fault.empty()) {
+      return fault;
+    }
     const std::string name(name_of_path(entry.path));
     const int at = stack_.back().fd;
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
@@ -225,7 +229,7 @@ class extractor {
     if (fd < 0) {
       return strerror(errno);
     }
-    int error = write_all(fd, entry.contents);
+    int error = write_all(fd, contents);
     if (error == 0) {
       error = finish_descriptor(fd, entry);
     }
@@ -237,7 +241,7 @@ class extractor {
       return strerror(error);
     }
     result_->files++;
-    result_->bytes += entry.contents.size();
+    result_->bytes += contents.size();
     return "";
   }
 
@@ -246,6 +250,7 @@ class extractor {
   extraction* result_;
   std::vector<open_folder> stack_;
   std::string left_out_;
+  std::string held_;  // contents that the tree does not hold
 };
 
 }  // namespace

@@ -19,16 +19,23 @@ flash_return_code not_supported() {
   return flash_illegal_operation;
 }
 
-// Eight bytes at a time, which compilers do not find out for themselves: making an image is little
+// Many bytes at a time, which compilers do not find out for themselves: making an image is little
 // else.
+struct chunk {
+  uint64_t words[4];
+};
+
 void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length) {
   uint32_t i = 0;
-  for (; length - i >= sizeof(uint64_t); i += sizeof(uint64_t)) {
-    uint64_t before;
-    uint64_t mask;
+  for (; length - i >= sizeof(chunk); i += sizeof(chunk)) {
+    chunk before;
+    chunk mask;
     std::memcpy(&before, held + i, sizeof(before));
     std::memcpy(&mask, wanted + i, sizeof(mask));
-    before &= mask;
+    before.words[0] &= mask.words[0];
+    before.words[1] &= mask.words[1];
+    before.words[2] &= mask.words[2];
+    before.words[3] &= mask.words[3];
     std::memcpy(held + i, &before, sizeof(before));
   }
   for (; i < length; ++i) {
@@ -39,7 +46,11 @@ void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length) {
 }  // namespace
 
 memory_flash::memory_flash(std::span<uint8_t> bytes, const geometry& layout)
-    : bytes_(bytes), layout_(layout), blocks_(block_table(layout)), driver_() {
+    : bytes_(bytes),
+      layout_(layout),
+      blocks_(block_table(layout)),
+      driver_(),
+      blank_(blocks_.size(), false) {
   driver_.read = [](const void* handle, uint32_t offset, uint32_t length, void* buffer) {
     return flash_of(handle).read(offset, length, buffer);
   };
@@ -133,6 +144,7 @@ flash_return_code memory_flash::write(uint32_t offset, uint32_t length, const vo
   }
   // As the device does it: a bit that only an erase could set stays as it is, and nobody is told.
   clear_bits(held, wanted, length);
+  mark_programmed(offset, length);
   changed_ = true;
   if (changes_ != nullptr) {
     changes_->program(offset, {wanted, length});
@@ -140,19 +152,39 @@ flash_return_code memory_flash::write(uint32_t offset, uint32_t length, const vo
   return flash_ok;
 }
 
+// The block in which an offset lies.
+size_t memory_flash::block_at(uint32_t offset) const {
+  const auto behind =
+      std::upper_bound(blocks_.begin(), blocks_.end(), offset,
+                       [](uint32_t at, const flash_block_info& one) { return at < one.offset; });
+  return static_cast<size_t>(behind - blocks_.begin()) - 1;
+}
+
+void memory_flash::mark_programmed(uint32_t offset, uint32_t length) {
+  for (size_t i = block_at(offset); i < blocks_.size() && blocks_[i].offset < offset + length;
+       ++i) {
+    blank_[i] = false;
+  }
+}
+
 flash_return_code memory_flash::erase(uint32_t offset) {
-  const auto block =
-      std::lower_bound(blocks_.begin(), blocks_.end(), offset,
-                       [](const flash_block_info& one, uint32_t at) { return one.offset < at; });
-  if (block == blocks_.end() || block->offset != offset) {
+  if (!holds(offset, 1)) {
     return flash_illegal_operation;
   }
-  mark_filled(offset, block->size);
+  const size_t number = block_at(offset);
+  const flash_block_info& block = blocks_[number];
+  if (block.offset != offset) {
+    return flash_illegal_operation;
+  }
+  mark_filled(offset, block.size);
   if (changes_ != nullptr) {
     changes_->erase(offset);
   }
-  std::memset(bytes_.data() + offset, flash_erased_byte, block->size);
-  erased_blocks_.insert(static_cast<uint32_t>(block - blocks_.begin()));
+  if (!blank_[number]) {
+    std::memset(bytes_.data() + offset, flash_erased_byte, block.size);
+    blank_[number] = true;
+  }
+  erased_blocks_.insert(static_cast<uint32_t>(number));
   changed_ = true;
   return flash_ok;
 }

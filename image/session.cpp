@@ -130,8 +130,18 @@ void session::mount_complex() {
   });
 }
 
+uint32_t session::check_flags() const {
+  return options_.full ? flashfs_check_full : flashfs_check_quick;
+}
+
+void session::keep_ready() {
+  if (!mounted_->is_ready()) {
+    static_cast<void>(files().check(check_flags()));
+  }
+}
+
 bool session::check_for_reading(report& out) {
-  const bool passed = mounted_->check(options_.full ? flashfs_check_full : flashfs_check_quick);
+  const bool passed = mounted_->check(check_flags());
   if (interrupted()) {
     return false;
   }

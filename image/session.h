@@ -71,6 +71,10 @@ class session {
     return *mounted_;
   }
 
+  // Before each of several files: one whose checksums do not fit has marked the file system down,
+  // and then it is checked again, as it was for reading.
+  void keep_ready();
+
   // The end of an edit: checks the result, writes it (--output, --dry-run). False when nothing was
   // written, which is told; so it is when the status tells of a failure before.
   [[nodiscard]] bool commit(report& out);
@@ -78,6 +82,7 @@ class session {
  private:
   session(const globals& options, opened_image opened);
   void mount_complex();
+  uint32_t check_flags() const;
   bool check_for_reading(report& out);
   bool check_for_editing(bool force, report& out);
 

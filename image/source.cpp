@@ -34,8 +34,8 @@ std::optional<tree> read_any(const std::string& from, const tree_options& option
 
 }  // namespace
 
-std::optional<tree> read_source(const std::string& from, uint64_t contents_limit, report& out) {
-  std::optional<tree> made = read_any(from, {.contents_limit = contents_limit}, out);
+std::optional<tree> read_source(const std::string& from, const tree_options& options, report& out) {
+  std::optional<tree> made = read_any(from, options, out);
   if (!made) {
     return std::nullopt;
   }

@@ -11,10 +11,10 @@
 
 namespace image {
 
-// Reads a tree; contents beyond so many bytes in all are left out. What is left out of it is warned
-// of, what is wrong with it is told and raises the status: then there is nothing, and just as
-// little with --strict when something was left out.
-[[nodiscard]] std::optional<tree> read_source(const std::string& from, uint64_t contents_limit,
+// Reads a tree, as the options say. What is left out of it is warned of, what is wrong with it is
+// told and raises the status: then there is nothing, and just as little with --strict when
+// something was left out.
+[[nodiscard]] std::optional<tree> read_source(const std::string& from, const tree_options& options,
                                               report& out);
 
 }  // namespace image

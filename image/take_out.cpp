@@ -111,7 +111,7 @@ void to_archive(const host_place& to, const globals& all, tree found, report& ou
 
 void take_out(const volume::file_system& from, const host_place& to, const globals& all,
               report& out) {
-  tree found = read_volume(from);
+  tree found = to.archive.empty() ? try_volume(from) : read_volume(from);
   tell_missing(to, exit_status::faults, found.errors, out);
   if (interrupted() || out.status() >= exit_status::faults) {
     return;

@@ -22,6 +22,9 @@ namespace {
 constexpr uint32_t permission_bits = 0777;
 constexpr uint32_t special_bits = 07000;  // set-user-id, set-group-id, sticky
 
+// Bytes of a file that is worth opening twice rather than keeping.
+constexpr uint64_t large_size = 16384;
+
 // The name under which the file system gives the whole device instead of a file.
 constexpr std::string_view raw_device_name = "...";
 
@@ -35,6 +38,10 @@ class descriptor {
   }
   descriptor(const descriptor&) = delete;
   descriptor& operator=(const descriptor&) = delete;
+  descriptor& operator=(descriptor&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
   int fd() const {
     return fd_;
   }
@@ -109,22 +116,60 @@ int read_all(int fd, uint64_t expected, std::string* contents) {
   }
 }
 
+// Opens a file below a folder, by no link. Below 0 with errno.
+int open_below(int folder, std::string_view path) {
+  descriptor at(fcntl(folder, F_DUPFD_CLOEXEC, 0));
+  for (size_t begin = 0; at.fd() >= 0;) {
+    const size_t end = path.find('/', begin);
+    const std::string name(path.substr(begin, end - begin));
+    if (end == std::string_view::npos) {
+      return openat(at.fd(), name.c_str(),
+                    O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }
+    at = descriptor(openat(at.fd(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    begin = end + 1;
+  }
+  return -1;
+}
+
+// The contents of a file of which the size has been told to others.
+std::string read_again(int folder, const tree_entry& entry, std::string* contents) {
+  const descriptor opened(open_below(folder, entry.path));
+  struct stat status = {};
+  if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+    return strerror(errno);
+  }
+  if (!S_ISREG(status.st_mode)) {
+    return strerror(EBUSY);
+  }
+  if (const int error = read_all(opened.fd(), entry.size, contents); error != 0) {
+    return strerror(error);
+  }
+  return contents->size() == entry.size ? "" : "has changed its size meanwhile";
+}
+
 // One walk over a folder of the host, by descriptors: nobody can put a link in its way.
 class folder_reader {
  public:
   folder_reader(const tree_options& options, tree* made) : options_(options), made_(made) {}
 
   void read(const std::string& folder) {
-    const descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const auto opened = std::make_shared<const descriptor>(
+        open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status = {};
-    if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+    if (opened->fd() < 0 || fstat(opened->fd(), &status) != 0) {
       fail(folder, errno);
       return;
     }
     made_->root_mtime = clock_date_of(status.st_mtime);
     owners_.see(status.st_uid, status.st_gid);
-    read_names(opened.fd(), "");
+    read_names(opened->fd(), "");
     owners_.warn(made_);
+    if (options_.large_files_later) {
+      made_->read_later = [opened](const tree_entry& entry, std::string* contents) {
+        return read_again(opened->fd(), entry, contents);
+      };
+    }
   }
 
  private:
@@ -212,8 +257,11 @@ class folder_reader {
       made_->contents_left_out = true;
       return 0;
     }
-    const int error = read_all(fd, size, &entry->contents);
-    entry->size = entry->contents.size();
+    int error = 0;
+    if (!options_.large_files_later || size < large_size) {
+      error = read_all(fd, size, &entry->contents);
+      entry->size = entry->contents.size();
+    }
     taken_ += std::min(entry->size, options_.contents_limit - taken_);
     return error;
   }
@@ -225,6 +273,14 @@ class folder_reader {
 };
 
 }  // namespace
+
+std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
+                        std::string_view* contents) {
+  const bool is_later = from.read_later && entry.contents.empty() && entry.size != 0;
+  std::string fault = is_later ? from.read_later(entry, held) : "";
+  *contents = is_later ? *held : entry.contents;
+  return fault;
+}
 
 bool path_is_before(std::string_view path, std::string_view other) {
   const auto [at, at_other] = std::mismatch(path.begin(), path.end(), other.begin(), other.end());

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,7 +18,7 @@ struct tree_entry {
   bool directory = false;
   uint32_t mode = 0;     // permission bits, 0 to 0777
   uint32_t mtime = 0;    // seconds since 1970
-  std::string contents;  // of a file; empty when the tree leaves contents out
+  std::string contents;  // of a file; empty when the tree leaves contents out, or to be read later
   uint64_t size = 0;     // bytes of a file
 };
 
@@ -32,12 +33,22 @@ struct tree {
   std::vector<tree_problem> errors;    // could not be read, or cannot be in an image
   std::optional<uint32_t> root_mtime;  // of the folder that was read, when there is one
   bool contents_left_out = false;      // they went beyond the limit: sizes still are right
+  // Reads the contents of a file that are still where they come from; empty: there is none. Returns
+  // what is wrong, for a person, or nothing.
+  std::function<std::string(const tree_entry& entry, std::string* contents)> read_later;
 };
 
 struct tree_options {
   // Beyond so many bytes in all, contents are not read, only sizes.
   uint64_t contents_limit = uint64_t{1} << 31;
+  // Contents of large files stay in the folder: see tree::read_later.
+  bool large_files_later = false;
 };
+
+// The contents of a file: the entry's, or, read into `held`, those that are still where they come
+// from. Returns what is wrong, for a person, or nothing.
+[[nodiscard]] std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
+                                      std::string_view* contents);
 
 // Longest path, in bytes, that every operation of the file system takes.
 constexpr size_t tree_path_max = 318;

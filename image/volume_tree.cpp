@@ -1,6 +1,7 @@
 // Reading and writing all files of a mounted file system.
 #include "image/volume_tree.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
 #include <utility>
@@ -18,10 +19,13 @@ constexpr uint32_t permission_bits = 0777;
 constexpr uint32_t mounts_max = 1000;          // of one reading; they take some time each
 constexpr uint32_t bit_of_new_entries = 0400;  // what is made has it, asked for or not
 
+enum class contents_wanted { none, tried, kept };
+
 class volume_reader {
  public:
-  volume_reader(const volume::file_system& from, std::string_view base, bool contents, tree* made)
-      : from_(from), base_(base), contents_(contents), made_(made) {}
+  volume_reader(const volume::file_system& from, std::string_view base, contents_wanted wanted,
+                tree* made)
+      : from_(from), base_(base), wanted_(wanted), made_(made) {}
 
   void read() {
     ppc_stat status;
@@ -86,7 +90,8 @@ class volume_reader {
     entry.mtime = status.modification_date;
     if (!entry.directory) {
       entry.size = status.size;
-      if (contents_ && from_.read_file(full_path, &entry.contents) != 0) {
+      std::string* to = wanted_ == contents_wanted::kept ? &entry.contents : &tried_;
+      if (wanted_ != contents_wanted::none && from_.read_file(full_path, to) != 0) {
         fail(path, errno);
         return;
       }
@@ -97,10 +102,25 @@ class volume_reader {
   const volume::file_system& from_;
   uint32_t mounts_left_ = mounts_max;
   const std::string base_;
-  const bool contents_;
+  const contents_wanted wanted_;
+  std::string tried_;
   tree* made_;
   std::set<uint32_t> entered_;
 };
+
+tree read(const volume::file_system& from, std::string_view path, contents_wanted wanted) {
+  while (path.starts_with('/')) {
+    path.remove_prefix(1);
+  }
+  while (path.ends_with('/')) {
+    path.remove_suffix(1);
+  }
+  tree made;
+  made.contents_left_out = wanted == contents_wanted::none;
+  volume_reader(from, path, wanted, &made).read();
+  sort_tree(&made);
+  return made;
+}
 
 int32_t make_entry(const tree_entry& entry, const volume::files& to) {
   if (entry.directory) {
@@ -128,15 +148,20 @@ std::string make_names(const tree& from, const volume::files& to) {
 std::string write_contents(const tree& from, const volume::files& to, const write_step& step) {
   uint64_t total = 0;
   for (const tree_entry& entry : from.entries) {
-    total += entry.contents.size();
+    total += std::max<uint64_t>(entry.size, entry.contents.size());
   }
   uint64_t done = 0;
+  std::string held;  // one for all: it stays in the processor's cache
   for (const tree_entry& entry : from.entries) {
+    std::string_view contents;
+    if (std::string fault = contents_of(from, entry, &held, &contents); !fault.empty()) {
+      return entry.path + ": " + fault;
+    }
     clock_set(entry.mtime);
-    if (!entry.contents.empty() && to.write_file(entry.path, entry.contents, ifs_open_write) != 0) {
+    if (!contents.empty() && to.write_file(entry.path, contents, ifs_open_write) != 0) {
       return fault_of(entry.path);
     }
-    done += entry.contents.size();
+    done += contents.size();
     if (step && !step(done, total)) {
       return "interrupted";
     }
@@ -156,16 +181,18 @@ std::string date_folders(const tree& from, const volume::files& to) {
 }  // namespace
 
 tree read_volume(const volume::file_system& from, std::string_view path, bool contents) {
-  while (path.starts_with('/')) {
-    path.remove_prefix(1);
-  }
-  while (path.ends_with('/')) {
-    path.remove_suffix(1);
-  }
-  tree made;
-  made.contents_left_out = !contents;
-  volume_reader(from, path, contents, &made).read();
-  sort_tree(&made);
+  return read(from, path, contents ? contents_wanted::kept : contents_wanted::none);
+}
+
+tree try_volume(const volume::file_system& from) {
+  tree made = read(from, "", contents_wanted::tried);
+  made.read_later = [&from](const tree_entry& entry, std::string* contents) -> std::string {
+    // Another file may have marked it down.
+    if (!from.is_ready()) {
+      static_cast<void>(from.check(flashfs_check_quick));
+    }
+    return from.read_file(entry.path, contents) == 0 ? "" : error_text(errno);
+  };
   return made;
 }
 

@@ -19,6 +19,11 @@ namespace image {
 [[nodiscard]] tree read_volume(const volume::file_system& from, std::string_view path = "",
                                bool contents = true);
 
+// All files and folders, as read_volume has them. Each file has been read to see that it can be,
+// but its contents were not kept: tree::read_later reads them again, as long as the file system
+// lives.
+[[nodiscard]] tree try_volume(const volume::file_system& from);
+
 // Told how many of how many bytes are written, now and then; false ends the writing.
 using write_step = std::function<bool(uint64_t done, uint64_t total)>;
 

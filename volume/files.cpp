@@ -1,6 +1,7 @@
 // Open files, listings, walks and whole files through the switch.
 #include "volume/files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <set>
@@ -191,16 +192,24 @@ int32_t files::walk(std::string_view directory, std::vector<entry>* found) const
 }
 
 int32_t files::read_file(std::string_view path, std::string* contents) const {
-  contents->clear();
   file opened = open(path, ifs_open_read);
   if (!opened) {
+    contents->clear();
     return -1;
   }
-  char piece[piece_size];
+  // Straight into the text, as long as it was before: who reads many files into one does not wait
+  // for it to grow.
+  size_t filled = 0;
   int32_t got = 0;
-  while ((got = opened.read(piece, sizeof(piece))) > 0) {
-    contents->append(piece, static_cast<size_t>(got));
-  }
+  do {
+    filled += static_cast<size_t>(got);
+    if (filled == contents->size()) {
+      contents->resize(filled + piece_size);
+    }
+    const size_t room = std::min<size_t>(contents->size() - filled, piece_size);
+    got = opened.read(contents->data() + filled, static_cast<uint32_t>(room));
+  } while (got > 0);
+  contents->resize(filled);
   return opened.close(got);
 }
 

@@ -51,6 +51,7 @@ void run(const cat_options& options, const globals& all, report& out) {
     if (interrupted()) {
       return;
     }
+    opened->keep_ready();
     print_file(*opened, inside_path(given), out);
   }
 }

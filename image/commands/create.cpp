@@ -64,10 +64,11 @@ bool passes_check(mounted* made, report& out) {
   return passed && !made->flash().changed() && !interrupted();
 }
 
-// False after a message, or when a signal has come.
+// Into erased bytes. False after a message, or when a signal has come.
 bool fill(const tree& planned, const geometry& layout, std::span<uint8_t> bytes, report& out) {
   clock_set(newest_date(planned));
   mounted made(bytes, layout);
+  made.flash().is_all_erased();
   if (!made.format()) {
     out.fail(exit_status::failed, "no file system can be made in this geometry");
     return false;
@@ -114,7 +115,10 @@ void run(const create_options& options, const globals& all, report& out) {
   std::optional<tree> planned = tree();
   if (!options.from.empty()) {
     // What is more cannot fit: then sizes are enough for the message.
-    planned = read_source(options.from, sectors_of_blocks(sizes) * sector_data_size, out);
+    planned = read_source(
+        options.from,
+        {.contents_limit = sectors_of_blocks(sizes) * sector_data_size, .large_files_later = true},
+        out);
   }
   if (!planned || interrupted()) {
     return;

@@ -42,6 +42,7 @@ class getter {
       return;
     }
     for (size_t i = 0; i + 1 < options_.words.size() && !interrupted(); ++i) {
+      opened_.keep_ready();
       get(inside_path(options_.words[i]));
     }
   }

@@ -53,6 +53,7 @@ class listing {
       : options_(options), opened_(opened), out_(out) {}
 
   void add(const std::string& path) {
+    opened_.keep_ready();
     ppc_stat status;
     if (status_of(opened_.files(), path, &status) != 0) {
       out_.fail(exit_status::failed, error_text(errno), told_path(path));

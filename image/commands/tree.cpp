@@ -49,7 +49,7 @@ class tree_printer {
     out_.print("\n" + std::to_string(directories_) +
                (directories_ == 1 ? " directory, " : " directories, ") + std::to_string(files_) +
                (files_ == 1 ? " file\n" : " files\n"));
-    out_.result()["path"] = told_path(path);
+    put_text(&out_.result(), "path", told_path(path));
     out_.result()["directories"] = directories_;
     out_.result()["files"] = files_;
     out_.result()["entries"] = entries_;

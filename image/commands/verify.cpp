@@ -67,7 +67,7 @@ class verifier {
   }
 
   void compare(bool strict) {
-    std::optional<tree> source = read_source(options_.against, any_size, out_);
+    std::optional<tree> source = read_source(options_.against, {.contents_limit = any_size}, out_);
     if (!source) {
       return;
     }

@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <initializer_list>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -382,6 +385,39 @@ TEST_F(block_io, a_write_of_a_length_reaches_just_those_bytes) {
   EXPECT_EQ(bytes_at(at_sector, 2056), std::string(2056, '\x11'));
   EXPECT_EQ(bytes_at(at_sector + 2056, 4), "\xFF\xFF\xFF\xFF");
   EXPECT_EQ(device().counts().writes, 2U);
+}
+
+TEST_F(block_io, an_update_programs_just_the_words_that_differ_and_neighbours_in_one_call) {
+  std::minstd_rand random(1);
+  uint8_t* const on_flash = device().bytes() + 0x20000 + sizeof(flashfs_blkheader);
+  for (uint32_t round = 0; round < 300; round++) {
+    std::array<uint8_t, sizeof(flashfs_sector)> held = {};
+    std::array<uint8_t, sizeof(flashfs_sector)> wanted = {};
+    uint32_t words = 0;
+    uint32_t runs = 0;
+    bool differed = false;
+    for (size_t i = 0; i < held.size(); i += 2) {
+      // Runs of all lengths; a word differs in its first byte, its second, or both.
+      const bool differs = random() % (2 + round % 40) == 0 ? !differed : differed;
+      const uint32_t which = 1 + static_cast<uint32_t>(random()) % 3;
+      for (size_t j = 0; j < 2; j++) {
+        held[i + j] = static_cast<uint8_t>(random() | 1);
+        wanted[i + j] = static_cast<uint8_t>(
+            differs && (which >> j & 1) != 0 ? held[i + j] & random() & 0xFE : held[i + j]);
+      }
+      words += differs ? 1 : 0;
+      runs += differs && !differed ? 1 : 0;
+      differed = differs;
+    }
+    std::copy(held.begin(), held.end(), on_flash);
+    device().clear_counts();
+    ASSERT_EQ(update_sector(fs(), {1, 0}, reinterpret_cast<const flashfs_sector*>(held.data()),
+                            reinterpret_cast<const flashfs_sector*>(wanted.data())),
+              0);
+    ASSERT_TRUE(std::equal(wanted.begin(), wanted.end(), on_flash)) << round;
+    ASSERT_EQ(device().counts().words_programmed, words) << round;
+    ASSERT_EQ(device().counts().writes, runs) << round;
+  }
 }
 
 TEST_F(block_io, sector_62_is_the_last_one_of_a_128_kib_block) {

@@ -58,7 +58,8 @@ program_result chassis_command::shell(const std::string& line) const {
   environment["tool"] = emulator() + " " + program_;
   return run_program({.path = "/bin/sh",
                       .arguments = {"-c", "cd '" + file("") + "'; " + line},
-                      .environment = environment});
+                      .environment = environment,
+                      .is_of_the_host = true});
 }
 
 }  // namespace test_support

@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <set>
 
 #include "image/commands/all_commands.h"
 #include "tests/image/image_command.h"
+#include "tests/image/json_schema.h"
 #include "tests/support/golden.h"
 #include "tests/support/image_builder.h"
 
@@ -117,6 +119,35 @@ TEST_F(documents, are_had_of_every_command) {
     EXPECT_TRUE(good.contains(one.name)) << one.name;
     EXPECT_TRUE(bad.contains(one.name)) << one.name;
   }
+}
+
+TEST_F(documents, have_results_that_the_schema_describes) {
+  using test_support::schema_fault;
+  const auto document = [](const std::string& command, int status, const char* result) {
+    return nlohmann::ordered_json{{"schema", "flashfs-image/1"},
+                                  {"command", command},
+                                  {"status", status},
+                                  {"result", nlohmann::ordered_json::parse(result)},
+                                  {"findings", nlohmann::ordered_json::array()}};
+  };
+  const nlohmann::ordered_json& schema = test_support::published_schema();
+  for (const image::command& one : image::all_commands()) {
+    EXPECT_EQ(schema_fault(schema, document(one.name, 8, "{}")), "") << one.name;
+    EXPECT_EQ(schema_fault(schema, document(one.name, 8, R"({"else": 1})")),
+              "document.result: must not have else")
+        << one.name;
+  }
+  EXPECT_EQ(schema_fault(schema, document("ls", 0, "{}")), "document.result: lacks entries");
+  EXPECT_EQ(schema_fault(schema, document("ls", 0, R"({"entries": [{"id": 2, "type": "file"}]})")),
+            "document.result.entries[0]: lacks path");
+  EXPECT_EQ(schema_fault(schema, document("put", 0, R"({"written": 1})")),
+            R"(document.result.written: is not of type ["string","null"])");
+  EXPECT_EQ(schema_fault(schema, document("diff", 1,
+                                          R"({"differences": [{"path": "/a", "sign": "?",
+                                              "in": ""}], "equal": false})")),
+            "document.result.differences[0]: fits none of what it may be");
+  EXPECT_EQ(schema_fault(schema, document("dump", 0, R"({"hex": "00"})")),
+            "document.result: fits none of what it may be");
 }
 
 TEST_F(documents, fit_the_schema_and_say_the_same) {

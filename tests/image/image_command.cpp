@@ -10,8 +10,6 @@
 
 namespace test_support {
 
-namespace {
-
 using json = nlohmann::ordered_json;
 
 const json& published_schema() {
@@ -19,8 +17,6 @@ const json& published_schema() {
       json::parse(read_whole_file(TESTS_FOLDER "/../docs/flashfs-image.schema.json"));
   return schema;
 }
-
-}  // namespace
 
 image_command::image_command() {
   environment_["SOURCE_DATE_EPOCH"] = "1700000000";

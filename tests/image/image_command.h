@@ -47,6 +47,9 @@ class image_command : public testing::Test {
   temporary_folder folder_;
 };
 
+// The form of the documents, as docs/ has it.
+const nlohmann::ordered_json& published_schema();
+
 // The stored images' names.
 std::vector<std::string> stored_images();
 

@@ -32,6 +32,12 @@ class judge {
         std::find(schema["enum"].begin(), schema["enum"].end(), value) == schema["enum"].end()) {
       return place + ": " + value.dump() + " is not one of " + schema["enum"].dump();
     }
+    if (schema.contains("const") && value != schema["const"]) {
+      return place + ": " + value.dump() + " is not " + schema["const"].dump();
+    }
+    if (std::string found = fault_of_parts(schema, value, place); !found.empty()) {
+      return found;
+    }
     if (value.is_object()) {
       return fault_of_object(schema, value, place);
     }
@@ -58,6 +64,25 @@ class judge {
     }
     return std::any_of(types.begin(), types.end(),
                        [&](const json& type) { return is_of_type(value, type); });
+  }
+
+  // The schemas of which this one is made: all, any, and one under a condition.
+  std::string fault_of_parts(const json& schema, const json& value,
+                             const std::string& place) const {
+    for (const json& part : schema.value("allOf", json::array())) {
+      if (std::string found = fault(part, value, place); !found.empty()) {
+        return found;
+      }
+    }
+    const json choices = schema.value("anyOf", json::array());
+    if (!choices.empty() && std::none_of(choices.begin(), choices.end(), [&](const json& one) {
+          return fault(one, value, place).empty();
+        })) {
+      return place + ": fits none of what it may be";
+    }
+    return schema.contains("if") && fault(schema["if"], value, place).empty()
+               ? fault(schema["then"], value, place)
+               : "";
   }
 
   std::string fault_of_object(const json& schema, const json& value,

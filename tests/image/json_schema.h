@@ -1,5 +1,6 @@
-// Holds a JSON document against a schema, as far as ours go: type, enum, required, properties,
-// additionalProperties (false), items, $defs and $ref into them.
+// Holds a JSON document against a schema, as far as ours go: type, enum, const, required,
+// properties, additionalProperties (false), items, allOf, anyOf, if with then, $defs and $ref into
+// them (alone).
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -44,7 +44,7 @@ TEST_F(listing_reads, are_those_of_the_mount_and_the_list) {
 // Which block sizes it has is known from one header, not from a search. What may not be looked at
 // is not there at all.
 TEST_F(listing_reads, are_not_those_of_a_search_for_the_geometry) {
-  const size_t size = image::size_bytes(image::default_geometry());
+  const auto size = static_cast<size_t>(image::size_bytes(image::default_geometry()));
   void* const mapped =
       mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(mapped, MAP_FAILED);

@@ -50,6 +50,32 @@ TEST_F(memory_flash, what_is_programmed_as_it_was_is_no_change) {
   EXPECT_FALSE(flash_.changed());
 }
 
+TEST_F(memory_flash, clears_bits_of_any_length_anywhere) {
+  for (uint32_t length = 1; length < 100; ++length) {
+    std::fill(bytes_.begin(), bytes_.end(), uint8_t{0xF3});
+    const std::vector<uint8_t> wanted(length, 0x3F);
+    EXPECT_EQ(driver_->write(flash_.handle(), length, length, wanted.data()), flash_ok);
+    std::vector<uint8_t> expected(bytes_.size(), 0xF3);
+    std::fill_n(expected.begin() + length, length, uint8_t{0x33});
+    EXPECT_EQ(bytes_, expected) << length;
+  }
+}
+
+TEST_F(memory_flash, a_block_known_to_be_erased_is_erased_again_once_it_was_programmed) {
+  flash_.is_all_erased();
+  const uint8_t zeros[4] = {};
+  for (int times = 0; times < 2; ++times) {
+    // The last bytes of a block and the first of the next one.
+    EXPECT_EQ(driver_->write(flash_.handle(), 2 * block_size - 2, 4, zeros), flash_ok);
+    EXPECT_EQ(driver_->erase(flash_.handle(), block_size), flash_ok);
+    EXPECT_EQ(driver_->erase(flash_.handle(), 2 * block_size), flash_ok);
+    EXPECT_EQ(bytes_, std::vector<uint8_t>(4 * block_size, 0xFF));
+    EXPECT_EQ(flash_.erased_blocks(), (std::set<uint32_t>{1, 2}));
+  }
+  EXPECT_EQ(driver_->erase(flash_.handle(), 1), flash_illegal_operation);
+  EXPECT_EQ(driver_->erase(flash_.handle(), 4 * block_size), flash_illegal_operation);
+}
+
 TEST_F(memory_flash, has_its_bytes_from_a_source_when_they_are_looked_at) {
   std::vector<std::pair<uint32_t, size_t>> asked;
   flash_.fill_from([&](uint32_t offset, std::span<uint8_t> to) {

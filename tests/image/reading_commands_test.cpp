@@ -111,6 +111,31 @@ TEST_F(reading_commands, files_that_cannot_be_printed_are_told_and_the_others_pr
   EXPECT_EQ(document["findings"][0]["path"], "/gone");
 }
 
+TEST_F(reading_commands, a_damaged_file_keeps_no_other_from_being_read) {
+  std::string bytes(4 * block_size, '\xFF');
+  test_support::image_builder builder(reinterpret_cast<uint8_t*>(bytes.data()), 4, block_size);
+  builder.headers(0);
+  builder.slot(1, 0, 31, {.entry_fileid = 1, .mode = 0x4600, .name = ""});
+  builder.slot(1, 0, 30, {.seq_no = 1, .entry_fileid = 2, .name = "bad"});
+  builder.slot(1, 0, 29, {.seq_no = 2, .entry_fileid = 3, .name = "good"});
+  builder.data_sector(1, 1, 2, 0, "damaged");
+  builder.data_sector(1, 2, 3, 0, "contents");
+  bytes[bytes.find("damaged")] = 'D';
+  write_whole_file(file("one.img"), bytes);
+  std::filesystem::create_directory(file("out"));
+
+  EXPECT_EQ(output_of({"cat", "one.img", "/bad", "/good", "/bad", "/good"}, 8), "contentscontents");
+  EXPECT_EQ(output_of({"get", "one.img", "/bad", "/good", "out"}, 8), "");
+  EXPECT_EQ(contents("out/good"), "contents");
+  EXPECT_FALSE(std::filesystem::exists(file("out/bad")));
+  const json findings = document_of({"cat", "one.img", "/bad", "/good"}, 8)["findings"];
+  ASSERT_EQ(findings.size(), 1U);
+  EXPECT_EQ(findings[0]["path"], "/bad");
+  EXPECT_EQ(output_of({"extract", "one.img", "-C", "most", "--keep-going"}, 2), "");
+  EXPECT_EQ(contents("most/good"), "contents");
+  EXPECT_FALSE(std::filesystem::exists(file("most/bad")));
+}
+
 TEST_F(reading_commands, files_are_copied_out) {
   store("basic");
   output_of({"get", "basic.img", "/readme.txt", "copy"});

@@ -122,7 +122,8 @@ TEST_F(safety, a_signal_ends_a_wait_with_a_document) {
       {.path = "/bin/sh",
        .arguments = {"-c", "(sleep 1; kill -INT $$) & exec " + emulator() +
                                " '" FLASHFS_IMAGE_PROGRAM "' --json ls '" + file("basic.img") +
-                               "'"}});
+                               "'"},
+       .is_of_the_host = true});
   close(writer);
   EXPECT_EQ(result.status, 32) << result.err;
   const json document = json::parse(result.out, nullptr, false);
@@ -134,7 +135,8 @@ TEST_F(safety, an_answer_that_cannot_be_printed_is_a_failure) {
   const test_support::program_result result = test_support::run_program(
       {.path = "/bin/sh",
        .arguments = {"-c", "exec " + emulator() + " '" FLASHFS_IMAGE_PROGRAM "' ls '" +
-                               file("basic.img") + "' >/dev/full"}});
+                               file("basic.img") + "' >/dev/full"},
+       .is_of_the_host = true});
   EXPECT_EQ(result.status, 8);
   EXPECT_NE(result.err.find("standard output"), std::string::npos) << result.err;
 }
@@ -151,10 +153,13 @@ TEST_F(safety, command_lines_that_are_wrong_are_told) {
                                                      {"--json", "ls"},
                                                      {"--lock-timeout", "x", "ls", "basic.img"},
                                                      {"check", "--quick", "--full", "basic.img"},
-                                                     {"--version"},
                                                  }));
   const json document = document_of({"nothing"}, 16);
   EXPECT_EQ(document["findings"][0]["code"], "usage");
+}
+
+TEST_F(safety, the_version_is_the_project_s) {
+  EXPECT_EQ(output_of({"--version"}), "flashfs-image " ZANTROLUME_VERSION "\n");
 }
 
 TEST_F(safety, every_command_explains_itself_with_an_example) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -161,6 +162,39 @@ TEST(tree_of_a_folder, tells_the_size_of_what_is_too_much_to_read) {
   EXPECT_EQ(made.entries[0].size, 5U);
   EXPECT_EQ(made.entries[1].size, uint64_t{1} << 40);
   EXPECT_TRUE(made.entries[1].contents.empty());
+}
+
+TEST(tree_of_a_folder, reads_large_files_later_where_they_still_are) {
+  const temporary_folder folder;
+  const std::string large(20000, 'l');
+  std::filesystem::create_directories(folder.file("a/b"));
+  write_whole_file(folder.file("a/b/large"), large);
+  write_whole_file(folder.file("small"), "small");
+  const image::tree made = image::read_folder(folder.path(), {.large_files_later = true});
+  ASSERT_EQ(made.entries.size(), 4U);
+  const image::tree_entry& later = made.entries[2];
+  EXPECT_EQ(later.path, "a/b/large");
+  EXPECT_EQ(later.size, large.size());
+  EXPECT_EQ(later.contents, "");
+  EXPECT_EQ(made.entries[3].contents, "small");
+
+  std::string held;
+  std::string_view contents;
+  EXPECT_EQ(contents_of(made, made.entries[3], &held, &contents), "");
+  EXPECT_EQ(contents, "small");
+  EXPECT_EQ(contents_of(made, later, &held, &contents), "");
+  EXPECT_EQ(contents, large);
+
+  // What others do meanwhile is noticed, or told as what it is.
+  write_whole_file(folder.file("a/b/large"), large + "r");
+  EXPECT_EQ(contents_of(made, later, &held, &contents), "has changed its size meanwhile");
+  std::filesystem::remove(folder.file("a/b/large"));
+  EXPECT_EQ(contents_of(made, later, &held, &contents), "No such file or directory");
+  std::filesystem::create_directory(folder.file("a/b/large"));
+  EXPECT_EQ(contents_of(made, later, &held, &contents), "Device or resource busy");
+  std::filesystem::rename(folder.file("a/b"), folder.file("elsewhere"));
+  std::filesystem::create_directory_symlink("../elsewhere", folder.file("a/b"));
+  EXPECT_EQ(contents_of(made, later, &held, &contents), "Not a directory");
 }
 
 TEST(owners, are_told_once_when_there_are_several) {

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,7 +28,9 @@ constexpr useconds_t poll_microseconds = 1000;
 std::vector<std::string> command_of(const program_call& call) {
   std::vector<std::string> command;
 #ifdef ZANTROLUME_EMULATOR
-  command.push_back(ZANTROLUME_EMULATOR);
+  if (!call.is_of_the_host) {
+    command.push_back(ZANTROLUME_EMULATOR);
+  }
 #endif
   command.push_back(call.path);
   command.insert(command.end(), call.arguments.begin(), call.arguments.end());
@@ -44,22 +47,50 @@ std::string contents_of(std::FILE* file) {
   return contents;
 }
 
-[[noreturn]] void become_program(const program_call& call, char* const* arguments, int out,
-                                 int err) {
+// The test's own environment with the call's words in it.
+std::vector<std::string> environment_of(const program_call& call) {
+  std::vector<std::string> words;
   for (const auto& [name, value] : call.environment) {
-    setenv(name.c_str(), value.c_str(), 1);
+    words.push_back(name + "=" + value);
   }
-  const int input = open("/dev/null", O_RDONLY);
-  const bool ready = input >= 0 && dup2(input, STDIN_FILENO) >= 0 &&
-                     dup2(out, STDOUT_FILENO) >= 0 && dup2(err, STDERR_FILENO) >= 0 &&
-                     (call.folder.empty() || chdir(call.folder.c_str()) == 0);
-  if (ready) {
-    close(input);
-    close(out);
-    close(err);
-    execvp(arguments[0], arguments);
+  for (char** word = environ; *word != nullptr; ++word) {
+    const std::string own = *word;
+    if (!call.environment.contains(own.substr(0, own.find('=')))) {
+      words.push_back(own);
+    }
   }
-  _exit(not_started);
+  return words;
+}
+
+std::vector<char*> pointers_to(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  for (std::string& word : words) {
+    pointers.push_back(word.data());
+  }
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+// Begins the program; 0 when that cannot be. Not by fork: a test may hold whole flashes, and the
+// tables of its memory would be copied for each program.
+pid_t begin_program(const program_call& call, int out, int err) {
+  std::vector<std::string> command = command_of(call);
+  std::vector<std::string> environment = environment_of(call);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, err, STDERR_FILENO);
+  posix_spawn_file_actions_addclose(&actions, out);
+  posix_spawn_file_actions_addclose(&actions, err);
+  if (!call.folder.empty()) {
+    posix_spawn_file_actions_addchdir_np(&actions, call.folder.c_str());
+  }
+  pid_t child = 0;
+  const int failed = posix_spawnp(&child, command[0].c_str(), &actions, nullptr,
+                                  pointers_to(command).data(), pointers_to(environment).data());
+  posix_spawn_file_actions_destroy(&actions);
+  return failed == 0 ? child : 0;
 }
 
 int status_of(int waited) {
@@ -90,18 +121,8 @@ program_result run_program(const program_call& call) {
   std::FILE* out = std::tmpfile();
   std::FILE* err = std::tmpfile();
   if (out != nullptr && err != nullptr) {
-    std::vector<std::string> command = command_of(call);
-    std::vector<char*> arguments;
-    for (std::string& word : command) {
-      arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    // What is still buffered would be written by both processes.
-    std::fflush(nullptr);
-    const pid_t child = fork();
-    if (child == 0) {
-      become_program(call, arguments.data(), fileno(out), fileno(err));
-    }
+    const pid_t child = begin_program(call, fileno(out), fileno(err));
+    result.status = not_started;
     if (child > 0) {
       await(child, call.timeout_seconds, &result);
       result.out = contents_of(out);

@@ -17,10 +17,11 @@ struct program_result {
 
 struct program_call {
   std::string path;
-  std::vector<std::string> arguments;              // without the program's name
-  std::map<std::string, std::string> environment;  // added to the test's own
-  std::string folder;                              // working folder; empty: the test's own
+  std::vector<std::string> arguments = {};              // without the program's name
+  std::map<std::string, std::string> environment = {};  // added to the test's own
+  std::string folder = {};                              // working folder; empty: the test's own
   int timeout_seconds = 120;
+  bool is_of_the_host = false;  // a shell, say: never run by the emulator
 };
 
 program_result run_program(const program_call& call);
