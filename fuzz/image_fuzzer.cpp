@@ -175,7 +175,8 @@ class image_under_attack {
     require(is_status_of_work(done.status) && nlohmann::json::accept(done.out),
             "the document of" + text_of(words));
     if (done.status == 8) {
-      require(done.out.find("there is no room") != std::string::npos, "a rescue refuses");
+      require(done.out.find("there is no room") != std::string::npos,
+              "a rescue refuses:" + text_of(words) + "\n" + done.out);
       return;
     }
     require(run({"rescue", "--plan"}, {path("rescued")}) == 0, "a rescue does not last");
