@@ -164,13 +164,19 @@ class image_under_attack {
             "a repaired image is not whole");
   }
 
-  // There may be no room for it (status 8). What comes of it has nothing left to mend.
+  // There may be no room for it, but that is all. What comes of it has nothing left to mend.
   void rescue() {
-    std::vector<std::string> words = {"rescue", "-o", path("rescued")};
+    std::vector<std::string> words = {"--json", "--geometry",    made_.geometry, "rescue",
+                                      "-o",     path("rescued"), path("damaged")};
     if (input_.below(2) == 0) {
       words.emplace_back("--deleted");
     }
-    if (run(words, {path("damaged")}) >= 8) {
+    const image_run done = run_image_command(words);
+    require(is_status_of_work(done.status) && nlohmann::json::accept(done.out),
+            "the document of" + text_of(words));
+    if (done.status == 8) {
+      require(done.out.find("there is no room") != std::string::npos,
+              "a rescue refuses:" + text_of(words) + "\n" + done.out);
       return;
     }
     require(run({"rescue", "--plan"}, {path("rescued")}) == 0, "a rescue does not last");

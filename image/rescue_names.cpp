@@ -332,20 +332,22 @@ class name_judge {
     const uint16_t directory = lost_and_found_id();
     char name[sizeof("65535")];
     snprintf(name, sizeof(name), "%05u", static_cast<unsigned>(id));
-    if (directory == 0 || names_.find_name(directory, name) != 0) {
+    if (names_.find_name(directory, name) != 0) {
       return;
     }
     const flashfs_dir_slot slot = made_slot(directory, id, lost_[id], name);
-    note("orphan-relinked", certainty::proved, nullptr, slot, "name it in /lost+found",
+    note("orphan-relinked", certainty::proved, nullptr, slot,
+         directory == fileid_root ? "name it in the root, for want of /lost+found"
+                                  : "name it in /lost+found",
          "nothing that is left names it");
     write(slot);
   }
 
-  // Made if need be; 0 when a file has its name or no id is left.
+  // Made if need be; the root when a file has its name or no id is left.
   uint16_t lost_and_found_id() {
     const uint16_t existing = names_.find_name(fileid_root, lost_and_found);
     if (existing != 0) {
-      return names_.is_directory(existing) ? existing : uint16_t{0};
+      return names_.is_directory(existing) ? existing : fileid_root;
     }
     for (uint32_t id = fileid_first; id <= fileid_last; id++) {
       const auto fileid = static_cast<uint16_t>(id);
@@ -355,7 +357,7 @@ class name_judge {
         return fileid;
       }
     }
-    return 0;
+    return fileid_root;
   }
 
   // Directories that hold each other in a circle are reached from nowhere: the one with the lowest

@@ -138,7 +138,10 @@ class rescuer {
       }
     }
     if (left_out != 0) {
-      say("  (" + std::to_string(left_out) + " more; -v shows them)");
+      say("  (" +
+          (left_out == plan_.decisions.size() ? count_text(left_out, "decision", "decisions")
+                                              : std::to_string(left_out) + " more") +
+          "; -v shows " + (left_out == 1 ? "it" : "them") + ")");
     }
     const auto erases =
         static_cast<size_t>(std::count_if(plan_.steps.begin(), plan_.steps.end(),

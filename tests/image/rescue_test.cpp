@@ -478,4 +478,12 @@ TEST_F(rescue, records_by_chance_are_mended_to_what_the_check_takes) {
   }
 }
 
+TEST_F(rescue, orphans_stand_in_the_root_when_a_file_has_the_name_of_their_directory) {
+  flash.name(28, 9, "lost+found", 3);
+  flash.name(27, 10, "inside", 0, 1800000000, 8);
+  flash.data(3, 0, 10, 0, "contents");
+  flash.rescue();
+  EXPECT_EQ("contents", flash.files().at("00008/inside"));
+}
+
 }  // namespace
