@@ -10,7 +10,7 @@ namespace {
 
 struct node_address {
   const char* path;
-  off_t offset;  // of the window in the device
+  uint32_t offset;  // of the window in the device
 };
 
 constexpr node_address node_addresses[node_count] = {
@@ -81,7 +81,7 @@ int chassis::lock(int fd, bool wait) {
   return lock_ && node >= 0 && node < node_count ? lock_(node, wait) : 0;
 }
 
-window_base chassis::map(int fd, size_t length, off_t offset) {
+window_base chassis::map(int fd, size_t length, uint32_t offset) {
   const auto failed = reinterpret_cast<window_base>(UINTPTR_MAX);
   if (map_error_ != 0) {
     errno = map_error_;

@@ -119,7 +119,7 @@ class chassis {
 
   [[nodiscard]] int open(const char* path);
   [[nodiscard]] int lock(int fd, bool wait);
-  [[nodiscard]] window_base map(int fd, size_t length, off_t offset);
+  [[nodiscard]] window_base map(int fd, size_t length, uint32_t offset);
   [[nodiscard]] int unmap(window_base base, size_t length);
   // Windows mapped and not unmapped.
   int mapped() const {

@@ -23,7 +23,7 @@ int window_lock(int fd, bool wait) {
   return sim::chassis_in_use().lock(fd, wait);
 }
 
-window_base window_map(int fd, size_t length, off_t offset) {
+window_base window_map(int fd, size_t length, uint32_t offset) {
   return sim::chassis_in_use().map(fd, length, offset);
 }
 

@@ -30,7 +30,7 @@ int window_lock(int fd, bool wait) {
   return result != 0 && errno == EWOULDBLOCK ? 1 : 0;
 }
 
-window_base window_map(int fd, size_t length, off_t offset) {
+window_base window_map(int fd, size_t length, uint32_t offset) {
   return mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, offset);
 }
 

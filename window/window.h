@@ -19,7 +19,7 @@ using window_base = volatile void*;
 [[nodiscard]] int window_lock(int fd, bool wait);
 // Maps `length` bytes of the device at `offset`, readable and writable, shared. Returns the base,
 // or the failure value of mmap (all bits set) with errno.
-[[nodiscard]] window_base window_map(int fd, size_t length, off_t offset);
+[[nodiscard]] window_base window_map(int fd, size_t length, uint32_t offset);
 // Returns 0, or -1 with errno.
 [[nodiscard]] int window_unmap(window_base base, size_t length);
 

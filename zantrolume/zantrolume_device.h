@@ -13,7 +13,7 @@ constexpr uint32_t zantrolume_ppc_count = 6;
 // One CPLD with the complexes that it guards.
 struct cpld_node {
   const char* path;
-  off_t window_offset;
+  uint32_t window_offset;  // bytes into the device
   int32_t first_ppc;
 };
 
