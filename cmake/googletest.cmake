@@ -47,12 +47,13 @@ function(program_options target)
   endif()
 endfunction()
 
-# test_program(TARGET [LONG] SHARDS number [HEADERS target] SOURCES ... USES libraries ...): a program
-# of GoogleTest tests; its precompiled headers are those of test_headers or of another target. It runs whole, in so many processes side by side: a process for each test took most of the
+# test_program(TARGET [LONG] SHARDS number [HEADERS target] [RARE tests] SOURCES ... USES libraries ...):
+# a program of GoogleTest tests; its precompiled headers are those of test_headers or of another target.
+# The RARE ones, a filter, run as a test of their own, which scripts/test wants --all for. It runs whole, in so many processes side by side: a process for each test took most of the
 # time that the suite ran, under emulation above all. scripts/test --quick leaves out the LONG ones,
 # which compute so much that natively they are optimised themselves.
 function(test_program target)
-  cmake_parse_arguments(arg "LONG" "SHARDS;HEADERS" "SOURCES;USES" ${ARGN})
+  cmake_parse_arguments(arg "LONG" "SHARDS;HEADERS;RARE" "SOURCES;USES" ${ARGN})
   add_executable(${target} ${arg_SOURCES})
   set(environment GTEST_COLOR=no)
   if(arg_LONG AND (NOT CMAKE_CROSSCOMPILING OR target STREQUAL "model_tests"))
@@ -65,8 +66,20 @@ function(test_program target)
       set(arg_HEADERS test_headers)
     endif()
     target_precompile_headers(${target} REUSE_FROM ${arg_HEADERS})
+    if(arg_HEADERS STREQUAL "image_test_headers")
+      # Whole flashes that are kept when they are given back would be most of its memory.
+      list(APPEND environment ASAN_OPTIONS=quarantine_size_mb=8:malloc_context_size=4)
+    endif()
   endif()
   program_options(${target})
+  if(arg_RARE)
+    add_test(NAME ${target}.rare COMMAND ${target})
+    set_tests_properties(${target}.rare PROPERTIES
+      TIMEOUT 1800
+      LABELS rare
+      ENVIRONMENT "GTEST_FILTER=${arg_RARE};${environment}")
+    list(APPEND environment "GTEST_FILTER=-${arg_RARE}")
+  endif()
   math(EXPR last "${arg_SHARDS} - 1")
   foreach(shard RANGE ${last})
     math(EXPR number "${shard} + 1")

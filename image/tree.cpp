@@ -314,7 +314,7 @@ std::string name_fault(std::string_view name) {
   }
   const int illegal = filename_illegal_char(text.c_str());
   if (illegal > ' ' && illegal < 0x7F) {
-    return std::string("the name holds the character ") + static_cast<char>(illegal);
+    return "the name holds the character " + std::string(1, static_cast<char>(illegal));
   }
   return illegal == 0 ? "" : "the name holds the byte " + hex_byte(illegal);
 }

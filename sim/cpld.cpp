@@ -56,11 +56,13 @@ void cpld::trace(uint32_t offset, uint8_t width, bool is_write, uint32_t value) 
 }
 
 void cpld::update_plain() {
+  watches_pages_ = false;
   for (int index = 0; index < flashes_per_node; ++index) {
     bay& one = bays_[index];
     const bool plain =
         one.flash.touched() && one.state == command_state::idle && !one.busy && !tracing_;
     plain_[index] = plain ? one.flash.bytes() : nullptr;
+    watches_pages_ = watches_pages_ || one.busy || one.pages_until_never != 0;
   }
 }
 
@@ -99,7 +101,9 @@ void cpld::store32(uint32_t offset, uint32_t value) {
     count_wrong_access(offset, 32, true);
     return;
   }
-  trace(offset, 32, true, value);
+  if (tracing_) {
+    trace(offset, 32, true, value);
+  }
   write_page(value);
 }
 
@@ -144,6 +148,7 @@ void cpld::store16(uint32_t offset, uint16_t value) {
   }
   target.low_left = target.ready_low;
   target.busy = target.ready_low != 0 || target.ready_never;
+  watches_pages_ = watches_pages_ || target.busy;
   const bool plain = target.state == command_state::idle && !target.busy && !tracing_;
   plain_[index] = plain && target.flash.touched() ? target.flash.bytes() : nullptr;
 }
@@ -244,13 +249,19 @@ void cpld::write_page(uint32_t value) {
     return;
   }
   deviations_.bad_page += value > last_page ? 1 : 0;
+  if (watches_pages_) {
+    meet_page_write();
+  }
+  page_ = value & last_page;
+}
+
+void cpld::meet_page_write() {
   for (bay& one : bays_) {
     deviations_.while_busy += one.busy ? 1 : 0;
     if (one.pages_until_never != 0 && --one.pages_until_never == 0) {
       one.ready_never = true;
     }
   }
-  page_ = value & last_page;
 }
 
 deviation_counts cpld::deviations() const {
@@ -292,6 +303,7 @@ void cpld::set_ready_never(int index, uint64_t after_cycles) {
 
 void cpld::set_ready_never_after_pages(int index, uint64_t pages) {
   bays_[index].pages_until_never = pages;
+  watches_pages_ = true;
 }
 
 void cpld::set_ready_low(int index, uint32_t status_reads) {

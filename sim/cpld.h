@@ -95,6 +95,7 @@ class cpld {
   uint32_t read_run_state();
   uint32_t read_status();
   void write_page(uint32_t value);
+  void meet_page_write();
   void count_wrong_access(uint32_t offset, uint32_t width, bool is_write);
   void write_data(bay& target, uint32_t offset, uint16_t value);
   command_state state_after(const bay& target, uint32_t offset, uint16_t value) const;
@@ -104,6 +105,9 @@ class cpld {
   // Memory of a flash while a read of its data window needs nothing but the word, else null: not
   // touched yet, in a command sequence, busy, dead, or traced.
   const uint8_t* plain_[flashes_per_node] = {};
+  // Whether a write of the page register may have to be looked at by a flash: one is busy, or
+  // counts them. There is one for each word that is read.
+  bool watches_pages_ = false;
   uint32_t page_ = 0;
   uint32_t waiting_reads_ = 0;  // status reads in a row, with nothing else between, not all ready
   bool tracing_ = false;

@@ -5,6 +5,8 @@
 #include <map>
 #include <sstream>
 
+#include "tests/support/stored_image.h"
+
 namespace test_support {
 
 chassis_command::chassis_command() {
@@ -16,6 +18,10 @@ chassis_command::chassis_command() {
 
 void chassis_command::set_chassis(const std::string& text) const {
   write_whole_file(file("chassis/chassis.txt"), "clock 1800000000\n" + text);
+}
+
+void chassis_command::set_stored_flash(const std::string& name) const {
+  unpack_stored_image(name, file("chassis/ppc4.flash"));
 }
 
 void chassis_command::set_flash(const std::string& bytes) const {

@@ -19,6 +19,7 @@ class chassis_command : public image_command {
   // Lines of chassis.txt.
   void set_chassis(const std::string& text) const;
   void set_flash(const std::string& bytes) const;
+  void set_stored_flash(const std::string& name) const;
   std::string flash() const;
   // The number behind a word of the chassis's report.
   uint64_t reported(const std::string& word) const;

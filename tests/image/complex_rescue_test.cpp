@@ -6,13 +6,11 @@
 #include <filesystem>
 
 #include "tests/image/chassis_command.h"
-#include "tests/support/stored_image.h"
 
 namespace {
 
 using json = nlohmann::ordered_json;
 using test_support::program_result;
-using test_support::read_stored_image;
 using test_support::write_whole_file;
 using words = std::vector<std::string>;
 
@@ -49,7 +47,7 @@ class complex_rescue : public test_support::chassis_command {
 
 TEST_F(complex_rescue, a_flash_that_never_mounts_again_is_mended_and_saved_before) {
   store("basic");
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   write_whole_file(file("new"), "contents");
   cut({"put", "new", "/new"}, "during 1");
   const std::string left = flash();
@@ -72,7 +70,7 @@ TEST_F(complex_rescue, a_flash_that_never_mounts_again_is_mended_and_saved_befor
 
 TEST_F(complex_rescue, a_file_that_the_next_listing_would_drop_is_kept) {
   store("basic");
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   cut({"truncate", "-s", "3000", "/config/startup.cfg"}, "during 100");
   const json check = document_of({"--ppc", "4", "check", "--quick"}, 4);
   const json& told = check["findings"];

@@ -56,7 +56,7 @@ json without_name(json document) {
 TEST_F(complex, is_read_as_a_file_with_the_same_bytes) {
   for (const std::string name : {"gap_in_file"}) {
     store(name);
-    set_flash(read_stored_image(name));
+    set_stored_flash(name);
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
              {"ls", "-lR"}, {"check"}, {"info"}, {"dump"}, {"wear"}, {"--full", "tree"}}) {
       std::vector<std::string> of_file = words;
@@ -74,7 +74,7 @@ TEST_F(complex, is_read_as_a_file_with_the_same_bytes) {
 }
 
 TEST_F(complex, tells_before_it_happens_what_the_next_listing_drops) {
-  set_flash(read_stored_image("gap_in_file"));
+  set_stored_flash("gap_in_file");
   const json document = document_of({"check", "--quick", "--ppc", "4"}, 4);
   std::set<std::string> dropped;
   for (const json& one : document["findings"]) {
@@ -91,7 +91,7 @@ TEST_F(complex, tells_before_it_happens_what_the_next_listing_drops) {
 }
 
 TEST_F(complex, a_listing_reads_no_more_than_it_looks_at) {
-  set_flash(read_stored_image("many"));
+  set_stored_flash("many");
   set_chassis("report\n");
   output_of({"--ppc", "4", "ls"});
   EXPECT_LT(reported("words_read"), flash_size / 2 / 4);
@@ -101,7 +101,7 @@ TEST_F(complex, a_listing_reads_no_more_than_it_looks_at) {
 }
 
 TEST_F(complex, is_read_into_a_file) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   const json document = document_of({"--ppc", "4", "read", "dump.flash"}, 0);
   EXPECT_EQ(document["result"]["size"], flash_size);
   EXPECT_EQ(contents("dump.flash"), flash());
@@ -161,7 +161,7 @@ TEST_F(complex, a_write_that_was_cut_goes_on_when_it_is_run_again) {
 }
 
 TEST_F(complex, a_write_needs_a_whole_flash) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   write_whole_file(file("short"), "short");
   EXPECT_EQ(run({"--ppc", "4", "-y", "write", "short"}).status, 8);
   EXPECT_EQ(run({"--ppc", "4", "-y", "write", "gone"}).status, 8);
@@ -170,7 +170,7 @@ TEST_F(complex, a_write_needs_a_whole_flash) {
 
 TEST_F(complex, an_edit_comes_to_what_the_edit_of_a_file_comes_to) {
   const std::string image = store("many");
-  set_flash(read_stored_image("many"));
+  set_stored_flash("many");
   write_whole_file(file("new"), std::string(5000, 'n'));
   const std::vector<std::vector<std::string>> edits = {{"put", "new", "/new"},
                                                        {"mkdir", "/made"},
@@ -195,7 +195,7 @@ TEST_F(complex, an_edit_comes_to_what_the_edit_of_a_file_comes_to) {
 }
 
 TEST_F(complex, an_edit_can_go_into_a_file) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   store("basic");
   output_of({"-o", "one.img", "rm", "basic.img", "/readme.txt"});
   output_of({"--ppc", "4", "-o", "two.img", "rm", "/readme.txt"});
@@ -205,7 +205,7 @@ TEST_F(complex, an_edit_can_go_into_a_file) {
 }
 
 TEST_F(complex, an_edit_that_is_tried_changes_nothing) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   output_of({"--ppc", "4", "-n", "rm", "/readme.txt"});
   EXPECT_EQ(run({"--ppc", "4", "-n", "rm", "/gone"}).status, 8);
   write_whole_file(file("other"), noise(1, 1));
@@ -246,7 +246,7 @@ TEST_F(complex, an_edit_with_its_power_cut_leaves_what_the_board_would_leave) {
 TEST_F(complex, a_check_repairs_in_place) {
   for (const std::string name : {"orphans", "interrupted_copy"}) {
     const std::string image = store(name);
-    set_flash(read_stored_image(name));
+    set_stored_flash(name);
     const int status = run({"check", "--repair", "--force", image}).status;
     const json document =
         document_of({"check", "--repair", "--force", "--ppc", "4", "--yes"}, status);
@@ -256,7 +256,7 @@ TEST_F(complex, a_check_repairs_in_place) {
 }
 
 TEST_F(complex, nothing_is_changed_that_nobody_has_said_yes_to) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
            {"rm", "/readme.txt"}, {"format", "--force"}, {"check", "--repair"}, {"write", "x"}}) {
     write_whole_file(file("x"), std::string(flash_size, '\xFF'));
@@ -273,7 +273,7 @@ TEST_F(complex, at_a_terminal_it_asks) {
   if (shell("command -v script").status != 0) {
     GTEST_SKIP() << "no program to play a terminal";
   }
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   const auto answer = [&](const char* text) {
     return shell(std::string("(sleep 1; echo ") + text +
                  "; sleep 1) | script -qec \"$tool --ppc 4 rm /readme.txt\" typescript");
@@ -291,7 +291,7 @@ TEST_F(complex, at_a_terminal_it_asks) {
 }
 
 TEST_F(complex, what_cannot_be_reached_is_told_as_the_program_of_the_board_tells_it) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   const auto text_of = [&](const std::vector<std::string>& words, int status) {
     return document_of(words, status)["findings"][0]["text"].get<std::string>();
   };
@@ -316,7 +316,7 @@ TEST_F(complex, what_cannot_be_reached_is_told_as_the_program_of_the_board_tells
 }
 
 TEST_F(complex, a_flash_that_does_not_become_ready_ends_a_change) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   set_chassis("ready 4 never 3\n");
   const program_result result = run({"--ppc", "4", "-y", "rm", "/readme.txt"});
   EXPECT_EQ(result.status, 8);
@@ -330,7 +330,7 @@ TEST_F(complex, a_flash_that_does_not_become_ready_ends_a_change) {
 }
 
 TEST_F(complex, runs_share_the_device_with_those_of_the_board) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   const int lock = open(file("chassis/.lock1").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   ASSERT_EQ(flock(lock, LOCK_EX), 0);
   const program_result result = run({"--ppc", "4", "--lock-timeout", "0.2", "ls"});
@@ -363,7 +363,7 @@ TEST_F(complex, a_signal_ends_a_write_between_two_blocks_and_the_next_goes_on) {
 TEST_F(complex, a_change_is_finished_whatever_signals_come) {
   // Slow enough for two signals, where each cycle takes its time.
   set_chassis(std::string("ready 4 low ") + (emulator().empty() ? "2000\n" : "100\n"));
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   write_whole_file(file("new"), std::string(20000, 'n'));
   const program_result result = shell(
       "$tool --ppc 4 -y --no-backup put new /new 2>err & "
@@ -386,7 +386,7 @@ TEST_F(complex, a_chassis_that_is_not_there_is_told) {
 }
 
 TEST_F(complex, the_device_never_becomes_standard_output) {
-  set_flash(read_stored_image("basic"));
+  set_stored_flash("basic");
   EXPECT_EQ(shell("$tool --ppc 4 ls >&-").status, 0);
   EXPECT_EQ(shell("$tool --ppc 4 ls -v >&- 2>&-").status, 0);
   store("basic");

@@ -67,7 +67,7 @@ std::string image_command::transcript(const std::vector<std::vector<std::string>
 }
 
 std::string image_command::store(const std::string& name) const {
-  write_whole_file(file(name + ".img"), read_stored_image(name));
+  unpack_stored_image(name, file(name + ".img"));
   return name + ".img";
 }
 

@@ -304,6 +304,8 @@ TEST_F(tree_commands, diff_tells_files_and_records) {
   output_of({"create", "3.img", "--geometry", "4x8192"});
   EXPECT_NE(output_of({"diff", "1.img", "3.img", "--records"}, 1).find("geometries differ"),
             std::string::npos);
+  EXPECT_EQ(document_of({"diff", "1.img", "3.img", "--records"}, 1)["result"]["differences"].size(),
+            1U);
   EXPECT_EQ(output_of({"diff", "1.img", "gone.img"}, 8), "");
 }
 

@@ -154,10 +154,14 @@ temporary_folder::~temporary_folder() {
 std::string read_whole_file(const std::string& path) {
   std::string contents;
   if (std::FILE* file = std::fopen(path.c_str(), "rb"); file != nullptr) {
-    // In large pieces: whole flashes are read like this.
-    std::vector<char> part(1 << 20);
-    for (size_t got; (got = std::fread(part.data(), 1, part.size(), file)) != 0;) {
-      contents.append(part.data(), got);
+    // All of it at once, where its size can be told: whole flashes are read like this.
+    std::error_code unknown;
+    const uintmax_t size = std::filesystem::file_size(path, unknown);
+    contents.resize(unknown ? 0 : static_cast<size_t>(size));
+    contents.resize(std::fread(contents.data(), 1, contents.size(), file));
+    char part[65536];
+    for (size_t got; (got = std::fread(part, 1, sizeof part, file)) != 0;) {
+      contents.append(part, got);
     }
     std::fclose(file);
   }
