@@ -90,6 +90,7 @@ std::string names_of(const std::vector<described_option>& options) {
 
 std::string names_of(const std::vector<described_command>& commands) {
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const described_command& command : commands) {
     names.push_back(command.name);
   }

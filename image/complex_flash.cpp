@@ -79,7 +79,7 @@ bool complex_flash::take(const globals& options) {
   if (!lock(descriptor, node.path, options)) {
     return false;
   }
-  const window_base window = window_map(descriptor, cpld_window_size, node.window_offset);
+  window_base window = window_map(descriptor, cpld_window_size, node.window_offset);
   const auto base = reinterpret_cast<uintptr_t>(window);
   if (base == 0 || base == UINTPTR_MAX) {
     return refuse(told(zantrolume_map_failed_text, errno));
@@ -167,7 +167,7 @@ bool complex_flash::program_words(uint32_t offset, std::span<const uint8_t> byte
   uint8_t* held = bytes_.data() + offset;
   std::vector<uint8_t> wanted(bytes.size());
   std::transform(bytes.begin(), bytes.end(), held, wanted.begin(),
-                 [](uint8_t asked, uint8_t there) { return uint8_t(asked & there); });
+                 [](uint8_t asked, uint8_t there) { return static_cast<uint8_t>(asked & there); });
   const auto changes = [&](size_t at) {
     return held[at] != wanted[at] || held[at + 1] != wanted[at + 1];
   };

@@ -108,7 +108,8 @@ std::string said_of_header(const block_record& block) {
 
 void judge_blocks(evidence* found, std::vector<rescue_decision>* decisions) {
   std::vector<uint16_t> odd;
-  for (uint16_t b = 0; b < found->blocks.size(); b++) {
+  const auto count = static_cast<uint16_t>(found->blocks.size());
+  for (uint16_t b = 0; b < count; b++) {
     block_record& block = found->blocks[b];
     block.fate = block_fate::kept;
     if (!is_regular_block(*found, b)) {

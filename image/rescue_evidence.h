@@ -17,7 +17,7 @@ struct sector_place {
   uint16_t block = 0;  // among the usable ones
   uint16_t sector = 0;
 
-  auto operator<=>(const sector_place&) const = default;
+  auto operator<=>(const sector_place&) const = default;  // NOLINT(modernize-use-nullptr)
 };
 
 enum class sector_kind : uint8_t {

@@ -109,7 +109,7 @@ bool room::remake_header(uint16_t block) {
 }
 
 bool room::keep_blocks() {
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     block_record& block = blocks_[b];
     if (block.fate != block_fate::kept || (block.header_good && block.state == block_in_use)) {
       continue;
@@ -128,7 +128,7 @@ bool room::keep_blocks() {
 // --- room ---
 
 std::optional<sector_place> room::find_erased(int without) const {
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate != block_fate::kept || b == without) {
       continue;
     }
@@ -143,7 +143,7 @@ std::optional<sector_place> room::find_erased(int without) const {
 
 size_t room::count_erased(int without) const {
   size_t count = 0;
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     for (uint16_t s = 0;
          blocks_[b].fate == block_fate::kept && b != without && s < blocks_[b].sectors; s++) {
       count += is_erased(flash_->sector(blocks_[b], s), sizeof(flashfs_sector)) ? 1 : 0;
@@ -153,7 +153,7 @@ size_t room::count_erased(int without) const {
 }
 
 int room::find_spare() const {
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate == block_fate::fresh && is_largest(b)) {
       return b;
     }
@@ -163,7 +163,7 @@ int room::find_spare() const {
 
 int room::find_fresh_beside_spare() const {
   const int spare = find_spare();
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate == block_fate::fresh && b != spare) {
       return b;
     }
@@ -212,7 +212,7 @@ size_t room::count_live(uint16_t block) const {
 int room::choose_victim() const {
   int victim = no_block;
   size_t most = 0;
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate != block_fate::kept || !is_largest(b)) {
       continue;
     }
@@ -275,7 +275,7 @@ void room::erase(uint16_t block) {
 }
 
 void room::erase_condemned() {
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate == block_fate::condemned) {
       erase(b);
     }
@@ -325,7 +325,7 @@ std::optional<sector_place> room::now_at(sector_place place) const {
 size_t room::free_sectors() const {
   size_t count = count_erased(no_block);
   const int spare = find_spare();
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     count += blocks_[b].fate == block_fate::fresh && b != spare ? blocks_[b].sectors : 0U;
   }
   return count;
@@ -368,7 +368,7 @@ void room::delete_slot(slot_place place) {
 // Copies every live record to an erased sector of another block, then lets the block go.
 bool room::move_out(uint16_t block) {
   size_t room_for = count_erased(block);
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     room_for += blocks_[b].fate == block_fate::fresh && b != block ? blocks_[b].sectors : 0U;
   }
   if (room_for < count_live(block)) {
@@ -403,7 +403,7 @@ bool room::establish_spare(std::vector<rescue_decision>* decisions) {
     return true;
   }
   int least = no_block;
-  for (uint16_t b = 0; b < blocks_.size(); b++) {
+  for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate == block_fate::kept && is_largest(b) &&
         (least == no_block || count_live(b) < count_live(static_cast<uint16_t>(least)))) {
       least = b;

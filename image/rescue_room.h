@@ -36,10 +36,10 @@ class room {
   [[nodiscard]] bool establish_spare(std::vector<rescue_decision>* decisions);
 
  private:
-  struct block_state_now {
-    block_record record;
-    block_fate fate;
-  };
+  // There are no more than a number of the format can name.
+  uint16_t block_count() const {
+    return static_cast<uint16_t>(blocks_.size());
+  }
 
   bool write_header(uint16_t block, uint32_t erase_count);
   bool set_state(uint16_t block, block_state state);

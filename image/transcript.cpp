@@ -27,12 +27,12 @@ constexpr char del = '\x7f';
 constexpr std::array<int8_t, 256> make_digits() {
   std::array<int8_t, 256> digits{};
   digits.fill(not_a_digit);
-  for (int i = 0; i < 10; ++i) {
-    digits[static_cast<size_t>('0' + i)] = static_cast<int8_t>(i);
+  for (size_t i = 0; i < 10; ++i) {
+    digits['0' + i] = static_cast<int8_t>(i);
   }
-  for (int i = 0; i < 6; ++i) {
-    digits[static_cast<size_t>('a' + i)] = static_cast<int8_t>(10 + i);
-    digits[static_cast<size_t>('A' + i)] = static_cast<int8_t>(10 + i);
+  for (size_t i = 0; i < 6; ++i) {
+    digits['a' + i] = static_cast<int8_t>(10 + i);
+    digits['A' + i] = static_cast<int8_t>(10 + i);
   }
   return digits;
 }
@@ -116,11 +116,11 @@ bool text_agrees(std::string_view text, const uint8_t* bytes) {
   for (size_t i = 0; i < line_bytes; ++i) {
     expected += bytes[i] >= ' ' && bytes[i] <= del ? static_cast<char>(bytes[i]) : '.';
   }
-  if (std::string_view(expected).starts_with(text.substr(0, line_bytes))) {
+  if (expected.starts_with(text.substr(0, line_bytes))) {
     return true;
   }
   std::erase(expected, del);
-  return std::string_view(expected).starts_with(text.substr(0, expected.size()));
+  return expected.starts_with(text.substr(0, expected.size()));
 }
 
 enum class reading { whole, broken, wrong };
