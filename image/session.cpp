@@ -29,7 +29,7 @@ void tell_unknown_geometry(const std::string& name, std::span<const uint8_t> byt
   if (const std::optional<expected_size> told = size_by_headers(bytes)) {
     fail_as("image-size",
             has + "but its block headers tell blocks of " + std::to_string(told->block_bytes) +
-                ", with which it should have " + std::to_string(told->bytes),
+                " bytes, with which it should have " + std::to_string(told->bytes),
             name, out);
     return;
   }

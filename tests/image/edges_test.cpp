@@ -1,14 +1,10 @@
 // What commands must not do at the edges: names and bytes that cannot come out again, repairs and
 // geometries that nobody is told of, sources that are links, or larger than any flash.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <filesystem>
-#include <fstream>
 
-#include "image/extraction.h"
 #include "tests/image/image_command.h"
-#include "tests/image/tree_text.h"
+#include "tests/support/stored_image.h"
 
 namespace image_test {
 namespace {
