@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "ifs/ifs.h"
+#include "image/paths.h"
 
 namespace image {
 
