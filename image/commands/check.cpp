@@ -197,14 +197,14 @@ void run(const check_options& options, const globals& all, report& out) {
 
 command check_command() {
   auto options = std::make_shared<check_options>();
-  return {"check",
-          "Tells what a check would repair, or repairs it: the quick one and the full one, unless "
-          "--quick or --full names one",
+  return {"check", "Tells what a check would repair, or repairs it",
           "flashfs-image check boot.img\n"
           "flashfs-image check --repair -o mended.img boot.img",
           [options](arguments& take) {
             take.image(&options->image);
-            take.flag("--quick", &options->quick, "The check that the board runs alone");
+            take.flag(
+                "--quick", &options->quick,
+                "The check that the board runs alone; with --full the full one alone, else both");
             take.flag("--repair", &options->repair, "Do what the check would do");
             take.flag("--force", &options->force, "Even if good records are lost");
           },

@@ -2,7 +2,6 @@
 // geometries that nobody is told of, sources that are links, or larger than any flash.
 #include <gtest/gtest.h>
 
-
 #include "tests/image/image_command.h"
 #include "tests/support/stored_image.h"
 

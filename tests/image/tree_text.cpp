@@ -1,14 +1,14 @@
 // Trees as text and by hand.
 #include "tests/image/tree_text.h"
 
-#include "image/paths.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <utility>
+
+#include "image/paths.h"
 
 namespace image_test {
 
