@@ -6,6 +6,7 @@
 #include <exception>
 #include <vector>
 
+#include "image/clock.h"
 #include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
@@ -44,7 +45,9 @@ image::exit_status run(const image::parsed_line& parsed) {
   running = &out;
   running_on_complex = parsed.options.ppc.has_value();
   try {
-    if (parsed.options.json && parsed.options.output == "-") {
+    if (const std::string fault = image::clock_fault(); !fault.empty()) {
+      out.fail(image::exit_status::usage, fault);
+    } else if (parsed.options.json && parsed.options.output == "-") {
       out.fail(image::exit_status::usage,
                "standard output has the document or the image, not both");
     } else {

@@ -148,7 +148,12 @@ class checker {
   }
 
   void repair(const tried_check& tried) {
-    if (tried.loses && !options_.force) {
+    if (opened_.geometry_is_doubted && !options_.force) {
+      out_.fail(exit_status::faults,
+                "not repaired as what --geometry says, which its headers contradict; --force "
+                "does it",
+                opened_.name);
+    } else if (tried.loses && !options_.force) {
       out_.fail(exit_status::faults,
                 "not repaired: that would drop what still is good; --force does it", opened_.name);
     } else if (write_result(all_, opened_, tried.result, out_, &tried.order)) {
@@ -197,7 +202,9 @@ command check_command() {
           "flashfs-image check --repair -o mended.img boot.img",
           [options](arguments& take) {
             take.image(&options->image);
-            take.flag("--quick", &options->quick, "The check that the board runs alone");
+            take.flag(
+                "--quick", &options->quick,
+                "The check that the board runs alone; with --full the full one alone, else both");
             take.flag("--repair", &options->repair, "Do what the check would do");
             take.flag("--force", &options->force, "Even if good records are lost");
           },

@@ -9,6 +9,7 @@
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/session.h"
+#include "image/text.h"
 #include "image/tree.h"
 #include "image/volume_tree.h"
 

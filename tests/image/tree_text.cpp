@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "image/paths.h"
+
 namespace image_test {
 
 std::string tree_text(const image::tree& shown) {
