@@ -1,16 +1,18 @@
 // flashfs-image: images of a boot flash on the host.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <initializer_list>
+#include <utility>
 #include <vector>
 
 #include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
 #include "image/report.h"
-#include "zantrolume/zantrolume_device.h"
 
 namespace {
 
@@ -32,6 +34,28 @@ void end_unplanned() {
   _exit(static_cast<int>(out->finish()));
 }
 
+void end_at_cut_image() {
+  if (running != nullptr) {
+    image::report* out = std::exchange(running, nullptr);
+    out->fail(image::exit_status::failed, "the image was cut short while it was read");
+    static_cast<void>(out->finish());
+  }
+  _exit(static_cast<int>(image::exit_status::failed));
+}
+
+// Descriptors that are closed must not become those of files. What goes there cannot be written, as
+// little as read, which is told as always: so what stands there takes and gives nothing.
+bool occupy_standard_descriptors() {
+  for (const int wanted : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    const int useless = wanted == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    // The lowest free descriptor is the one that is given.
+    if (fcntl(wanted, F_GETFD) < 0 && open("/dev/null", useless) != wanted) {
+      return false;
+    }
+  }
+  return true;
+}
+
 image::exit_status refuse(const image::parsed_line& parsed) {
   image::report out(parsed.options, parsed.command_name);
   out.fail(parsed.status, parsed.error + " (--help tells more)");
@@ -40,16 +64,12 @@ image::exit_status refuse(const image::parsed_line& parsed) {
 
 image::exit_status run(const image::parsed_line& parsed) {
   image::catch_signals();
+  image::catch_cut_images(end_at_cut_image);
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
   running_on_complex = parsed.options.ppc.has_value();
   try {
-    if (parsed.options.json && parsed.options.output == "-") {
-      out.fail(image::exit_status::usage,
-               "standard output has the document or the image, not both");
-    } else {
-      parsed.chosen->run(parsed.options, out);
-    }
+    parsed.chosen->run(parsed.options, out);
   } catch (const std::exception& thrown) {
     // The libraries throw, and memory may run out.
     out.fail(image::exit_status::failed, thrown.what());
@@ -61,8 +81,7 @@ image::exit_status run(const image::parsed_line& parsed) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  // Or an image that is opened to be edited becomes standard output.
-  if (!zantrolume_occupy_output_descriptors()) {
+  if (!occupy_standard_descriptors()) {
     return static_cast<int>(image::exit_status::failed);
   }
   std::atexit(end_unplanned);

@@ -72,6 +72,9 @@ class verifier {
       return;
     }
     tree here = read_volume(opened_.files());
+    if (interrupted()) {
+      return;
+    }
     for (const tree_problem& one : here.errors) {
       out_.fail(exit_status::faults, one.text, told_path(one.path));
     }
