@@ -17,7 +17,7 @@ struct check_run {
   const records& before;
   const records& after;
   bool passed;                         // the file system is usable
-  std::span<const std::string> lines;  // what it said
+  std::span<const std::string> lines;  // what it said; the time it took is left out
   const volume::files* mounted;        // mounted over the bytes `after`; null: not looked at
 };
 

@@ -15,20 +15,36 @@ namespace {
 std::optional<uint32_t> date_set;
 int device_clocks = 0;
 
-// What SOURCE_DATE_EPOCH allows at most; what is no number there says nothing.
-int64_t latest_date() {
-  const char* text = std::getenv("SOURCE_DATE_EPOCH");
-  if (text == nullptr || *text == '\0') {
-    return UINT32_MAX;
-  }
+constexpr const char* variable = "SOURCE_DATE_EPOCH";
+
+// Whether the variable is set, which it is not when it is empty.
+bool is_set() {
+  const char* text = std::getenv(variable);
+  return text != nullptr && *text != '\0';
+}
+
+// Its seconds since 1970; nothing when it is no number of them.
+std::optional<int64_t> seconds_set() {
+  const char* text = std::getenv(variable);
   char* end = nullptr;
   errno = 0;
   const long long seconds = std::strtoll(text, &end, 10);
-  return errno == 0 && *end == '\0' && seconds >= 0 ? std::min<int64_t>(seconds, UINT32_MAX)
-                                                    : UINT32_MAX;
+  return errno == 0 && end != text && *end == '\0' && seconds >= 0 ? std::optional<int64_t>(seconds)
+                                                                   : std::nullopt;
+}
+
+// What SOURCE_DATE_EPOCH allows at most.
+int64_t latest_date() {
+  return is_set() ? std::min<int64_t>(seconds_set().value_or(UINT32_MAX), UINT32_MAX) : UINT32_MAX;
 }
 
 }  // namespace
+
+std::string clock_fault() {
+  return is_set() && !seconds_set()
+             ? std::string(variable) + " is no number of seconds: " + std::getenv(variable)
+             : "";
+}
 
 void clock_set(std::optional<uint32_t> date) {
   date_set = date;

@@ -4,9 +4,12 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace image {
 
+// What is wrong with SOURCE_DATE_EPOCH, for a person; empty: nothing. Then it says nothing.
+[[nodiscard]] std::string clock_fault();
 // What is written from now on has this date; nothing: today's.
 void clock_set(std::optional<uint32_t> date);
 // A source's date, in seconds since 1970, as it goes to flash: not beyond SOURCE_DATE_EPOCH where

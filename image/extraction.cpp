@@ -13,6 +13,7 @@
 #include <memory>
 #include <utility>
 
+#include "ifs/ifs.h"
 #include "image/interrupt.h"
 
 namespace image {
@@ -164,12 +165,24 @@ class extractor {
   void close_top() {
     const open_folder top = std::move(stack_.back());
     stack_.pop_back();
-    if (top.entry == nullptr || options_.dry_run) {
+    if (options_.dry_run) {
       return;
     }
-    if (const int error = finish_descriptor(top.at.get(), *top.entry); error != 0) {
-      fail(top.path, strerror(error));
+    if (top.entry != nullptr) {
+      if (const int error = finish_descriptor(top.at.get(), *top.entry); error != 0) {
+        fail(top.path, strerror(error));
+      }
+    } else if (from_.root_mtime) {
+      date_target(top.at.get(), *from_.root_mtime);
     }
+  }
+
+  // The target has the permissions that it has, and may be somebody else's: then so is its date.
+  static void date_target(int fd, uint32_t mtime) {
+    timespec dates[2] = {};
+    dates[0].tv_nsec = UTIME_OMIT;
+    dates[1].tv_sec = mtime;
+    static_cast<void>(futimens(fd, dates));
   }
 
   // Closes the folders that the path does not lie in. False when the one it lies in is not there.
@@ -312,11 +325,12 @@ extraction extract_tree(const tree& from, const std::string& folder,
 }
 
 uint32_t host_permissions(uint32_t mode, bool directory) {
-  const uint32_t permissions = mode & 0777;
-  if (permissions != mode_of_the_board) {
-    return permissions;
+  constexpr uint32_t owner_alone = 0700;
+  const uint32_t permissions = mode & ppc_mode_permissions;
+  if (directory) {
+    return permissions == mode_of_the_board || permissions == 0 ? owner_alone : permissions;
   }
-  return directory ? 0755 : 0644;
+  return permissions == 0 ? mode_of_the_board : permissions;
 }
 
 }  // namespace image

@@ -43,8 +43,9 @@ struct extraction {
 [[nodiscard]] extraction extract_tree(const tree& from, const std::string& folder,
                                       const extraction_options& options);
 
-// The permissions of the host for a mode on flash: its low nine bits. What the board makes has only
-// 0400 of them, which says nothing: that becomes 0644, or 0755 for a folder.
+// The permissions of the host for a mode on flash: its low nine bits, never more of them, so that
+// what was stored comes back. But the owner gets to what comes out: a file without any has 0400,
+// and a folder without any, or with 0400, as the board makes them, has 0700.
 [[nodiscard]] uint32_t host_permissions(uint32_t mode, bool directory);
 
 }  // namespace image

@@ -19,6 +19,8 @@ constexpr finding_code codes[] = {
      "get the whole dump again, or tell its blocks with --geometry"},
     {"geometry-unknown", severity::error, "neither headers nor the size tell how it is divided",
      "tell it with --geometry"},
+    {"geometry-differs", severity::warning,
+     "the block headers tell another division than --geometry", "leave --geometry out"},
     {"no-spare", severity::error, "no erased block of the largest size is left to reclaim into",
      "\"rescue\" frees a block; no check can"},
     {"root-missing", severity::warning, "no slot of the root stands: the root's date is not known",

@@ -35,6 +35,7 @@ struct finding {
   const char* code = "";  // of the table
   image::severity severity = image::severity::info;
   std::optional<uint64_t> offset;  // bytes into the image
+  std::optional<uint64_t> length;  // bytes from there; nothing: the record that stands there
   std::optional<uint32_t> block;
   std::optional<uint32_t> sector;  // of the block
   std::optional<uint32_t> slot;    // of the sector

@@ -174,12 +174,46 @@ geometry best_of_equal_blocks(const header_places& places, uint64_t image_size) 
   return best;
 }
 
+// The headers that stand where the blocks of a geometry begin; block 0 tells nothing of sizes.
+uint32_t headers_that_fit(std::span<const uint8_t> bytes, const geometry& layout) {
+  uint32_t count = 0;
+  uint32_t number = 0;
+  for (const flash_block_info& block : block_table(layout)) {
+    const flashfs_blkheader* header = header_at(bytes, block.offset);
+    count += number != 0 && header->block_num == number && looks_like_header(header) ? 1 : 0;
+    number++;
+  }
+  return count;
+}
+
+// The size of blocks that has the most headers in their places, two at least; 0: none has.
+uint64_t size_of_most_blocks(const header_places& places) {
+  std::map<uint64_t, uint32_t> votes;
+  for (const auto& [number, offsets] : places) {
+    for (const uint64_t offset : offsets) {
+      if (number != 0 && offset != 0 && offset % number == 0) {
+        votes[offset / number]++;
+      }
+    }
+  }
+  const auto most = std::max_element(
+      votes.begin(), votes.end(), [](const auto& a, const auto& b) { return a.second < b.second; });
+  return most == votes.end() || most->second < 2 ? 0 : most->first;
+}
+
 void append_run(std::vector<geometry::run>* runs, uint32_t count, uint32_t size) {
   if (!runs->empty() && runs->back().size == size) {
     runs->back().count += count;
   } else {
     runs->push_back({count, size});
   }
+}
+
+// Whether a last block of this size is rather the end of an image that is too short or too long:
+// all others have one size, and it is larger than those or no round number.
+bool looks_cut(const std::vector<geometry::run>& runs, uint64_t rest) {
+  constexpr uint64_t round = 1024;
+  return runs.size() == 1 && (rest > runs.front().size || rest % round != 0);
 }
 
 // Blocks of several sizes, from header to header. A header that is missing is taken to stand in
@@ -211,7 +245,7 @@ geometry chain_of_headers(const header_places& places, uint64_t image_size) {
   const uint64_t rest = image_size - offset;
   if (!runs.empty() && rest % runs.back().size == 0) {
     append_run(&runs, static_cast<uint32_t>(rest / runs.back().size), runs.back().size);
-  } else if (rest >= block_size_min) {
+  } else if (rest >= block_size_min && !looks_cut(runs, rest)) {
     append_run(&runs, 1, static_cast<uint32_t>(rest));
   } else {
     return {};
@@ -315,6 +349,32 @@ std::optional<geometry> detect_geometry(std::span<const uint8_t> bytes) {
     return by_size;
   }
   return found.runs.empty() ? std::nullopt : std::optional(found);
+}
+
+std::optional<geometry> contradicting_geometry(std::span<const uint8_t> bytes,
+                                               const geometry& given) {
+  const uint32_t fit = headers_that_fit(bytes, given);
+  if (fit + 1 >= given.usable_blocks) {
+    return std::nullopt;  // all of them: there is nothing to search for
+  }
+  std::optional<geometry> told = detect_geometry(bytes);
+  return told && told->runs != given.runs && headers_that_fit(bytes, *told) > fit ? told
+                                                                                  : std::nullopt;
+}
+
+std::optional<expected_size> size_by_headers(std::span<const uint8_t> bytes) {
+  const uint64_t block =
+      bytes.size() > image_size_max ? 0 : size_of_most_blocks(find_headers(bytes));
+  if (block == 0 || bytes.size() % block == 0) {
+    return std::nullopt;
+  }
+  if (block != complex_block_size) {
+    return expected_size{(bytes.size() + block / 2) / block * block, block};
+  }
+  // Nearest to it: all of a flash, or the file system's part of one.
+  const uint64_t whole = size_bytes(default_geometry());
+  const uint64_t raw = size_bytes(raw_image_geometry());
+  return expected_size{bytes.size() >= raw + block ? whole : raw, block};
 }
 
 }  // namespace image

@@ -47,4 +47,17 @@ std::optional<geometry> parse_geometry(std::string_view text, std::string* why);
 // Nothing when neither tells any: the user has to say it.
 std::optional<geometry> detect_geometry(std::span<const uint8_t> bytes);
 
+// What the block headers of an image tell, where that is another division than the one given and
+// fits more of them. Nothing when they have nothing against it. As many bytes as the geometry has.
+std::optional<geometry> contradicting_geometry(std::span<const uint8_t> bytes,
+                                               const geometry& given);
+
+// How many bytes an image with these block headers should have, when it ends within a block; and
+// the size of its blocks.
+struct expected_size {
+  uint64_t bytes;
+  uint64_t block_bytes;
+};
+std::optional<expected_size> size_by_headers(std::span<const uint8_t> bytes);
+
 }  // namespace image

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "image/clock.h"
 #include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
@@ -69,7 +70,11 @@ image::exit_status run(const image::parsed_line& parsed) {
   running = &out;
   running_on_complex = parsed.options.ppc.has_value();
   try {
-    parsed.chosen->run(parsed.options, out);
+    if (const std::string fault = image::clock_fault(); !fault.empty()) {
+      out.fail(image::exit_status::usage, fault);
+    } else {
+      parsed.chosen->run(parsed.options, out);
+    }
   } catch (const std::exception& thrown) {
     // The libraries throw, and memory may run out.
     out.fail(image::exit_status::failed, thrown.what());

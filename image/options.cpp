@@ -9,6 +9,7 @@
 
 #include "image/completions.h"
 #include "image/host_file.h"
+#include "image/text.h"
 #include "zantrolume/zantrolume_device.h"
 
 namespace image {
@@ -29,6 +30,20 @@ void add_when(CLI::App* app, const char* name, when* value, const char* help) {
     *value = found->second;
   };
   app->add_option_function<std::string>(name, set, help)->type_name("WHEN");
+}
+
+// Adds an option whose word is a number, in the forms of parse_size.
+CLI::Option* add_number(CLI::App* app, const char* name, std::optional<uint32_t>* value,
+                        const char* help) {
+  const auto set = [name, value](const std::string& word) {
+    const std::optional<uint64_t> number = parse_size(word);
+    *value = static_cast<uint32_t>(number.value_or(0));
+    if (!number || *number > UINT32_MAX) {
+      throw CLI::ValidationError(name +
+                                 (": \"" + word + "\" is no number; 4096, 0x1000 and 4K are"));
+    }
+  };
+  return app->add_option_function<std::string>(name, set, help);
 }
 
 void add_globals(CLI::App* app, globals* options) {
@@ -220,12 +235,12 @@ void arguments::option(const char* names, const char* value_name, std::string* v
 
 void arguments::option(const char* names, const char* value_name, std::optional<uint32_t>* value,
                        const char* help) {
-  app_.add_option(names, *value, help)->type_name(value_name);
+  add_number(&app_, names, value, help)->type_name(value_name);
 }
 
 void arguments::required_option(const char* names, const char* value_name,
                                 std::optional<uint32_t>* value, const char* help) {
-  app_.add_option(names, *value, help)->required()->type_name(value_name);
+  add_number(&app_, names, value, help)->required()->type_name(value_name);
 }
 
 void arguments::word(const char* name, std::string* value, const char* help) {

@@ -1,4 +1,4 @@
-// Paths, names, and why something cannot be.
+// Paths as they are given, used and told, and why something cannot be.
 #include "image/paths.h"
 
 #include <cerrno>
@@ -36,6 +36,15 @@ std::string joined_path(std::string_view directory, std::string_view name) {
 
 int32_t status_of(const volume::files& files, const std::string& path, ppc_stat* status) {
   return files.stat(path.empty() ? "/" : path, status);
+}
+
+int32_t status_of_given(const volume::files& files, std::string_view given, ppc_stat* status) {
+  const int32_t result = status_of(files, inside_path(given), status);
+  if (result == 0 && given.ends_with('/') && !is_directory(*status)) {
+    errno = ENOTDIR;
+    return -1;
+  }
+  return result;
 }
 
 bool is_directory(const ppc_stat& status) {

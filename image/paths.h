@@ -19,6 +19,9 @@ std::string joined_path(std::string_view directory, std::string_view name);
 // The status of a path, the root's too. 0, or -1 with errno.
 [[nodiscard]] int32_t status_of(const volume::files& files, const std::string& path,
                                 ppc_stat* status);
+// The same of a path as it was given: what ends with a slash is a directory, or ENOTDIR.
+[[nodiscard]] int32_t status_of_given(const volume::files& files, std::string_view given,
+                                      ppc_stat* status);
 bool is_directory(const ppc_stat& status);
 
 // An octal mode of 0 to 777; nothing when the text is none.

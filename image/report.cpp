@@ -82,6 +82,9 @@ document_value json_of(const finding& found) {
     object[key] = value ? document_value(*value) : document_value(nullptr);
   };
   put("offset", found.offset);
+  if (found.length) {
+    object["length"] = *found.length;
+  }
   put("block", found.block);
   put("sector", found.sector);
   put("slot", found.slot);
@@ -104,7 +107,7 @@ std::string line_of(const finding& found) {
   add("block", found.block);
   add("sector", found.sector);
   add("slot", found.slot);
-  if (place.empty() && found.offset) {
+  if ((place.empty() || found.length) && found.offset) {
     add("offset", found.offset);
   }
   place += place.empty() ? "" : ": ";

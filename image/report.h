@@ -29,6 +29,7 @@ constexpr const char* interrupted = "interrupted";
 constexpr const char* would_repair = "would-repair";
 constexpr const char* repaired = "repaired";
 constexpr const char* advice = "advice";
+constexpr const char* geometry_differs = "geometry-differs";
 }  // namespace codes
 
 enum class color { none, red, yellow, blue, green, bold };

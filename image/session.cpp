@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "flashfs/check_flags.h"
+#include "image/check_report.h"
 #include "image/complex_edit.h"
 #include "image/console.h"
 #include "image/interrupt.h"
@@ -14,29 +15,68 @@ namespace image {
 
 namespace {
 
-std::optional<geometry> geometry_of(const globals& options, const std::string& name,
-                                    std::span<const uint8_t> bytes, report& out) {
-  std::string why;
-  if (options.geometry.empty()) {
-    std::optional<geometry> found = detect_geometry(bytes);
-    if (!found) {
-      out.fail(exit_status::failed,
-               "neither its size nor its block headers tell how it is divided; --geometry does",
-               name);
-    }
-    return found;
+// A failure with a code of its own.
+void fail_as(const char* code, const std::string& text, const std::string& name, report& out) {
+  finding told = make_finding(code, text);
+  told.path = name;
+  out.add(told);
+  out.raise(exit_status::failed);
+}
+
+// Nothing tells how it is divided: is it too short or too long, or can that only be said?
+void tell_unknown_geometry(const std::string& name, std::span<const uint8_t> bytes, report& out) {
+  const std::string has = "has " + std::to_string(bytes.size()) + " bytes, ";
+  if (const std::optional<expected_size> told = size_by_headers(bytes)) {
+    fail_as("image-size",
+            has + "but its block headers tell blocks of " + std::to_string(told->block_bytes) +
+                " bytes, with which it should have " + std::to_string(told->bytes),
+            name, out);
+    return;
   }
-  std::optional<geometry> given = parse_geometry(options.geometry, &why);
+  fail_as("geometry-unknown",
+          has +
+              "and neither that nor its block headers tell how it is divided: the flash of a "
+              "complex has " +
+              std::to_string(size_bytes(default_geometry())) + "; --geometry tells another",
+          name, out);
+}
+
+std::optional<geometry> geometry_said(const std::string& text, const std::string& name,
+                                      std::span<const uint8_t> bytes, report& out) {
+  std::string why;
+  std::optional<geometry> given = parse_geometry(text, &why);
   if (!given) {
     out.fail(exit_status::usage, "--geometry: " + why);
   } else if (size_bytes(*given) != bytes.size()) {
-    out.fail(exit_status::failed,
-             "has " + std::to_string(bytes.size()) + " bytes, its geometry " +
-                 std::to_string(size_bytes(*given)),
-             name);
+    fail_as("image-size",
+            "has " + std::to_string(bytes.size()) + " bytes, its geometry " +
+                std::to_string(size_bytes(*given)),
+            name, out);
     return std::nullopt;
   }
   return given;
+}
+
+// The geometry, and what the headers have against one that was said.
+std::optional<geometry> geometry_of(const globals& options, const std::string& name,
+                                    std::span<const uint8_t> bytes, bool* doubted, report& out) {
+  std::optional<geometry> layout = options.geometry.empty()
+                                       ? detect_geometry(bytes)
+                                       : geometry_said(options.geometry, name, bytes, out);
+  if (options.geometry.empty()) {
+    if (!layout) {
+      tell_unknown_geometry(name, bytes, out);
+    }
+    return layout;
+  }
+  const std::optional<geometry> told =
+      layout ? contradicting_geometry(bytes, *layout) : std::nullopt;
+  if (told) {
+    *doubted = true;
+    out.warn(codes::geometry_differs,
+             "its block headers tell " + geometry_text(*told) + ", not what --geometry says", name);
+  }
+  return layout;
 }
 
 // The flash of the complex that --ppc names: its geometry is known.
@@ -92,11 +132,12 @@ std::optional<opened_image> open_image(const globals& options, const std::string
     }
     return std::nullopt;
   }
-  std::optional<geometry> layout = geometry_of(options, name, file->contents(), out);
+  bool doubted = false;
+  std::optional<geometry> layout = geometry_of(options, name, file->contents(), &doubted, out);
   if (!layout) {
     return std::nullopt;
   }
-  return opened_image{name, std::move(file), nullptr, std::move(*layout)};
+  return opened_image{name, std::move(file), nullptr, std::move(*layout), doubted};
 }
 
 std::optional<opened_image> open_image_to_edit(const globals& options, const std::string& name,
@@ -185,6 +226,12 @@ std::unique_ptr<session> session::to_edit(const globals& options, const std::str
 }
 
 bool session::check_for_editing(bool force, report& out) {
+  if (image_.geometry_is_doubted && !force) {
+    out.fail(exit_status::faults,
+             "not edited as what --geometry says, which its headers contradict; --force does it",
+             image_.name);
+    return false;
+  }
   const bool passed = mounted_->check(flashfs_check_full);
   if (interrupted()) {
     return false;
@@ -198,15 +245,36 @@ bool session::check_for_editing(bool force, report& out) {
   if (!mounted_->flash().changed()) {
     return true;
   }
+  const std::vector<finding> repairs = repairs_made();
   if (!force) {
     out.fail(exit_status::faults,
-             "it has faults, which \"flashfs-image check\" tells; --force repairs them first",
+             std::string("it has faults, which \"flashfs-image check\" tells; --force repairs them "
+                         "first") +
+                 (check_loses(repairs) ? ", which would drop what still is good" : ""),
              image_.name);
     return false;
   }
-  out.warn(codes::repaired, "it had faults, which were repaired", image_.name);
+  for (const finding& one : repairs) {
+    out.add(one);
+  }
+  out.warn(codes::repaired,
+           check_loses(repairs) ? "it had faults, which were repaired; what still was good is lost"
+                                : "it had faults, which were repaired",
+           image_.name);
   out.raise(exit_status::changed);
   return true;
+}
+
+// What the check has done to the private copy, as "check" would tell it. It is not asked what it
+// shows: reading a damaged file would mark it down.
+std::vector<finding> session::repairs_made() {
+  const records before = read_records(contents(), layout());
+  const records after = read_records(copy_, layout());
+  return report_check({.before = before,
+                       .after = after,
+                       .passed = true,
+                       .lines = mounted_->said(),
+                       .mounted = nullptr});
 }
 
 bool session::commit(report& out) {

@@ -27,6 +27,7 @@ struct opened_image {
   std::optional<flash_file> file;          // nothing: a complex
   std::shared_ptr<complex_flash> complex;  // null: a file
   geometry layout;
+  bool geometry_is_doubted = false;  // the block headers contradict --geometry
 
   // A complex is read whole at the first call. After a signal it is not whole.
   std::span<const uint8_t> contents() const {
@@ -95,6 +96,7 @@ class session {
   uint32_t check_flags() const;
   bool check_for_reading(report& out);
   bool check_for_editing(bool force, report& out);
+  std::vector<finding> repairs_made();
 
   const globals options_;
   opened_image image_;

@@ -66,10 +66,8 @@ std::string plain_path(std::string_view path, std::string* fault) {
   return fault->empty() ? plain : std::string(path);
 }
 
-const char* kind_text(archive_entry* header) {
-  if (archive_entry_hardlink(header) != nullptr) {
-    return "a hard link";
-  }
+// What an image has no place for; null for files and folders.
+const char* kind_left_out(archive_entry* header) {
   switch (archive_entry_filetype(header)) {
     case AE_IFLNK:
       return "a symbolic link";
@@ -165,7 +163,14 @@ class tar_reader {
       fail(std::move(path), std::move(fault));
       return;
     }
-    if (const char* kind = kind_text(header); kind != nullptr) {
+    // A hard link has the type of a file only when it has contents of its own.
+    const char* linked = archive_entry_hardlink(header);
+    if (linked != nullptr && archive_entry_size(header) == 0) {
+      owners_.see(archive_entry_uid(header), archive_entry_gid(header));
+      take_hard_link(header, linked, std::move(path));
+      return;
+    }
+    if (const char* kind = linked == nullptr ? kind_left_out(header) : nullptr; kind != nullptr) {
       made_->warnings.push_back({std::move(path), std::string(kind) + ", left out"});
       return;
     }
@@ -194,10 +199,48 @@ class tar_reader {
     put(std::move(entry));
   }
 
+  // Another name of an earlier entry: an image has one name for each file, so it holds the contents
+  // twice, as it does when the files come from a folder.
+  void take_hard_link(archive_entry* header, const char* linked, std::string path) {
+    std::string fault;
+    const auto place = places_.find(plain_path(linked, &fault));
+    if (path.empty()) {
+      fail("", "an entry without a name");
+      return;
+    }
+    if (place == places_.end() || made_->entries[place->second].directory) {
+      made_->warnings.push_back(
+          {std::move(path),
+           "a hard link to " + std::string(linked) + ", which does not stand before it, left out"});
+      return;
+    }
+    const tree_entry& earlier = made_->entries[place->second];
+    tree_entry entry;
+    entry.path = std::move(path);
+    entry.mode = archive_entry_perm(header) & permission_bits;
+    entry.mtime = clock_date_of(archive_entry_mtime(header));
+    entry.size = earlier.size;
+    const bool held = earlier.contents.size() == earlier.size;
+    if (held && may_hold(entry)) {
+      entry.contents = earlier.contents;
+      taken_ += entry.size;
+    }
+    put(std::move(entry));
+  }
+
+  // Whether the contents of an entry are wanted, and within the limit.
+  bool may_hold(const tree_entry& entry) {
+    if (options_.sizes_wanted && !options_.sizes_wanted->contains(entry.size)) {
+      return false;
+    }
+    made_->contents_left_out =
+        made_->contents_left_out || entry.size > options_.contents_limit - taken_;
+    return !made_->contents_left_out;
+  }
+
   bool take_contents(archive* opened, archive_entry* header, tree_entry* entry) {
     entry->size = static_cast<uint64_t>(std::max<int64_t>(0, archive_entry_size(header)));
-    if (made_->contents_left_out || entry->size > options_.contents_limit - taken_) {
-      made_->contents_left_out = true;
+    if (!may_hold(*entry)) {
       return true;
     }
     // Grown as the data come: the size is only what the archive claims.
@@ -269,7 +312,7 @@ class tar_reader {
 
 void describe(archive_entry* header, const tree_entry& entry) {
   archive_entry_clear(header);
-  const std::string path = entry.path + (entry.directory ? "/" : "");
+  const std::string path = entry.path.empty() ? "./" : entry.path + (entry.directory ? "/" : "");
   archive_entry_set_pathname(header, path.c_str());
   archive_entry_set_filetype(header, entry.directory ? AE_IFDIR : AE_IFREG);
   archive_entry_set_perm(header, host_permissions(entry.mode, entry.directory));
@@ -309,6 +352,12 @@ std::string write_tar(const tree& from, int fd) {
   archive_write_set_bytes_in_last_block(opened.get(),
                                         archive_write_get_bytes_per_block(opened.get()));
   if (archive_write_open(opened.get(), &fd, nullptr, write_block, nullptr) != ARCHIVE_OK) {
+    return error_of(opened.get());
+  }
+  // The folder itself, for its date.
+  constexpr uint32_t mode_of_root = 0755;
+  if (from.root_mtime &&
+      !write_entry(opened.get(), header.get(), {"", true, mode_of_root, *from.root_mtime, "", 0})) {
     return error_of(opened.get());
   }
   for (const tree_entry& entry : from.entries) {

@@ -1,6 +1,7 @@
 // Escapes, hexadecimal digits, dates and sizes.
 #include "image/text.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
@@ -104,6 +105,25 @@ std::string hexadecimal(std::string_view raw) {
     text += digits[static_cast<uint8_t>(byte) & 0xF];
   }
   return text;
+}
+
+std::optional<uint64_t> parse_size(std::string_view text) {
+  uint64_t unit = 1;
+  if (text.ends_with('k') || text.ends_with('K')) {
+    unit = 1 << 10;
+  } else if (text.ends_with('m') || text.ends_with('M')) {
+    unit = 1 << 20;
+  }
+  text.remove_suffix(unit != 1 ? 1 : 0);
+  const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X");
+  text.remove_prefix(hexadecimal ? 2 : 0);
+  uint64_t number = 0;
+  const char* end = text.data() + text.size();
+  const auto read = std::from_chars(text.data(), end, number, hexadecimal ? 16 : 10);
+  if (read.ec != std::errc() || read.ptr != end || number > UINT64_MAX / unit) {
+    return std::nullopt;
+  }
+  return number * unit;
 }
 
 std::string date_text(uint32_t seconds) {

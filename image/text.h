@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@ std::string escaped(std::string_view raw);
 bool is_utf8(std::string_view raw);
 // Two lower-case digits for each byte.
 std::string hexadecimal(std::string_view raw);
+
+// A number, decimal or with 0x hexadecimal; a K or M behind it stands for so many times 1024 or
+// 1048576. Nothing when the text is none, or it is too large.
+std::optional<uint64_t> parse_size(std::string_view text);
 
 // "2023-11-14 22:13:20", in UTC, of seconds since 1970.
 std::string date_text(uint32_t seconds);

@@ -215,6 +215,9 @@ class folder_reader {
 
   int take_contents(int fd, uint64_t size, tree_entry* entry) {
     entry->size = size;
+    if (options_.sizes_wanted != nullptr && !options_.sizes_wanted->contains(size)) {
+      return 0;
+    }
     if (made_->contents_left_out || size > options_.contents_limit - taken_) {
       made_->contents_left_out = true;
       return 0;
@@ -238,7 +241,10 @@ class folder_reader {
 
 std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
                         std::string_view* contents) {
-  const bool is_later = from.read_later && entry.contents.empty() && entry.size != 0;
+  const bool is_later = entry.contents.empty() && entry.size != 0;
+  if (is_later && !from.read_later) {
+    return "is too much to be read";
+  }
   std::string fault = is_later ? from.read_later(entry, held) : "";
   *contents = is_later ? *held : entry.contents;
   return fault;
@@ -265,6 +271,9 @@ std::string_view folder_of_path(std::string_view path) {
 std::string name_fault(std::string_view name) {
   if (name.empty()) {
     return "an empty name";
+  }
+  if (name == "." || name == "..") {
+    return "the name stands for a folder of the host, where nobody could take it out";
   }
   if (name.size() > filename_max) {
     return "the name has " + std::to_string(name.size()) + " bytes, at most " +

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,8 @@ struct tree_options {
   uint64_t contents_limit = uint64_t{1} << 31;
   // Contents of large files stay in the folder: see tree::read_later.
   bool large_files_later = false;
+  // Contents of other sizes are not read; null: of all.
+  const std::set<uint64_t>* sizes_wanted = nullptr;
 };
 
 // The contents of a file: the entry's, or, read into `held`, those that are still where they come

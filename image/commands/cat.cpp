@@ -17,9 +17,10 @@ struct cat_options {
   std::vector<std::string> paths;
 };
 
-void print_file(session& opened, const std::string& path, report& out) {
+void print_file(session& opened, const std::string& given, report& out) {
+  const std::string path = inside_path(given);
   ppc_stat status;
-  if (status_of(opened.files(), path, &status) != 0) {
+  if (status_of_given(opened.files(), given, &status) != 0) {
     out.fail(exit_status::failed, error_text(errno), told_path(path));
     return;
   }
@@ -52,7 +53,7 @@ void run(const cat_options& options, const globals& all, report& out) {
       return;
     }
     opened->keep_ready();
-    print_file(*opened, inside_path(given), out);
+    print_file(*opened, given, out);
   }
 }
 

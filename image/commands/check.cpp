@@ -151,7 +151,12 @@ class checker {
   }
 
   void repair(const tried_check& tried) {
-    if (tried.loses && !options_.force) {
+    if (opened_.geometry_is_doubted && !options_.force) {
+      out_.fail(exit_status::faults,
+                "not repaired as what --geometry says, which its headers contradict; --force "
+                "does it",
+                opened_.name);
+    } else if (tried.loses && !options_.force) {
       out_.fail(exit_status::faults,
                 "not repaired: that would drop what still is good; --force does it", opened_.name);
     } else if (write_result(all_, opened_, tried.result, out_, &tried.order)) {
@@ -199,7 +204,9 @@ void run(const check_options& options, const globals& all, report& out) {
 
 command check_command() {
   auto options = std::make_shared<check_options>();
-  return {"check", "Tells what a check would repair, or repairs it",
+  return {"check",
+          "Tells what a check would repair, or repairs it: the quick one and the full one, unless "
+          "--quick or --full names one",
           "flashfs-image check boot.img\n"
           "flashfs-image check --repair -o mended.img boot.img",
           [options](arguments& take) {

@@ -27,7 +27,8 @@ void run(const chmod_options& options, const globals& all, report& out) {
       const std::string path = inside_path(given);
       if (path.empty()) {
         out.fail(exit_status::failed, "the root keeps its permissions", "/");
-      } else if (opened.files().chmod(path, *mode) != 0) {
+      } else if (ppc_stat status; status_of_given(opened.files(), given, &status) != 0 ||
+                                  opened.files().chmod(path, *mode) != 0) {
         out.fail(exit_status::failed, error_text(errno), told_path(path));
       }
     }

@@ -36,16 +36,18 @@ class difference_list {
 
   void add(const std::string& line, json object) {
     out_.raise(exit_status::changed);
+    any_ = true;
     if (options_.brief) {
-      any_ = true;
       return;
     }
     out_.print(line + "\n");
     out_.result()["differences"].push_back(std::move(object));
   }
-  void finish() {
-    out_.result()["equal"] = out_.status() == exit_status::good;
-    if (any_) {
+  // Of what could not be read nothing is known, so it keeps two images from being called equal; an
+  // image with faults may well be equal to another.
+  void finish(bool all_was_read) {
+    out_.result()["equal"] = !any_ && all_was_read;
+    if (any_ && options_.brief) {
       out_.print(out_.shown(options_.first) + " and " + out_.shown(options_.second) + " differ\n");
     }
   }
@@ -80,7 +82,8 @@ void compare_files(const diff_options& options, const globals& all, report& out)
     return;
   }
   difference_list list(options, out);
-  for (const tree_difference& one : compare_trees(*first, *second, compared::all)) {
+  std::vector<tree_problem> unread;  // nothing: both hold their contents
+  for (const tree_difference& one : compare_trees(*first, *second, compared::all, &unread)) {
     using kind = tree_difference::kind;
     const char* sign = one.what == kind::only_first    ? "-"
                        : one.what == kind::only_second ? "+"
@@ -94,7 +97,7 @@ void compare_files(const diff_options& options, const globals& all, report& out)
     line += one.differs_in.empty() ? "" : " (" + one.differs_in + ")";
     list.add(line, std::move(object));
   }
-  list.finish();
+  list.finish(first->errors.empty() && second->errors.empty());
 }
 
 // --- records ---
@@ -211,7 +214,7 @@ void compare_records(const diff_options& options, const globals& all, report& ou
   } else {
     record_comparison(first->contents(), second->contents(), first->layout, &list).run();
   }
-  list.finish();
+  list.finish(out.status() < exit_status::failed);
 }
 
 void run(const diff_options& options, const globals& all, report& out) {

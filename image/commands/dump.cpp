@@ -50,19 +50,6 @@ std::vector<uint32_t> parse_place(std::string_view text, size_t numbers) {
   }
 }
 
-// Decimal, or hexadecimal behind 0x.
-std::optional<uint64_t> parse_offset(std::string_view text) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    text.remove_prefix(2);
-    base = 16;
-  }
-  uint64_t value = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  const bool whole = result.ec == std::errc() && result.ptr == text.data() + text.size();
-  return whole ? std::optional(value) : std::nullopt;
-}
-
 std::string place_text(const sector_record& sector) {
   return fmt::format("sector {}.{}", sector.block, sector.sector);
 }
@@ -150,9 +137,9 @@ class dumper {
   }
 
   void select_offset() {
-    const std::optional<uint64_t> offset = parse_offset(options_.at);
+    const std::optional<uint64_t> offset = parse_size(options_.at);
     if (!offset) {
-      out_.fail(exit_status::usage, "--at takes a number of bytes, as 133096 or 0x207e8");
+      out_.fail(exit_status::usage, "--at takes a number of bytes, as 133096, 0x207e8 or 128K");
       return;
     }
     if (*offset >= all_.image.size()) {

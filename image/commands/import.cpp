@@ -61,6 +61,17 @@ uint64_t end_of_file_system(const geometry& layout) {
   return end;
 }
 
+std::optional<uint32_t> block_at(const geometry& layout, uint32_t offset) {
+  uint32_t number = 0;
+  for (const flash_block_info& block : block_table(layout)) {
+    if (offset - block.offset < block.size) {
+      return number;
+    }
+    number++;
+  }
+  return std::nullopt;
+}
+
 void tell(const transcript_problem& one, const geometry& layout, report& out) {
   using kind = transcript_problem::kind;
   const char* code = one.what == kind::contradiction ? "transcript-contradiction"
@@ -70,6 +81,8 @@ void tell(const transcript_problem& one, const geometry& layout, report& out) {
   finding told = make_finding(outside && one.what == kind::hole ? "transcript-hole-outside" : code,
                               std::to_string(one.length) + " bytes: " + one.text);
   told.offset = one.offset;
+  told.length = one.length;
+  told.block = block_at(layout, one.offset);
   out.add(told);
   if (told.severity != severity::info) {
     out.raise(exit_status::faults);

@@ -52,10 +52,11 @@ class listing {
   listing(const ls_options& options, session& opened, report& out)
       : options_(options), opened_(opened), out_(out) {}
 
-  void add(const std::string& path) {
+  void add(const std::string& given) {
+    const std::string path = inside_path(given);
     opened_.keep_ready();
     ppc_stat status;
-    if (status_of(opened_.files(), path, &status) != 0) {
+    if (status_of_given(opened_.files(), given, &status) != 0) {
       out_.fail(exit_status::failed, error_text(errno), told_path(path));
     } else if (is_directory(status)) {
       add_directory(path);
@@ -160,7 +161,7 @@ void run(const ls_options& options, const globals& all, report& out) {
     list.add("");
   }
   for (const std::string& given : options.paths) {
-    list.add(inside_path(given));
+    list.add(given);
   }
   out.detail(
       fmt::format("{} bytes of the image were read", opened->mounted().flash().bytes_read()));

@@ -61,12 +61,14 @@ void move(const mv_options& options, const volume::files& files, report& out) {
     out.fail(exit_status::failed, "the root cannot be moved", "/");
     return;
   }
-  if (status_of(files, from, &moved) != 0) {
+  if (status_of_given(files, options.from, &moved) != 0) {
     fail(from, errno, out);
     return;
   }
   const std::string to = target_of(files, from, inside_path(options.to));
-  const std::string fault = path_fault(to);
+  const bool into_nothing =
+      options.to.ends_with('/') && !is_directory(moved) && to == inside_path(options.to);
+  const std::string fault = into_nothing ? "there is no such directory" : path_fault(to);
   ppc_stat folder;
   if (to == from) {
     return;

@@ -51,6 +51,11 @@ bool read_host_file(const std::string& path, tree_entry* entry) {
   return read_to_end(opened.get(), &entry->contents, file_size_max);
 }
 
+bool is_link(const std::string& path) {
+  struct stat status = {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+}
+
 // The last name of a host's path: empty for ".", ".." and "/", which have none of their own.
 std::string host_name(std::string path) {
   while (path.size() > 1 && path.back() == '/') {
@@ -88,6 +93,7 @@ class putter {
       fail(target, "several sources go into a directory, which this is not");
       return;
     }
+    ends_as_folder_ = !into && options_.words.back().ends_with('/');
     for (size_t i = 0; i + 1 < options_.words.size() && !interrupted(); ++i) {
       const std::string& source = options_.words[i];
       const std::string name = host_name(source);
@@ -103,8 +109,15 @@ class putter {
     struct stat status = {};
     if (source != "-" && stat(source.c_str(), &status) != 0) {
       out_.fail(exit_status::failed, std::strerror(errno), source);
-    } else if (S_ISDIR(status.st_mode)) {
+      return;
+    }
+    if (source != "-" && is_link(source)) {
+      out_.warn(codes::advice, "is a symbolic link: what it leads to is copied", source);
+    }
+    if (S_ISDIR(status.st_mode)) {
       collect_folder(source, target, status);
+    } else if (ends_as_folder_) {
+      fail(target, "there is no such directory");
     } else if (source != "-" && !S_ISREG(status.st_mode)) {
       out_.fail(exit_status::failed, "is not a regular file", source);
     } else {
@@ -263,7 +276,8 @@ class putter {
     }
   };
   std::map<std::string, tree_entry, path_order> planned_;
-  std::set<std::string> told_;  // what is wrong with these has been told
+  bool ends_as_folder_ = false;  // PATH does, and there is none
+  std::set<std::string> told_;   // what is wrong with these has been told
 };
 
 void run(const put_options& options, const globals& all, report& out) {

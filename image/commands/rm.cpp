@@ -41,12 +41,13 @@ void remove_below(const volume::files& files, const std::string& path, report& o
   }
 }
 
-void remove_path(const rm_options& options, const volume::files& files, const std::string& path,
+void remove_path(const rm_options& options, const volume::files& files, const std::string& given,
                  report& out) {
+  const std::string path = inside_path(given);
   ppc_stat status;
   if (path.empty()) {
     out.fail(exit_status::failed, "the root cannot be removed", "/");
-  } else if (status_of(files, path, &status) != 0) {
+  } else if (status_of_given(files, given, &status) != 0) {
     if (errno != ENOENT || !options.missing_is_fine) {
       fail(path, errno, out);
     }
@@ -74,7 +75,7 @@ command rm_command() {
           [options](const globals& all, report& out) {
             edit(options->edit, all, out, [&](session& opened) {
               for (const std::string& given : options->paths) {
-                remove_path(*options, opened.files(), inside_path(given), out);
+                remove_path(*options, opened.files(), given, out);
               }
             });
           }};

@@ -1,9 +1,12 @@
 // truncate: cuts a file, or makes it longer with zeros.
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 
+#include "flashfs/format.h"
 #include "image/commands/commands.h"
 #include "image/commands/edit_options.h"
+#include "image/interrupt.h"
 #include "image/paths.h"
 
 namespace image {
@@ -16,9 +19,41 @@ struct truncate_options {
   std::string path;
 };
 
-int32_t resize(const volume::files& files, const std::string& path, uint32_t size) {
+constexpr uint32_t piece_size = 32 * sector_data_size;  // bytes
+
+// Whether the image has room for a file to grow so far.
+bool has_room(const volume::files& files, uint32_t size, uint32_t new_size) {
+  const auto sectors = [](uint64_t bytes) {
+    return (bytes + sector_data_size - 1) / sector_data_size;
+  };
+  ppc_statfs space;
+  return files.statfs(&space) != 0 || sectors(new_size) - sectors(size) <= space.free_blocks;
+}
+
+// Every new byte is written. One written behind the end would leave those before it in its sector
+// as they were: erased, not zero.
+int32_t lengthen(const volume::files& files, const std::string& path, uint32_t size,
+                 uint32_t new_size) {
+  if (!has_room(files, size, new_size)) {
+    errno = ENOSPC;
+    return -1;
+  }
+  const std::string zeros(piece_size, '\0');
+  int32_t result = 0;
+  while (result >= 0 && size < new_size && !interrupted()) {
+    // Pieces end where sectors do, so that each sector is written once.
+    const uint32_t length = std::min(new_size - size, piece_size - size % piece_size);
+    result = files.write_file(path, std::string_view(zeros).substr(0, length), ifs_open_write,
+                              static_cast<int32_t>(size));
+    size += length;
+  }
+  return result;
+}
+
+int32_t resize(const volume::files& files, const std::string& given, uint32_t size) {
+  const std::string path = inside_path(given);
   ppc_stat status;
-  if (status_of(files, path, &status) != 0) {
+  if (status_of_given(files, given, &status) != 0) {
     return -1;
   }
   if (is_directory(status)) {
@@ -28,9 +63,7 @@ int32_t resize(const volume::files& files, const std::string& path, uint32_t siz
   if (size <= status.size) {
     return files.truncate(path, size);
   }
-  // What lies between the old end and the last byte becomes zeros.
-  constexpr char last = '\0';
-  return files.write_file(path, {&last, 1}, ifs_open_write, static_cast<int32_t>(size - 1));
+  return lengthen(files, path, status.size, size);
 }
 
 void run(const truncate_options& options, const globals& all, report& out) {
@@ -39,9 +72,8 @@ void run(const truncate_options& options, const globals& all, report& out) {
     return;
   }
   edit(options.edit, all, out, [&](session& opened) {
-    const std::string path = inside_path(options.path);
-    if (resize(opened.files(), path, *options.size) != 0) {
-      out.fail(exit_status::failed, error_text(errno), told_path(path));
+    if (resize(opened.files(), options.path, *options.size) != 0) {
+      out.fail(exit_status::failed, error_text(errno), told_path(inside_path(options.path)));
     }
   });
 }

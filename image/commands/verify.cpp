@@ -1,10 +1,13 @@
 // verify: whether everything in the image is sound and, with --against, is what a folder or an
 // archive holds. It changes nothing, and looks at the image as it is, before any check.
 #include <algorithm>
+#include <cerrno>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "image/commands/commands.h"
+#include "image/extraction.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/records.h"
@@ -23,8 +26,6 @@ struct verify_options {
   std::vector<std::string> paths;
 };
 
-constexpr uint64_t any_size = uint64_t{1} << 40;  // bytes
-
 bool lies_in(std::string_view path, std::string_view folder) {
   return folder.empty() || path == folder ||
          (path.starts_with(folder) && path[folder.size()] == '/');
@@ -39,12 +40,13 @@ class verifier {
     }
   }
 
-  // Whether all paths are there.
-  bool paths_are_there() {
-    for (const std::string& path : paths_) {
+  // Whether all paths are there, in the image or in what it is compared with.
+  bool paths_are_there(const tree* source) {
+    for (const std::string& given : options_.paths) {
       ppc_stat status;
-      if (status_of(opened_.files(), path, &status) != 0) {
-        out_.fail(exit_status::failed, error_text(errno), told_path(path));
+      if (status_of_given(opened_.files(), given, &status) != 0 &&
+          !(errno == ENOENT && source != nullptr && is_in(*source, inside_path(given)))) {
+        out_.fail(exit_status::failed, error_text(errno), told_path(inside_path(given)));
       }
     }
     return out_.status() < exit_status::failed;
@@ -67,23 +69,35 @@ class verifier {
   }
 
   void compare(bool strict) {
-    std::optional<tree> source = read_source(options_.against, {.contents_limit = any_size}, out_);
-    if (!source) {
-      return;
-    }
     tree here = read_volume(opened_.files());
-    if (interrupted()) {
+    // Of a source that is larger than any flash, only what may be equal is read.
+    std::set<uint64_t> sizes;
+    for (const tree_entry& entry : here.entries) {
+      sizes.insert(entry.size);
+    }
+    std::optional<tree> source =
+        read_source(options_.against, {.large_files_later = true, .sizes_wanted = &sizes}, out_);
+    if (!source || interrupted() || !paths_are_there(&*source)) {
       return;
     }
     for (const tree_problem& one : here.errors) {
       out_.fail(exit_status::faults, one.text, told_path(one.path));
     }
-    leave_wanted(&here);
-    leave_wanted(&*source);
+    for (tree* one : {&here, &*source}) {
+      std::erase_if(one->entries, [&](const tree_entry& entry) { return !is_wanted(entry.path); });
+      // As they are outside of an image.
+      for (tree_entry& entry : one->entries) {
+        entry.mode = host_permissions(entry.mode, entry.directory);
+      }
+    }
     out_.result()["differences"] = nlohmann::ordered_json::array();
+    std::vector<tree_problem> unread;
     for (const tree_difference& one :
-         compare_trees(here, *source, strict ? compared::all : compared::contents)) {
+         compare_trees(here, *source, strict ? compared::all : compared::contents, &unread)) {
       tell(one);
+    }
+    for (const tree_problem& one : unread) {
+      out_.fail(exit_status::failed, one.text, options_.against + ": " + told_path(one.path));
     }
   }
 
@@ -94,8 +108,9 @@ class verifier {
            });
   }
 
-  void leave_wanted(tree* from) const {
-    std::erase_if(from->entries, [&](const tree_entry& entry) { return !is_wanted(entry.path); });
+  static bool is_in(const tree& from, const std::string& path) {
+    return std::any_of(from.entries.begin(), from.entries.end(),
+                       [&](const tree_entry& entry) { return entry.path == path; });
   }
 
   void tell(const tree_difference& one) {
@@ -125,11 +140,12 @@ void run(const verify_options& options, const globals& all, report& out) {
     return;
   }
   verifier work(options, *opened, out);
-  if (!work.paths_are_there()) {
+  const bool compares = !options.against.empty();
+  if (!compares && !work.paths_are_there(nullptr)) {
     return;
   }
   work.judge_records();
-  if (!options.against.empty() && !interrupted()) {
+  if (compares && !interrupted()) {
     work.compare(all.strict);
   }
 }

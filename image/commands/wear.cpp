@@ -200,6 +200,19 @@ class wear_table {
   report& out_;
 };
 
+void warn_of_damage(const std::vector<worn_block>& blocks, const std::string& name, report& out) {
+  const auto damaged = std::count_if(blocks.begin(), blocks.end(), [](const worn_block& block) {
+    return block.verdict != header_verdict::good && block.verdict != header_verdict::erased;
+  });
+  if (damaged != 0) {
+    out.warn(codes::would_repair,
+             fmt::format("{} of its block headers {} damaged; \"flashfs-image check\" tells what a "
+                         "check makes of that",
+                         damaged, damaged == 1 ? "is" : "are"),
+             name);
+  }
+}
+
 void run(const wear_options& options, const globals& all, report& out) {
   const std::optional<opened_image> opened =
       open_image(all, options.image, flash_file::access::read, out);
@@ -214,6 +227,7 @@ void run(const wear_options& options, const globals& all, report& out) {
     }
   }
   wear_table(blocks, out).tell(static_cast<uint32_t>(table.size() - blocks.size()));
+  warn_of_damage(blocks, opened->name, out);
 }
 
 }  // namespace

@@ -35,10 +35,14 @@ TEST(extraction, gives_the_tree_back) {
 }
 
 TEST(extraction, gives_files_of_the_board_the_usual_permissions) {
-  EXPECT_EQ(image::host_permissions(0x8700, false), 0644U);
-  EXPECT_EQ(image::host_permissions(0x4700, true), 0755U);
+  // What is stored comes back, and never more than that; but the owner gets to it.
+  for (uint32_t mode = 1; mode <= 0777; ++mode) {
+    EXPECT_EQ(image::host_permissions(0x8600 | mode, false), mode);
+    EXPECT_EQ(image::host_permissions(0x4600 | mode, true), mode == 0400 ? 0700 : mode);
+  }
+  EXPECT_EQ(image::host_permissions(0x4600, true), 0700U);
   EXPECT_EQ(image::host_permissions(0x87A4, false), 0644U);
-  EXPECT_EQ(image::host_permissions(0x8600, false), 0U);
+  EXPECT_EQ(image::host_permissions(0x8600, false), 0400U);
 }
 
 TEST(extraction, refuses_a_folder_that_is_not_empty) {

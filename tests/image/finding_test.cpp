@@ -85,3 +85,21 @@ TEST(finding, the_rescue_decides_only_codes_of_the_table) {
   }
   EXPECT_GT(seen.size(), 25U);
 }
+
+TEST(finding, each_code_is_named_by_a_source) {
+  // All that stands in quotes outside of the table.
+  std::set<std::string> named;
+  const std::regex quoted(R"re("([a-z0-9]+(-[a-z0-9]+)*)")re");
+  for (const auto& each : std::filesystem::recursive_directory_iterator(project + "/image")) {
+    if (!each.is_regular_file() || each.path().filename() == "finding.cpp") {
+      continue;
+    }
+    const std::string source = test_support::read_whole_file(each.path());
+    for (std::sregex_iterator at(source.begin(), source.end(), quoted), end; at != end; ++at) {
+      named.insert((*at)[1]);
+    }
+  }
+  for (const image::finding_code& row : image::finding_codes()) {
+    EXPECT_TRUE(named.contains(row.code)) << row.code << " is found by nothing";
+  }
+}

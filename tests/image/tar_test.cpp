@@ -85,11 +85,34 @@ TEST_F(tar_archive, leaves_links_and_special_files_out_and_says_so) {
   const image::tree made = tree_of_commands(
       "echo x > file && chmod 644 file && ln -s file link && ln file other && mkfifo pipe && "
       "touch -d @5 file");
-  EXPECT_EQ(tree_text(made), "file 644 5 [x\n]\n");
+  EXPECT_EQ(tree_text(made), "file 644 5 [x\n]\nother 644 5 [x\n]\n");
   EXPECT_EQ(problems_text(made.warnings),
             "link: a symbolic link, left out\n"
-            "other: a hard link, left out\n"
             "pipe: a special file, left out\n");
+}
+
+TEST_F(tar_archive, takes_the_contents_of_hard_links_from_what_they_name) {
+  for (const std::string program : {"tar", "bsdtar --format=pax", "tar --format=posix"}) {
+    sh("rm -rf in && mkdir -p in/d && cd in && echo x > a && chmod 640 a && ln a b && ln a d/c && "
+       "touch -d @5 a d . && " +
+       program + " -cf ../out.tar .");
+    const image::tree made = tree_of_tar(folder.file("out.tar"));
+    EXPECT_EQ(tree_text(made), tree_text(image::read_folder(folder.file("in"), {}))) << program;
+    EXPECT_EQ(problems_text(made.warnings) + problems_text(made.errors), "") << program;
+  }
+  // One that names what is not in the archive has none.
+  sh("cd in && tar -cf ../out.tar a b && tar --delete -f ../out.tar a");
+  const image::tree made = tree_of_tar(folder.file("out.tar"));
+  EXPECT_EQ(tree_text(made), "");
+  EXPECT_EQ(problems_text(made.warnings),
+            "b: a hard link to a, which does not stand before it, left out\n");
+  // Nor do those that would go beyond the limit.
+  sh("cd in && tar -cf ../out.tar a b");
+  const image::tree limited = tree_of_tar(folder.file("out.tar"), {.contents_limit = 3});
+  ASSERT_EQ(limited.entries.size(), 2U);
+  EXPECT_TRUE(limited.contents_left_out);
+  EXPECT_EQ(limited.entries[1].size, 2U);
+  EXPECT_EQ(limited.entries[1].contents, "");
 }
 
 TEST_F(tar_archive, tells_several_owners) {

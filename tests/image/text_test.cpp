@@ -8,6 +8,19 @@ namespace {
 using image::escaped;
 using image::is_utf8;
 
+TEST(text, has_sizes_in_the_usual_forms) {
+  EXPECT_EQ(image::parse_size("0"), 0U);
+  EXPECT_EQ(image::parse_size("010"), 10U);
+  EXPECT_EQ(image::parse_size("0x10"), 16U);
+  EXPECT_EQ(image::parse_size("10k"), 10240U);
+  EXPECT_EQ(image::parse_size("0x2M"), 2097152U);
+  EXPECT_EQ(image::parse_size("4294967296"), 4294967296U);
+  for (const char* none : {"", "k", "0x", "-1", "+1", "1 ", " 1", "1G", "1kk", "0x-1", "1.5",
+                           "18446744073709551615K", "99999999999999999999"}) {
+    EXPECT_EQ(image::parse_size(none), std::nullopt) << none;
+  }
+}
+
 TEST(text, what_steers_a_terminal_is_escaped) {
   EXPECT_EQ(escaped("plain-Name.1"), "plain-Name.1");
   EXPECT_EQ(escaped("a\x1B[2Jb\nc\td\re\\f"), "a\\x1b[2Jb\\nc\\td\\re\\\\f");

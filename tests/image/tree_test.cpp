@@ -51,6 +51,11 @@ TEST(tree_name, may_have_45_bytes_that_are_all_allowed) {
   EXPECT_EQ(image::name_fault("\xc3\xa4"), "the name holds the byte 0xc3");
   EXPECT_EQ(image::name_fault("a:b"), "the name holds the character :");
   EXPECT_EQ(image::name_fault(""), "an empty name");
+  for (const char* name : {".", ".."}) {
+    EXPECT_EQ(image::name_fault(name),
+              "the name stands for a folder of the host, where nobody could take it out");
+  }
+  EXPECT_EQ(image::name_fault("..a"), "");
   EXPECT_EQ(image::name_fault(std::string("a\0b", 3)), "the name holds a zero byte");
 }
 
