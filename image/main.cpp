@@ -4,12 +4,10 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <initializer_list>
 #include <utility>
 #include <vector>
 
-#include "image/clock.h"
 #include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
@@ -21,27 +19,27 @@ namespace {
 image::report* running = nullptr;
 bool running_on_complex = false;
 
-// The file system ends the process when its memory contradicts itself. That is a failure like
-// others here, and has its document.
-void end_unplanned() {
-  if (running == nullptr) {
-    return;
-  }
-  image::report* out = running;
-  running = nullptr;
-  out->fail(image::exit_status::failed, running_on_complex
-                                            ? "the device or the file system gave up"
-                                            : "the file system gave up: the image is damaged");
+// Ends the run with its document, which tells why.
+[[noreturn]] void end_with(const char* text) {
+  image::report* const out = std::exchange(running, nullptr);
+  out->fail(image::exit_status::failed,
+            running_on_complex ? "the device or the file system gave up" : text);
   _exit(static_cast<int>(out->finish()));
 }
 
-void end_at_cut_image() {
+// The file system ends the process when its memory contradicts itself. That is a failure like
+// others here, and has its document.
+void end_unplanned() {
   if (running != nullptr) {
-    image::report* out = std::exchange(running, nullptr);
-    out->fail(image::exit_status::failed, "the image was cut short while it was read");
-    static_cast<void>(out->finish());
+    end_with("the file system gave up: the image is damaged");
   }
-  _exit(static_cast<int>(image::exit_status::failed));
+}
+
+void end_at_cut_image() {
+  if (running == nullptr) {
+    _exit(static_cast<int>(image::exit_status::failed));
+  }
+  end_with("the image was cut short while it was read");
 }
 
 // Descriptors that are closed must not become those of files. What goes there cannot be written, as
@@ -69,16 +67,7 @@ image::exit_status run(const image::parsed_line& parsed) {
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
   running_on_complex = parsed.options.ppc.has_value();
-  try {
-    if (const std::string fault = image::clock_fault(); !fault.empty()) {
-      out.fail(image::exit_status::usage, fault);
-    } else {
-      parsed.chosen->run(parsed.options, out);
-    }
-  } catch (const std::exception& thrown) {
-    // The libraries throw, and memory may run out.
-    out.fail(image::exit_status::failed, thrown.what());
-  }
+  image::run_command(parsed, out);
   running = nullptr;
   return out.finish();
 }
