@@ -198,9 +198,9 @@ ssize_t read_some(int from, void* to, size_t size) {
 
 bool read_to_end(int from, std::string* to, size_t most, size_t expected) {
   constexpr size_t piece = 1 << 16;
-  size_t filled = to->size();
+  size_t filled = 0;
   // One byte more than is expected, to see the end.
-  to->resize(filled + (expected != 0 ? std::min(expected, most) + 1 : piece));
+  to->resize(expected != 0 ? std::min(expected, most) + 1 : piece);
   for (;;) {
     const ssize_t got = read_some(from, to->data() + filled, to->size() - filled);
     filled += static_cast<size_t>(got > 0 ? got : 0);

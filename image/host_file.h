@@ -44,8 +44,8 @@ class descriptor {
 // As read(2), which nothing interrupts but a signal that ends the run: then it is -1 with EINTR,
 // however long nothing comes.
 [[nodiscard]] ssize_t read_some(int from, void* to, size_t size);
-// All up to the end, added to `to`; `expected` bytes, should the caller know. False with errno:
-// EFBIG when `to` would have more than `most` bytes.
+// All up to the end, in place of what `to` holds; `expected` bytes, should the caller know. False
+// with errno: EFBIG when there are more than `most`.
 [[nodiscard]] bool read_to_end(int from, std::string* to, size_t most, size_t expected = 0);
 // All of it. False with errno, EINTR after a signal that ends the run.
 [[nodiscard]] bool write_all(int to, std::span<const uint8_t> bytes);
