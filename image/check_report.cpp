@@ -10,13 +10,11 @@
 #include <string_view>
 #include <tuple>
 
+#include "image/text.h"
+
 namespace image {
 
 namespace {
-
-std::string counted(uint64_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
 
 std::string_view bytes_of(const flashfs_sector& sector) {
   return {reinterpret_cast<const char*>(&sector), sizeof(sector)};

@@ -15,6 +15,7 @@
 
 #include "ifs/ifs.h"
 #include "image/interrupt.h"
+#include "image/paths.h"
 
 namespace image {
 

@@ -1,13 +1,21 @@
-// Paths as they are given, used and told, and why something cannot be.
+// Paths as they are given, used and told, and those that an image cannot have.
 #include "image/paths.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 
 #include "flashfs/format.h"
+#include "image/text.h"
 
 namespace image {
+
+namespace {
+
+// The name under which the file system gives the whole device instead of a file.
+constexpr std::string_view raw_device_name = "...";
+
+}  // namespace
 
 std::string inside_path(std::string_view given) {
   std::string path;
@@ -51,39 +59,57 @@ bool is_directory(const ppc_stat& status) {
   return is_directory_mode(status.mode);
 }
 
-std::optional<uint32_t> parse_mode(std::string_view text) {
-  constexpr int octal = 8;
-  uint32_t mode = 0;
-  const char* end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, mode, octal);
-  return result.ec == std::errc() && result.ptr == end && mode <= ppc_mode_permissions
-             ? std::optional(mode)
-             : std::nullopt;
+std::string_view name_of_path(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
-std::string error_text(int error) {
-  switch (error) {
-    case ENOENT:
-      return "no such file or directory";
-    case EEXIST:
-      return "is there already";
-    case ENOTDIR:
-      return "not a directory";
-    case EISDIR:
-      return "is a directory";
-    case ENOTEMPTY:
-      return "the directory is not empty";
-    case ENOSPC:
-      return "no space left in the image";
-    case EIO:
-      return "cannot be read: the image is damaged here";
-    case ENAMETOOLONG:
-      return "the name or path is too long";
-    case EINVAL:
-      return "this cannot be done with it";
-    default:
-      return std::strerror(error);
+std::string_view folder_of_path(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
+}
+
+std::string name_fault(std::string_view name) {
+  if (name.empty()) {
+    return "an empty name";
   }
+  if (name == "." || name == "..") {
+    return "the name stands for a folder of the host, where nobody could take it out";
+  }
+  if (name.size() > filename_max) {
+    return "the name has " + std::to_string(name.size()) + " bytes, at most " +
+           std::to_string(filename_max) + " are possible";
+  }
+  const std::string text(name);
+  if (text.size() != strlen(text.c_str())) {
+    return "the name holds a zero byte";
+  }
+  const int illegal = filename_illegal_char(text.c_str());
+  const char byte = static_cast<char>(illegal);
+  if (illegal > ' ' && illegal < 0x7F) {
+    return std::string("the name holds the character ") + byte;
+  }
+  return illegal == 0 ? "" : "the name holds the byte 0x" + hexadecimal({&byte, 1});
+}
+
+std::string path_size_fault(std::string_view path) {
+  if (path == raw_device_name) {
+    return "this name stands for the whole device";
+  }
+  return path.size() <= tree_path_max
+             ? ""
+             : "the path has " + std::to_string(path.size()) + " bytes, at most " +
+                   std::to_string(tree_path_max) + " are possible";
+}
+
+std::string path_fault(std::string_view path) {
+  std::string fault = path_size_fault(path);
+  for (size_t begin = 0; fault.empty() && begin <= path.size();) {
+    const size_t end = std::min(path.find('/', begin), path.size());
+    fault = name_fault(path.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return fault;
 }
 
 }  // namespace image

@@ -2,8 +2,8 @@
 // them. Inside the tool the root is "" and "/a//b/" is "a/b", as volume::files wants them.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,10 +24,19 @@ std::string joined_path(std::string_view directory, std::string_view name);
                                       ppc_stat* status);
 bool is_directory(const ppc_stat& status);
 
-// An octal mode of 0 to 777; nothing when the text is none.
-std::optional<uint32_t> parse_mode(std::string_view text);
+// Longest path, in bytes, that every operation of the file system takes.
+constexpr size_t tree_path_max = 318;
 
-// What errno means here.
-std::string error_text(int error);
+// The name of the entry and the path of its folder, empty for the root.
+[[nodiscard]] std::string_view name_of_path(std::string_view path);
+[[nodiscard]] std::string_view folder_of_path(std::string_view path);
+
+// Why the file system would refuse this name of a file or folder; empty when it would not.
+[[nodiscard]] std::string name_fault(std::string_view name);
+
+// The same of a whole path: each name of it, and its length.
+[[nodiscard]] std::string path_fault(std::string_view path);
+// The same of a path whose names are good.
+[[nodiscard]] std::string path_size_fault(std::string_view path);
 
 }  // namespace image

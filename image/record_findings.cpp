@@ -10,6 +10,7 @@
 
 #include "image/record_decode.h"
 #include "image/record_owners.h"
+#include "image/text.h"
 
 namespace image {
 
@@ -24,11 +25,6 @@ __attribute__((format(printf, 1, 2))) std::string text_of(const char* format, ..
   vsnprintf(text, sizeof(text), format, arguments);
   va_end(arguments);
   return text;
-}
-
-// Something of an image, for a finding's text: "1 sector", "2 sectors".
-std::string counted(uint64_t count, const char* what) {
-  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
 unsigned shown(uint32_t value) {

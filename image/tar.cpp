@@ -16,13 +16,13 @@
 #include "image/extraction.h"
 #include "image/host_file.h"
 #include "image/interrupt.h"
+#include "image/paths.h"
 
 namespace image {
 
 namespace {
 
 constexpr size_t read_block_size = 1U << 16;  // bytes
-constexpr uint32_t permission_bits = 0777;
 constexpr uint32_t mode_of_implied_folder = 0755;
 
 struct archive_closer {
@@ -181,7 +181,7 @@ class tar_reader {
   void take(archive* opened, archive_entry* header, std::string path) {
     tree_entry entry;
     entry.directory = archive_entry_filetype(header) == AE_IFDIR;
-    entry.mode = archive_entry_perm(header) & permission_bits;
+    entry.mode = archive_entry_perm(header) & ppc_mode_permissions;
     entry.mtime = clock_date_of(archive_entry_mtime(header));
     if (path.empty()) {
       if (entry.directory) {
@@ -217,7 +217,7 @@ class tar_reader {
     const tree_entry& earlier = made_->entries[place->second];
     tree_entry entry;
     entry.path = std::move(path);
-    entry.mode = archive_entry_perm(header) & permission_bits;
+    entry.mode = archive_entry_perm(header) & ppc_mode_permissions;
     entry.mtime = clock_date_of(archive_entry_mtime(header));
     entry.size = earlier.size;
     const bool held = earlier.contents.size() == earlier.size;

@@ -1,10 +1,14 @@
 // Escapes, hexadecimal digits, dates and sizes.
 #include "image/text.h"
 
+#include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
+
+#include "ifs/ifs.h"
 
 namespace image {
 
@@ -107,6 +111,14 @@ std::string hexadecimal(std::string_view raw) {
   return text;
 }
 
+std::string counted(uint64_t count, std::string_view one, std::string_view many) {
+  std::string text = std::to_string(count) + " ";
+  if (count == 1) {
+    return text.append(one);
+  }
+  return many.empty() ? text.append(one).append("s") : text.append(many);
+}
+
 std::optional<uint64_t> parse_size(std::string_view text) {
   uint64_t unit = 1;
   if (text.ends_with('k') || text.ends_with('K')) {
@@ -124,6 +136,41 @@ std::optional<uint64_t> parse_size(std::string_view text) {
     return std::nullopt;
   }
   return number * unit;
+}
+
+std::optional<uint32_t> parse_mode(std::string_view text) {
+  constexpr int octal = 8;
+  uint32_t mode = 0;
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, mode, octal);
+  return result.ec == std::errc() && result.ptr == end && mode <= ppc_mode_permissions
+             ? std::optional(mode)
+             : std::nullopt;
+}
+
+std::string error_text(int error) {
+  switch (error) {
+    case ENOENT:
+      return "no such file or directory";
+    case EEXIST:
+      return "is there already";
+    case ENOTDIR:
+      return "not a directory";
+    case EISDIR:
+      return "is a directory";
+    case ENOTEMPTY:
+      return "the directory is not empty";
+    case ENOSPC:
+      return "no space left in the image";
+    case EIO:
+      return "cannot be read: the image is damaged here";
+    case ENAMETOOLONG:
+      return "the name or path is too long";
+    case EINVAL:
+      return "this cannot be done with it";
+    default:
+      return std::strerror(error);
+  }
 }
 
 std::string date_text(uint32_t seconds) {

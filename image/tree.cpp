@@ -12,33 +12,24 @@
 #include <memory>
 #include <utility>
 
-#include "flashfs/format.h"
+#include "ifs/ifs.h"
 #include "image/clock.h"
 #include "image/host_file.h"
 #include "image/interrupt.h"
+#include "image/paths.h"
 
 namespace image {
 
 namespace {
 
-constexpr uint32_t permission_bits = 0777;
 constexpr uint32_t special_bits = 07000;  // set-user-id, set-group-id, sticky
 
 // Bytes of a file that is worth opening twice rather than keeping.
 constexpr uint64_t large_size = 16384;
 
-// The name under which the file system gives the whole device instead of a file.
-constexpr std::string_view raw_device_name = "...";
-
 // Characters of a path in their order: the slash stands before all others.
 int rank(char character) {
   return character == '/' ? -1 : static_cast<unsigned char>(character);
-}
-
-std::string hex_byte(int value) {
-  constexpr char digits[] = "0123456789abcdef";
-  const auto byte = static_cast<unsigned char>(value);
-  return {'0', 'x', digits[byte >> 4], digits[byte & 15]};
 }
 
 const char* kind_text(mode_t mode) {
@@ -52,17 +43,6 @@ const char* kind_text(mode_t mode) {
     default:
       return "a device";
   }
-}
-
-// What is wrong with a path whose names are good.
-std::string whole_path_fault(std::string_view path) {
-  if (path == raw_device_name) {
-    return "this name stands for the whole device";
-  }
-  return path.size() <= tree_path_max
-             ? ""
-             : "the path has " + std::to_string(path.size()) + " bytes, at most " +
-                   std::to_string(tree_path_max) + " are possible";
 }
 
 template <typename Element>
@@ -192,7 +172,7 @@ class folder_reader {
     tree_entry entry;
     entry.path = path;
     entry.directory = S_ISDIR(status.st_mode);
-    entry.mode = status.st_mode & permission_bits;
+    entry.mode = status.st_mode & ppc_mode_permissions;
     entry.mtime = clock_date_of(status.st_mtime);
     owners_.see(status.st_uid, status.st_gid);
     if (entry.directory) {
@@ -258,48 +238,6 @@ bool path_is_before(std::string_view path, std::string_view other) {
   return rank(*at) < rank(*at_other);
 }
 
-std::string_view name_of_path(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-std::string_view folder_of_path(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string_view::npos ? std::string_view() : path.substr(0, slash);
-}
-
-std::string name_fault(std::string_view name) {
-  if (name.empty()) {
-    return "an empty name";
-  }
-  if (name == "." || name == "..") {
-    return "the name stands for a folder of the host, where nobody could take it out";
-  }
-  if (name.size() > filename_max) {
-    return "the name has " + std::to_string(name.size()) + " bytes, at most " +
-           std::to_string(filename_max) + " are possible";
-  }
-  const std::string text(name);
-  if (text.size() != strlen(text.c_str())) {
-    return "the name holds a zero byte";
-  }
-  const int illegal = filename_illegal_char(text.c_str());
-  if (illegal > ' ' && illegal < 0x7F) {
-    return std::string("the name holds the character ") + static_cast<char>(illegal);
-  }
-  return illegal == 0 ? "" : "the name holds the byte " + hex_byte(illegal);
-}
-
-std::string path_fault(std::string_view path) {
-  std::string fault = whole_path_fault(path);
-  for (size_t begin = 0; fault.empty() && begin <= path.size();) {
-    const size_t end = std::min(path.find('/', begin), path.size());
-    fault = name_fault(path.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return fault;
-}
-
 void sort_tree(tree* made) {
   sort_by_path(&made->entries);
   sort_by_path(&made->warnings);
@@ -311,7 +249,7 @@ void finish_tree(tree* made) {
     // Only its own name: that of its folder is told with the folder.
     std::string fault = name_fault(name_of_path(entry.path));
     if (fault.empty()) {
-      fault = whole_path_fault(entry.path);
+      fault = path_size_fault(entry.path);
     }
     if (!fault.empty()) {
       made->errors.push_back({entry.path, std::move(fault)});

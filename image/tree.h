@@ -53,21 +53,8 @@ struct tree_options {
 [[nodiscard]] std::string contents_of(const tree& from, const tree_entry& entry, std::string* held,
                                       std::string_view* contents);
 
-// Longest path, in bytes, that every operation of the file system takes.
-constexpr size_t tree_path_max = 318;
-
 // Whether one path stands before another: a folder before what is in it, which stays together.
 [[nodiscard]] bool path_is_before(std::string_view path, std::string_view other);
-
-// The name of the entry and the path of its folder, empty for the root.
-[[nodiscard]] std::string_view name_of_path(std::string_view path);
-[[nodiscard]] std::string_view folder_of_path(std::string_view path);
-
-// Why the file system would refuse this name of a file or folder; empty when it would not.
-[[nodiscard]] std::string name_fault(std::string_view name);
-
-// What is wrong with an entry's path: each name of it, and its length.
-[[nodiscard]] std::string path_fault(std::string_view path);
 
 // Brings entries and problems in the order of their paths.
 void sort_tree(tree* made);

@@ -10,12 +10,12 @@
 #include "image/clock.h"
 #include "image/extraction.h"
 #include "image/paths.h"
+#include "image/text.h"
 
 namespace image {
 
 namespace {
 
-constexpr uint32_t permission_bits = 0777;
 constexpr uint32_t mounts_max = 1000;          // of one reading; they take some time each
 constexpr uint32_t bit_of_new_entries = 0400;  // what is made has it, asked for or not
 
@@ -86,7 +86,7 @@ class volume_reader {
     tree_entry entry;
     entry.path = path;
     entry.directory = (status.mode & ppc_mode_type_mask) == ppc_mode_directory;
-    entry.mode = status.mode & permission_bits;
+    entry.mode = status.mode & ppc_mode_permissions;
     entry.mtime = status.modification_date;
     if (!entry.directory) {
       entry.size = status.size;

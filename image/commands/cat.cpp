@@ -7,6 +7,7 @@
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/session.h"
+#include "image/text.h"
 
 namespace image {
 

@@ -11,6 +11,7 @@
 #include "image/paths.h"
 #include "image/session.h"
 #include "image/take_out.h"
+#include "image/text.h"
 #include "image/tree.h"
 #include "image/volume_tree.h"
 

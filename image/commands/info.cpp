@@ -43,10 +43,6 @@ struct erase_counts {
   uint32_t most_worn = 0;  // block
 };
 
-std::string counted(uint32_t count, const char* one, const char* many) {
-  return fmt::format("{} {}", count, count == 1 ? one : many);
-}
-
 class image_info {
  public:
   image_info(const globals& all, opened_image& opened, report& out)

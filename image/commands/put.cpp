@@ -17,6 +17,7 @@
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/space.h"
+#include "image/text.h"
 #include "image/tree.h"
 
 namespace image {

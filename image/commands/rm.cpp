@@ -6,6 +6,7 @@
 #include "image/commands/commands.h"
 #include "image/commands/edit_options.h"
 #include "image/paths.h"
+#include "image/text.h"
 
 namespace image {
 

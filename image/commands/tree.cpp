@@ -8,6 +8,7 @@
 #include "image/commands/commands.h"
 #include "image/paths.h"
 #include "image/session.h"
+#include "image/text.h"
 
 namespace image {
 

@@ -8,6 +8,7 @@
 #include "image/commands/edit_options.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
+#include "image/text.h"
 
 namespace image {
 

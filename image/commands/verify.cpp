@@ -13,6 +13,7 @@
 #include "image/records.h"
 #include "image/session.h"
 #include "image/source.h"
+#include "image/text.h"
 #include "image/tree_diff.h"
 #include "image/volume_tree.h"
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "image/paths.h"
 #include "tests/image/tree_text.h"
 #include "tests/support/run_program.h"
 

@@ -1,6 +1,8 @@
 // Trees as text and by hand.
 #include "tests/image/tree_text.h"
 
+#include "image/paths.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
