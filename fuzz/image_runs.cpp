@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <exception>
 
 #include "flashfs/format.h"
 #include "fuzz/hostile_flash.h"
@@ -41,11 +40,7 @@ image::exit_status run_line(int argc, char* argv[]) {
     return parsed.status;
   }
   image::report out(parsed.options, parsed.chosen->name);
-  try {
-    parsed.chosen->run(parsed.options, out);
-  } catch (const std::exception& thrown) {
-    out.fail(image::exit_status::failed, thrown.what());
-  }
+  image::run_command(parsed, out);
   return out.finish();
 }
 

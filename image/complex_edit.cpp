@@ -11,7 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "image/flash_file.h"
+#include "image/host_file.h"
 #include "image/interrupt.h"
 #include "zantrolume/zantrolume_device.h"
 
@@ -171,7 +171,7 @@ class complex_editor {
       if (access(name.c_str(), F_OK) == 0) {
         continue;
       }
-      if (!write_new_file(name, flash_.contents(), false, &why)) {
+      if (!write_file(name, flash_.contents(), {}, &why)) {
         return fail("no copy can be saved: " + name + ": " + why + "; nothing was changed");
       }
       backup_ = name;

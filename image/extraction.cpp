@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "ifs/ifs.h"
+#include "image/interrupt.h"
 #include "image/paths.h"
 
 namespace image {
@@ -26,12 +27,16 @@ constexpr uint32_t mode_of_the_board = 0400;
 // A folder that is open, and what it gets when all in it is written.
 struct open_folder {
   std::string path;
-  int fd = -1;
+  descriptor at;                      // none: a dry run, which has not made it
   const tree_entry* entry = nullptr;  // null for the target itself
 };
 
-int open_as_folder(int at, const char* name) {
-  return openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+// What openat said of an entry that should be a folder.
+std::string not_a_folder(int at, const char* name, int error) {
+  struct stat status = {};
+  const bool is_link =
+      fstatat(at, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode);
+  return is_link ? "a link is in the way, which is not followed" : strerror(error);
 }
 
 // Whether there is nothing in a folder; errno when it cannot be told.
@@ -51,18 +56,6 @@ bool is_empty_folder(int fd, int* error) {
   }
   *error = errno;
   return *error == 0;
-}
-
-// 0 or errno.
-int write_all(int fd, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(fd, bytes.data(), bytes.size());
-    if (written < 0 && errno != EINTR) {
-      return errno;
-    }
-    bytes.remove_prefix(written > 0 ? static_cast<size_t>(written) : 0);
-  }
-  return 0;
 }
 
 // Permissions and date, which come last. 0 or errno.
@@ -86,13 +79,6 @@ class extractor {
  public:
   extractor(const tree& from, const extraction_options& options, extraction* result)
       : from_(from), options_(options), result_(result) {}
-  ~extractor() {
-    for (const open_folder& folder : stack_) {
-      close(folder.fd);
-    }
-  }
-  extractor(const extractor&) = delete;
-  extractor& operator=(const extractor&) = delete;
 
   void run(const std::string& folder) {
     if (!judge_names() || !open_target(folder)) {
@@ -114,7 +100,7 @@ class extractor {
 
  private:
   bool stopped() const {
-    return !options_.keep_going && !result_->errors.empty();
+    return interrupted() || (!options_.keep_going && !result_->errors.empty());
   }
 
   void fail(const std::string& path, std::string text) {
@@ -146,37 +132,50 @@ class extractor {
   }
 
   bool open_target(const std::string& folder) {
-    if (mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
+    if (!options_.dry_run && mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) {
       fail(folder, strerror(errno));
       return false;
     }
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-      fail(folder, strerror(errno));
+    descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!opened && options_.dry_run && errno == ENOENT && can_be_made(folder)) {
+      stack_.push_back({"", descriptor(), nullptr});
+      return true;
+    }
+    int error = opened ? 0 : errno;
+    if (error == 0 && !options_.force && !is_empty_folder(opened.get(), &error) && error == 0) {
+      fail(folder, "the folder is not empty; --force writes into it");
       return false;
     }
-    stack_.push_back({"", fd, nullptr});
-    int error = 0;
-    if (!options_.force && !is_empty_folder(fd, &error)) {
-      fail(folder,
-           error != 0 ? strerror(error) : "the folder is not empty; --force writes into it");
+    if (error != 0) {
+      fail(folder, strerror(error));
       return false;
     }
+    stack_.push_back({"", std::move(opened), nullptr});
     return true;
   }
 
+  // Whether a folder that is not there could be; errno if not.
+  static bool can_be_made(const std::string& folder) {
+    const size_t end = folder.find_last_not_of('/');
+    const size_t slash = folder.rfind('/', end);
+    const std::string above = slash == std::string::npos ? "." : folder.substr(0, slash + 1);
+    const descriptor opened(open(above.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return opened && can_make_files_in(opened.get());
+  }
+
   void close_top() {
-    const open_folder top = stack_.back();
+    const open_folder top = std::move(stack_.back());
     stack_.pop_back();
+    if (options_.dry_run) {
+      return;
+    }
     if (top.entry != nullptr) {
-      if (const int error = finish_descriptor(top.fd, *top.entry); error != 0) {
+      if (const int error = finish_descriptor(top.at.get(), *top.entry); error != 0) {
         fail(top.path, strerror(error));
       }
+    } else if (from_.root_mtime) {
+      date_target(top.at.get(), *from_.root_mtime);
     }
-    if (top.entry == nullptr && from_.root_mtime) {
-      date_target(top.fd, *from_.root_mtime);
-    }
-    close(top.fd);
   }
 
   // The target has the permissions that it has, and may be somebody else's: then so is its date.
@@ -214,18 +213,28 @@ class extractor {
 
   std::string make_folder(const tree_entry& entry) {
     const std::string name(name_of_path(entry.path));
-    const int at = stack_.back().fd;
-    if (mkdirat(at, name.c_str(), mode_while_writing) != 0 &&
+    descriptor opened;
+    if (std::string fault = enter(stack_.back().at.get(), name.c_str(), &opened); !fault.empty()) {
+      return fault;
+    }
+    stack_.push_back({entry.path, std::move(opened), &entry});
+    result_->folders++;
+    return "";
+  }
+
+  // Opens a folder, which is made if it is missing.
+  std::string enter(int at, const char* name, descriptor* opened) const {
+    if (options_.dry_run && at < 0) {
+      return "";
+    }
+    if (!options_.dry_run && mkdirat(at, name, mode_while_writing) != 0 &&
         (errno != EEXIST || !options_.force)) {
       return strerror(errno);
     }
-    const int fd = open_as_folder(at, name.c_str());
-    if (fd < 0) {
-      return strerror(errno);
-    }
-    stack_.push_back({entry.path, fd, &entry});
-    result_->folders++;
-    return "";
+    *opened = descriptor(openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    const bool would_be_made =
+        !*opened && options_.dry_run && errno == ENOENT && can_make_files_in(at);
+    return *opened || would_be_made ? "" : not_a_folder(at, name, errno);
   }
 
   std::string make_file(const tree_entry& entry) {
@@ -234,29 +243,49 @@ class extractor {
       return fault;
     }
     const std::string name(name_of_path(entry.path));
-    const int at = stack_.back().fd;
+    const int at = stack_.back().at.get();
+    std::string fault = options_.never && options_.never == identity_at(at, name)
+                            ? "is the image itself, which is only read"
+                        : options_.dry_run ? try_file(at, name.c_str())
+                                           : write_contents(at, name.c_str(), entry, contents);
+    if (fault.empty()) {
+      result_->files++;
+      result_->bytes += contents.size();
+    }
+    return fault;
+  }
+
+  std::string write_contents(int at, const char* name, const tree_entry& entry,
+                             std::string_view contents) {
     constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-    int fd = openat(at, name.c_str(), flags, 0600);
-    if (fd < 0 && errno == EEXIST && options_.force && unlinkat(at, name.c_str(), 0) == 0) {
-      fd = openat(at, name.c_str(), flags, 0600);
+    int fd = openat(at, name, flags, 0600);
+    if (fd < 0 && errno == EEXIST && options_.force && unlinkat(at, name, 0) == 0) {
+      fd = openat(at, name, flags, 0600);
     }
     if (fd < 0) {
       return strerror(errno);
     }
-    int error = write_all(fd, contents);
-    if (error == 0) {
-      error = finish_descriptor(fd, entry);
-    }
+    int error = write_all(fd, contents) ? finish_descriptor(fd, entry) : errno;
     if (close(fd) != 0 && error == 0) {
       error = errno;
     }
     if (error != 0) {
-      unlinkat(at, name.c_str(), 0);  // half a file would be taken for a whole one
+      unlinkat(at, name, 0);  // half a file would be taken for a whole one
       return strerror(error);
     }
-    result_->files++;
-    result_->bytes += contents.size();
     return "";
+  }
+
+  // What would keep a file from being written.
+  std::string try_file(int at, const char* name) const {
+    struct stat there = {};
+    if (at < 0) {
+      return "";
+    }
+    if (fstatat(at, name, &there, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(there.st_mode)) {
+      return strerror(EISDIR);
+    }
+    return can_make_files_in(at) ? "" : strerror(errno);
   }
 
   const tree& from_;

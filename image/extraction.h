@@ -3,10 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "image/host_file.h"
 #include "image/tree.h"
 
 namespace image {
@@ -14,6 +16,8 @@ namespace image {
 struct extraction_options {
   bool force = false;       // into a folder that has something in it; files there are replaced
   bool keep_going = false;  // what cannot be written is told and left out
+  bool dry_run = false;     // nothing is written: tells what would be, and what would be wrong
+  std::optional<file_identity> never;  // a file that must stay: the image
 };
 
 struct extraction {

@@ -1,8 +1,6 @@
 // Images as files. Who reads one shares its lock, who changes one has it alone, and both hold the
 // file that the name stands for when they have the lock: it may have been replaced while they
-// waited. A file is never written in place. The new contents go into a temporary file beside it,
-// which takes its name when it is safely on disk; so whatever happens, the old contents are there
-// or the new.
+// waited. A file is never written in place: see host_file.h.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +8,8 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
+
+#include "image/host_file.h"
 
 namespace image {
 
@@ -30,32 +29,29 @@ class flash_file {
   // The contents as they are in the file. They are looked at, not read: what nobody asks for costs
   // nothing.
   std::span<const uint8_t> contents() const {
-    return {bytes_, size_};
+    return {bytes_ != nullptr ? bytes_ : reinterpret_cast<const uint8_t*>(input_.data()), size_};
   }
   // The same to be changed at will: nobody else sees it.
   std::optional<std::span<uint8_t>> private_view(std::string* why);
 
-  // Puts other contents in place of the file, with its mode and owner. False, with the reason, when
-  // that cannot be; then the file is as it was. (One case is left: when only the folder could not
-  // be written to disk, either may be there after a power cut.)
-  [[nodiscard]] bool replace(std::span<const uint8_t> contents, std::string* why) const;
+  // Which file it is; nothing: standard input.
+  std::optional<file_identity> identity() const;
+
+  // Puts other contents in place of the file, with its mode and owner, unless it is a dry run.
+  // False, with the reason, when that cannot be; then the file is as it was, as far as replace_file
+  // says.
+  [[nodiscard]] bool replace(std::span<const uint8_t> contents, bool dry_run,
+                             std::string* why) const;
 
  private:
   flash_file() = default;
 
-  std::string real_path_;  // behind all symbolic links
-  int descriptor_ = -1;
-  const uint8_t* bytes_ = nullptr;
+  std::string real_path_;           // behind all symbolic links
+  descriptor opened_;               // none: standard input
+  const uint8_t* bytes_ = nullptr;  // mapped
   size_t size_ = 0;
   uint8_t* view_ = nullptr;
-  std::vector<uint8_t> input_;  // of standard input
+  std::string input_;  // of standard input
 };
-
-// Makes a file of its own, by way of a temporary one, too. Unless `replacing`, it must not be there
-// yet. "-" is standard output. Not `durable`, a file that was not there is left to the system to
-// write to disk, as with a copy: that is most of the time that it takes, and nothing old can be
-// lost.
-[[nodiscard]] bool write_new_file(const std::string& path, std::span<const uint8_t> contents,
-                                  bool replacing, std::string* why, bool durable = true);
 
 }  // namespace image

@@ -19,6 +19,7 @@ volatile std::sig_atomic_t noted = 0;
 const char* volatile unfinished_file = nullptr;
 const char* volatile step_held = nullptr;
 struct sigaction pipe_action_before = {};
+void (*end_at_cut_image)() = nullptr;
 
 // Called by the handler: nothing here but what a handler may call.
 void tell_what_is_finished() {
@@ -29,6 +30,15 @@ void tell_what_is_finished() {
   tell("flashfs-image: interrupted, ends after ");
   tell(step_held);
   tell("\n");
+}
+
+// It comes from the access to the mapped file, not from anywhere: what it interrupts is no library
+// that the end needs.
+void end_after_bus_error(int /*number*/) {
+  if (const char* path = unfinished_file; path != nullptr) {
+    unlink(path);
+  }
+  end_at_cut_image();
 }
 
 void note_signal(int number) {
@@ -63,6 +73,16 @@ void catch_signals() {
     noting.sa_handler = note_signal;
     sigaction(number, &noting, nullptr);
   }
+  // A file that becomes too large is a failure like others.
+  std::signal(SIGXFSZ, SIG_IGN);
+}
+
+void catch_cut_images(void (*end)()) {
+  end_at_cut_image = end;
+  struct sigaction ending = {};
+  ending.sa_handler = end_after_bus_error;
+  ending.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);  // another one ends it as usual
+  sigaction(SIGBUS, &ending, nullptr);
 }
 
 held_step::held_step(const char* step) {

@@ -6,8 +6,12 @@
 
 namespace image {
 
-// Notes SIGINT, SIGTERM and SIGHUP from now on, unless they are ignored.
+// Notes SIGINT, SIGTERM and SIGHUP from now on, unless they are ignored. SIGXFSZ is left to the
+// errors of writing.
 void catch_signals();
+// Images are mapped. When somebody cuts one short while it is looked at, the system ends the run by
+// SIGBUS; this is called in place of that, and has to end it.
+void catch_cut_images(void (*end)());
 // Whether one has come.
 bool interrupted();
 // While one of these lives, no signal ends the run: a second one tells what it waits for, and

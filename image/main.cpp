@@ -1,17 +1,17 @@
 // flashfs-image: images of a boot flash on the host.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
+#include <initializer_list>
+#include <utility>
 #include <vector>
 
-#include "image/clock.h"
 #include "image/commands/all_commands.h"
 #include "image/interrupt.h"
 #include "image/options.h"
 #include "image/report.h"
-#include "zantrolume/zantrolume_device.h"
 
 namespace {
 
@@ -19,18 +19,40 @@ namespace {
 image::report* running = nullptr;
 bool running_on_complex = false;
 
+// Ends the run with its document, which tells why.
+[[noreturn]] void end_with(const char* text) {
+  image::report* const out = std::exchange(running, nullptr);
+  out->fail(image::exit_status::failed,
+            running_on_complex ? "the device or the file system gave up" : text);
+  _exit(static_cast<int>(out->finish()));
+}
+
 // The file system ends the process when its memory contradicts itself. That is a failure like
 // others here, and has its document.
 void end_unplanned() {
-  if (running == nullptr) {
-    return;
+  if (running != nullptr) {
+    end_with("the file system gave up: the image is damaged");
   }
-  image::report* out = running;
-  running = nullptr;
-  out->fail(image::exit_status::failed, running_on_complex
-                                            ? "the device or the file system gave up"
-                                            : "the file system gave up: the image is damaged");
-  _exit(static_cast<int>(out->finish()));
+}
+
+void end_at_cut_image() {
+  if (running == nullptr) {
+    _exit(static_cast<int>(image::exit_status::failed));
+  }
+  end_with("the image was cut short while it was read");
+}
+
+// Descriptors that are closed must not become those of files. What goes there cannot be written, as
+// little as read, which is told as always: so what stands there takes and gives nothing.
+bool occupy_standard_descriptors() {
+  for (const int wanted : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    const int useless = wanted == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    // The lowest free descriptor is the one that is given.
+    if (fcntl(wanted, F_GETFD) < 0 && open("/dev/null", useless) != wanted) {
+      return false;
+    }
+  }
+  return true;
 }
 
 image::exit_status refuse(const image::parsed_line& parsed) {
@@ -41,22 +63,11 @@ image::exit_status refuse(const image::parsed_line& parsed) {
 
 image::exit_status run(const image::parsed_line& parsed) {
   image::catch_signals();
+  image::catch_cut_images(end_at_cut_image);
   image::report out(parsed.options, parsed.chosen->name);
   running = &out;
   running_on_complex = parsed.options.ppc.has_value();
-  try {
-    if (const std::string fault = image::clock_fault(); !fault.empty()) {
-      out.fail(image::exit_status::usage, fault);
-    } else if (parsed.options.json && parsed.options.output == "-") {
-      out.fail(image::exit_status::usage,
-               "standard output has the document or the image, not both");
-    } else {
-      parsed.chosen->run(parsed.options, out);
-    }
-  } catch (const std::exception& thrown) {
-    // The libraries throw, and memory may run out.
-    out.fail(image::exit_status::failed, thrown.what());
-  }
+  image::run_command(parsed, out);
   running = nullptr;
   return out.finish();
 }
@@ -64,8 +75,7 @@ image::exit_status run(const image::parsed_line& parsed) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  // Or an image that is opened to be edited becomes standard output.
-  if (!zantrolume_occupy_output_descriptors()) {
+  if (!occupy_standard_descriptors()) {
     return static_cast<int>(image::exit_status::failed);
   }
   std::atexit(end_unplanned);

@@ -7,38 +7,51 @@
 
 #include "flashfs/format.h"
 #include "image/flash_file.h"
+#include "image/host_file.h"
 #include "image/interrupt.h"
 
 namespace image {
 
 namespace {
 
-bool is_standard_output(const new_image& planned) {
-  return planned.name == "-";
-}
-
 bool replace_image(const new_image& planned, std::span<const uint8_t> bytes, const globals& all,
-                   std::string* why) {
+                   bool dry_run, std::string* why) {
   const std::optional<flash_file> old =
       flash_file::open(planned.name, flash_file::access::edit, all.lock_timeout_seconds, why);
-  return old && old->replace(bytes, why);
+  return old && old->replace(bytes, dry_run, why);
+}
+
+// Writes it, or only tries. False after a message, or a signal.
+bool write(const new_image& planned, std::span<const uint8_t> bytes, const globals& all,
+           bool dry_run, report& out) {
+  // An empty file is no image that anybody could be at work on.
+  struct stat there = {};
+  const bool replacing = planned.force && planned.name != "-" &&
+                         stat(planned.name.c_str(), &there) == 0 && there.st_size != 0;
+  const file_options how = {.replaces = planned.force,
+                            .refusal = "is there already; --force replaces it",
+                            .durable = false,
+                            .dry_run = dry_run};
+  std::string why;
+  if (replacing ? replace_image(planned, bytes, all, dry_run, &why)
+                : write_file(planned.name, bytes, how, &why)) {
+    return true;
+  }
+  if (!interrupted()) {
+    out.fail(exit_status::failed, why, planned.name);
+  }
+  return false;
 }
 
 }  // namespace
 
 std::optional<geometry> plan_new_image(const new_image& planned, const globals& all, report& out) {
-  if (!all.output.empty()) {
-    out.fail(exit_status::usage,
-             "the new image has its name already: there is no use for --output");
+  if (const std::string why = objection_to_output(planned.name, all.json); !why.empty()) {
+    out.fail(exit_status::usage, why);
     return std::nullopt;
   }
-  if (all.json && is_standard_output(planned)) {
-    out.fail(exit_status::usage, "standard output cannot have both the image and the document");
-    return std::nullopt;
-  }
-  struct stat there = {};
-  if (!planned.force && !is_standard_output(planned) && lstat(planned.name.c_str(), &there) == 0) {
-    out.fail(exit_status::failed, "is there already; --force replaces it", planned.name);
+  // The work may be long: what it ends with is tried before.
+  if (!write(planned, {}, all, true, out)) {
     return std::nullopt;
   }
   if (all.geometry.empty()) {
@@ -71,22 +84,7 @@ std::vector<uint8_t> erased_flash(const geometry& layout) {
 
 bool write_new_image(const new_image& planned, std::span<const uint8_t> bytes, const globals& all,
                      report& out) {
-  if (all.dry_run) {
-    return true;
-  }
-  // An empty file is no image that anybody could be at work on.
-  struct stat there = {};
-  const bool replacing = planned.force && !is_standard_output(planned) &&
-                         stat(planned.name.c_str(), &there) == 0 && there.st_size != 0;
-  std::string why;
-  if (replacing ? replace_image(planned, bytes, all, &why)
-                : write_new_file(planned.name, bytes, planned.force, &why, false)) {
-    return true;
-  }
-  if (!interrupted()) {
-    out.fail(exit_status::failed, why, planned.name);
-  }
-  return false;
+  return write(planned, bytes, all, all.dry_run, out);
 }
 
 }  // namespace image

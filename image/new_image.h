@@ -19,7 +19,8 @@ struct new_image {
   bool force = false;
 };
 
-// Judges what can be judged at once, and gives the geometry: --geometry, or that of a complex.
+// Judges what can be judged at once (also whether it could be written), and gives the geometry:
+// --geometry, or that of a complex.
 // Nothing after a failure, which is told and has raised the status.
 [[nodiscard]] std::optional<geometry> plan_new_image(const new_image& planned, const globals& all,
                                                      report& out);

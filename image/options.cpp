@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "image/completions.h"
+#include "image/host_file.h"
 #include "image/text.h"
 #include "zantrolume/zantrolume_device.h"
 
@@ -106,6 +107,15 @@ std::string objection_to_complex(const globals& options, const arguments& taken,
     return text;
   }
   return taken.takes_complex() ? "" : std::string(command) + " does not work on a complex";
+}
+
+// What is wrong about --output; empty: nothing.
+std::string objection_to_new_image(const globals& options, const arguments& taken,
+                                   const char* command) {
+  if (!options.output.empty() && !taken.is_edit()) {
+    return "--output is where an edited image goes, and " + std::string(command) + " edits none";
+  }
+  return objection_to_output(options.output, options.json);
 }
 
 // What is wrong with a command line. The library calls a command that it does not know missing.
@@ -270,8 +280,11 @@ parsed_line parse_command_line(std::span<const command> commands, int argc, char
     parsed.options.json = has_option(argc, argv, "--json");
   }
   if (parsed.chosen != nullptr) {
-    parsed.error =
-        objection_to_complex(parsed.options, line.taken.at(parsed.chosen), parsed.chosen->name);
+    const arguments& taken = line.taken.at(parsed.chosen);
+    parsed.error = objection_to_complex(parsed.options, taken, parsed.chosen->name);
+    if (parsed.error.empty()) {
+      parsed.error = objection_to_new_image(parsed.options, taken, parsed.chosen->name);
+    }
     if (!parsed.error.empty()) {
       parsed.command_name = parsed.chosen->name;
       parsed.chosen = nullptr;

@@ -33,6 +33,10 @@ class arguments {
   void image(std::string* value, const char* name = "IMAGE", const char* help = "The image");
   // The command works on nothing but a complex.
   void complex_alone();
+  // It edits an image, or may: --output has a meaning.
+  void edits() {
+    edits_ = true;
+  }
 
   void flag(const char* names, bool* value, const char* help);
   // `value_name` stands for the value in the help.
@@ -53,12 +57,16 @@ class arguments {
   bool needs_complex() const {
     return needs_complex_;
   }
+  bool is_edit() const {
+    return edits_;
+  }
 
  private:
   CLI::App& app_;
   const bool complex_;
   bool takes_complex_ = false;
   bool needs_complex_ = false;
+  bool edits_ = false;
 };
 
 struct command {

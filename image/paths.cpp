@@ -87,7 +87,7 @@ std::string name_fault(std::string_view name) {
   const int illegal = filename_illegal_char(text.c_str());
   const char byte = static_cast<char>(illegal);
   if (illegal > ' ' && illegal < 0x7F) {
-    return std::string("the name holds the character ") + byte;
+    return "the name holds the character " + std::string(1, byte);
   }
   return illegal == 0 ? "" : "the name holds the byte 0x" + hexadecimal({&byte, 1});
 }

@@ -127,7 +127,9 @@ std::optional<opened_image> open_image(const globals& options, const std::string
   std::optional<flash_file> file =
       flash_file::open(name, wanted, options.lock_timeout_seconds, &why);
   if (!file) {
-    refuse(name, why, out);
+    if (!interrupted()) {
+      refuse(name, why, out);
+    }
     return std::nullopt;
   }
   bool doubted = false;
@@ -136,6 +138,12 @@ std::optional<opened_image> open_image(const globals& options, const std::string
     return std::nullopt;
   }
   return opened_image{name, std::move(file), nullptr, std::move(*layout), doubted};
+}
+
+std::optional<opened_image> open_image_to_edit(const globals& options, const std::string& name,
+                                               report& out) {
+  using access = flash_file::access;
+  return open_image(options, name, options.output.empty() ? access::edit : access::read, out);
 }
 
 session::session(const globals& options, opened_image opened)
@@ -204,10 +212,7 @@ bool session::check_for_reading(report& out) {
 
 std::unique_ptr<session> session::to_edit(const globals& options, const std::string& name,
                                           bool force, report& out) {
-  // An edit that goes elsewhere leaves the image alone.
-  const bool in_place = options.output.empty();
-  std::optional<opened_image> opened = open_image(
-      options, name, in_place ? flash_file::access::edit : flash_file::access::read, out);
+  std::optional<opened_image> opened = open_image_to_edit(options, name, out);
   if (!opened) {
     return nullptr;
   }
@@ -289,10 +294,13 @@ bool write_checked(const globals& options, const opened_image& image,
   out.result()["written"] = nullptr;
   const std::span<const uint8_t> before = image.contents();
   const bool same = std::equal(contents.begin(), contents.end(), before.begin(), before.end());
-  if (options.dry_run || (in_place && same)) {
+  if (in_place && same) {
     return true;
   }
   if (in_place && image.complex) {
+    if (options.dry_run) {
+      return true;
+    }
     if (!change_complex(options, *image.complex, contents, in_order, out)) {
       return false;
     }
@@ -300,13 +308,17 @@ bool write_checked(const globals& options, const opened_image& image,
     return true;
   }
   std::string why;
-  if (in_place ? image.file->replace(contents, &why)
-               : write_new_file(options.output, contents, false, &why)) {
+  const bool done = in_place
+                        ? image.file->replace(contents, options.dry_run, &why)
+                        : write_file(options.output, contents, {.dry_run = options.dry_run}, &why);
+  if (!done) {
+    return !interrupted() && refuse(in_place ? image.name : options.output, why, out);
+  }
+  if (!options.dry_run) {
     put_text(&out.result(), "written", in_place ? image.name : options.output);
     out.set_written();
-    return true;
   }
-  return !interrupted() && refuse(in_place ? image.name : options.output, why, out);
+  return true;
 }
 
 bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout, report& out) {

@@ -40,12 +40,19 @@ struct opened_image {
   std::optional<std::span<uint8_t>> private_view(std::string* why) {
     return complex ? std::optional(complex->private_view()) : file->private_view(why);
   }
+  // Which file it is, if it is one with a name.
+  std::optional<file_identity> identity() const {
+    return file ? file->identity() : std::nullopt;
+  }
 };
 
 // Opens, locks and finds the geometry (--geometry, --lock-timeout, --ppc: the name is empty then).
 // Nothing after a failure, which is told and has raised the status.
 std::optional<opened_image> open_image(const globals& options, const std::string& name,
                                        flash_file::access wanted, report& out);
+// The same for an edit, which with --output leaves the image alone.
+std::optional<opened_image> open_image_to_edit(const globals& options, const std::string& name,
+                                               report& out);
 
 class session {
  public:
@@ -66,6 +73,9 @@ class session {
   }
   const geometry& layout() const {
     return image_.layout;
+  }
+  std::optional<file_identity> identity() const {
+    return image_.identity();
   }
   // The bytes that are mounted, and what the check said.
   class mounted& mounted() {

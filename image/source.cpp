@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "image/host_file.h"
+#include "image/interrupt.h"
 #include "image/tar.h"
 
 namespace image {
@@ -19,24 +21,22 @@ std::optional<tree> read_any(const std::string& from, const tree_options& option
     return read_tar(STDIN_FILENO, options);
   }
   struct stat status = {};
-  const int fd = open(from.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0 || fstat(fd, &status) != 0) {
-    out.fail(exit_status::failed, strerror(errno), from);
-    if (fd >= 0) {
-      close(fd);
+  const descriptor opened(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!opened || fstat(opened.get(), &status) != 0) {
+    if (!interrupted()) {
+      out.fail(exit_status::failed, strerror(errno), from);
     }
     return std::nullopt;
   }
-  tree made = S_ISDIR(status.st_mode) ? read_folder(from, options) : read_tar(fd, options);
-  close(fd);
-  return made;
+  return S_ISDIR(status.st_mode) ? read_folder(from, options) : read_tar(opened.get(), options);
 }
 
 }  // namespace
 
 std::optional<tree> read_source(const std::string& from, const tree_options& options, report& out) {
   std::optional<tree> made = read_any(from, options, out);
-  if (!made) {
+  // What a signal has cut short is no source, and what is wrong with it means nothing.
+  if (!made || interrupted()) {
     return std::nullopt;
   }
   for (const tree_problem& one : made->warnings) {

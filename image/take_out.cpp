@@ -1,13 +1,7 @@
 // Judging the names, writing, telling what came of it.
 #include "image/take_out.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "image/extraction.h"
@@ -28,22 +22,13 @@ void tell_missing(const host_place& to, exit_status status,
   }
 }
 
-void tell_result(uint64_t files, uint64_t folders, uint64_t bytes, report& out) {
-  out.result()["files"] = files;
-  out.result()["directories"] = folders;
-  out.result()["bytes"] = bytes;
-  out.detail(std::to_string(files) + " files, " + std::to_string(folders) + " directories, " +
-             std::to_string(bytes) + " bytes");
-}
-
 void to_folder(const host_place& to, const globals& all, const tree& found, report& out) {
-  if (all.dry_run) {
-    const std::vector<tree_problem> faults = host_faults(found);
-    tell_missing(to, exit_status::failed, faults, out);
+  const extraction done = extract_tree(
+      found, to.folder,
+      {.force = to.force, .keep_going = to.keep_going, .dry_run = all.dry_run, .never = to.never});
+  if (interrupted()) {
     return;
   }
-  const extraction done =
-      extract_tree(found, to.folder, {.force = to.force, .keep_going = to.keep_going});
   for (const tree_problem& one : done.warnings) {
     out.warn(codes::advice, one.text, told_path(one.path));
   }
@@ -54,28 +39,13 @@ void to_folder(const host_place& to, const globals& all, const tree& found, repo
     return;
   }
   tell_missing(to, exit_status::failed, done.errors, out);
-  tell_result(done.files, done.folders, done.bytes, out);
-}
-
-// The descriptor, or -1 after a message.
-int open_archive(const host_place& to, report& out) {
-  if (to.archive == "-") {
-    return STDOUT_FILENO;
-  }
-  const int how = to.force ? O_TRUNC : O_EXCL;
-  const int fd = open(to.archive.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, 0666);
-  if (fd < 0) {
-    out.fail(exit_status::failed,
-             errno == EEXIST ? "is there already; --force replaces it" : strerror(errno),
-             to.archive);
-  }
-  return fd;
+  tell_written(done.files, done.folders, done.bytes, out);
 }
 
 void to_archive(const host_place& to, const globals& all, tree found, report& out) {
   const std::vector<tree_problem> faults = host_faults(found);
   tell_missing(to, exit_status::failed, faults, out);
-  if (out.status() >= exit_status::faults || all.dry_run) {
+  if (out.status() >= exit_status::faults) {
     return;
   }
   std::erase_if(found.entries, [&](const tree_entry& entry) {
@@ -83,18 +53,15 @@ void to_archive(const host_place& to, const globals& all, tree found, report& ou
       return entry.path == one.path || entry.path.starts_with(one.path + "/");
     });
   });
-  const int fd = open_archive(to, out);
-  if (fd < 0) {
-    return;
-  }
-  std::string fault = write_tar(found, fd);
-  if (fd != STDOUT_FILENO && close(fd) != 0 && fault.empty()) {
-    fault = strerror(errno);
-  }
-  if (!fault.empty()) {
-    out.fail(exit_status::failed, fault, to.archive);
-    if (fd != STDOUT_FILENO) {
-      unlink(to.archive.c_str());
+  const file_writer contents = [&](int fd) { return write_tar(found, fd); };
+  const file_options how = {.replaces = to.force,
+                            .refusal = "is there already; --force replaces it",
+                            .durable = false,
+                            .dry_run = all.dry_run,
+                            .never = to.never};
+  if (std::string why; !write_file(to.archive, contents, how, &why)) {
+    if (!interrupted()) {
+      out.fail(exit_status::failed, why, to.archive);
     }
     return;
   }
@@ -104,16 +71,27 @@ void to_archive(const host_place& to, const globals& all, tree found, report& ou
     bytes += entry.size;
     folders += entry.directory ? 1 : 0;
   }
-  tell_result(found.entries.size() - folders, folders, bytes, out);
+  tell_written(found.entries.size() - folders, folders, bytes, out);
 }
 
 }  // namespace
 
+void tell_written(uint64_t files, uint64_t folders, uint64_t bytes, report& out) {
+  out.result()["files"] = files;
+  out.result()["directories"] = folders;
+  out.result()["bytes"] = bytes;
+  out.detail(std::to_string(files) + " files, " + std::to_string(folders) + " directories, " +
+             std::to_string(bytes) + " bytes");
+}
+
 void take_out(const volume::file_system& from, const host_place& to, const globals& all,
               report& out) {
   tree found = to.archive.empty() ? try_volume(from) : read_volume(from);
+  if (interrupted()) {
+    return;
+  }
   tell_missing(to, exit_status::faults, found.errors, out);
-  if (interrupted() || out.status() >= exit_status::faults) {
+  if (out.status() >= exit_status::faults) {
     return;
   }
   if (to.archive.empty()) {

@@ -14,6 +14,8 @@
 
 #include "image/clock.h"
 #include "image/extraction.h"
+#include "image/host_file.h"
+#include "image/interrupt.h"
 #include "image/paths.h"
 
 namespace image {
@@ -77,11 +79,38 @@ const char* kind_left_out(archive_entry* header) {
   }
 }
 
+// The library goes on after a signal: it reads and writes by these, which do not.
+struct tar_input {
+  int fd;
+  char block[read_block_size];
+};
+
+la_ssize_t read_block(archive* opened, void* client, const void** block) {
+  auto* const input = static_cast<tar_input*>(client);
+  *block = input->block;
+  const ssize_t got = read_some(input->fd, input->block, sizeof(input->block));
+  if (got < 0) {
+    archive_set_error(opened, errno, "%s", strerror(errno));
+  }
+  return got;
+}
+
+la_ssize_t write_block(archive* opened, void* client, const void* block, size_t size) {
+  if (write_all(*static_cast<int*>(client),
+                std::string_view(static_cast<const char*>(block), size))) {
+    return static_cast<la_ssize_t>(size);
+  }
+  archive_set_error(opened, errno, "%s", strerror(errno));
+  return -1;
+}
+
 class tar_reader {
  public:
   tar_reader(const tree_options& options, tree* made) : options_(options), made_(made) {}
 
   void read(int fd) {
+    const auto input = std::make_unique<tar_input>();
+    input->fd = fd;
     const archive_handle opened(archive_read_new());
     if (opened == nullptr) {
       fail("", "out of memory");
@@ -90,7 +119,7 @@ class tar_reader {
     archive_read_support_filter_all(opened.get());
     archive_read_support_format_tar(opened.get());
     archive_read_support_format_gnutar(opened.get());
-    if (archive_read_open_fd(opened.get(), fd, read_block_size) != ARCHIVE_OK) {
+    if (archive_read_open(opened.get(), input.get(), nullptr, read_block, nullptr) != ARCHIVE_OK) {
       fail("", error_of(opened.get()));
       return;
     }
@@ -105,7 +134,7 @@ class tar_reader {
   }
 
   void read_entries(archive* opened) {
-    for (;;) {
+    while (!interrupted()) {
       archive_entry* header = nullptr;
       const int result = archive_read_next_header(opened, &header);
       if (result == ARCHIVE_EOF) {
@@ -322,7 +351,7 @@ std::string write_tar(const tree& from, int fd) {
   archive_write_set_format_gnutar(opened.get());
   archive_write_set_bytes_in_last_block(opened.get(),
                                         archive_write_get_bytes_per_block(opened.get()));
-  if (archive_write_open_fd(opened.get(), fd) != ARCHIVE_OK) {
+  if (archive_write_open(opened.get(), &fd, nullptr, write_block, nullptr) != ARCHIVE_OK) {
     return error_of(opened.get());
   }
   // The folder itself, for its date.

@@ -14,6 +14,8 @@
 
 #include "ifs/ifs.h"
 #include "image/clock.h"
+#include "image/host_file.h"
+#include "image/interrupt.h"
 #include "image/paths.h"
 
 namespace image {
@@ -24,31 +26,6 @@ constexpr uint32_t special_bits = 07000;  // set-user-id, set-group-id, sticky
 
 // Bytes of a file that is worth opening twice rather than keeping.
 constexpr uint64_t large_size = 16384;
-
-class descriptor {
- public:
-  explicit descriptor(int fd) : fd_(fd) {}
-  ~descriptor() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  descriptor(const descriptor&) = delete;
-  descriptor& operator=(const descriptor&) = delete;
-  descriptor& operator=(descriptor&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  int fd() const {
-    return fd_;
-  }
-  int release() {
-    return std::exchange(fd_, -1);
-  }
-
- private:
-  int fd_;
-};
 
 // Characters of a path in their order: the slash stands before all others.
 int rank(char character) {
@@ -78,35 +55,20 @@ void sort_by_path(std::vector<Element>* elements) {
 
 // All bytes up to a file's end; 0 or errno.
 int read_all(int fd, uint64_t expected, std::string* contents) {
-  size_t filled = 0;
-  contents->resize(static_cast<size_t>(expected) + 1);  // one more, to see the end
-  for (;;) {
-    const ssize_t got = read(fd, contents->data() + filled, contents->size() - filled);
-    if (got < 0 && errno == EINTR) {
-      continue;
-    }
-    if (got <= 0) {
-      contents->resize(filled);
-      return got < 0 ? errno : 0;
-    }
-    filled += static_cast<size_t>(got);
-    if (filled == contents->size()) {
-      contents->resize(2 * filled);
-    }
-  }
+  return read_to_end(fd, contents, SIZE_MAX - 1, static_cast<size_t>(expected)) ? 0 : errno;
 }
 
 // Opens a file below a folder, by no link. Below 0 with errno.
 int open_below(int folder, std::string_view path) {
   descriptor at(fcntl(folder, F_DUPFD_CLOEXEC, 0));
-  for (size_t begin = 0; at.fd() >= 0;) {
+  for (size_t begin = 0; at.get() >= 0;) {
     const size_t end = path.find('/', begin);
     const std::string name(path.substr(begin, end - begin));
     if (end == std::string_view::npos) {
-      return openat(at.fd(), name.c_str(),
+      return openat(at.get(), name.c_str(),
                     O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     }
-    at = descriptor(openat(at.fd(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    at = descriptor(openat(at.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     begin = end + 1;
   }
   return -1;
@@ -116,13 +78,13 @@ int open_below(int folder, std::string_view path) {
 std::string read_again(int folder, const tree_entry& entry, std::string* contents) {
   const descriptor opened(open_below(folder, entry.path));
   struct stat status = {};
-  if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+  if (opened.get() < 0 || fstat(opened.get(), &status) != 0) {
     return strerror(errno);
   }
   if (!S_ISREG(status.st_mode)) {
     return strerror(EBUSY);
   }
-  if (const int error = read_all(opened.fd(), entry.size, contents); error != 0) {
+  if (const int error = read_all(opened.get(), entry.size, contents); error != 0) {
     return strerror(error);
   }
   return contents->size() == entry.size ? "" : "has changed its size meanwhile";
@@ -137,17 +99,17 @@ class folder_reader {
     const auto opened = std::make_shared<const descriptor>(
         open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status = {};
-    if (opened->fd() < 0 || fstat(opened->fd(), &status) != 0) {
+    if (opened->get() < 0 || fstat(opened->get(), &status) != 0) {
       fail(folder, errno);
       return;
     }
     made_->root_mtime = clock_date_of(status.st_mtime);
     owners_.see(status.st_uid, status.st_gid);
-    read_names(opened->fd(), "");
+    read_names(opened->get(), "");
     owners_.warn(made_);
     if (options_.large_files_later) {
       made_->read_later = [opened](const tree_entry& entry, std::string* contents) {
-        return read_again(opened->fd(), entry, contents);
+        return read_again(opened->get(), entry, contents);
       };
     }
   }
@@ -170,7 +132,7 @@ class folder_reader {
       return;
     }
     errno = 0;
-    while (const dirent* one = readdir(listing.get())) {
+    while (const dirent* one = interrupted() ? nullptr : readdir(listing.get())) {
       const std::string_view name = one->d_name;
       if (name != "." && name != "..") {
         read_one(folder, one->d_name, base.empty() ? one->d_name : base + "/" + one->d_name);
@@ -195,7 +157,7 @@ class folder_reader {
     // What stands there now may be something else: it is asked once more when it is open.
     const descriptor opened(
         openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (opened.fd() < 0 || fstat(opened.fd(), &status) != 0) {
+    if (opened.get() < 0 || fstat(opened.get(), &status) != 0) {
       fail(path, errno);
       return;
     }
@@ -203,7 +165,7 @@ class folder_reader {
       fail(path, EBUSY);
       return;
     }
-    take(opened.fd(), path, status);
+    take(opened.get(), path, status);
   }
 
   void take(int fd, const std::string& path, const struct stat& status) {

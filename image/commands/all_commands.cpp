@@ -1,6 +1,10 @@
-// The list of commands.
+// The list of commands, and running one.
 #include "image/commands/all_commands.h"
 
+#include <exception>
+#include <string>
+
+#include "image/clock.h"
 #include "image/commands/commands.h"
 
 namespace image {
@@ -34,6 +38,19 @@ std::vector<command> all_commands() {
       explain_command(),
   };
   // clang-format on
+}
+
+void run_command(const parsed_line& parsed, report& out) {
+  try {
+    if (const std::string fault = clock_fault(); !fault.empty()) {
+      out.fail(exit_status::usage, fault);
+    } else {
+      parsed.chosen->run(parsed.options, out);
+    }
+  } catch (const std::exception& thrown) {
+    // The libraries throw, and memory may run out.
+    out.fail(exit_status::failed, thrown.what());
+  }
 }
 
 }  // namespace image

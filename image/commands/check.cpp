@@ -64,6 +64,9 @@ class checker {
       out_.raise(exit_status::faults);
     } else if (options_.repair && decisive.changes) {
       repair(decisive);
+    } else if (options_.repair && !all_.output.empty()) {
+      // The new image is wanted all the same; what keeps it from being written is told.
+      static_cast<void>(write_checked(all_, opened_, opened_.contents(), out_));
     } else if (quick.changes || full.changes) {
       out_.raise(exit_status::faults);
     }
@@ -185,9 +188,13 @@ void run(const check_options& options, const globals& all, report& out) {
     out.fail(exit_status::usage, "--quick and --full are two checks");
     return;
   }
-  const bool edits = options.repair && all.output.empty();
-  const std::optional<opened_image> opened = open_image(
-      all, options.image, edits ? flash_file::access::edit : flash_file::access::read, out);
+  if (!options.repair && !all.output.empty()) {
+    out.fail(exit_status::usage, "--output is for the repaired image: --repair is missing");
+    return;
+  }
+  const std::optional<opened_image> opened =
+      options.repair ? open_image_to_edit(all, options.image, out)
+                     : open_image(all, options.image, flash_file::access::read, out);
   if (opened) {
     checker(options, all, *opened, out).run();
   }
@@ -201,6 +208,7 @@ command check_command() {
           "flashfs-image check boot.img\n"
           "flashfs-image check --repair -o mended.img boot.img",
           [options](arguments& take) {
+            take.edits();
             take.image(&options->image);
             take.flag(
                 "--quick", &options->quick,

@@ -66,6 +66,9 @@ std::optional<tree> files_of(const globals& all, const std::string& image, repor
     return std::nullopt;
   }
   tree found = read_volume(opened->files());
+  if (interrupted()) {
+    return std::nullopt;
+  }
   for (const tree_problem& one : found.errors) {
     out.fail(exit_status::faults, one.text, image + ": " + told_path(one.path));
   }

@@ -15,6 +15,7 @@ struct edit_options {
 
   // Adds the image and --force.
   void add_to(arguments& take) {
+    take.edits();
     take.image(&image);
     take.flag("--force", &force, "Repair an image with faults, and go on");
   }

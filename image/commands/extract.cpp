@@ -19,13 +19,15 @@ void run(const extract_options& options, const globals& all, report& out) {
     out.fail(exit_status::usage, "either -C or --to-tar says where the files go");
     return;
   }
-  if (all.json && options.to.is_standard_output()) {
-    out.fail(exit_status::usage, "standard output cannot have both the archive and the document");
+  if (const std::string why = objection_to_output(options.to.archive, all.json); !why.empty()) {
+    out.fail(exit_status::usage, why);
     return;
   }
   const std::unique_ptr<session> opened = session::to_read(all, options.image, out);
   if (opened && out.status() < exit_status::faults) {
-    take_out(opened->files(), options.to, all, out);
+    host_place to = options.to;
+    to.never = opened->identity();
+    take_out(opened->files(), to, all, out);
   }
 }
 

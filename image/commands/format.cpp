@@ -23,9 +23,7 @@ void run(const format_options& options, const globals& all, report& out) {
     out.fail(exit_status::usage, "all files would go: --force says that this is meant");
     return;
   }
-  const bool in_place = all.output.empty();
-  std::optional<opened_image> opened = open_image(
-      all, options.image, in_place ? flash_file::access::edit : flash_file::access::read, out);
+  const std::optional<opened_image> opened = open_image_to_edit(all, options.image, out);
   if (!opened) {
     return;
   }
@@ -52,6 +50,7 @@ command format_command() {
   auto options = std::make_shared<format_options>();
   return {"format", "Erases all files", "flashfs-image format boot.img --force",
           [options](arguments& take) {
+            take.edits();
             take.image(&options->image);
             take.flag("--force", &options->force, "Yes, all files go");
             take.flag("--reset-wear", &options->reset_wear, "The erase counts begin at 0 again");

@@ -3,12 +3,14 @@
 
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include "image/commands/commands.h"
 #include "image/extraction.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/session.h"
+#include "image/take_out.h"
 #include "image/text.h"
 #include "image/tree.h"
 #include "image/volume_tree.h"
@@ -30,12 +32,13 @@ bool is_host_folder(const std::string& path) {
 
 class getter {
  public:
-  getter(const get_options& options, session& opened, report& out)
+  getter(const get_options& options, const globals& all, session& opened, report& out)
       : options_(options),
+        all_(all),
         opened_(opened),
         out_(out),
         host_(options.words.back()),
-        into_folder_(options.words.size() > 2 || is_host_folder(host_)) {}
+        into_folder_(host_ != "-" && (options.words.size() > 2 || is_host_folder(host_))) {}
 
   void run() {
     if (options_.words.size() > 2 && !is_host_folder(host_)) {
@@ -46,6 +49,9 @@ class getter {
       opened_.keep_ready();
       get(inside_path(options_.words[i]));
     }
+    if (!interrupted()) {
+      tell_written(files_, folders_, bytes_, out_);
+    }
   }
 
  private:
@@ -54,48 +60,85 @@ class getter {
     if (status_of(opened_.files(), path, &status) != 0) {
       fail(path, error_text(errno));
     } else if (!is_directory(status)) {
-      get_file(path);
+      get_file(path, status);
     } else if (!options_.recursive) {
       fail(path, "is a directory; -r copies it");
+    } else if (host_ == "-") {
+      fail(path, "is a directory; standard output takes one file");
     } else {
-      get_folder(path);
+      get_folder(path, status);
     }
   }
 
-  void get_file(const std::string& path) {
+  void get_file(const std::string& path, const ppc_stat& status) {
     const std::string name(name_of_path(path));
     std::string contents;
     std::string why = into_folder_ ? host_name_fault(name) : "";
     if (!why.empty()) {
       fail(path, why);
-    } else if (opened_.files().read_file(path, &contents) != 0) {
+      return;
+    }
+    if (opened_.files().read_file(path, &contents) != 0) {
       fail(path, error_text(errno));
-    } else {
-      const std::string target = into_folder_ ? host_ + "/" + name : host_;
-      const std::span<const uint8_t> bytes{reinterpret_cast<const uint8_t*>(contents.data()),
-                                           contents.size()};
-      if (!write_new_file(target, bytes, true, &why)) {
+      return;
+    }
+    const std::string target = into_folder_ ? host_ + "/" + name : host_;
+    const file_options how = {.replaces = true,
+                              .dry_run = all_.dry_run,
+                              .never = opened_.identity(),
+                              .mode = host_permissions(status.mode, false),
+                              .date = status.modification_date};
+    const std::span<const uint8_t> bytes{reinterpret_cast<const uint8_t*>(contents.data()),
+                                         contents.size()};
+    if (!write_file(target, bytes, how, &why)) {
+      if (!interrupted()) {
         out_.fail(exit_status::failed, why, target);
       }
+      return;
     }
+    files_++;
+    bytes_ += contents.size();
   }
 
-  // The folder's own name is one of the host's as well, unless it is the root.
-  void get_folder(const std::string& path) {
+  // The folder's own name is one of the host's as well, unless it is the root. It is made below
+  // HOST, where no link is followed.
+  void get_folder(const std::string& path, const ppc_stat& status) {
     const std::string name(name_of_path(path));
     const bool below = into_folder_ && !path.empty();
     if (const std::string why = below ? host_name_fault(name) : ""; !why.empty()) {
       fail(path, why);
       return;
     }
-    const tree found = read_volume(opened_.files(), path);
+    tree found = read_volume(opened_.files(), path);
+    if (interrupted()) {
+      return;
+    }
     tell(path, found.warnings, found.errors);
     if (!found.errors.empty()) {
       return;
     }
-    const extraction done =
-        extract_tree(found, below ? host_ + "/" + name : host_, {.force = true});
-    tell(path, done.warnings, done.errors);
+    if (below) {
+      put_into_folder(&found, name, status);
+    }
+    const extraction done = extract_tree(
+        found, host_, {.force = true, .dry_run = all_.dry_run, .never = opened_.identity()});
+    tell(below ? std::string(folder_of_path(path)) : path, done.warnings, done.errors);
+    files_ += done.files;
+    folders_ += done.folders;
+    bytes_ += done.bytes;
+  }
+
+  static void put_into_folder(tree* found, const std::string& name, const ppc_stat& status) {
+    for (tree_entry& entry : found->entries) {
+      entry.path = name + "/" + entry.path;
+    }
+    tree_entry folder;
+    folder.path = name;
+    folder.directory = true;
+    folder.mode = status.mode;
+    folder.mtime = status.modification_date;
+    found->entries.insert(found->entries.begin(), std::move(folder));
+    found->root_mtime.reset();  // HOST is not what is taken out
   }
 
   void tell(const std::string& path, const std::vector<tree_problem>& warnings,
@@ -113,10 +156,14 @@ class getter {
   }
 
   const get_options& options_;
+  const globals& all_;
   session& opened_;
   report& out_;
   const std::string& host_;
   const bool into_folder_;
+  uint64_t files_ = 0;
+  uint64_t folders_ = 0;
+  uint64_t bytes_ = 0;
 };
 
 void run(const get_options& options, const globals& all, report& out) {
@@ -129,7 +176,7 @@ void run(const get_options& options, const globals& all, report& out) {
     return;
   }
   if (const auto opened = session::to_read(all, options.image, out); opened) {
-    getter(options, *opened, out).run();
+    getter(options, all, *opened, out).run();
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include "image/commands/commands.h"
 #include "image/geometry.h"
+#include "image/host_file.h"
 #include "image/interrupt.h"
 #include "image/new_image.h"
 #include "image/transcript.h"
@@ -26,27 +27,25 @@ constexpr size_t piece_size = 1U << 16;  // bytes
 
 // False after a message.
 bool read_transcript(const std::string& name, transcript_merge* merged, report& out) {
-  const bool standard_input = name == "-";
-  const int fd = standard_input ? STDIN_FILENO : open(name.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    out.fail(exit_status::failed, strerror(errno), name);
+  const descriptor file(name == "-" ? -1 : open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file && name != "-") {
+    if (!interrupted()) {
+      out.fail(exit_status::failed, strerror(errno), name);
+    }
     return false;
   }
   merged->begin(name);
   std::string piece(piece_size, '\0');
   ssize_t got = 0;
   do {
-    got = read(fd, piece.data(), piece.size());
+    got = read_some(file ? file.get() : STDIN_FILENO, piece.data(), piece.size());
     if (got > 0) {
       merged->feed(std::string_view(piece).substr(0, static_cast<size_t>(got)));
       out.progress("reading", merged->known_bytes(), merged->bytes().size());
     }
-  } while (!interrupted() && (got > 0 || (got < 0 && errno == EINTR)));
+  } while (got > 0);
   const int error = errno;
   merged->end();
-  if (!standard_input) {
-    close(fd);
-  }
   if (got < 0 && !interrupted()) {
     out.fail(exit_status::failed, strerror(error), name);
   }

@@ -13,6 +13,7 @@
 #include "image/clock.h"
 #include "image/commands/commands.h"
 #include "image/commands/edit_options.h"
+#include "image/host_file.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/space.h"
@@ -36,43 +37,19 @@ constexpr uint64_t file_size_max = uint64_t{1} << 27;  // 65536 sectors of 2048 
 // --- reading the host ---
 
 // Standard input or a file. False with errno.
-bool read_descriptor(int from, std::string* contents) {
-  char piece[1 << 16];
-  for (;;) {
-    const ssize_t got = read(from, piece, sizeof(piece));
-    if (got < 0 && errno == EINTR && !interrupted()) {
-      continue;
-    }
-    if (got <= 0) {
-      return got == 0;
-    }
-    contents->append(piece, static_cast<size_t>(got));
-    if (contents->size() > file_size_max) {
-      errno = EFBIG;
-      return false;
-    }
-  }
-}
-
 bool read_host_file(const std::string& path, tree_entry* entry) {
   if (path == "-") {
     entry->mtime = clock_date_of(time(nullptr));
-    return read_descriptor(STDIN_FILENO, &entry->contents);
+    return read_to_end(STDIN_FILENO, &entry->contents, file_size_max);
   }
-  const int opened = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const descriptor opened(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat status = {};
-  bool read = opened >= 0 && fstat(opened, &status) == 0;
-  if (read) {
-    entry->mode = status.st_mode & ppc_mode_permissions;
-    entry->mtime = clock_date_of(status.st_mtime);
-    read = read_descriptor(opened, &entry->contents);
+  if (!opened || fstat(opened.get(), &status) != 0) {
+    return false;
   }
-  const int error = errno;
-  if (opened >= 0) {
-    close(opened);
-  }
-  errno = error;
-  return read;
+  entry->mode = status.st_mode & ppc_mode_permissions;
+  entry->mtime = clock_date_of(status.st_mtime);
+  return read_to_end(opened.get(), &entry->contents, file_size_max);
 }
 
 bool is_link(const std::string& path) {
@@ -148,7 +125,9 @@ class putter {
       tree_entry entry;
       entry.path = target;
       if (!read_host_file(source, &entry)) {
-        out_.fail(exit_status::failed, std::strerror(errno), source);
+        if (!interrupted()) {
+          out_.fail(exit_status::failed, std::strerror(errno), source);
+        }
         return;
       }
       entry.size = entry.contents.size();
@@ -163,6 +142,9 @@ class putter {
       return;
     }
     tree found = read_folder(source, {});
+    if (interrupted()) {
+      return;
+    }
     for (const tree_problem& one : found.warnings) {
       out_.warn(codes::left_out, one.text, source + "/" + one.path);
     }

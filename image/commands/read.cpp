@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "image/commands/commands.h"
+#include "image/host_file.h"
 #include "image/interrupt.h"
 #include "image/session.h"
 
@@ -16,8 +17,8 @@ struct read_options {
 };
 
 void run(const read_options& options, const globals& all, report& out) {
-  if (all.json && options.file == "-") {
-    out.fail(exit_status::usage, "standard output has the document or the flash, not both");
+  if (const std::string why = objection_to_output(options.file, all.json); !why.empty()) {
+    out.fail(exit_status::usage, why);
     return;
   }
   const std::optional<opened_image> opened = open_image(all, "", flash_file::access::read, out);
@@ -28,9 +29,13 @@ void run(const read_options& options, const globals& all, report& out) {
   if (interrupted()) {
     return;
   }
-  std::string why;
-  if (!all.dry_run && !write_new_file(options.file, bytes, options.force, &why)) {
-    out.fail(exit_status::failed, why, options.file);
+  const file_options how = {.replaces = options.force,
+                            .refusal = "is there already; --force replaces it",
+                            .dry_run = all.dry_run};
+  if (std::string why; !write_file(options.file, bytes, how, &why)) {
+    if (!interrupted()) {
+      out.fail(exit_status::failed, why, options.file);
+    }
     return;
   }
   put_text(&out.result(), "file", options.file);

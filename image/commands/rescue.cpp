@@ -80,8 +80,8 @@ std::string objection(const rescue_command_options& options, const globals& all)
   if (places == 0 && !options.plan && !all.ppc) {
     return "-o, --to-dir or --to-tar says where the result goes: the image is never changed";
   }
-  if (all.json && options.to.is_standard_output()) {
-    return "standard output cannot have both the archive and the document";
+  if (std::string why = objection_to_output(options.to.archive, all.json); !why.empty()) {
+    return why;
   }
   if (!all.output.empty() && !options.image.empty() && is_same_file(all.output, options.image)) {
     return "the image itself is never changed: -o needs another name";
@@ -219,7 +219,9 @@ class rescuer {
     if (options_.to.folder.empty() && options_.to.archive.empty()) {
       return write_checked(all_, opened_, plan_.mended, out_, &(order_ = changes()));
     }
-    take_out(mended_->files(), options_.to, all_, out_);
+    host_place to = options_.to;
+    to.never = opened_.identity();
+    take_out(mended_->files(), to, all_, out_);
     return out_.status() < exit_status::faults && !interrupted();
   }
 
@@ -270,6 +272,7 @@ command rescue_command() {
           "flashfs-image rescue --deleted --to-dir files damaged.img\n"
           "flashfs-image --ppc 4 rescue",
           [options](arguments& take) {
+            take.edits();
             take.image(&options->image);
             take.option("--to-dir", "DIR", &options->to.folder,
                         "What is rescued goes into this folder, made if missing");

@@ -93,8 +93,12 @@ class verifier {
     }
     out_.result()["differences"] = nlohmann::ordered_json::array();
     std::vector<tree_problem> unread;
-    for (const tree_difference& one :
-         compare_trees(here, *source, strict ? compared::all : compared::contents, &unread)) {
+    const std::vector<tree_difference> differences =
+        compare_trees(here, *source, strict ? compared::all : compared::contents, &unread);
+    if (interrupted()) {
+      return;
+    }
+    for (const tree_difference& one : differences) {
       tell(one);
     }
     for (const tree_problem& one : unread) {
