@@ -17,7 +17,7 @@ struct extraction_options {
   bool force = false;       // into a folder that has something in it; files there are replaced
   bool keep_going = false;  // what cannot be written is told and left out
   bool dry_run = false;     // nothing is written: tells what would be, and what would be wrong
-  std::optional<file_identity> never;  // a file that must stay: the image
+  std::optional<file_identity> never = {};  // a file that must stay: the image
 };
 
 struct extraction {

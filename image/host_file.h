@@ -67,10 +67,10 @@ struct file_options {
   // Not durable, a file that was not there is left to the system to write to disk, as with a copy:
   // that is most of the time that it takes, and nothing old can be lost.
   bool durable = true;
-  bool dry_run = false;                // only tells whether it can be
-  std::optional<file_identity> never;  // the file that must stay, whatever its name
-  std::optional<uint32_t> mode;        // none: the old file's, or what the umask leaves
-  std::optional<uint32_t> date;        // seconds since 1970; none: now
+  bool dry_run = false;                     // only tells whether it can be
+  std::optional<file_identity> never = {};  // the file that must stay, whatever its name
+  std::optional<uint32_t> mode = {};        // none: the old file's, or what the umask leaves
+  std::optional<uint32_t> date = {};        // seconds since 1970; none: now
 };
 
 // Writes what a file is to hold. Returns what is wrong, for a person, or nothing.

@@ -57,12 +57,13 @@ class checker {
     if (interrupted()) {
       return;
     }
-    if (check_leaves_faults(decisive.findings)) {
+    if (!decisive.passed || check_leaves_faults(decisive.findings)) {
       out_.raise(exit_status::faults);
     }
     if (!decisive.passed) {
-      out_.raise(exit_status::faults);
-    } else if (options_.repair && decisive.changes) {
+      return;
+    }
+    if (options_.repair && decisive.changes) {
       repair(decisive);
     } else if (options_.repair && !all_.output.empty()) {
       // The new image is wanted all the same; what keeps it from being written is told.

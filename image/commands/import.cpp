@@ -40,7 +40,7 @@ bool read_transcript(const std::string& name, transcript_merge* merged, report& 
   do {
     got = read_some(file ? file.get() : STDIN_FILENO, piece.data(), piece.size());
     if (got > 0) {
-      merged->feed(std::string_view(piece).substr(0, static_cast<size_t>(got)));
+      merged->feed({piece.data(), static_cast<size_t>(got)});
       out.progress("reading", merged->known_bytes(), merged->bytes().size());
     }
   } while (got > 0);

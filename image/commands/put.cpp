@@ -166,10 +166,11 @@ class putter {
     }
   }
 
-  void plan(tree_entry entry) {
+  void plan(tree_entry&& entry) {
     const std::string path = entry.path;
+    const bool directory = entry.directory;
     const auto [place, fresh] = planned_.try_emplace(path, std::move(entry));
-    if (!fresh && !(place->second.directory && entry.directory)) {
+    if (!fresh && !(place->second.directory && directory)) {
       fail(path, "two sources would have this path");
     }
   }
