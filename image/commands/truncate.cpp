@@ -44,7 +44,7 @@ int32_t lengthen(const volume::files& files, const std::string& path, uint32_t s
   while (result >= 0 && size < new_size && !interrupted()) {
     // Pieces end where sectors do, so that each sector is written once.
     const uint32_t length = std::min(new_size - size, piece_size - size % piece_size);
-    result = files.write_file(path, std::string_view(zeros).substr(0, length), ifs_open_write,
+    result = files.write_file(path, std::string_view{zeros}.substr(0, length), ifs_open_write,
                               static_cast<int32_t>(size));
     size += length;
   }
