@@ -19,20 +19,6 @@ std::string sector_of(const std::string& content, size_t index) {
   return start < content.size() ? content.substr(start, sector_data_size) : "";
 }
 
-// Whether each sector is the old one, the new one, or a reserved one that became zeros.
-bool is_mixture(const std::string& content, const std::string& before, const std::string& after) {
-  if (content.rfind("<errno", 0) == 0) {
-    return false;
-  }
-  for (size_t i = 0; i * sector_data_size < content.size(); i++) {
-    const std::string sector = sector_of(content, i);
-    if (sector != sector_of(before, i) && sector != sector_of(after, i)) {
-      return false;
-    }
-  }
-  return true;
-}
-
 const tree_node* find(const tree& nodes, const std::string& path) {
   const auto found = nodes.find(path);
   return found == nodes.end() ? nullptr : &found->second;
@@ -113,6 +99,19 @@ void judge_moves(const operation& what, const tree& now, const states& expected,
 }
 
 }  // namespace
+
+bool is_mixture(const std::string& content, const std::string& before, const std::string& after) {
+  if (content.rfind("<errno", 0) == 0) {
+    return false;
+  }
+  for (size_t i = 0; i * sector_data_size < content.size(); i++) {
+    const std::string sector = sector_of(content, i);
+    if (sector != sector_of(before, i) && sector != sector_of(after, i)) {
+      return false;
+    }
+  }
+  return true;
+}
 
 bool is_touched(const operation& what, const std::string& path) {
   return std::any_of(what.touched.begin(), what.touched.end(), [&](const std::string& touched) {

@@ -21,6 +21,9 @@ struct states {
 // wholly gone; everything else as it was.
 std::set<outcome> judge_tree(const operation& what, const tree& now, const states& expected);
 
+// Whether each sector of a file is the old one, the new one, or a reserved one that became zeros.
+bool is_mixture(const std::string& content, const std::string& before, const std::string& after);
+
 // Whether the path, or a directory above it, is one that the operation touches.
 bool is_touched(const operation& what, const std::string& path);
 

@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "flashfs/check_flags.h"
-#include "flashfs/format.h"
 #include "image/rescue.h"
 #include "image/rescue_evidence.h"
 #include "reliability/cut_player.h"
@@ -39,24 +38,11 @@ struct observation {
   std::string played;
 };
 
-std::string sector_of(const std::string& content, size_t index) {
-  const size_t start = index * sector_data_size;
-  return start < content.size() ? content.substr(start, sector_data_size) : "";
-}
-
-// `least`: what it may not be shorter than.
-bool is_mixture(const std::string& content, const std::string& before, const std::string& after,
-                size_t least) {
-  if (content.size() < least || content.size() > std::max(before.size(), after.size())) {
-    return false;
-  }
-  for (size_t i = 0; i * sector_data_size < content.size(); i++) {
-    const std::string sector = sector_of(content, i);
-    if (sector != sector_of(before, i) && sector != sector_of(after, i)) {
-      return false;
-    }
-  }
-  return true;
+// A mixture of sectors that are old or new; `least`: what it may not be shorter than.
+bool is_mixture_of_length(const std::string& content, const std::string& before,
+                          const std::string& after, size_t least) {
+  return content.size() >= least && content.size() <= std::max(before.size(), after.size()) &&
+         is_mixture(content, before, after);
 }
 
 operation at_times(operation what, const std::function<void(int64_t)>& set_clock) {
@@ -338,8 +324,8 @@ class rescue_run {
       const bool may_be_absent = before_->count(path) == 0 || after_->count(path) == 0;
       if (nodes->count(path) == 0
               ? !may_be_absent
-              : !is_mixture(content_of(*nodes, path), content_of(*before_, path),
-                            content_of(*after_, path), least_of(path))) {
+              : !is_mixture_of_length(content_of(*nodes, path), content_of(*before_, path),
+                                      content_of(*after_, path), least_of(path))) {
         return touched_state::neither;
       }
     }

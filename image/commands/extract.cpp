@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "image/commands/commands.h"
+#include "image/commands/take_out_options.h"
 #include "image/session.h"
 #include "image/take_out.h"
 
@@ -43,10 +44,7 @@ command extract_command() {
             take.option("-C", "DIR", &options->to.folder, "Into this folder, made if missing");
             take.option("--to-tar", "FILE", &options->to.archive,
                         "Into a tar archive, '-' for standard output");
-            take.flag("--keep-going", &options->to.keep_going,
-                      "Leave out what cannot be taken out (status 2), and go on");
-            take.flag("--force", &options->to.force,
-                      "Into a folder that is not empty, over an archive that is there");
+            add_take_out_flags(take, &options->to);
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};
 }

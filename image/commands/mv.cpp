@@ -3,7 +3,7 @@
 #include <memory>
 
 #include "image/commands/commands.h"
-#include "image/commands/edit_options.h"
+#include "image/commands/edit.h"
 #include "image/paths.h"
 #include "image/text.h"
 #include "image/tree.h"

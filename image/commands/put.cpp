@@ -12,7 +12,7 @@
 
 #include "image/clock.h"
 #include "image/commands/commands.h"
-#include "image/commands/edit_options.h"
+#include "image/commands/edit.h"
 #include "image/host_file.h"
 #include "image/interrupt.h"
 #include "image/paths.h"

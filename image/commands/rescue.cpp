@@ -10,6 +10,7 @@
 
 #include "flashfs/check_flags.h"
 #include "image/commands/commands.h"
+#include "image/commands/take_out_options.h"
 #include "image/interrupt.h"
 #include "image/mounted.h"
 #include "image/session.h"
@@ -282,10 +283,7 @@ command rescue_command() {
                       "Only tell each decision, its evidence and its alternatives");
             take.flag("--deleted", &options->deleted,
                       "Bring back removed files, too, of which everything is still there");
-            take.flag("--keep-going", &options->to.keep_going,
-                      "Leave out what cannot be taken out (status 2), and go on");
-            take.flag("--force", &options->to.force,
-                      "Into a folder that is not empty, over an archive that is there");
+            add_take_out_flags(take, &options->to);
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};
 }

@@ -5,7 +5,7 @@
 
 #include "flashfs/format.h"
 #include "image/commands/commands.h"
-#include "image/commands/edit_options.h"
+#include "image/commands/edit.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
 #include "image/text.h"
