@@ -132,7 +132,8 @@ class reporter {
       compare_with_mounted();
     }
     if (!run_.passed) {
-      add("check-fails", "the file system cannot be used after it");
+      add("check-fails",
+          "the file system cannot be used after it: run \"flashfs-image rescue\" first");
     }
     for (const std::string& line : run_.lines) {
       // How long it took says nothing of the image, and is not the same twice.
