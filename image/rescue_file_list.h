@@ -104,10 +104,13 @@ class file_list {
     return true;
   }
 
-  // Whether it can have been written last: nothing below it is erased, and nothing stands behind
-  // it.
-  bool is_newest(const sector_record* record) const {
+  // Whether it can have been the last data written: nothing below it is erased, and nothing but
+  // slots, which a check may have written since, stands behind it.
+  bool is_newest_data(const sector_record* record) const {
     const sector_record* above = neighbour(record, 1);
+    while (above != nullptr && above->kind == sector_kind::directory) {
+      above = neighbour(above, 1);
+    }
     return is_at_frontier(record) && (above == nullptr || above->kind == sector_kind::erased);
   }
 
@@ -195,6 +198,11 @@ class file_list {
       drop(each);
     }
     list_.erase(place);
+    forget_write(number);
+  }
+
+  void forget_write(uint16_t number) {
+    std::erase_if(change_.writes, [&](const auto& each) { return each.seq_no == number; });
   }
 
   // The highest numbers first: what a cut in between leaves is still a list without gaps.
@@ -231,6 +239,7 @@ class file_list {
         stands = stands || equal(each, chosen);
       }
     }
+    forget_write(number);
     if (!stands) {
       flashfs_sector copy = *bytes(chosen);
       copy.fileid = change_.fileid;

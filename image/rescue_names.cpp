@@ -101,6 +101,10 @@ class name_judge {
       } else if (each.kind != slot_kind::erased && each.kind != slot_kind::deleted) {
         remove(each);
         note_bad(each);
+        if (each.kind == slot_kind::half_written &&
+            is_sound_slot(each.slot, each.slot.dir_fileid)) {
+          begun_[each.slot.entry_fileid] = &each;
+        }
       }
     }
     for (const auto& [entry, record] : best) {
@@ -325,7 +329,23 @@ class name_judge {
       bring_back(*former);
       return;
     }
+    if (const auto begun = begun_.find(id);
+        begun != begun_.end() && can_be_finished(*begun->second)) {
+      note("orphan-named", certainty::supported, begun->second, begun->second->slot,
+           "write the slot anew",
+           "something has its id and no name, and this one was being written to name it")
+          .alternatives = "name it in /lost+found";
+      write(begun->second->slot);
+      return;
+    }
     put_into_lost_and_found(id);
+  }
+
+  bool can_be_finished(const slot_record& begun) const {
+    const uint16_t directory = begun.slot.dir_fileid;
+    return is_directory_mode(begun.slot.mode) ==
+               is_directory_mode(lost_.at(begun.slot.entry_fileid)) &&
+           names_.is_directory(directory) && names_.find_name(directory, begun.name()) == 0;
   }
 
   void put_into_lost_and_found(uint16_t id) {
@@ -402,6 +422,7 @@ class name_judge {
   const std::set<uint16_t>& with_data_;
   uint32_t date_;
   former_index former_;
+  std::map<uint16_t, const slot_record*> begun_;  // all but their checksums, by what they name
   name_changes changes_;
   standing_names names_;
   std::vector<flashfs_dir_slot> renumbered_;

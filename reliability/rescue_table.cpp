@@ -31,8 +31,8 @@ struct observation {
   left_by left;
   recovery how;
   bool refused = false;
-  bool untouched_lost = false;
-  bool unexpected_name = false;
+  std::string untouched_lost = {};  // the paths of such, each behind a blank
+  std::string unexpected_name = {};
   bool not_silent = false;
   const tree* touched = nullptr;
   std::string played;
@@ -117,7 +117,8 @@ class rescue_run {
     for (const uint32_t flags : {flashfs_check_quick, flashfs_check_full}) {
       const bool quick = flags == flashfs_check_quick;
       std::set<uint64_t> mutations;
-      for (uint64_t m = 1; m <= check_mutations_[quick ? 0 : 1]; m += sample_.second_stride) {
+      for (uint64_t m = 1 + states_ % sample_.second_stride; m <= check_mutations_[quick ? 0 : 1];
+           m += sample_.second_stride) {
         mutations.insert(m);
       }
       player_.try_cuts_of_check(
@@ -132,7 +133,8 @@ class rescue_run {
   void cut_rescue(const cut_flash& left, const std::string& played) {
     const std::vector<image::rescue_step> steps = plan_of(player_.flash(), left.contents).steps;
     const uint64_t mutations = carry_out(steps, left.contents, {0, sim::cut_kind::before});
-    for (uint64_t m = 1; m <= mutations; m += sample_.rescue_stride) {
+    for (uint64_t m = 1 + states_ % sample_.rescue_stride; m <= mutations;
+         m += sample_.rescue_stride) {
       for (const sim::cut_kind kind :
            {sim::cut_kind::before, sim::cut_kind::during, sim::cut_kind::during_noise}) {
         const planned_cut planned = {m, kind};
@@ -215,14 +217,16 @@ class rescue_run {
       }
       const auto old = before.find(path);
       if (old == before.end()) {
-        seen->unexpected_name = true;
+        seen->unexpected_name += " " + path;
       } else if (is_directory_mode(old->second.mode) ? old->second.mode != node.mode
                                                      : !(old->second == node)) {
-        seen->untouched_lost = true;
+        seen->untouched_lost += " " + path;
       }
     }
     for (const auto& [path, node] : before) {
-      seen->untouched_lost |= !is_touched(what_, path) && now.count(path) == 0;
+      if (!is_touched(what_, path) && now.count(path) == 0) {
+        seen->untouched_lost += " " + path;
+      }
     }
     seen->touched = keep(touched_of(now));
   }
@@ -337,12 +341,12 @@ class rescue_run {
     rescue_counts one;
     one.states = 1;
     one.refused = each.refused ? 1 : 0;
-    one.untouched_lost = each.untouched_lost ? 1 : 0;
-    one.unexpected_names = each.unexpected_name ? 1 : 0;
+    one.untouched_lost = each.untouched_lost.empty() ? 0 : 1;
+    one.unexpected_names = each.unexpected_name.empty() ? 0 : 1;
     one.not_silent = each.not_silent ? 1 : 0;
     std::string found = each.refused ? " refused" : "";
-    found += each.untouched_lost ? " untouched-lost" : "";
-    found += each.unexpected_name ? " unexpected-name" : "";
+    found += each.untouched_lost.empty() ? "" : " untouched-lost" + each.untouched_lost;
+    found += each.unexpected_name.empty() ? "" : " unexpected-name" + each.unexpected_name;
     found += each.not_silent ? " not-silent" : "";
     if (!each.refused) {
       const touched_state state = state_of(each.touched);
@@ -440,12 +444,27 @@ std::vector<uint8_t> rescued(rig& flash, const std::vector<uint8_t>& left) {
   return plan_of(flash, left).mended;
 }
 
-// Every sector that is not erased, a line each.
-std::string sectors_text(rig& flash) {
+// Every block, and every slot and sector that is not erased, a line each.
+std::string records_text(rig& flash) {
   const std::vector<uint8_t> left = flash.snapshot();
   const image::rescuing::evidence found =
       image::rescuing::read_evidence(left, flash.device().blocks());
   std::string text;
+  for (const image::rescuing::block_record& each : found.blocks) {
+    text += "block " + std::to_string(&each - found.blocks.data()) + ": state " +
+            std::to_string(each.state) + (each.header_good ? "" : ", no good header") + "\n";
+  }
+  for (const image::rescuing::slot_record& each : found.slots) {
+    if (each.kind != image::rescuing::slot_kind::erased) {
+      text += std::to_string(each.at.block) + "/" + std::to_string(each.at.sector) + "/" +
+              std::to_string(each.index) + ": slot of kind " +
+              std::to_string(static_cast<int>(each.kind)) + ", directory " +
+              std::to_string(each.slot.dir_fileid) + " (" + std::to_string(each.fitting) +
+              "), number " + std::to_string(each.slot.seq_no) + ", entry " +
+              std::to_string(each.slot.entry_fileid) + ", date " + std::to_string(each.slot.date) +
+              " " + each.name() + "\n";
+    }
+  }
   for (const image::rescuing::sector_record& each : found.sectors) {
     if (each.kind != image::rescuing::sector_kind::erased) {
       text += std::to_string(each.at.block) + "/" + std::to_string(each.at.sector) + ": kind " +
@@ -469,7 +488,7 @@ std::string play_rescue(const operation& what, planned_cut first,
   }
   const image::rescue_plan plan = image::plan_rescue(
       flash.snapshot(), flash.device().blocks(), {.now = static_cast<uint32_t>(time_of_operation)});
-  std::string text = sectors_text(flash);
+  std::string text = records_text(flash);
   for (const image::rescue_decision& each : plan.decisions) {
     const auto place = [](const char* word, const std::optional<uint32_t>& number) {
       return number ? word + std::to_string(*number) + ", " : "";
@@ -485,7 +504,7 @@ std::string play_rescue(const operation& what, planned_cut first,
 
 const rescue_sample* find_rescue_sample(const std::string& name) {
   static const std::map<std::string, rescue_sample> samples = {
-      {"all", {.stride = 1, .second_stride = 61, .second_of = 10, .rescue_stride = 97}},
+      {"all", {.stride = 1, .second_stride = 13, .second_of = 1, .rescue_stride = 61}},
       {"suite", {.stride = 97, .second_stride = 211, .second_of = 10, .rescue_stride = 211}},
       {"large", {.stride = 100, .large_blocks = true}},
   };

@@ -15,10 +15,12 @@ namespace reliability {
 
 // Which cuts are tried.
 struct rescue_sample {
-  uint64_t stride = 1;         // every so manieth mutation, and the first and last of each call
-  uint64_t second_stride = 0;  // of the mutations of the checks that follow; 0: none
-  uint64_t second_of = 1;      // cuts of checks are tried of every so manieth state
-  uint64_t rescue_stride = 0;  // of the mutations of the rescue of such a state; 0: none
+  uint64_t stride = 1;  // every so manieth mutation, and the first and last of each call
+  // Of the mutations of the checks that follow, beginning with another one after each state, so
+  // that states that are alike are cut at all of them; 0: none.
+  uint64_t second_stride = 0;
+  uint64_t second_of = 1;      // such cuts are tried after every so manieth state
+  uint64_t rescue_stride = 0;  // of the mutations of the rescue of such a state, likewise; 0: none
   bool large_blocks = false;
 };
 
