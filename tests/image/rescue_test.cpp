@@ -485,5 +485,48 @@ TEST_F(rescue, orphans_stand_in_the_root_when_a_file_has_the_name_of_their_direc
   flash.rescue();
   EXPECT_EQ("contents", flash.files().at("00008/inside"));
 }
+TEST_F(rescue, orphan_whose_number_is_a_name_in_lost_and_found_stands_beside_it) {
+  flash.name(28, 9, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 10, "00007", 0, 1800000000, 9);
+  flash.name(26, 11, "00007-1", 1, 1800000000, 9);
+  flash.data(3, 0, 10, 0, "an earlier one");
+  flash.data(3, 1, 7, 0, "an orphan");
+  flash.rescue();
+  EXPECT_EQ("an earlier one", flash.files().at("lost+found/00007"));
+  EXPECT_EQ("an orphan", flash.files().at("lost+found/00007-2"));
+}
+
+// Names that clash, also with those that the rescue gives, in directories that stand or do not,
+// whole, torn and deleted, with and without what was removed.
+TEST_F(rescue, names_by_chance_are_mended_to_what_the_check_takes) {
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  const std::vector<std::string> names = {"a", "b", "", "x/y", "\x01", "..", "kept", "lost+found"};
+  for (uint32_t seed = 0; seed < 300 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(10); i > 0; i--) {
+      const int block = below(6);
+      const int place = below(5) + 1;
+      flash.data(block, place, below(10), below(3), bytes_of(below(2) == 0 ? 2048 : 100, seed));
+      if (below(4) == 0) {
+        flash.set_owner(block, place, below(10));
+      }
+    }
+    for (int i = below(20); i > 0; i--) {
+      const int place = below(31);
+      const uint16_t choice = below(12);
+      const std::string name =
+          choice < names.size() ? names[choice] : "0000" + std::to_string(below(10));
+      flash.name(place, below(8) + 2, name, below(12), 1800000000U + below(3),
+                 below(2) == 0 ? 1 : below(9), below(3) == 0 ? 0x4700 : 0x8700);
+      if (below(3) == 0) {
+        flash.set_directory(place, below(2) == 0 ? 0 : below(9));
+      }
+    }
+    flash.rescue({.deleted = below(2) == 0});
+  }
+}
 
 }  // namespace
