@@ -116,9 +116,9 @@ class rescuer {
  private:
   // --- the answer ---
 
-  // Where the archive is the answer, messages are the place for this.
+  // Where an archive or an image is the answer, messages are the place for this.
   void say(const std::string& text) {
-    if (options_.to.is_standard_output() && !options_.plan) {
+    if ((options_.to.is_standard_output() && !options_.plan) || all_.output == "-") {
       out_.message(text);
     } else {
       out_.print(text + "\n");
