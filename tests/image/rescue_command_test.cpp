@@ -101,6 +101,27 @@ TEST_F(rescue_command, never_writes_its_input) {
             (std::vector<std::string>{"link.img", "no_spare.img", "other.img", "there.img"}));
 }
 
+TEST_F(rescue_command, never_writes_its_input_where_that_comes_as_standard_input) {
+  if (!emulator().empty()) {
+    GTEST_SKIP() << "the target's program has no tar";
+  }
+  store("no_spare");
+  const std::string before = contents("no_spare.img");
+  EXPECT_EQ(test_support::shell_output(
+                "cd '" + file("") + "' && '" + program_ +
+                "' -q rescue --to-tar no_spare.img --force - < no_spare.img 2>&1 | tail -n 1"),
+            "flashfs-image: error: no_spare.img: is the image itself, which is only read\n");
+  EXPECT_TRUE(contents("no_spare.img") == before);
+}
+
+TEST_F(rescue_command, tells_what_it_decides_where_the_image_is_the_answer) {
+  store("no_spare");
+  const test_support::program_result result = run({"rescue", "no_spare.img", "-o", "-"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out.size(), contents("no_spare.img").size());
+  EXPECT_NE(result.err.find("mended\n"), std::string::npos) << result.err;
+}
+
 TEST_F(rescue_command, files_are_taken_out_as_extract_takes_them_out) {
   store("committed_erased");
   EXPECT_EQ(run({"check", "committed_erased.img"}).status, 4);
