@@ -412,6 +412,97 @@ TEST_F(rescue, removed_file_does_not_come_over_one_that_stands) {
   EXPECT_EQ("another", flash.files().at("file"));
 }
 
+TEST_F(rescue, removed_file_comes_back_when_another_one_has_its_id) {
+  flash.set_directory(29, 0);
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(28, 3, "another", 2);
+  flash.data(2, 3, 3, 0, "of another");
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  ASSERT_EQ(1U, plan.decisions.size());
+  EXPECT_EQ(image::certainty::guessed, plan.decisions[0].sure);
+  EXPECT_EQ("of another", flash.files().at("another"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, removed_files_of_one_id_come_back_each_with_its_own) {
+  flash.name(28, 9, "first", 3, 1800000001);
+  flash.data(3, 0, 9, 0, full);
+  flash.data(3, 1, 9, 1, "end of the first");
+  flash.name(27, 9, "second", 3, 1800000002);
+  flash.data(3, 2, 9, 0, "the second");
+  flash.name(26, 9, "third", 3, 1800000003);
+  flash.data(3, 3, 9, 0, third_full);
+  flash.data(3, 4, 9, 1, "end of the third");
+  for (int s = 0; s < 5; s++) {
+    flash.set_owner(3, s, 0);
+  }
+  for (int k = 26; k <= 28; k++) {
+    flash.set_directory(k, 0);
+  }
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(third_full + "end of the third" == flash.files().at("third")) << listing();
+  EXPECT_EQ("the second", flash.files().at("second"));
+  EXPECT_TRUE(full + "end of the first" == flash.files().at("first")) << listing();
+}
+
+// What a file has lost that stands, under whatever name, is no removed file's.
+TEST_F(rescue, renamed_file_does_not_come_back_under_its_former_name) {
+  flash.name(28, 3, "renamed", 2);
+  flash.set_directory(29, 0);
+  flash.data(3, 0, 3, 2, tail);
+  flash.set_owner(3, 0, 0);
+  EXPECT_TRUE(flash.rescue({.deleted = true}).steps.empty());
+  EXPECT_FALSE(flash.files().contains("file"));
+}
+
+TEST_F(rescue, removed_directories_come_back_with_a_file_that_was_in_them) {
+  flash.name(28, 7, "outer", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 8, "inner", 0, 1800000000, 7, 0x4700);
+  flash.name(26, 9, "empty", 1, 1800000000, 7, 0x4700);
+  flash.name(25, 3, "below", 0, 1800000001, 8);
+  for (int k = 25; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_TRUE(has_decision(plan, "directory-returned"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("outer/inner/below")) << listing();
+  EXPECT_FALSE(flash.files().contains("outer/empty"));
+}
+
+TEST_F(rescue, removed_file_comes_into_a_directory_that_has_the_name_by_now) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(26, 8, "folder", 4, 1800000002, 1, 0x4700);
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("folder/below")) << listing();
+  EXPECT_EQ(3U, flash.files().size()) << listing();
+}
+
+TEST_F(rescue, removed_file_stays_where_a_file_has_the_name_of_its_directory) {
+  flash.name(28, 7, "kept", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_FALSE(flash.files().contains("kept/below"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
   for (int s = 0; s < 3; s++) {
     flash.set_owner(2, s, 0);
