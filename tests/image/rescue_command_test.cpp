@@ -185,6 +185,10 @@ TEST_F(rescue_command, a_removed_file_without_room_is_left_out) {
   const json document = document_of({"rescue", "--deleted", "image", "-o", "new.img"}, 2);
   EXPECT_EQ(document["result"]["decisions"].at(0)["code"], "no-room-to-return");
   EXPECT_EQ(contents("new.img"), contents("image"));
+  // In a folder there is room.
+  EXPECT_EQ(run({"rescue", "--deleted", "image", "--to-dir", "files"}).status, 1);
+  EXPECT_EQ(contents("files/small"), "small");
+  EXPECT_TRUE(contents("files/rest") == std::string(11 * 2048, 'r'));
 }
 
 TEST_F(rescue_command, what_is_impossible_is_told_and_not_written) {
@@ -205,4 +209,7 @@ TEST_F(rescue_command, what_is_impossible_is_told_and_not_written) {
   EXPECT_NE(document["findings"].back()["text"].get<std::string>().find("no room"),
             std::string::npos);
   EXPECT_EQ(names(), (std::vector<std::string>{"full.img"}));
+  // What is only taken out needs no room.
+  EXPECT_EQ(run({"rescue", "full.img", "--to-dir", "files"}).status, 1);
+  EXPECT_TRUE(contents("files/file") == std::string(13 * 2048, 'x'));
 }
