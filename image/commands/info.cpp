@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "flashfs/check_flags.h"
+#include "image/check_report.h"
 #include "image/commands/commands.h"
 #include "image/interrupt.h"
 #include "image/record_fields.h"
@@ -26,6 +27,7 @@ struct info_options {
 
 // Beyond so many nobody reads on.
 constexpr size_t finding_lines_max = 200;
+constexpr size_t check_lines_max = 20;
 
 // What a mount tells: nothing of what cannot be mounted.
 struct mounted_space {
@@ -61,6 +63,7 @@ class image_info {
     tell_files();
     tell_blocks();
     tell_findings();
+    tell_check();
     if (all_.strict && has_errors(records_.findings)) {
       out_.raise(exit_status::faults);
     }
@@ -85,6 +88,14 @@ class image_info {
     if (space_.mounts && system.files().statfs(&space) == 0) {
       space_.total = uint64_t{space.total_blocks} * space.block_size;
       space_.available = uint64_t{space.free_blocks} * space.block_size;
+    }
+    if (space_.changes || !space_.mounts) {
+      const records after = read_records(*view, opened_.layout);
+      check_does_ = report_check({.before = records_,
+                                  .after = after,
+                                  .passed = space_.mounts,
+                                  .lines = system.said(),
+                                  .mounted = space_.mounts ? &system.files() : nullptr});
     }
     return !interrupted();
   }
@@ -280,6 +291,31 @@ class image_info {
     }
   }
 
+  // What the next mount makes of it, before it does, the worst first; "check" tells all of that.
+  void tell_check() {
+    for (const finding& each : check_does_) {
+      out_.add_to_document(each);
+    }
+    std::erase_if(check_does_, [&](const finding& each) {
+      return each.severity == severity::info && space_.mounts && !all_.verbose;
+    });
+    if (check_does_.empty()) {
+      return;
+    }
+    std::stable_partition(check_does_.begin(), check_does_.end(),
+                          [](const finding& each) { return each.severity == severity::error; });
+    out_.print(fmt::format("\nWhat the {} check does with it, where it runs:\n",
+                           all_.full ? "full" : "quick"));
+    const size_t shown = std::min(check_does_.size(), check_lines_max);
+    for (size_t i = 0; i < shown; ++i) {
+      out_.print(fmt::format("  {}: {}\n", severity_text(check_does_[i].severity),
+                             line_of(check_does_[i])));
+    }
+    if (shown < check_does_.size()) {
+      out_.print(fmt::format("  and {} more, which check tells\n", check_does_.size() - shown));
+    }
+  }
+
   static bool follows(const finding& one, const finding& next) {
     return one.code == next.code && one.block && next.block && *one.block + 1 == *next.block &&
            !one.sector && !next.sector && one.text == next.text;
@@ -307,6 +343,7 @@ class image_info {
   report& out_;
   const records records_;
   mounted_space space_;
+  std::vector<finding> check_does_;  // with what is wrong
   erase_counts wear_;
   uint64_t contents_ = 0;  // bytes
   uint32_t files_ = 0;
