@@ -72,7 +72,7 @@ std::string choices_of(const described_option& option) {
 }
 
 std::string choices_of_words(const described_command& command) {
-  const bool codes = !command.words.empty() && command.words.front() == "CODE";
+  const bool codes = !command.words.empty() && command.words.front().name == "CODE";
   return codes ? choices_of("CODE") : files;
 }
 

@@ -62,7 +62,7 @@ void run(const cat_options& options, const globals& all, report& out) {
 
 command cat_command() {
   auto options = std::make_shared<cat_options>();
-  return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup",
+  return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup.cfg",
           [options](arguments& take) {
             take.image(&options->image);
             take.words("PATH", &options->paths, "Files in the image");

@@ -21,7 +21,8 @@ namespace {
 
 struct get_options {
   std::string image;
-  std::vector<std::string> words;  // PATH... HOST
+  std::vector<std::string> paths;
+  std::string host;
   bool recursive = false;
 };
 
@@ -37,17 +38,20 @@ class getter {
         all_(all),
         opened_(opened),
         out_(out),
-        host_(options.words.back()),
-        into_folder_(host_ != "-" && (options.words.size() > 2 || is_host_folder(host_))) {}
+        host_(options.host),
+        into_folder_(host_ != "-" && (options.paths.size() > 1 || is_host_folder(host_))) {}
 
   void run() {
-    if (options_.words.size() > 2 && !is_host_folder(host_)) {
+    if (options_.paths.size() > 1 && !is_host_folder(host_)) {
       out_.fail(exit_status::failed, "several paths go into a folder, which this is not", host_);
       return;
     }
-    for (size_t i = 0; i + 1 < options_.words.size() && !interrupted(); ++i) {
+    for (const std::string& given : options_.paths) {
+      if (interrupted()) {
+        return;
+      }
       opened_.keep_ready();
-      get(inside_path(options_.words[i]));
+      get(inside_path(given));
     }
     if (!interrupted()) {
       tell_written(files_, folders_, bytes_, out_);
@@ -167,11 +171,7 @@ class getter {
 };
 
 void run(const get_options& options, const globals& all, report& out) {
-  if (options.words.size() < 2) {
-    out.fail(exit_status::usage, "HOST is required: where the files go");
-    return;
-  }
-  if (all.json && options.words.back() == "-") {
+  if (all.json && options.host == "-") {
     out.fail(exit_status::usage, "standard output has the document; \"cat\" puts files into it");
     return;
   }
@@ -184,11 +184,16 @@ void run(const get_options& options, const globals& all, report& out) {
 
 command get_command() {
   auto options = std::make_shared<get_options>();
-  return {"get", "Copies files out of the image", "flashfs-image get -r boot.img /config backup",
+  return {"get", "Copies files out of the image",
+          "flashfs-image get boot.img /config/startup.cfg .\n"
+          "flashfs-image get -r boot.img /config backup",
           [options](arguments& take) {
             take.image(&options->image);
-            take.words("PATH... HOST", &options->words,
-                       "Paths in the image; then a file or folder of the host, or '-'");
+            take.words_and_last(
+                "PATH", &options->paths, "Files in the image; with -r directories, too", "HOST",
+                &options->host,
+                "Where they go on the host: into a folder that is there, or under this name; "
+                "'-' is standard output");
             take.flag("-r", &options->recursive, "Directories, too, with all in them");
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};

@@ -90,11 +90,11 @@ void move(const mv_options& options, const volume::files& files, report& out) {
 command mv_command() {
   auto options = std::make_shared<mv_options>();
   return {"mv", "Renames and moves",
-          "flashfs-image mv boot.img /config/startup /config/startup.old",
+          "flashfs-image mv boot.img /config/startup.cfg /config/startup.old",
           [options](arguments& take) {
             options->edit.add_to(take);
-            take.word("A", &options->from, "A file or directory");
-            take.word("B", &options->to, "Its new path, or a directory that it goes into");
+            take.word("FROM", &options->from, "A file or directory");
+            take.word("TO", &options->to, "Its new path, or a directory that it goes into");
             take.flag("-f", &options->replace, "Replace a file that is there");
           },
           [options](const globals& all, report& out) {

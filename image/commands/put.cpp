@@ -26,7 +26,8 @@ namespace {
 
 struct put_options {
   edit_options edit;
-  std::vector<std::string> words;  // HOST... PATH
+  std::vector<std::string> sources;
+  std::string path;
   bool recursive = false;
   bool preserve = false;
   std::string mode;
@@ -88,15 +89,17 @@ class putter {
   // --- what is to be written: planned_, with paths from the root ---
 
   void collect() {
-    const std::string target = inside_path(options_.words.back());
+    const std::string target = inside_path(options_.path);
     const bool into = is_folder(target);
-    if (!into && options_.words.size() > 2) {
+    if (!into && options_.sources.size() > 1) {
       fail(target, "several sources go into a directory, which this is not");
       return;
     }
-    ends_as_folder_ = !into && options_.words.back().ends_with('/');
-    for (size_t i = 0; i + 1 < options_.words.size() && !interrupted(); ++i) {
-      const std::string& source = options_.words[i];
+    ends_as_folder_ = !into && options_.path.ends_with('/');
+    for (const std::string& source : options_.sources) {
+      if (interrupted()) {
+        return;
+      }
       const std::string name = host_name(source);
       if (source == "-" && into) {
         fail(target, "standard input has no name: PATH has to give it one");
@@ -194,10 +197,9 @@ class putter {
     }
     const space_needed needed = space_for(added);
     if (needed.data_sectors > space.free_blocks + freed) {
-      fail(inside_path(options_.words.back()), "no space: " + std::to_string(needed.data_sectors) +
-                                                   " sectors of 2048 bytes are needed, " +
-                                                   std::to_string(space.free_blocks + freed) +
-                                                   " are free");
+      fail(inside_path(options_.path), "no space: " + std::to_string(needed.data_sectors) +
+                                           " sectors of 2048 bytes are needed, " +
+                                           std::to_string(space.free_blocks + freed) + " are free");
       return false;
     }
     return true;
@@ -291,10 +293,6 @@ void run(const put_options& options, const globals& all, report& out) {
       return;
     }
   }
-  if (options.words.size() < 2) {
-    out.fail(exit_status::usage, "PATH is required: where the files go");
-    return;
-  }
   edit(options.edit, all, out, [&](session& opened) { putter(options, mode, opened, out).run(); });
 }
 
@@ -302,11 +300,16 @@ void run(const put_options& options, const globals& all, report& out) {
 
 command put_command() {
   auto options = std::make_shared<put_options>();
-  return {"put", "Copies files into the image", "flashfs-image put boot.img startup.cfg /config",
+  return {"put", "Copies files into the image",
+          "flashfs-image put boot.img startup.cfg /config\n"
+          "flashfs-image put -rp boot.img folder/sites /config",
           [options](arguments& take) {
             options->edit.add_to(take);
-            take.words("HOST... PATH", &options->words,
-                       "Files of the host, '-' for one; then a path in the image");
+            take.words_and_last(
+                "HOST", &options->sources,
+                "Files of the host; with -r folders, too; '-' is standard input", "PATH",
+                &options->path,
+                "Where they go in the image: into a directory that is there, or under this path");
             take.flag("-r", &options->recursive, "Folders, too, with all in them");
             take.flag("-p", &options->preserve, "Keep modes and dates of the sources");
             take.option("-m", "MODE", &options->mode, "Permissions of the files, octal");
