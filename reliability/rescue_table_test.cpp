@@ -1,9 +1,9 @@
 // What the rescue promises, on a sample of the states that power cuts leave: the whole table is
 // made by `reliability rescue all`.
-#include "reliability/rescue_table.h"
-
 #include <gtest/gtest.h>
 
+#include "reliability/rescue_run.h"
+#include "reliability/rescue_table.h"
 #include "sim/chassis.h"
 
 namespace {
