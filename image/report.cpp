@@ -129,7 +129,7 @@ void put_text(document_value* object, const char* key, std::string_view raw) {
 report::report(const globals& options, std::string command)
     : options_(options),
       command_(std::move(command)),
-      document_(new document),
+      document_(std::make_unique<document>()),
       output_has_terminal_(isatty(STDOUT_FILENO) != 0),
       output_has_colors_(has_colors(options.color, output_has_terminal_)),
       errors_have_colors_(has_colors(options.color, isatty(STDERR_FILENO) != 0)),
@@ -138,9 +138,7 @@ report::report(const globals& options, std::string command)
           (options.progress == when::automatic && !options.quiet && isatty(STDERR_FILENO) != 0)),
       started_(clock::now()) {}
 
-report::~report() {
-  delete document_;
-}
+report::~report() = default;
 
 void report::print(std::string_view text) {
   if (options_.json || options_.output == "-") {

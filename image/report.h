@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -106,7 +107,7 @@ class report {
   const globals options_;
   const std::string command_;
   struct document;  // of the JSON library, which few sources need to see
-  document* document_;
+  const std::unique_ptr<document> document_;
   exit_status status_ = exit_status::good;
   bool output_has_terminal_;
   bool output_has_colors_;
