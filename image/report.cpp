@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "image/interrupt.h"
+#include "image/paths.h"
 #include "image/text.h"
 
 namespace image {
@@ -225,6 +226,10 @@ void report::fail(exit_status status, std::string_view text, std::string_view pa
   found.path = path;
   add(found);
   raise(status);
+}
+
+void report::fail_at(std::string_view inside, std::string_view text) {
+  fail(exit_status::failed, text, told_path(inside));
 }
 
 void report::raise(exit_status status) {

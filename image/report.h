@@ -81,6 +81,8 @@ class report {
   void warn(const char* code, std::string_view text, std::string_view path = {});
   // Why not all is well: tells it and raises the status.
   void fail(exit_status status, std::string_view text, std::string_view path = {});
+  // What could not be done at a path in the image, which is told from its root.
+  void fail_at(std::string_view inside, std::string_view text);
   void raise(exit_status status);
   exit_status status() const {
     return status_;

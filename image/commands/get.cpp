@@ -51,7 +51,7 @@ class getter {
         return;
       }
       opened_.keep_ready();
-      get(inside_path(given));
+      get(given);
     }
     if (!interrupted()) {
       tell_written(files_, folders_, bytes_, out_);
@@ -59,16 +59,17 @@ class getter {
   }
 
  private:
-  void get(const std::string& path) {
+  void get(const std::string& given) {
+    const std::string path = inside_path(given);
     ppc_stat status;
     if (status_of(opened_.files(), path, &status) != 0) {
-      fail(path, error_text(errno));
+      out_.fail_at(path, error_text(errno));
     } else if (!is_directory(status)) {
       get_file(path, status);
     } else if (!options_.recursive) {
-      fail(path, "is a directory; -r copies it");
+      out_.fail_at(path, "is a directory; -r copies it");
     } else if (host_ == "-") {
-      fail(path, "is a directory; standard output takes one file");
+      out_.fail_at(path, "is a directory; standard output takes one file");
     } else {
       get_folder(path, status);
     }
@@ -79,11 +80,11 @@ class getter {
     std::string contents;
     std::string why = into_folder_ ? host_name_fault(name) : "";
     if (!why.empty()) {
-      fail(path, why);
+      out_.fail_at(path, why);
       return;
     }
     if (opened_.files().read_file(path, &contents) != 0) {
-      fail(path, error_text(errno));
+      out_.fail_at(path, error_text(errno));
       return;
     }
     const std::string target = into_folder_ ? host_ + "/" + name : host_;
@@ -110,7 +111,7 @@ class getter {
     const std::string name(name_of_path(path));
     const bool below = into_folder_ && !path.empty();
     if (const std::string why = below ? host_name_fault(name) : ""; !why.empty()) {
-      fail(path, why);
+      out_.fail_at(path, why);
       return;
     }
     tree found = read_volume(opened_.files(), path);
@@ -151,12 +152,8 @@ class getter {
       out_.warn(codes::advice, one.text, told_path(joined_path(path, one.path)));
     }
     for (const tree_problem& one : errors) {
-      fail(joined_path(path, one.path), one.text);
+      out_.fail_at(joined_path(path, one.path), one.text);
     }
-  }
-
-  void fail(const std::string& path, const std::string& text) {
-    out_.fail(exit_status::failed, text, told_path(path));
   }
 
   const get_options& options_;
