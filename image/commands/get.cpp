@@ -62,8 +62,13 @@ class getter {
   void get(const std::string& given) {
     const std::string path = inside_path(given);
     ppc_stat status;
-    if (status_of(opened_.files(), path, &status) != 0) {
+    if (status_of_given(opened_.files(), given, &status) != 0) {
       out_.fail_at(path, error_text(errno));
+    } else if (!is_directory(status) && !into_folder_ && host_.ends_with('/')) {
+      out_.fail(exit_status::failed,
+                "there is no such folder: make it first, or leave out the slash for a file of this "
+                "name",
+                host_);
     } else if (!is_directory(status)) {
       get_file(path, status);
     } else if (!options_.recursive) {
