@@ -176,7 +176,7 @@ std::optional<std::span<uint8_t>> flash_file::private_view(std::string* why) {
 
 std::optional<file_identity> flash_file::identity() const {
   struct stat status = {};
-  if (!opened_ || fstat(opened_.get(), &status) != 0) {
+  if (fstat(opened_ ? opened_.get() : STDIN_FILENO, &status) != 0) {
     return std::nullopt;
   }
   return file_identity{status.st_dev, status.st_ino};

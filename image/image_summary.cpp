@@ -4,12 +4,14 @@
 #include <string>
 
 #include "flashfs/check_flags.h"
+#include "image/check_report.h"
 #include "image/interrupt.h"
 #include "image/mounted.h"
 
 namespace image {
 
-std::optional<mounted_space> measure_space(opened_image& opened, const globals& all, report& out) {
+std::optional<mounted_space> measure_space(opened_image& opened, const records& before,
+                                           const globals& all, report& out) {
   std::string why;
   const std::optional<std::span<uint8_t>> view = opened.private_view(&why);
   if (!view) {
@@ -24,6 +26,14 @@ std::optional<mounted_space> measure_space(opened_image& opened, const globals& 
   if (space.mounts && system.files().statfs(&told) == 0) {
     space.total = uint64_t{told.total_blocks} * told.block_size;
     space.available = uint64_t{told.free_blocks} * told.block_size;
+  }
+  if (space.changes || !space.mounts) {
+    const records after = read_records(*view, opened.layout);
+    space.check_does = report_check({.before = before,
+                                     .after = after,
+                                     .passed = space.mounts,
+                                     .lines = system.said(),
+                                     .mounted = space.mounts ? &system.files() : nullptr});
   }
   return interrupted() ? std::nullopt : std::optional(space);
 }

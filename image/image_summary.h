@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <vector>
 
 #include "image/erase_counts.h"
 #include "image/records.h"
@@ -16,11 +17,13 @@ struct mounted_space {
   bool changes = false;  // the check repairs something
   uint64_t total = 0;    // bytes
   uint64_t available = 0;
+  std::vector<finding> check_does;  // what the check repairs or drops
 };
 
-// What the board would tell, from a private view. Nothing after a failure, which is told and has
-// raised the status, and after a signal.
-std::optional<mounted_space> measure_space(opened_image& opened, const globals& all, report& out);
+// What the board would tell, from a private view; `before` are the image's records. Nothing after a
+// failure, which is told and has raised the status, and after a signal.
+std::optional<mounted_space> measure_space(opened_image& opened, const records& before,
+                                           const globals& all, report& out);
 
 struct entry_counts {
   uint64_t contents = 0;  // bytes

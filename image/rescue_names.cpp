@@ -330,17 +330,24 @@ class name_judge {
 
   void put_into_lost_and_found(uint16_t id) {
     const uint16_t directory = lost_and_found_id();
-    char name[sizeof("65535")];
-    snprintf(name, sizeof(name), "%05u", static_cast<unsigned>(id));
-    if (names_.find_name(directory, name) != 0) {
-      return;
-    }
-    const flashfs_dir_slot slot = made_slot(directory, id, lost_[id], name);
+    const flashfs_dir_slot slot =
+        made_slot(directory, id, lost_[id], free_name(directory, id).c_str());
     note("orphan-relinked", certainty::proved, nullptr, slot,
          directory == fileid_root ? "name it in the root, for want of /lost+found"
                                   : "name it in /lost+found",
          "nothing that is left names it");
     write(slot);
+  }
+
+  // Five digits, as a check names an orphan; where something has that name, with "-1" or more.
+  std::string free_name(uint16_t directory, uint16_t id) const {
+    char digits[sizeof("65535")];
+    snprintf(digits, sizeof(digits), "%05u", static_cast<unsigned>(id));
+    std::string name = digits;
+    for (uint32_t other = 1; names_.find_name(directory, name) != 0; other++) {
+      name = digits + ("-" + std::to_string(other));
+    }
+    return name;
   }
 
   // Made if need be; the root when a file has its name or no id is left.

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "image/commands/commands.h"
 #include "image/finding_list.h"
@@ -27,6 +28,8 @@ struct info_options {
   std::string image;
 };
 
+constexpr size_t check_lines_max = 20;
+
 class image_info {
  public:
   image_info(const globals& all, opened_image& opened, report& out)
@@ -36,7 +39,7 @@ class image_info {
         records_(read_records(opened.contents(), opened.layout)) {}
 
   void run() {
-    const std::optional<mounted_space> space = measure_space(opened_, all_, out_);
+    const std::optional<mounted_space> space = measure_space(opened_, records_, all_, out_);
     if (!space) {
       return;
     }
@@ -45,6 +48,7 @@ class image_info {
     tell_files(count_entries(records_));
     tell_blocks(count_erases(records_));
     tell_finding_list(records_.findings, out_);
+    tell_check(*space);
     if (all_.strict && has_errors(records_.findings)) {
       out_.raise(exit_status::faults);
     }
@@ -193,6 +197,32 @@ class image_info {
             {"obsolete", counts.obsolete_sectors},
             {"free", counts.free_sectors},
             {"bad", counts.bad_sectors}};
+  }
+
+  // What the next mount makes of it, before it does, the worst first; "check" tells all of that.
+  void tell_check(const mounted_space& measured) {
+    std::vector<finding> findings = measured.check_does;
+    for (const finding& each : findings) {
+      out_.add_to_document(each);
+    }
+    std::erase_if(findings, [&](const finding& each) {
+      return each.severity == severity::info && measured.mounts && !all_.verbose;
+    });
+    if (findings.empty()) {
+      return;
+    }
+    std::stable_partition(findings.begin(), findings.end(),
+                          [](const finding& each) { return each.severity == severity::error; });
+    out_.print(fmt::format("\nWhat the {} check does with it, where it runs:\n",
+                           all_.full ? "full" : "quick"));
+    const size_t shown = std::min(findings.size(), check_lines_max);
+    for (size_t i = 0; i < shown; ++i) {
+      out_.print(
+          fmt::format("  {}: {}\n", severity_text(findings[i].severity), line_of(findings[i])));
+    }
+    if (shown < findings.size()) {
+      out_.print(fmt::format("  and {} more, which check tells\n", findings.size() - shown));
+    }
   }
 
   const globals& all_;

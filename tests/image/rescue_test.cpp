@@ -412,6 +412,97 @@ TEST_F(rescue, removed_file_does_not_come_over_one_that_stands) {
   EXPECT_EQ("another", flash.files().at("file"));
 }
 
+TEST_F(rescue, removed_file_comes_back_when_another_one_has_its_id) {
+  flash.set_directory(29, 0);
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(28, 3, "another", 2);
+  flash.data(2, 3, 3, 0, "of another");
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  ASSERT_EQ(1U, plan.decisions.size());
+  EXPECT_EQ(image::certainty::guessed, plan.decisions[0].sure);
+  EXPECT_EQ("of another", flash.files().at("another"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, removed_files_of_one_id_come_back_each_with_its_own) {
+  flash.name(28, 9, "first", 3, 1800000001);
+  flash.data(3, 0, 9, 0, full);
+  flash.data(3, 1, 9, 1, "end of the first");
+  flash.name(27, 9, "second", 3, 1800000002);
+  flash.data(3, 2, 9, 0, "the second");
+  flash.name(26, 9, "third", 3, 1800000003);
+  flash.data(3, 3, 9, 0, third_full);
+  flash.data(3, 4, 9, 1, "end of the third");
+  for (int s = 0; s < 5; s++) {
+    flash.set_owner(3, s, 0);
+  }
+  for (int k = 26; k <= 28; k++) {
+    flash.set_directory(k, 0);
+  }
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(third_full + "end of the third" == flash.files().at("third")) << listing();
+  EXPECT_EQ("the second", flash.files().at("second"));
+  EXPECT_TRUE(full + "end of the first" == flash.files().at("first")) << listing();
+}
+
+// What a file has lost that stands, under whatever name, is no removed file's.
+TEST_F(rescue, renamed_file_does_not_come_back_under_its_former_name) {
+  flash.name(28, 3, "renamed", 2);
+  flash.set_directory(29, 0);
+  flash.data(3, 0, 3, 2, tail);
+  flash.set_owner(3, 0, 0);
+  EXPECT_TRUE(flash.rescue({.deleted = true}).steps.empty());
+  EXPECT_FALSE(flash.files().contains("file"));
+}
+
+TEST_F(rescue, removed_directories_come_back_with_a_file_that_was_in_them) {
+  flash.name(28, 7, "outer", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 8, "inner", 0, 1800000000, 7, 0x4700);
+  flash.name(26, 9, "empty", 1, 1800000000, 7, 0x4700);
+  flash.name(25, 3, "below", 0, 1800000001, 8);
+  for (int k = 25; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_TRUE(has_decision(plan, "directory-returned"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("outer/inner/below")) << listing();
+  EXPECT_FALSE(flash.files().contains("outer/empty"));
+}
+
+TEST_F(rescue, removed_file_comes_into_a_directory_that_has_the_name_by_now) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(26, 8, "folder", 4, 1800000002, 1, 0x4700);
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("folder/below")) << listing();
+  EXPECT_EQ(3U, flash.files().size()) << listing();
+}
+
+TEST_F(rescue, removed_file_stays_where_a_file_has_the_name_of_its_directory) {
+  flash.name(28, 7, "kept", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_FALSE(flash.files().contains("kept/below"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
   for (int s = 0; s < 3; s++) {
     flash.set_owner(2, s, 0);
@@ -484,6 +575,49 @@ TEST_F(rescue, orphans_stand_in_the_root_when_a_file_has_the_name_of_their_direc
   flash.data(3, 0, 10, 0, "contents");
   flash.rescue();
   EXPECT_EQ("contents", flash.files().at("00008/inside"));
+}
+TEST_F(rescue, orphan_whose_number_is_a_name_in_lost_and_found_stands_beside_it) {
+  flash.name(28, 9, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 10, "00007", 0, 1800000000, 9);
+  flash.name(26, 11, "00007-1", 1, 1800000000, 9);
+  flash.data(3, 0, 10, 0, "an earlier one");
+  flash.data(3, 1, 7, 0, "an orphan");
+  flash.rescue();
+  EXPECT_EQ("an earlier one", flash.files().at("lost+found/00007"));
+  EXPECT_EQ("an orphan", flash.files().at("lost+found/00007-2"));
+}
+
+// Names that clash, also with those that the rescue gives, in directories that stand or do not,
+// whole, torn and deleted, with and without what was removed.
+TEST_F(rescue, names_by_chance_are_mended_to_what_the_check_takes) {
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  const std::vector<std::string> names = {"a", "b", "", "x/y", "\x01", "..", "kept", "lost+found"};
+  for (uint32_t seed = 0; seed < 300 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(10); i > 0; i--) {
+      const int block = below(6);
+      const int place = below(5) + 1;
+      flash.data(block, place, below(10), below(3), bytes_of(below(2) == 0 ? 2048 : 100, seed));
+      if (below(4) == 0) {
+        flash.set_owner(block, place, below(10));
+      }
+    }
+    for (int i = below(20); i > 0; i--) {
+      const int place = below(31);
+      const uint16_t choice = below(12);
+      const std::string name =
+          choice < names.size() ? names[choice] : "0000" + std::to_string(below(10));
+      flash.name(place, below(8) + 2, name, below(12), 1800000000U + below(3),
+                 below(2) == 0 ? 1 : below(9), below(3) == 0 ? 0x4700 : 0x8700);
+      if (below(3) == 0) {
+        flash.set_directory(place, below(2) == 0 ? 0 : below(9));
+      }
+    }
+    flash.rescue({.deleted = below(2) == 0});
+  }
 }
 
 }  // namespace
