@@ -6,7 +6,7 @@
 
 #include "flashfs/check_flags.h"
 #include "reliability/power_cuts.h"
-#include "reliability/rescue_table.h"
+#include "reliability/rescue_run.h"
 #include "reliability/rig_fixture.h"
 
 namespace {
