@@ -45,6 +45,13 @@ bool has_former_twin(const former_index& former, const slot_record& slot) {
   });
 }
 
+// The name that a check gives to what has none.
+std::string digits_of(uint16_t id) {
+  char digits[sizeof("65535")];
+  snprintf(digits, sizeof(digits), "%05u", static_cast<unsigned>(id));
+  return digits;
+}
+
 class name_judge {
  public:
   name_judge(const evidence& found, const std::set<uint16_t>& with_data, uint32_t date)
@@ -84,6 +91,14 @@ class name_judge {
     changes_.deletions.push_back({record.at, record.index});
   }
 
+  // A check gives what it finds without a name its number for one, also where it has deleted only
+  // the directory's name: any other one is better. Else the newer is.
+  bool is_better(const slot_record& one, const slot_record& other) const {
+    const bool has_digits = one.name() == digits_of(one.slot.entry_fileid);
+    const bool other_has_digits = other.name() == digits_of(other.slot.entry_fileid);
+    return has_digits == other_has_digits ? is_newer(one, other) : other_has_digits;
+  }
+
   // Everything that is neither good nor erased nor deleted goes. An id has one name: of two the
   // newer stands, since it was written whole before the other was to go.
   void collect() {
@@ -95,9 +110,9 @@ class name_judge {
       if (each.kind == slot_kind::good) {
         const slot_record*& chosen = best[each.slot.entry_fileid];
         if (chosen != nullptr) {
-          drop_second_name(is_newer(each, *chosen) ? *chosen : each);
+          drop_second_name(is_better(each, *chosen) ? *chosen : each);
         }
-        chosen = chosen == nullptr || is_newer(each, *chosen) ? &each : chosen;
+        chosen = chosen == nullptr || is_better(each, *chosen) ? &each : chosen;
       } else if (each.kind != slot_kind::erased && each.kind != slot_kind::deleted) {
         remove(each);
         note_bad(each);
@@ -359,10 +374,9 @@ class name_judge {
     write(slot);
   }
 
-  // Five digits, as a check names an orphan; where something has that name, with "-1" or more.
+  // As a check names an orphan; where something has that name, with "-1" or more.
   std::string free_name(uint16_t directory, uint16_t id) const {
-    char digits[sizeof("65535")];
-    snprintf(digits, sizeof(digits), "%05u", static_cast<unsigned>(id));
+    const std::string digits = digits_of(id);
     std::string name = digits;
     for (uint32_t other = 1; names_.find_name(directory, name) != 0; other++) {
       name = digits + ("-" + std::to_string(other));

@@ -147,6 +147,14 @@ TEST_F(rescue, newer_of_two_names_stands) {
   EXPECT_FALSE(flash.files().contains("file"));
 }
 
+TEST_F(rescue, number_that_a_check_gave_for_a_name_gives_way_to_a_name) {
+  flash.name(28, 5, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "00003", 0, 1800000000, 5);
+  flash.rescue();
+  EXPECT_TRUE(flash.files().contains("file"));
+  EXPECT_FALSE(flash.files().contains("lost+found/00003"));
+}
+
 TEST_F(rescue, two_entries_of_one_number_keep_their_names) {
   flash.name(28, 4, "third", 2);
   EXPECT_TRUE(has_decision(flash.rescue(), "slot-renumbered"));
