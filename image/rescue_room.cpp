@@ -133,13 +133,17 @@ bool room::keep_blocks() {
 
 // --- room ---
 
+bool room::is_erased_sector(uint16_t block, uint16_t sector) const {
+  return is_erased(flash_->sector(blocks_[block], sector), sizeof(flashfs_sector));
+}
+
 std::optional<sector_place> room::find_erased(int without) const {
   for (uint16_t b = 0; b < block_count(); b++) {
     if (blocks_[b].fate != block_fate::kept || b == without) {
       continue;
     }
     for (uint16_t s = 0; s < blocks_[b].sectors; s++) {
-      if (is_erased(flash_->sector(blocks_[b], s), sizeof(flashfs_sector))) {
+      if (is_erased_sector(b, s)) {
         return sector_place{b, s};
       }
     }
@@ -152,7 +156,7 @@ size_t room::count_erased(int without) const {
   for (uint16_t b = 0; b < block_count(); b++) {
     for (uint16_t s = 0;
          blocks_[b].fate == block_fate::kept && b != without && s < blocks_[b].sectors; s++) {
-      count += is_erased(flash_->sector(blocks_[b], s), sizeof(flashfs_sector)) ? 1 : 0;
+      count += is_erased_sector(b, s) ? 1 : 0;
     }
   }
   return count;
@@ -230,6 +234,15 @@ size_t room::count_live(uint16_t block) const {
   return count;
 }
 
+// Sectors that a reclamation would make erased ones of.
+size_t room::count_dead(uint16_t block) const {
+  size_t count = 0;
+  for (uint16_t s = 0; s < blocks_[block].sectors; s++) {
+    count += is_live_record(block, s) || is_erased_sector(block, s) ? 0 : 1;
+  }
+  return count;
+}
+
 // The block of which a reclamation gains most.
 int room::choose_victim() const {
   int victim = no_block;
@@ -238,7 +251,7 @@ int room::choose_victim() const {
     if (blocks_[b].fate != block_fate::kept) {
       continue;
     }
-    const size_t gained = blocks_[b].sectors - count_live(b);
+    const size_t gained = count_dead(b);
     if (gained > most) {
       most = gained;
       victim = b;

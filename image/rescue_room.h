@@ -56,6 +56,8 @@ class room {
   bool reclaim(uint16_t victim, uint16_t fresh);
   bool copy_live(uint16_t from, uint16_t to);
   size_t count_live(uint16_t block) const;
+  size_t count_dead(uint16_t block) const;
+  bool is_erased_sector(uint16_t block, uint16_t sector) const;
   size_t count_erased(int without) const;
   // Where a block's slots are free: offsets in the flash.
   std::vector<uint32_t> free_slots(uint16_t block) const;

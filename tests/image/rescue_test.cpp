@@ -464,6 +464,16 @@ TEST_F(rescue, room_is_made_by_moving_when_there_is_no_spare) {
   EXPECT_TRUE(other_full + third_full + full + "more" == flash.files().at("file")) << listing();
 }
 
+TEST_F(rescue, list_is_cut_at_a_gap_that_there_is_no_room_for) {
+  memset(sector(2, 2), 0xFF, sizeof(flashfs_sector));
+  flash.data(3, 0, 3, 5, "far behind");
+  fill_from(1);
+  flash.set_state(0, block_available);
+  memset(sector(5, 5), 0xFF, sizeof(flashfs_sector));  // one is left, the gap has three
+  EXPECT_TRUE(has_decision(flash.rescue(), "list-cut"));
+  EXPECT_TRUE(other_full + third_full == flash.files().at("file")) << listing();
+}
+
 TEST_F(rescue, twin_of_a_block_is_the_spare_when_nothing_can_be_moved) {
   memcpy(flash.builder().sector_at(0, 0), flash.builder().sector_at(2, 0),
          3 * sizeof(flashfs_sector));
