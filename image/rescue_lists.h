@@ -30,6 +30,8 @@ struct name_evidence {
 
 struct list_options {
   bool may_write = true;  // false: there is no room, so that nothing can be brought back
+  // Removed files come back afterwards: what an earlier run has begun of one, gives way to that.
+  bool deleted = false;
 };
 
 // The changes of all files that have sectors; `named` has every id that any slot names.

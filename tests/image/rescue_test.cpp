@@ -503,6 +503,31 @@ TEST_F(rescue, removed_file_stays_where_a_file_has_the_name_of_its_directory) {
   EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
 }
 
+// Two of its sectors had been written again when the power failed.
+TEST_F(rescue, removed_file_comes_back_whole_when_its_return_was_cut) {
+  for (const uint16_t id : {uint16_t{3}, uint16_t{9}}) {  // its own, and another one
+    SCOPED_TRACE(id);
+    rescued_flash cut;
+    cut.name(29, 3, "file", 2);
+    cut.set_directory(29, 0);
+    cut.data(2, 0, 3, 0, other_full);
+    cut.data(2, 1, 3, 1, third_full);
+    cut.data(2, 2, 3, 2, tail);
+    for (int s = 0; s < 3; s++) {
+      cut.set_owner(2, s, 0);
+    }
+    cut.name(28, 4, "kept", 1);
+    if (id != 3) {
+      cut.name(27, 3, "another", 3);
+    }
+    cut.data(2, 3, id, 0, other_full);
+    cut.data(2, 4, id, 1, third_full);
+    const image::rescue_plan plan = cut.rescue({.deleted = true});
+    EXPECT_TRUE(other_full + third_full + tail == cut.files().at("file"));
+    EXPECT_EQ(id == 3 ? 2U : 3U, cut.files().size());
+  }
+}
+
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
   for (int s = 0; s < 3; s++) {
     flash.set_owner(2, s, 0);
