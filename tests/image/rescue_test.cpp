@@ -528,6 +528,49 @@ TEST_F(rescue, removed_file_comes_back_whole_when_its_return_was_cut) {
   }
 }
 
+// Removed: a directory with a file, and two files that had one id, which a third one has now.
+TEST_F(rescue, return_of_removed_files_goes_on_wherever_it_was_cut) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  flash.name(26, 8, "first", 4, 1800000002);
+  flash.data(3, 0, 8, 0, full);
+  flash.data(3, 1, 8, 1, "end");
+  flash.name(25, 8, "second", 4, 1800000003);
+  flash.data(3, 2, 8, 0, "the second");
+  for (int k = 25; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+    flash.set_owner(3, s, 0);
+  }
+  flash.name(24, 8, "third", 4, 1800000004);
+  flash.data(3, 3, 8, 0, "the third");
+  const std::vector<uint8_t> before = flash.device().flash().snapshot();
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  const std::map<std::string, std::string> whole = flash.files();
+  ASSERT_EQ(6U, whole.size()) << listing();
+  size_t words = 0;
+  for (const image::rescue_step& each : plan.steps) {
+    ASSERT_FALSE(each.is_erase);
+    words += each.bytes.size() / 2;
+  }
+  for (size_t cut = 0; cut < words && !HasFailure(); cut += cut % 3 == 0 ? 1 : 29) {
+    SCOPED_TRACE(cut);
+    flash.device().flash().restore(before);
+    size_t left = cut;
+    for (const image::rescue_step& each : plan.steps) {
+      const size_t taken = std::min(left, each.bytes.size() / 2);
+      if (taken != 0) {
+        flash.device().write(each.offset, static_cast<uint32_t>(taken * 2), each.bytes.data());
+      }
+      left -= taken;
+    }
+    flash.rescue({.deleted = true});
+    EXPECT_TRUE(whole == flash.files()) << listing();
+  }
+}
+
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
   for (int s = 0; s < 3; s++) {
     flash.set_owner(2, s, 0);
