@@ -204,9 +204,9 @@ class file_list {
     }
   }
 
-  void drop_all(const std::string& why) {
+  void drop_all(const std::string& why, const char* code = "list-dropped") {
     if (!list_.empty()) {
-      note("list-dropped", certainty::supported, list_.begin()->second.front(),
+      note(code, certainty::supported, list_.begin()->second.front(),
            "give up all sectors of the file", why);
     }
     while (!list_.empty()) {

@@ -85,7 +85,7 @@ class list_judge : private file_list {
 
   list_change judge() {
     if (names_.directory) {
-      drop_all("a directory has no data");
+      drop_all("a directory has no data", "list-lost");
       return change_;
     }
     if (!records_.unfinished.empty()) {

@@ -173,6 +173,25 @@ TEST_F(rescue, names_in_what_is_a_file_come_into_lost_and_found) {
 
 // --- sectors of one operation ---
 
+TEST_F(rescue, data_without_a_name_stays_when_a_slot_takes_it_for_a_directory) {
+  flash.data(3, 0, 7, 0, "an orphan");
+  flash.name(28, 8, "stray", 0, 1800000000, 7);
+  flash.data(3, 1, 8, 0, "what is stray");
+  flash.rescue();
+  EXPECT_EQ("an orphan", flash.files().at("lost+found/00007"));
+  EXPECT_EQ("what is stray", flash.files().at("lost+found/00008"));
+}
+
+TEST_F(rescue, names_in_what_was_a_directory_stay_in_it) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.set_directory(28, 0);
+  flash.name(27, 8, "below", 0, 1800000000, 7);
+  flash.data(3, 0, 7, 0, "by chance");
+  flash.data(3, 1, 8, 0, "what is below");
+  EXPECT_TRUE(has_decision(flash.rescue(), "list-lost"));
+  EXPECT_EQ("what is below", flash.files().at("lost+found/00007/below"));
+}
+
 TEST_F(rescue, claims_go_even_when_they_read_as_another_file) {
   flash.set_owner(2, 3, 3);
   flash.set_owner(2, 4, 2);
