@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -672,6 +673,40 @@ TEST_F(rescue, orphan_whose_number_is_a_name_in_lost_and_found_stands_beside_it)
   flash.rescue();
   EXPECT_EQ("an earlier one", flash.files().at("lost+found/00007"));
   EXPECT_EQ("an orphan", flash.files().at("lost+found/00007-2"));
+}
+
+// Whatever the slots say, and whether they say anything.
+TEST_F(rescue, whole_files_outlive_all_that_happens_to_names) {
+  const std::vector<std::string> contents = {full + "of 7", other_full + "of 8", "of 9"};
+  flash.data(3, 0, 7, 0, full);
+  flash.data(3, 1, 7, 1, "of 7");
+  flash.data(3, 2, 8, 0, other_full);
+  flash.data(4, 0, 8, 1, "of 8");
+  flash.data(4, 1, 9, 0, contents[2]);
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  for (uint32_t seed = 0; seed < 200 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(25); i > 0; i--) {
+      const int place = below(32);
+      const uint16_t entry = below(8) + 2;
+      const bool directory = entry < 7 && below(2) == 0;
+      const char* const names[] = {"a", "b", "lost+found", "00007", "00008", "00009", "x/y"};
+      flash.name(place, entry, names[below(7)], below(12), 1800000000U + below(3),
+                 below(2) == 0 ? 1 : below(10), directory ? 0x4700 : 0x8700);
+      if (below(4) == 0) {
+        flash.set_directory(place, 0);
+      }
+    }
+    flash.rescue({.deleted = below(2) == 0});
+    for (const std::string& each : contents) {
+      EXPECT_TRUE(std::any_of(flash.files().begin(), flash.files().end(), [&](const auto& file) {
+        return file.second == each;
+      })) << listing();
+    }
+  }
 }
 
 // Names that clash, also with those that the rescue gives, in directories that stand or do not,
