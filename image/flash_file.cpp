@@ -25,16 +25,6 @@ constexpr useconds_t lock_poll_microseconds = 20000;
 constexpr size_t size_max = INT32_MAX;
 constexpr const char* too_large = "is larger than any image";
 
-bool refuse(std::string* why, const std::string& what) {
-  *why = what;
-  return false;
-}
-
-// With the text of errno.
-bool refuse_errno(std::string* why, const std::string& what) {
-  return refuse(why, what + ": " + std::strerror(errno));
-}
-
 // Waits for the lock. File systems without locks let everybody go on.
 bool lock(int number, int kind, clock::time_point end, std::string* why) {
   while (flock(number, kind | LOCK_NB) != 0) {

@@ -22,16 +22,6 @@ constexpr mode_t mode_of_new_files = 0666;
 constexpr mode_t mode_bits = 07777;
 constexpr int look_for_signals_milliseconds = 100;
 
-bool refuse(std::string* why, const std::string& what) {
-  *why = what;
-  return false;
-}
-
-// With the text of errno.
-bool refuse_errno(std::string* why, const std::string& what) {
-  return refuse(why, what + ": " + std::strerror(errno));
-}
-
 std::string folder_of(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
@@ -179,6 +169,15 @@ bool may_go(const struct stat& there, const file_options& options, std::string* 
 }
 
 }  // namespace
+
+bool refuse(std::string* why, const std::string& what) {
+  *why = what;
+  return false;
+}
+
+bool refuse_errno(std::string* why, const std::string& what) {
+  return refuse(why, what + ": " + std::strerror(errno));
+}
 
 descriptor::~descriptor() {
   if (number_ >= 0) {

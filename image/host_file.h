@@ -73,6 +73,10 @@ struct file_options {
   std::optional<uint32_t> date = {};        // seconds since 1970; none: now
 };
 
+// Says why something cannot be; false. The second one adds the text of errno.
+bool refuse(std::string* why, const std::string& what);
+bool refuse_errno(std::string* why, const std::string& what);
+
 // Writes what a file is to hold. Returns what is wrong, for a person, or nothing.
 using file_writer = std::function<std::string(int to)>;
 

@@ -331,7 +331,10 @@ command rescue_command() {
           "flashfs-image --ppc 4 rescue",
           [options](arguments& take) {
             take.edits();
-            take.image(&options->image);
+            take.image(
+                &options->image, "IMAGE",
+                "The image, which stays as it is; what is mended goes into a new one (-o), a "
+                "folder or an archive");
             take.option("--to-dir", "DIR", &options->to.folder,
                         "What is rescued goes into this folder, made if missing");
             take.option("--to-tar", "FILE", &options->to.archive,

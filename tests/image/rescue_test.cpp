@@ -66,6 +66,21 @@ class rescue : public testing::Test {
     cut_behind(flash.builder().slot_at(1, 0, number), sizeof(flashfs_dir_slot), written);
   }
 
+  // Takes all blocks into use and fills every erased sector from a block on with one more file.
+  size_t fill_from(int first) {
+    flash.name(28, 4, "filler", 3);
+    uint16_t number = 0;
+    for (int block = 0; block < flash.builder().block_count(); block++) {
+      flash.set_state(block, block_in_use);
+      for (int each = 0; block >= first && each < flash.builder().sector_count(block); each++) {
+        if (sector(block, each)->fileid == 0xFFFF) {
+          flash.data(block, each, 4, number++, full);
+        }
+      }
+    }
+    return number * full.size();
+  }
+
   rescued_flash flash;
   const std::string tail = bytes_of(900, 4);
 };
@@ -133,6 +148,14 @@ TEST_F(rescue, newer_of_two_names_stands) {
   EXPECT_FALSE(flash.files().contains("file"));
 }
 
+TEST_F(rescue, number_that_a_check_gave_for_a_name_gives_way_to_a_name) {
+  flash.name(28, 5, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "00003", 0, 1800000000, 5);
+  flash.rescue();
+  EXPECT_TRUE(flash.files().contains("file"));
+  EXPECT_FALSE(flash.files().contains("lost+found/00003"));
+}
+
 TEST_F(rescue, two_entries_of_one_number_keep_their_names) {
   flash.name(28, 4, "third", 2);
   EXPECT_TRUE(has_decision(flash.rescue(), "slot-renumbered"));
@@ -156,6 +179,14 @@ TEST_F(rescue, orphan_without_any_name_comes_into_lost_and_found) {
   memset(slot(29), 0xFF, sizeof(flashfs_dir_slot));
   EXPECT_TRUE(has_decision(flash.rescue(), "orphan-relinked"));
   EXPECT_TRUE(other_full + third_full + tail == flash.files().at("lost+found/00003")) << listing();
+}
+
+TEST_F(rescue, orphan_takes_the_name_that_was_being_written) {
+  flash.name(28, 9, "found", 3);
+  cut_slot_behind(28, 62);
+  flash.data(3, 0, 9, 0, "without a name");
+  EXPECT_TRUE(has_decision(flash.rescue(), "orphan-named"));
+  EXPECT_EQ("without a name", flash.files().at("found"));
 }
 
 TEST_F(rescue, directories_in_a_circle_are_taken_out_of_it) {
@@ -222,7 +253,7 @@ TEST_F(rescue, torn_invalidation_in_front_of_its_copy_is_finished) {
 
 TEST_F(rescue, data_that_reads_as_slots_stays_data) {
   flash.set_owner(2, 0, 1);  // what was to be the first sector of a file that is emptied
-  EXPECT_TRUE(has_decision(flash.rescue(), "gap-filled"));
+  EXPECT_TRUE(has_decision(flash.rescue(), "invalidation-undone"));
   expect_all();
 }
 
@@ -325,6 +356,52 @@ TEST_F(rescue, cut_shortening_is_finished_when_something_behind_it_has_gone) {
   EXPECT_TRUE(other_full.substr(0, 300) == flash.files().at("file")) << listing();
 }
 
+TEST_F(rescue, cut_shortening_is_undone_although_a_check_has_written_slots_since) {
+  flash.data(2, 3, 3, 1, third_full.substr(0, 300));
+  flash.set_owner(2, 1, 0);
+  flash.set_owner(2, 4, 1);
+  EXPECT_TRUE(has_decision(flash.rescue(), "truncation-undone"));
+  expect_all();
+}
+
+TEST_F(rescue, cut_shortening_is_undone_whose_old_sector_was_just_going) {
+  flash.data(2, 3, 3, 1, third_full.substr(0, 300));
+  flash.set_owner(2, 1, 2);
+  flash.data(2, 4, 2, 2, "of another file");
+  flash.rescue();
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+// --- what a check was dropping, the lowest number first ---
+
+TEST_F(rescue, file_that_was_being_dropped_for_a_claim_comes_back) {
+  flash.set_owner(2, 3, 3);
+  flash.set_owner(2, 0, 0);
+  flash.set_owner(2, 1, 0);
+  flash.set_owner(2, 2, 1);  // reads as slots
+  EXPECT_TRUE(has_decision(flash.rescue(), "invalidation-undone"));
+  expect_all();
+}
+
+TEST_F(rescue, extension_over_a_hole_that_was_being_dropped_is_undone) {
+  flash.data(2, 3, 3, 3, std::string(2048, '\0'));
+  flash.data(2, 4, 3, 4, full);
+  cut_sector_behind(2, 4, 500);
+  for (int number = 0; number < 3; number++) {
+    flash.set_owner(2, number, 0);
+  }
+  flash.rescue();
+  expect_all();
+}
+
+TEST_F(rescue, sector_that_was_being_dropped_for_a_half_written_one_comes_back) {
+  flash.data(2, 3, 3, 2, full);
+  cut_sector_behind(2, 3, 700);
+  flash.set_owner(2, 2, 1);
+  flash.rescue();
+  expect_all();
+}
+
 TEST_F(rescue, cut_removal_brings_name_and_sectors_back) {
   flash.set_directory(29, 0);
   flash.set_owner(2, 0, 0);
@@ -405,6 +482,25 @@ TEST_F(rescue, room_is_made_by_moving_when_there_is_no_spare) {
   flash.set_owner(2, 2, 0);
   flash.rescue();
   EXPECT_TRUE(other_full + third_full + full + "more" == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, twin_of_a_block_is_the_spare_when_nothing_can_be_moved) {
+  memcpy(flash.builder().sector_at(0, 0), flash.builder().sector_at(2, 0),
+         3 * sizeof(flashfs_sector));
+  flash.set_owner(0, 0, 0);  // as a check gives up one of two equal numbers
+  flash.set_owner(0, 1, 1);
+  const size_t filled = fill_from(1);
+  EXPECT_TRUE(has_decision(flash.rescue(), "block-erased"));
+  EXPECT_EQ(filled, flash.files().at("filler").size());
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, slots_are_moved_to_free_ones_when_no_sector_is_left) {
+  const size_t filled = fill_from(1);
+  flash.builder().slot(0, 0, 31, {.seq_no = 4, .entry_fileid = 5, .name = "empty"});
+  EXPECT_TRUE(has_decision(flash.rescue(), "spare-made"));
+  EXPECT_EQ("", flash.files().at("empty"));
+  EXPECT_EQ(filled, flash.files().at("filler").size());
 }
 
 // --- removed files ---
