@@ -154,6 +154,8 @@ constexpr finding_code codes[] = {
      "compare the file with a copy of it"},
     {"list-cut", severity::error, "what stands behind a gap in a file is given up",
      "compare the file with a copy of it"},
+    {"list-lost", severity::error, "good sectors of data that have a directory's id are given up",
+     "look into the flash as it was for what they hold"},
     {"list-dropped", severity::warning, "the sectors of a file are given up", "look into the file"},
     {"slot-dropped", severity::info, "a slot that was never whole, or stands twice, is deleted",
      nothing},

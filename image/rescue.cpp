@@ -35,7 +35,8 @@ class rescue_round {
         plan_(plan),
         before_(flash->bytes().begin(), flash->bytes().end()),
         found_(read_evidence(before_, blocks)),
-        may_write_(may_write) {
+        may_write_(may_write),
+        deleted_(options.deleted) {
     date_ = options.now != 0 ? options.now : latest_date(found_);
   }
 
@@ -57,7 +58,7 @@ class rescue_round {
   bool mend_lists(room* space) {
     bool done = true;
     for (const list_change& change :
-         decide_lists(found_, read_names(found_), {.may_write = may_write_})) {
+         decide_lists(found_, read_names(found_), {.may_write = may_write_, .deleted = deleted_})) {
       // A part of them would be a list with a gap.
       bool written = space->make_room_for(change.writes.size());
       for (const flashfs_sector& each : change.writes) {
@@ -155,6 +156,7 @@ class rescue_round {
   std::vector<uint8_t> before_;
   evidence found_;
   bool may_write_;
+  bool deleted_;
   uint32_t date_ = 0;
   std::set<uint16_t> with_data_;
   std::set<std::pair<uint16_t, uint16_t>> whole_;  // owners and numbers of what stands

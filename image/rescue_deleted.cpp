@@ -114,7 +114,8 @@ class deleted_files {
   void use_up(uint16_t entry, const old_list& list) {
     for (const sector_record* each : list.sectors) {
       const auto options = old_.find({entry, each->number});
-      std::erase(options->second, each);
+      std::erase_if(options->second,
+                    [&](const auto* other) { return same_contents(*each, *other); });
       if (options->second.empty()) {
         old_.erase(options);
       }
@@ -130,8 +131,10 @@ class deleted_files {
       if (options == old_.end()) {
         break;
       }
-      list.sole = list.sole && options->second.size() == 1;
       const sector_record* chosen = options->second.back();
+      list.sole =
+          list.sole && std::all_of(options->second.begin(), options->second.end(),
+                                   [&](const auto* each) { return same_contents(*each, *chosen); });
       for (const sector_record* each : options->second) {
         if (!list.sectors.empty() && is_behind(*each, *list.sectors.back())) {
           chosen = each;

@@ -186,9 +186,9 @@ void file_list::drop_behind(uint32_t number) {
   }
 }
 
-void file_list::drop_all(const std::string& why) {
+void file_list::drop_all(const std::string& why, const char* code) {
   if (!list_.empty()) {
-    note("list-dropped", certainty::supported, list_.begin()->second.front(),
+    note(code, certainty::supported, list_.begin()->second.front(),
          "give up all sectors of the file", why);
   }
   while (!list_.empty()) {

@@ -63,7 +63,7 @@ class file_list {
   void forget_write(uint16_t number);
   // The highest numbers first: what a cut in between leaves is still a list without gaps.
   void drop_behind(uint32_t number);
-  void drop_all(const std::string& why);
+  void drop_all(const std::string& why, const char* code = "list-dropped");
   // Drops those that were equal to one that stands.
   void forget_equal();
   // The record that is to stand for a number: one that stands, or a copy of an old one.

@@ -19,6 +19,8 @@ struct list_change {
 
 struct list_options {
   bool may_write = true;  // false: there is no room, so that nothing can be brought back
+  // Removed files come back afterwards: what an earlier run has begun of one gives way to that.
+  bool deleted = false;
 };
 
 }  // namespace image::rescuing

@@ -46,6 +46,30 @@ file_map sort_by_file(const evidence& found) {
   return files;
 }
 
+// What was invalidated, to be found by what it holds.
+class old_contents {
+ public:
+  explicit old_contents(const evidence& found) : found_(found) {
+    for (const sector_record& each : found.sectors) {
+      if (each.kind == sector_kind::obsolete && each.fitting != 0) {
+        old_.emplace(std::pair(each.number, each.count), each.at);
+      }
+    }
+  }
+
+  bool have(const sector_record& record) const {
+    const auto [first, last] = old_.equal_range({record.number, record.count});
+    return std::any_of(first, last, [&](const auto& old) {
+      return memcmp(found_.sector(old.second)->data, found_.sector(record.at)->data,
+                    sector_data_size) == 0;
+    });
+  }
+
+ private:
+  const evidence& found_;
+  std::multimap<std::pair<uint16_t, uint16_t>, sector_place> old_;
+};
+
 // Decides about one file.
 class list_judge : private file_list {
  public:
@@ -53,9 +77,15 @@ class list_judge : private file_list {
              const name_evidence& names, const list_options& options)
       : file_list(found, fileid, records, options), names_(names) {}
 
+  // Its sectors have come back, and its name has not.
+  list_change drop_begun_return() {
+    drop_all("all of them are still there as a removed file's, whose return was cut");
+    return change_;
+  }
+
   list_change judge() {
     if (names_.directory) {
-      drop_all("a directory has no data");
+      drop_all("a directory has no data", "list-lost");
       return change_;
     }
     undo_invalidation();
@@ -546,15 +576,22 @@ std::vector<list_change> decide_lists(const evidence& found,
                                       const std::map<uint16_t, name_evidence>& named,
                                       const list_options& options) {
   std::vector<list_change> changes;
+  const std::optional<old_contents> removed =
+      options.deleted ? std::optional<old_contents>(found) : std::nullopt;
+  const auto is_begun_return = [&](const file_records& records) {
+    return removed && std::all_of(records.standing.begin(), records.standing.end(),
+                                  [&](const auto* each) { return removed->have(*each); });
+  };
   for (const auto& [fileid, records] : sort_by_file(found)) {
     const auto names = named.find(fileid);
     const bool is_named = names != named.end() && names->second.named;
     if (records.standing.empty() && !is_named) {
       continue;
     }
-    list_change change = list_judge(found, fileid, records,
-                                    names == named.end() ? name_evidence{} : names->second, options)
-                             .judge();
+    const name_evidence known = names == named.end() ? name_evidence{} : names->second;
+    list_judge judge(found, fileid, records, known, options);
+    list_change change =
+        !is_named && is_begun_return(records) ? judge.drop_begun_return() : judge.judge();
     if (!change.writes.empty() || !change.drops.empty()) {
       changes.push_back(std::move(change));
     }

@@ -323,7 +323,12 @@ class name_judge {
     }
     for (const auto& [entry, each] : names_.all()) {
       const uint16_t directory = each.slot.dir_fileid;
-      if (directory != fileid_root && names_.find(directory) == nullptr) {
+      if (directory == fileid_root || names_.find(directory) != nullptr) {
+        continue;
+      }
+      // What has data as well is a file, unless it was a directory: data would be given up in one,
+      // names are only moved out of the other.
+      if (!with_data_.contains(directory) || was_directory(directory)) {
         lost_[directory] = mode_of_directory;
       }
     }
@@ -333,6 +338,16 @@ class name_judge {
         relink(id);
       }
     }
+  }
+
+  // By the last slot that named it.
+  bool was_directory(uint16_t id) const {
+    const slot_record* newest = nullptr;
+    const auto [first, last] = former_.equal_range(id);
+    for (auto each = first; each != last; ++each) {
+      newest = newest == nullptr || is_newer(*each->second, *newest) ? each->second : newest;
+    }
+    return newest != nullptr && newest->is_directory();
   }
 
   void relink(uint16_t id) {

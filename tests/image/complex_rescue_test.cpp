@@ -134,3 +134,17 @@ TEST_F(complex_rescue, a_rescue_that_was_cut_is_taken_up_by_the_next) {
     expect_files_of("mended.img");
   }
 }
+
+TEST_F(complex_rescue, a_removed_file_comes_back_whole_in_spite_of_a_cut) {
+  set_stored_flash("basic");
+  const std::string contents_before = output_of({"--ppc", "4", "cat", "/config/startup.cfg"});
+  EXPECT_EQ(change({"rm", "/config/startup.cfg"}).status, 0);
+  const std::string removed = flash();
+  for (const char* where : {"during 1000", "after 5000"}) {
+    set_flash(removed);
+    cut({"rescue", "--deleted"}, where);
+    EXPECT_EQ(change({"rescue", "--deleted"}).status, 1) << where;
+    EXPECT_TRUE(output_of({"--ppc", "4", "cat", "/config/startup.cfg"}) == contents_before)
+        << where;
+  }
+}

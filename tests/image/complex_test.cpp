@@ -277,6 +277,16 @@ TEST_F(complex, nothing_is_changed_that_nobody_has_said_yes_to) {
   EXPECT_EQ(backups(), std::vector<std::string>());
 }
 
+TEST_F(complex, nothing_is_changed_without_room_for_the_copy) {
+  set_stored_flash("basic");
+  const program_result result = shell("ulimit -f 1000; $tool --ppc 4 --yes rm /readme.txt");
+  EXPECT_EQ(result.status, 8) << result.err;
+  EXPECT_NE(result.err.find("no copy can be saved"), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find("nothing was changed"), std::string::npos) << result.err;
+  EXPECT_EQ(flash(), read_stored_image("basic"));
+  EXPECT_EQ(names(), std::vector<std::string>{"chassis"});
+}
+
 TEST_F(complex, at_a_terminal_it_asks) {
   if (shell("command -v script").status != 0) {
     GTEST_SKIP() << "no program to play a terminal";

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -203,6 +204,25 @@ TEST_F(rescue, names_in_what_is_a_file_come_into_lost_and_found) {
 }
 
 // --- sectors of one operation ---
+
+TEST_F(rescue, data_without_a_name_stays_when_a_slot_takes_it_for_a_directory) {
+  flash.data(3, 0, 7, 0, "an orphan");
+  flash.name(28, 8, "stray", 0, 1800000000, 7);
+  flash.data(3, 1, 8, 0, "what is stray");
+  flash.rescue();
+  EXPECT_EQ("an orphan", flash.files().at("lost+found/00007"));
+  EXPECT_EQ("what is stray", flash.files().at("lost+found/00008"));
+}
+
+TEST_F(rescue, names_in_what_was_a_directory_stay_in_it) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.set_directory(28, 0);
+  flash.name(27, 8, "below", 0, 1800000000, 7);
+  flash.data(3, 0, 7, 0, "by chance");
+  flash.data(3, 1, 8, 0, "what is below");
+  EXPECT_TRUE(has_decision(flash.rescue(), "list-lost"));
+  EXPECT_EQ("what is below", flash.files().at("lost+found/00007/below"));
+}
 
 TEST_F(rescue, claims_go_even_when_they_read_as_another_file) {
   flash.set_owner(2, 3, 3);
@@ -609,6 +629,74 @@ TEST_F(rescue, removed_file_stays_where_a_file_has_the_name_of_its_directory) {
   EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
 }
 
+// Two of its sectors had been written again when the power failed.
+TEST_F(rescue, removed_file_comes_back_whole_when_its_return_was_cut) {
+  for (const uint16_t id : {uint16_t{3}, uint16_t{9}}) {  // its own, and another one
+    SCOPED_TRACE(id);
+    rescued_flash cut;
+    cut.name(29, 3, "file", 2);
+    cut.set_directory(29, 0);
+    cut.data(2, 0, 3, 0, other_full);
+    cut.data(2, 1, 3, 1, third_full);
+    cut.data(2, 2, 3, 2, tail);
+    for (int s = 0; s < 3; s++) {
+      cut.set_owner(2, s, 0);
+    }
+    cut.name(28, 4, "kept", 1);
+    if (id != 3) {
+      cut.name(27, 3, "another", 3);
+    }
+    cut.data(2, 3, id, 0, other_full);
+    cut.data(2, 4, id, 1, third_full);
+    const image::rescue_plan plan = cut.rescue({.deleted = true});
+    EXPECT_TRUE(other_full + third_full + tail == cut.files().at("file"));
+    EXPECT_EQ(id == 3 ? 2U : 3U, cut.files().size());
+  }
+}
+
+// Removed: a directory with a file, and two files that had one id, which a third one has now.
+TEST_F(rescue, return_of_removed_files_goes_on_wherever_it_was_cut) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  flash.name(26, 8, "first", 4, 1800000002);
+  flash.data(3, 0, 8, 0, full);
+  flash.data(3, 1, 8, 1, "end");
+  flash.name(25, 8, "second", 4, 1800000003);
+  flash.data(3, 2, 8, 0, "the second");
+  for (int k = 25; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+    flash.set_owner(3, s, 0);
+  }
+  flash.name(24, 8, "third", 4, 1800000004);
+  flash.data(3, 3, 8, 0, "the third");
+  const std::vector<uint8_t> before = flash.device().flash().snapshot();
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  const std::map<std::string, std::string> whole = flash.files();
+  ASSERT_EQ(6U, whole.size()) << listing();
+  size_t words = 0;
+  for (const image::rescue_step& each : plan.steps) {
+    ASSERT_FALSE(each.is_erase);
+    words += each.bytes.size() / 2;
+  }
+  for (size_t cut = 0; cut < words && !HasFailure(); cut += cut % 3 == 0 ? 1 : 29) {
+    SCOPED_TRACE(cut);
+    flash.device().flash().restore(before);
+    size_t left = cut;
+    for (const image::rescue_step& each : plan.steps) {
+      const size_t taken = std::min(left, each.bytes.size() / 2);
+      if (taken != 0) {
+        flash.device().write(each.offset, static_cast<uint32_t>(taken * 2), each.bytes.data());
+      }
+      left -= taken;
+    }
+    flash.rescue({.deleted = true});
+    EXPECT_TRUE(whole == flash.files()) << listing();
+  }
+}
+
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
   for (int s = 0; s < 3; s++) {
     flash.set_owner(2, s, 0);
@@ -691,6 +779,40 @@ TEST_F(rescue, orphan_whose_number_is_a_name_in_lost_and_found_stands_beside_it)
   flash.rescue();
   EXPECT_EQ("an earlier one", flash.files().at("lost+found/00007"));
   EXPECT_EQ("an orphan", flash.files().at("lost+found/00007-2"));
+}
+
+// Whatever the slots say, and whether they say anything.
+TEST_F(rescue, whole_files_outlive_all_that_happens_to_names) {
+  const std::vector<std::string> contents = {full + "of 7", other_full + "of 8", "of 9"};
+  flash.data(3, 0, 7, 0, full);
+  flash.data(3, 1, 7, 1, "of 7");
+  flash.data(3, 2, 8, 0, other_full);
+  flash.data(4, 0, 8, 1, "of 8");
+  flash.data(4, 1, 9, 0, contents[2]);
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  for (uint32_t seed = 0; seed < 200 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(25); i > 0; i--) {
+      const int place = below(32);
+      const uint16_t entry = below(8) + 2;
+      const bool directory = entry < 7 && below(2) == 0;
+      const char* const names[] = {"a", "b", "lost+found", "00007", "00008", "00009", "x/y"};
+      flash.name(place, entry, names[below(7)], below(12), 1800000000U + below(3),
+                 below(2) == 0 ? 1 : below(10), directory ? 0x4700 : 0x8700);
+      if (below(4) == 0) {
+        flash.set_directory(place, 0);
+      }
+    }
+    flash.rescue({.deleted = below(2) == 0});
+    for (const std::string& each : contents) {
+      EXPECT_TRUE(std::any_of(flash.files().begin(), flash.files().end(), [&](const auto& file) {
+        return file.second == each;
+      })) << listing();
+    }
+  }
 }
 
 // Names that clash, also with those that the rescue gives, in directories that stand or do not,
