@@ -58,35 +58,41 @@ bool fresh_flash::holds(uint32_t offset, uint32_t length) const {
   return offset <= end && length <= end - offset;
 }
 
-// The block in which an offset lies.
-size_t fresh_flash::block_at(uint32_t offset) const {
-  const auto behind =
-      std::upper_bound(table_.begin(), table_.end(), offset,
-                       [](uint32_t at, const flash_block_info& one) { return at < one.offset; });
-  return static_cast<size_t>(behind - table_.begin()) - 1;
+bool fresh_flash::lies_in(size_t number, uint32_t offset) const {
+  return offset - table_[number].offset < table_[number].size;
 }
 
-fresh_flash::piece fresh_flash::first_piece(uint32_t offset, uint32_t length) const {
+size_t fresh_flash::block_at(uint32_t offset) {
+  if (last_block_ + 1 < table_.size() && lies_in(last_block_ + 1, offset)) {
+    ++last_block_;
+  } else if (!lies_in(last_block_, offset)) {
+    const auto behind =
+        std::upper_bound(table_.begin(), table_.end(), offset,
+                         [](uint32_t at, const flash_block_info& one) { return at < one.offset; });
+    last_block_ = static_cast<size_t>(behind - table_.begin()) - 1;
+  }
+  return last_block_;
+}
+
+fresh_flash::piece fresh_flash::first_piece(uint32_t offset, uint32_t length) {
   const size_t number = block_at(offset);
   const uint32_t in_block = offset - table_[number].offset;
   const bool in_header = in_block < header_size;
-  const uint32_t end = in_header ? std::min(header_size, table_[number].size) : table_[number].size;
+  const uint32_t end = in_header ? header_size : table_[number].size;
   return {number, in_block, std::min(length, end - in_block), in_header};
 }
 
-fresh_flash::held_block* fresh_flash::find(size_t number) {
-  const auto found = std::find_if(held_.begin(), held_.end(), [&](const held_block& one) {
-    return one.used_at != 0 && one.number == number;
-  });
-  found->used_at = ++uses_;
-  return &*found;
+fresh_flash::held_block* fresh_flash::use(size_t number) {
+  held_block& used = held_[blocks_[number].held];
+  used.used_at = ++uses_;
+  return &used;
 }
 
 // Puts a block into memory, in place of the one that was used longest ago. Null when that one
 // cannot be put away.
 fresh_flash::held_block* fresh_flash::hold(size_t number) {
   if (blocks_[number].behind_header == contents::in_memory) {
-    return find(number);
+    return use(number);
   }
   held_block& taken = *std::min_element(
       held_.begin(), held_.end(),
@@ -103,6 +109,7 @@ fresh_flash::held_block* fresh_flash::hold(size_t number) {
   taken.number = number;
   taken.used_at = ++uses_;
   blocks_[number].behind_header = contents::in_memory;
+  blocks_[number].held = static_cast<uint8_t>(&taken - held_.data());
   return &taken;
 }
 
@@ -111,7 +118,7 @@ fresh_flash::held_block* fresh_flash::hold(size_t number) {
 bool fresh_flash::put_into_draft(held_block* one) {
   block& put = blocks_[one->number];
   const flash_block_info& place = table_[one->number];
-  std::copy_n(put.header.begin(), std::min(header_size, place.size), one->bytes.begin());
+  std::copy(put.header.begin(), put.header.end(), one->bytes.begin());
   if (place.skip == 0) {
     std::fill_n(one->bytes.begin() + offsetof(flashfs_blkheader, erase_count),
                 sizeof(flashfs_blkheader::erase_count), uint8_t{0});
@@ -128,7 +135,7 @@ bool fresh_flash::read_behind_header(const piece& from, uint8_t* to) {
       std::memset(to, flash_erased_byte, from.length);
       return true;
     case contents::in_memory:
-      std::memcpy(to, find(from.number)->bytes.data() + from.offset, from.length);
+      std::memcpy(to, use(from.number)->bytes.data() + from.offset, from.length);
       return true;
     default:
       return draft_->read(table_[from.number].offset + from.offset, {to, from.length});
@@ -184,7 +191,7 @@ flash_return_code fresh_flash::erase(uint32_t offset) {
   }
   block& erased = blocks_[number];
   if (erased.behind_header == contents::in_memory) {
-    find(number)->used_at = 0;
+    use(number)->used_at = 0;
   }
   erased.behind_header = contents::erased;
   erased.header.fill(flash_erased_byte);

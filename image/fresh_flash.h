@@ -40,6 +40,7 @@ class fresh_flash {
   enum class contents : uint8_t { erased, in_memory, in_draft };
   struct block {
     contents behind_header = contents::erased;
+    uint8_t held = 0;  // where, when it is in memory
     bool header_in_draft = false;
     std::array<uint8_t, sizeof(flashfs_blkheader)> header = {};
   };
@@ -60,10 +61,11 @@ class fresh_flash {
   flash_return_code write(uint32_t offset, uint32_t length, const uint8_t* from);
   flash_return_code erase(uint32_t offset);
   bool holds(uint32_t offset, uint32_t length) const;
-  size_t block_at(uint32_t offset) const;
-  piece first_piece(uint32_t offset, uint32_t length) const;
+  bool lies_in(size_t number, uint32_t offset) const;
+  size_t block_at(uint32_t offset);
+  piece first_piece(uint32_t offset, uint32_t length);
   bool read_behind_header(const piece& from, uint8_t* to);
-  held_block* find(size_t number);
+  held_block* use(size_t number);
   held_block* hold(size_t number);
   bool put_into_draft(held_block* one);
   static fresh_flash& flash_of(const void* handle);
@@ -74,6 +76,7 @@ class fresh_flash {
   std::vector<block> blocks_;
   std::vector<held_block> held_;
   uint64_t uses_ = 0;
+  size_t last_block_ = 0;  // that was asked for; often the next one, too
 };
 
 }  // namespace image
