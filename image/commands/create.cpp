@@ -15,6 +15,7 @@
 #include "image/source.h"
 #include "image/space.h"
 #include "image/volume_tree.h"
+#include "volume/volume.h"
 
 namespace image {
 
