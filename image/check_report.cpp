@@ -10,6 +10,7 @@
 #include <string_view>
 #include <tuple>
 
+#include "image/finding_place.h"
 #include "image/text.h"
 
 namespace image {
@@ -132,7 +133,8 @@ class reporter {
       compare_with_mounted();
     }
     if (!run_.passed) {
-      add("check-fails", "the file system cannot be used after it");
+      add("check-fails",
+          "the file system cannot be used after it: run \"flashfs-image rescue\" first");
     }
     for (const std::string& line : run_.lines) {
       // How long it took says nothing of the image, and is not the same twice.
@@ -151,26 +153,14 @@ class reporter {
     add(code, std::move(text)).path = path;
   }
   void add(const char* code, const block_record& block, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = block.offset;
-    made.block = block.number;
+    findings_.push_back(make_finding_at(block, code, std::move(text)));
   }
   void add(const char* code, const sector_record& sector, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = sector.offset;
-    made.block = sector.block;
-    made.sector = sector.sector;
+    finding& made = findings_.emplace_back(make_finding_at(sector, code, std::move(text)));
     made.path = path_of(before_, sector.bytes->fileid);
   }
   void add(const char* code, const slot_record& slot, const records& all, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = slot.offset;
-    made.block = slot.block;
-    made.sector = slot.sector;
-    made.slot = slot.slot;
-    if (slot.verdict == slot_verdict::good) {
-      made.path = path_of(all, slot);
-    }
+    findings_.push_back(make_finding_at(all, slot, code, std::move(text)));
   }
 
   // --- blocks and what stands in them ---

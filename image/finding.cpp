@@ -179,6 +179,8 @@ constexpr finding_code codes[] = {
      "look into it and rename it"},
     {"file-returned", severity::warning, "a removed file comes back",
      "look into it: sectors of more than one time may fit"},
+    {"directory-returned", severity::warning,
+     "a removed directory comes back, for a file that was in it", "look what was in it"},
     {"contents-returned", severity::warning, "what an empty file may have held stands beside it",
      "look which of the two is wanted"},
     {"no-room-to-return", severity::warning, "a removed file does not come back: there is no room",

@@ -25,16 +25,6 @@ constexpr useconds_t lock_poll_microseconds = 20000;
 constexpr size_t size_max = INT32_MAX;
 constexpr const char* too_large = "is larger than any image";
 
-bool refuse(std::string* why, const std::string& what) {
-  *why = what;
-  return false;
-}
-
-// With the text of errno.
-bool refuse_errno(std::string* why, const std::string& what) {
-  return refuse(why, what + ": " + std::strerror(errno));
-}
-
 // Waits for the lock. File systems without locks let everybody go on.
 bool lock(int number, int kind, clock::time_point end, std::string* why) {
   while (flock(number, kind | LOCK_NB) != 0) {
@@ -186,7 +176,7 @@ std::optional<std::span<uint8_t>> flash_file::private_view(std::string* why) {
 
 std::optional<file_identity> flash_file::identity() const {
   struct stat status = {};
-  if (!opened_ || fstat(opened_.get(), &status) != 0) {
+  if (fstat(opened_ ? opened_.get() : STDIN_FILENO, &status) != 0) {
     return std::nullopt;
   }
   return file_identity{status.st_dev, status.st_ino};

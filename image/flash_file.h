@@ -34,7 +34,7 @@ class flash_file {
   // The same to be changed at will: nobody else sees it.
   std::optional<std::span<uint8_t>> private_view(std::string* why);
 
-  // Which file it is; nothing: standard input.
+  // Which file it is, by whatever name, standard input included.
   std::optional<file_identity> identity() const;
 
   // Puts other contents in place of the file, with its mode and owner, unless it is a dry run.

@@ -23,16 +23,6 @@ constexpr mode_t mode_bits = 07777;
 constexpr int look_for_signals_milliseconds = 100;
 constexpr const char* no_file_beside = "no file can be made beside it";
 
-bool refuse(std::string* why, const std::string& what) {
-  *why = what;
-  return false;
-}
-
-// With the text of errno.
-bool refuse_errno(std::string* why, const std::string& what) {
-  return refuse(why, what + ": " + std::strerror(errno));
-}
-
 std::string folder_of(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
@@ -127,6 +117,15 @@ bool fill_and_finish(unfinished_file* made, const file_writer& contents, std::st
 }
 
 }  // namespace
+
+bool refuse(std::string* why, const std::string& what) {
+  *why = what;
+  return false;
+}
+
+bool refuse_errno(std::string* why, const std::string& what) {
+  return refuse(why, what + ": " + std::strerror(errno));
+}
 
 descriptor::~descriptor() {
   if (number_ >= 0) {

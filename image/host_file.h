@@ -105,6 +105,10 @@ class unfinished_file {
   file_options options_;
 };
 
+// Says why something cannot be; false. The second one adds the text of errno.
+bool refuse(std::string* why, const std::string& what);
+bool refuse_errno(std::string* why, const std::string& what);
+
 // Writes what a file is to hold. Returns what is wrong, for a person, or nothing.
 using file_writer = std::function<std::string(int to)>;
 

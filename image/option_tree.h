@@ -13,11 +13,16 @@ struct described_option {
   std::string help;
 };
 
+struct described_word {
+  std::string name;      // "IMAGE", "PATH"
+  bool repeats = false;  // more of its kind may follow
+};
+
 struct described_command {
   std::string name;
   std::string summary;
   std::vector<described_option> options;  // its own; it takes the global ones as well
-  std::vector<std::string> words;         // "IMAGE", "PATH"
+  std::vector<described_word> words;
 };
 
 struct option_tree {

@@ -18,6 +18,77 @@ namespace {
 
 constexpr const char* own_name = "flashfs-image";
 
+// What the page of the program ends with.
+constexpr const char* closing_lines =
+    "flashfs-image COMMAND --help tells all of one command and shows an example.\n"
+    "Paths in an image begin at its root: /config/startup.cfg. Where a file of the\n"
+    "host is meant, '-' is standard input or output.";
+
+// A help page has lines of a terminal's width; what things mean begins in one column of it.
+constexpr size_t page_columns = 80;
+constexpr size_t meaning_column = 27;
+constexpr size_t summary_column = 13;
+
+// The text in lines of at most so many columns.
+std::string wrapped(const std::string& text, size_t columns) {
+  std::string lines;
+  size_t used = 0;
+  std::istringstream words(text);
+  for (std::string word; words >> word; used += word.size()) {
+    const bool fits = used + 1 + word.size() <= columns;
+    lines += used == 0 ? "" : fits ? " " : "\n";
+    used = used == 0 || !fits ? 0 : used + 1;
+    lines += word;
+  }
+  return lines;
+}
+
+// The library's pages in this program's words. The line of usage tells which words may be left out,
+// so that only options have to say that they are required.
+class page_formatter : public CLI::Formatter {
+ public:
+  page_formatter() {
+    label("Positionals", "Arguments");
+    label("SUBCOMMAND", "COMMAND");
+    label("REQUIRED", "(required)");
+    column_width(meaning_column);
+  }
+
+  std::string make_usage(const CLI::App* app, std::string name) const override {
+    return "\n" + CLI::Formatter::make_usage(app, std::move(name));
+  }
+  // Without the space that the library leaves for a group that is hidden.
+  std::string make_help(const CLI::App* app, std::string name,
+                        CLI::AppFormatMode mode) const override {
+    const std::string page = CLI::Formatter::make_help(app, std::move(name), mode);
+    return CLI::detail::find_and_replace(page, "\n\n\n", "\n\n");
+  }
+  std::string make_subcommand(const CLI::App* command) const override {
+    std::ostringstream line;
+    CLI::detail::format_help(line, command->get_name(),
+                             wrapped(command->get_description(), page_columns - summary_column),
+                             summary_column);
+    return line.str();
+  }
+  std::string make_option_name(const CLI::Option* option, bool positional) const override {
+    const std::string names = CLI::Formatter::make_option_name(option, positional);
+    return CLI::detail::find_and_replace(names, ",", ", ");
+  }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    if (!option->get_positional()) {
+      return CLI::Formatter::make_option_opts(option);
+    }
+    return repeats(option) ? "..." : "";
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    return wrapped(option->get_description(), page_columns - meaning_column);
+  }
+
+  static bool repeats(const CLI::Option* option) {
+    return option->get_expected_max() >= CLI::detail::expected_max_vector_size;
+  }
+};
+
 // Adds an option whose words stand for values.
 void add_when(CLI::App* app, const char* name, when* value, const char* help) {
   const auto set = [value](const std::string& word) {
@@ -166,7 +237,8 @@ option_tree described(const CLI::App& app) {
                                  .words = {}};
     for (const CLI::Option* option : one->get_options()) {
       if (option->get_positional()) {
-        command.words.push_back(option->get_name(true));
+        command.words.push_back(
+            {.name = option->get_name(true), .repeats = page_formatter::repeats(option)});
       }
     }
     tree.commands.push_back(std::move(command));
@@ -197,11 +269,16 @@ struct command_line {
   // With `complex` the line names one with --ppc.
   command_line(std::span<const command> commands, bool complex) {
     app.require_subcommand(1);
-    app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION);
+    app.formatter(std::make_shared<page_formatter>());
+    app.footer(closing_lines);
+    app.set_help_flag("-h,--help", "Show this page");
+    app.set_version_flag("--version", std::string(own_name) + " " + ZANTROLUME_VERSION,
+                         "Show the version");
     add_globals(&app, &parsed.options);
     add_completions(&app);
     for (const command& one : commands) {
       CLI::App* added = app.add_subcommand(one.name, one.summary);
+      added->group("Commands");
       added->fallthrough();
       added->footer(example_text(one));
       one.add_arguments(taken.try_emplace(&one, *added, complex).first->second);
@@ -258,6 +335,20 @@ void arguments::words(const char* name, std::vector<std::string>* values, const 
 void arguments::optional_words(const char* name, std::vector<std::string>* values,
                                const char* help) {
   app_.add_option(name, *values, help)->type_name("");
+}
+
+void arguments::words_and_last(const char* name, std::vector<std::string>* values, const char* help,
+                               const char* last_name, std::string* last, const char* last_help) {
+  // The library gives all words to the first that takes any number, which passes the last one on.
+  const auto divide = [this, values, last_name](const std::vector<std::string>& given) {
+    *values = given;
+    if (given.size() > 1) {
+      values->pop_back();
+      app_.get_option(last_name)->add_result(given.back());
+    }
+  };
+  app_.add_option_function<std::vector<std::string>>(name, divide, help)->required()->type_name("");
+  word(last_name, last, last_help);
 }
 
 parsed_line parse_command_line(std::span<const command> commands, int argc, char* argv[]) {

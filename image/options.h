@@ -51,6 +51,10 @@ class arguments {
   void words(const char* name, std::vector<std::string>* values, const char* help);
   void optional_words(const char* name, std::vector<std::string>* values, const char* help);
 
+  // One or more, and behind them one of another meaning.
+  void words_and_last(const char* name, std::vector<std::string>* values, const char* help,
+                      const char* last_name, std::string* last, const char* last_help);
+
   bool takes_complex() const {
     return takes_complex_;
   }

@@ -59,6 +59,11 @@ bool is_directory(const ppc_stat& status) {
   return is_directory_mode(status.mode);
 }
 
+bool is_directory_at(const volume::files& files, const std::string& path) {
+  ppc_stat status;
+  return status_of(files, path, &status) == 0 && is_directory(status);
+}
+
 std::string_view name_of_path(std::string_view path) {
   const size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? path : path.substr(slash + 1);

@@ -23,6 +23,8 @@ std::string joined_path(std::string_view directory, std::string_view name);
 [[nodiscard]] int32_t status_of_given(const volume::files& files, std::string_view given,
                                       ppc_stat* status);
 bool is_directory(const ppc_stat& status);
+// Whether a directory has this path.
+[[nodiscard]] bool is_directory_at(const volume::files& files, const std::string& path);
 
 // Longest path, in bytes, that every operation of the file system takes.
 constexpr size_t tree_path_max = 318;

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "image/finding_place.h"
 #include "image/record_decode.h"
 #include "image/record_owners.h"
 #include "image/text.h"
@@ -55,28 +56,16 @@ class judge {
     return findings_.emplace_back(make_finding(code, std::move(text)));
   }
   void add(const char* code, const block_record& block, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = block.offset;
-    made.block = block.number;
+    findings_.push_back(make_finding_at(block, code, std::move(text)));
   }
   void add(const char* code, const sector_record& sector, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = sector.offset;
-    made.block = sector.block;
-    made.sector = sector.sector;
+    finding& made = findings_.emplace_back(make_finding_at(sector, code, std::move(text)));
     if (sector.kind == sector_kind::data) {
       made.path = path_of(all_, sector.bytes->fileid);
     }
   }
   void add(const char* code, const slot_record& slot, std::string text) {
-    finding& made = add(code, std::move(text));
-    made.offset = slot.offset;
-    made.block = slot.block;
-    made.sector = slot.sector;
-    made.slot = slot.slot;
-    if (slot.verdict == slot_verdict::good) {
-      made.path = path_of(all_, slot);
-    }
+    findings_.push_back(make_finding_at(all_, slot, code, std::move(text)));
   }
 
   // --- the whole ---

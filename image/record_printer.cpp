@@ -288,9 +288,7 @@ class record_printer {
                    {"verdict", block.is_erased ? "blank" : verdict_text(block.verdict)},
                    {"state", state_text(block.state)},
                    {"read", block.is_read}};
-    object["erase_count"] = block.header == nullptr || block.verdict == header_verdict::erased
-                                ? json()
-                                : json(static_cast<uint32_t>(block.header->erase_count));
+    object["erase_count"] = block.erase_count() ? json(*block.erase_count()) : json();
     object["spare"] = all_.spare == block.number;
     return object;
   }

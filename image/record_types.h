@@ -87,6 +87,13 @@ struct block_record {
   bool is_erased;             // all of it, header included
   bool tail_is_erased;        // what lies behind the last sector
   record_counts counts;
+
+  // As its header tells, though it be damaged; nothing when there is none.
+  std::optional<uint32_t> erase_count() const {
+    return header == nullptr || verdict == header_verdict::erased
+               ? std::nullopt
+               : std::optional<uint32_t>(header->erase_count);
+  }
 };
 
 struct sector_record {

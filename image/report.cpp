@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "image/interrupt.h"
+#include "image/paths.h"
 #include "image/text.h"
 
 namespace image {
@@ -129,7 +130,7 @@ void put_text(document_value* object, const char* key, std::string_view raw) {
 report::report(const globals& options, std::string command)
     : options_(options),
       command_(std::move(command)),
-      document_(new document),
+      document_(std::make_unique<document>()),
       output_has_terminal_(isatty(STDOUT_FILENO) != 0),
       output_has_colors_(has_colors(options.color, output_has_terminal_)),
       errors_have_colors_(has_colors(options.color, isatty(STDERR_FILENO) != 0)),
@@ -138,9 +139,7 @@ report::report(const globals& options, std::string command)
           (options.progress == when::automatic && !options.quiet && isatty(STDERR_FILENO) != 0)),
       started_(clock::now()) {}
 
-report::~report() {
-  delete document_;
-}
+report::~report() = default;
 
 void report::print(std::string_view text) {
   if (options_.json || options_.output == "-") {
@@ -227,6 +226,10 @@ void report::fail(exit_status status, std::string_view text, std::string_view pa
   found.path = path;
   add(found);
   raise(status);
+}
+
+void report::fail_at(std::string_view inside, std::string_view text) {
+  fail(exit_status::failed, text, told_path(inside));
 }
 
 void report::raise(exit_status status) {

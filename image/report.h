@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -80,6 +81,8 @@ class report {
   void warn(const char* code, std::string_view text, std::string_view path = {});
   // Why not all is well: tells it and raises the status.
   void fail(exit_status status, std::string_view text, std::string_view path = {});
+  // What could not be done at a path in the image, which is told from its root.
+  void fail_at(std::string_view inside, std::string_view text);
   void raise(exit_status status);
   exit_status status() const {
     return status_;
@@ -106,7 +109,7 @@ class report {
   const globals options_;
   const std::string command_;
   struct document;  // of the JSON library, which few sources need to see
-  document* document_;
+  const std::unique_ptr<document> document_;
   exit_status status_ = exit_status::good;
   bool output_has_terminal_;
   bool output_has_colors_;

@@ -58,7 +58,8 @@ class rescue_round {
     bool done = true;
     for (const list_change& change :
          decide_lists(found_, read_names(found_), {.may_write = may_write_})) {
-      bool written = true;
+      // A part of them would be a list with a gap.
+      bool written = space->make_room_for(change.writes.size());
       for (const flashfs_sector& each : change.writes) {
         written = written && space->write_sector(each);
       }

@@ -14,9 +14,11 @@ bool is_clean(const evidence& found, uint16_t block) {
 }
 
 bool same_data(const evidence& found, const sector_record& one, const sector_record& other) {
+  flashfs_sector expected = *found.sector(one.at);
+  expected.fileid = one.owner;
   return other.kind == sector_kind::data && other.owner == one.owner &&
          other.number == one.number &&
-         memcmp(found.sector(one.at), found.sector(other.at), sizeof(flashfs_sector)) == 0;
+         memcmp(&expected, found.sector(other.at), sizeof(expected)) == 0;
 }
 
 bool same_slot(const slot_record& one, const slot_record& other) {
@@ -84,6 +86,48 @@ size_t count_single(const evidence& found, const record_index& index, uint16_t b
   return count;
 }
 
+bool is_on_twin(const record_index& index, sector_record each) {
+  switch (each.kind) {
+    case sector_kind::erased:
+    case sector_kind::obsolete:
+    case sector_kind::directory:
+      return true;
+    case sector_kind::obsolete_torn:
+      each.owner = each.fitting;
+      return index.stands_elsewhere(each);
+    case sector_kind::data:
+      return index.stands_elsewhere(each);
+    default:
+      return false;  // it tells of an operation that was cut
+  }
+}
+
+bool is_on_twin(const record_index& index, slot_record each) {
+  switch (each.kind) {
+    case slot_kind::erased:
+    case slot_kind::deleted:
+      return true;
+    case slot_kind::deleted_torn:
+      each.slot.dir_fileid = each.fitting;
+      return index.stands_elsewhere(each);
+    case slot_kind::good:
+      return index.stands_elsewhere(each);
+    default:
+      return false;
+  }
+}
+
+// Whether everything in a block stands elsewhere, too: a reclamation has copied it or has been
+// copied from it, and a check may have made some of it obsolete since.
+bool is_twin(const evidence& found, const record_index& index, uint16_t block) {
+  const block_record& record = found.blocks[block];
+  const auto sectors = std::span(found.sectors).subspan(record.first_sector, record.sectors);
+  const auto slots = found.slots_of(block);
+  const auto on_twin = [&](const auto& each) { return is_on_twin(index, each); };
+  return std::all_of(sectors.begin(), sectors.end(), on_twin) &&
+         std::all_of(slots.begin(), slots.end(), on_twin);
+}
+
 // In this order blocks are looked at for being copies: what an erase has begun to take comes first,
 // then copies that were not finished, then those that were.
 int rank(const block_record& block) {
@@ -102,6 +146,33 @@ bool is_regular_block(const evidence& found, uint16_t b) {
 std::string said_of_header(const block_record& block) {
   return block.header_good ? std::string("its state reads ") + block_state_text(block.state)
                            : "its header is torn or damaged";
+}
+
+// Without an erased block of the largest size nothing can be reclaimed, and no check mounts the
+// flash: a block in use that is another one's twin is the spare then.
+void free_twin(evidence* found, const record_index& index,
+               std::vector<rescue_decision>* decisions) {
+  uint16_t largest = 0;
+  for (const block_record& each : found->blocks) {
+    largest = std::max(largest, each.sectors);
+  }
+  for (const block_record& each : found->blocks) {
+    if (each.sectors == largest && each.fate != block_fate::kept) {
+      return;
+    }
+  }
+  for (uint16_t b = 0; b < found->blocks.size(); b++) {
+    if (found->blocks[b].sectors == largest && is_twin(*found, index, b)) {
+      found->blocks[b].fate = block_fate::condemned;
+      rescue_decision decision = {.code = "block-erased", .sure = certainty::proved, .block = b};
+      decision.what = "erase the block and give it a new header";
+      decision.evidence =
+          "no erased block of the largest size is there, and no good record stands in it that "
+          "stands nowhere else";
+      decisions->push_back(decision);
+      return;
+    }
+  }
 }
 
 }  // namespace
@@ -140,6 +211,7 @@ void judge_blocks(evidence* found, std::vector<rescue_decision>* decisions) {
     }
     decisions->push_back(decision);
   }
+  free_twin(found, index, decisions);
 }
 
 }  // namespace image::rescuing

@@ -58,19 +58,74 @@ class list_judge : private file_list {
       drop_all("a directory has no data");
       return change_;
     }
+    undo_invalidation();
     if (!records_.unfinished.empty()) {
       undo_extension_behind() || undo_first_write() || undo_extension_over_hole() ||
           undo_overwrite(records_.unfinished);
     }
     choose_of_doubles();
     finish_or_undo_truncation();
-    add_torn_end();
     close_gaps();
     return change_;
   }
 
  private:
   // --- operations that were cut ---
+
+  // A sector that was being made obsolete when the power failed, and none has taken its place, or a
+  // claim that remains above a gap: the file was being cut short or removed, or a check was
+  // dropping it, which both go from the lowest number to the highest. All that has gone comes back,
+  // or none.
+  void undo_invalidation() {
+    if (!names_.named || !options_.may_write) {
+      return;
+    }
+    for (const auto& [number, options] : records_.old) {
+      const auto torn = std::find_if(options.begin(), options.end(), [](const auto* each) {
+        return each->kind != sector_kind::obsolete;
+      });
+      if (torn != options.end() && !list_.contains(number) && can_restore_below(number)) {
+        put_back(number, *torn, "it was being made obsolete, and none has taken its place",
+                 "leave it out: the file was being cut short");
+      }
+    }
+    if (records_.unfinished.empty() || list_.empty() || !can_restore_below(list_.rbegin()->first)) {
+      return;
+    }
+    for (uint16_t number = list_.rbegin()->first; number-- > 0;) {
+      certainty sure = certainty::supported;
+      if (!list_.contains(number)) {
+        put_back(number, find_old(number, nullptr, &sure),
+                 "the list has a gap there, which no write that was cut leaves",
+                 "give up the file's sectors instead");
+      }
+    }
+  }
+
+  void put_back(uint16_t number, const sector_record* old, const char* evidence_text,
+                const char* alternatives) {
+    note("invalidation-undone", certainty::supported, old,
+         "put back the sector with number " + std::to_string(number), evidence_text, alternatives);
+    choose(number, old);
+  }
+
+  // Whether sectors of all numbers below stand or are left. Only one that was extended over a hole
+  // when the check came is not full.
+  bool can_restore_below(uint16_t number) const {
+    if (number > list_.size() + records_.old_count) {
+      return false;
+    }
+    for (uint16_t below = 0; below < number; below++) {
+      certainty sure = certainty::supported;
+      const sector_record* stands = chosen_of(below);
+      const sector_record* there = stands != nullptr ? stands : find_old(below, nullptr, &sure);
+      if (there == nullptr || (there->count != sector_data_size &&
+                               (stands != nullptr || records_.unfinished.empty()))) {
+        return false;
+      }
+    }
+    return true;
+  }
 
   // An extension claims all its sectors, then copies the last one that stood, then fills the
   // claimed ones. So good sectors right behind a claim that remains belong to it, and so do those
@@ -364,34 +419,12 @@ class list_judge : private file_list {
         drop_behind(number);
         return;
       }
-      if (old != nullptr && begins(shortened, old) && is_newest(shortened)) {
+      if (old != nullptr && begins(shortened, old) &&
+          (old->kind != sector_kind::obsolete || is_newest_data(shortened))) {
         note("truncation-undone", sure, shortened, "put back the sector that was shortened",
              "a short sector stands before others, and begins one that was given up",
              "finish the truncation instead");
         choose(number, old);
-        return;
-      }
-    }
-  }
-
-  // A sector behind the last one that was being invalidated when the power failed: by the file's
-  // own truncation, or by a check that took another one for it.
-  void add_torn_end() {
-    const bool open = list_.empty() || list_.rbegin()->second.front()->count == sector_data_size;
-    const auto next = static_cast<uint16_t>(list_.empty() ? 0 : list_.rbegin()->first + 1);
-    const auto options = records_.old.find(next);
-    // Where a claim remains it belonged to the extension that is being undone.
-    if (!open || !names_.named || !records_.unfinished.empty() || !options_.may_write ||
-        options == records_.old.end()) {
-      return;
-    }
-    for (const sector_record* each : options->second) {
-      if (each->kind != sector_kind::obsolete) {
-        note("invalidation-undone", certainty::supported, each,
-             "put back the sector with number " + std::to_string(next),
-             "it was being made obsolete, and it would be the next one of the list",
-             "leave it out: the file was being cut short");
-        choose(next, each);
         return;
       }
     }

@@ -8,17 +8,9 @@
 #include <vector>
 
 #include "image/rescue_evidence.h"
-#include "image/rescue_plan.h"
+#include "image/rescue_list_change.h"
 
 namespace image::rescuing {
-
-// What becomes of one file's sectors. The writes come first, then the drops in their order.
-struct list_change {
-  uint16_t fileid = 0;
-  std::vector<flashfs_sector> writes;
-  std::vector<sector_place> drops;
-  std::vector<rescue_decision> decisions;
-};
 
 // What the names tell of a file.
 struct name_evidence {
@@ -26,10 +18,6 @@ struct name_evidence {
   bool removed = false;        // none does, but a deleted one did
   bool never_written = false;  // its slot is still that of its creation
   bool directory = false;      // it is a directory
-};
-
-struct list_options {
-  bool may_write = true;  // false: there is no room, so that nothing can be brought back
 };
 
 // The changes of all files that have sectors; `named` has every id that any slot names.

@@ -45,6 +45,13 @@ bool has_former_twin(const former_index& former, const slot_record& slot) {
   });
 }
 
+// The name that a check gives to what has none.
+std::string digits_of(uint16_t id) {
+  char digits[sizeof("65535")];
+  snprintf(digits, sizeof(digits), "%05u", static_cast<unsigned>(id));
+  return digits;
+}
+
 class name_judge {
  public:
   name_judge(const evidence& found, const std::set<uint16_t>& with_data, uint32_t date)
@@ -84,6 +91,14 @@ class name_judge {
     changes_.deletions.push_back({record.at, record.index});
   }
 
+  // A check gives what it finds without a name its number for one, also where it has deleted only
+  // the directory's name: any other one is better. Else the newer is.
+  bool is_better(const slot_record& one, const slot_record& other) const {
+    const bool has_digits = one.name() == digits_of(one.slot.entry_fileid);
+    const bool other_has_digits = other.name() == digits_of(other.slot.entry_fileid);
+    return has_digits == other_has_digits ? is_newer(one, other) : other_has_digits;
+  }
+
   // Everything that is neither good nor erased nor deleted goes. An id has one name: of two the
   // newer stands, since it was written whole before the other was to go.
   void collect() {
@@ -95,12 +110,16 @@ class name_judge {
       if (each.kind == slot_kind::good) {
         const slot_record*& chosen = best[each.slot.entry_fileid];
         if (chosen != nullptr) {
-          drop_second_name(is_newer(each, *chosen) ? *chosen : each);
+          drop_second_name(is_better(each, *chosen) ? *chosen : each);
         }
-        chosen = chosen == nullptr || is_newer(each, *chosen) ? &each : chosen;
+        chosen = chosen == nullptr || is_better(each, *chosen) ? &each : chosen;
       } else if (each.kind != slot_kind::erased && each.kind != slot_kind::deleted) {
         remove(each);
         note_bad(each);
+        if (each.kind == slot_kind::half_written &&
+            is_sound_slot(each.slot, each.slot.dir_fileid)) {
+          begun_[each.slot.entry_fileid] = &each;
+        }
       }
     }
     for (const auto& [entry, record] : best) {
@@ -325,22 +344,44 @@ class name_judge {
       bring_back(*former);
       return;
     }
+    if (const auto begun = begun_.find(id);
+        begun != begun_.end() && can_be_finished(*begun->second)) {
+      note("orphan-named", certainty::supported, begun->second, begun->second->slot,
+           "write the slot anew",
+           "something has its id and no name, and this one was being written to name it")
+          .alternatives = "name it in /lost+found";
+      write(begun->second->slot);
+      return;
+    }
     put_into_lost_and_found(id);
+  }
+
+  bool can_be_finished(const slot_record& begun) const {
+    const uint16_t directory = begun.slot.dir_fileid;
+    return is_directory_mode(begun.slot.mode) ==
+               is_directory_mode(lost_.at(begun.slot.entry_fileid)) &&
+           names_.is_directory(directory) && names_.find_name(directory, begun.name()) == 0;
   }
 
   void put_into_lost_and_found(uint16_t id) {
     const uint16_t directory = lost_and_found_id();
-    char name[sizeof("65535")];
-    snprintf(name, sizeof(name), "%05u", static_cast<unsigned>(id));
-    if (names_.find_name(directory, name) != 0) {
-      return;
-    }
-    const flashfs_dir_slot slot = made_slot(directory, id, lost_[id], name);
+    const flashfs_dir_slot slot =
+        made_slot(directory, id, lost_[id], free_name(directory, id).c_str());
     note("orphan-relinked", certainty::proved, nullptr, slot,
          directory == fileid_root ? "name it in the root, for want of /lost+found"
                                   : "name it in /lost+found",
          "nothing that is left names it");
     write(slot);
+  }
+
+  // As a check names an orphan; where something has that name, with "-1" or more.
+  std::string free_name(uint16_t directory, uint16_t id) const {
+    const std::string digits = digits_of(id);
+    std::string name = digits;
+    for (uint32_t other = 1; names_.find_name(directory, name) != 0; other++) {
+      name = digits + ("-" + std::to_string(other));
+    }
+    return name;
   }
 
   // Made if need be; the root when a file has its name or no id is left.
@@ -402,6 +443,7 @@ class name_judge {
   const std::set<uint16_t>& with_data_;
   uint32_t date_;
   former_index former_;
+  std::map<uint16_t, const slot_record*> begun_;  // all but their checksums, by what they name
   name_changes changes_;
   standing_names names_;
   std::vector<flashfs_dir_slot> renumbered_;

@@ -22,11 +22,16 @@ bool is_directory_sector(const flashfs_sector* sector) {
          sector->checksum == 0xFFFF;
 }
 
+flashfs_sector empty_directory_sector() {
+  flashfs_sector empty;
+  memset(&empty, flash_erased_byte, sizeof(empty));
+  empty.fileid = fileid_root;
+  return empty;
+}
+
 // Without what was deleted in it, as reclamation copies it. Nothing when nothing is left.
 std::optional<flashfs_sector> live_slots(const flashfs_sector* sector) {
-  flashfs_sector copy;
-  memset(&copy, flash_erased_byte, sizeof(copy));
-  copy.fileid = fileid_root;
+  flashfs_sector copy = empty_directory_sector();
   bool any = false;
   for (uint32_t k = 0; k < slots_per_sector; k++) {
     if (is_good_slot(sector->slots[k])) {
@@ -118,7 +123,8 @@ bool room::keep_blocks() {
       continue;
     }
     // The header cannot be mended where it stands: what the block holds moves.
-    if (!reclaim(b)) {
+    const int spare = find_spare();
+    if (spare == no_block || !reclaim(b, static_cast<uint16_t>(spare))) {
       return false;
     }
   }
@@ -193,7 +199,23 @@ bool room::make_room() {
     return set_state(taken, block_in_use);
   }
   const int victim = choose_victim();
-  return victim != no_block && reclaim(static_cast<uint16_t>(victim));
+  const int spare = find_spare();
+  if (victim == no_block || spare == no_block ||
+      !reclaim(static_cast<uint16_t>(victim), static_cast<uint16_t>(spare))) {
+    return false;
+  }
+  // Only a block of the largest size can be the spare from now on.
+  return is_largest(static_cast<uint16_t>(victim)) ||
+         reclaim(static_cast<uint16_t>(spare), static_cast<uint16_t>(victim));
+}
+
+bool room::make_room_for(size_t sectors) {
+  while (count_erased(no_block) < sectors) {
+    if (!make_room()) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool room::is_live_record(uint16_t block, uint16_t sector) const {
@@ -208,12 +230,12 @@ size_t room::count_live(uint16_t block) const {
   return count;
 }
 
-// The block of which a reclamation gains most. It must be as large as the spare, which it becomes.
+// The block of which a reclamation gains most.
 int room::choose_victim() const {
   int victim = no_block;
   size_t most = 0;
   for (uint16_t b = 0; b < block_count(); b++) {
-    if (blocks_[b].fate != block_fate::kept || !is_largest(b)) {
+    if (blocks_[b].fate != block_fate::kept) {
       continue;
     }
     const size_t gained = blocks_[b].sectors - count_live(b);
@@ -247,13 +269,9 @@ bool room::copy_live(uint16_t from, uint16_t to) {
   return true;
 }
 
-// As the file system reclaims a block, so that a check or another rescue can go on with it.
-bool room::reclaim(uint16_t victim) {
-  const int spare = find_spare();
-  const auto fresh = static_cast<uint16_t>(spare);
-  if (spare == no_block || blocks_[victim].sectors > blocks_[fresh].sectors) {
-    return false;
-  }
+// As the file system reclaims a block, so that a check or another rescue can go on with it. The
+// erased block `fresh` is as large as what is copied needs.
+bool room::reclaim(uint16_t victim, uint16_t fresh) {
   if (!set_state(fresh, block_invalid1) || !copy_live(victim, fresh) ||
       !set_state(fresh, block_committed)) {
     return false;
@@ -290,28 +308,38 @@ bool room::write_sector(const flashfs_sector& sector) {
                                   bytes_of(&sector, sizeof(sector)));
 }
 
-bool room::write_slot(const flashfs_dir_slot& slot) {
-  for (int attempt = 0; attempt < 2; attempt++) {
-    for (const block_record& block : blocks_) {
-      for (uint16_t s = 0; block.fate == block_fate::kept && s < block.sectors; s++) {
-        const flashfs_sector* sector = flash_->sector(block, s);
-        for (uint32_t k = slots_per_sector; is_directory_sector(sector) && k-- > 0;) {
-          if (is_erased(&sector->slots[k], sizeof(slot))) {
-            const auto offset = static_cast<uint32_t>(
-                offset_in_flash(block, s) + offsetof(flashfs_sector, slots) + k * sizeof(slot));
-            return flash_->program(offset, bytes_of(&slot, sizeof(slot)));
-          }
-        }
+std::vector<uint32_t> room::free_slots(uint16_t block) const {
+  std::vector<uint32_t> offsets;
+  const block_record& record = blocks_[block];
+  for (uint16_t s = 0; record.fate == block_fate::kept && s < record.sectors; s++) {
+    const flashfs_sector* sector = flash_->sector(record, s);
+    for (uint32_t k = slots_per_sector; is_directory_sector(sector) && k-- > 0;) {
+      if (is_erased(&sector->slots[k], sizeof(flashfs_dir_slot))) {
+        offsets.push_back(static_cast<uint32_t>(offset_in_flash(record, s) +
+                                                offsetof(flashfs_sector, slots) +
+                                                k * sizeof(flashfs_dir_slot)));
       }
     }
-    flashfs_sector empty;
-    memset(&empty, flash_erased_byte, sizeof(empty));
-    empty.fileid = fileid_root;
-    if (!write_sector(empty)) {
-      return false;
+  }
+  return offsets;
+}
+
+bool room::write_to_free_slot(const flashfs_dir_slot& slot, int without) {
+  for (uint16_t b = 0; b < block_count(); b++) {
+    if (b == without) {
+      continue;
+    }
+    const std::vector<uint32_t> free = free_slots(b);
+    if (!free.empty()) {
+      return flash_->program(free.front(), bytes_of(&slot, sizeof(slot)));
     }
   }
   return false;
+}
+
+bool room::write_slot(const flashfs_dir_slot& slot) {
+  return write_to_free_slot(slot, no_block) ||
+         (write_sector(empty_directory_sector()) && write_to_free_slot(slot, no_block));
 }
 
 std::optional<sector_place> room::now_at(sector_place place) const {
@@ -365,32 +393,70 @@ void room::delete_slot(slot_place place) {
 
 // --- the spare ---
 
-// Copies every live record to an erased sector of another block, then lets the block go.
+// An erased sector outside of a block, if need be in one that comes into use with it.
+std::optional<sector_place> room::take_erased(int without) {
+  std::optional<sector_place> place = find_erased(without);
+  for (uint16_t b = 0; !place && b < block_count(); b++) {
+    if (blocks_[b].fate == block_fate::fresh && b != without) {
+      if (!set_state(b, block_in_use)) {
+        return std::nullopt;
+      }
+      blocks_[b].fate = block_fate::kept;
+      place = find_erased(without);
+    }
+  }
+  return place;
+}
+
+bool room::copy_out(const flashfs_sector& live, int without) {
+  const std::optional<sector_place> place = take_erased(without);
+  return place && flash_->program(offset_in_flash(blocks_[place->block], place->sector),
+                                  bytes_of(&live, sizeof(live)));
+}
+
+// The slots go to free ones, which cost no sector.
+bool room::copy_slots_out(const flashfs_sector& live, int without) {
+  for (const flashfs_dir_slot& each : live.slots) {
+    if (!is_erased(&each, sizeof(each)) && !write_to_free_slot(each, without) &&
+        !(copy_out(empty_directory_sector(), without) && write_to_free_slot(each, without))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+size_t room::sectors_needed_to_move(uint16_t block) const {
+  size_t sectors = 0;
+  size_t slots = 0;
+  for (uint16_t s = 0; s < blocks_[block].sectors; s++) {
+    const std::optional<flashfs_sector> live = live_part(flash_->sector(blocks_[block], s));
+    if (live && is_directory_sector(&*live)) {
+      slots += static_cast<size_t>(
+          std::count_if(std::begin(live->slots), std::end(live->slots),
+                        [](const auto& each) { return !is_erased(&each, sizeof(each)); }));
+    } else {
+      sectors += live ? 1 : 0;
+    }
+  }
+  for (uint16_t b = 0; b < block_count(); b++) {
+    slots -= b == block ? 0 : std::min(slots, free_slots(b).size());
+  }
+  return sectors + (slots + slots_per_sector - 1) / slots_per_sector;
+}
+
+// Copies every live record to another block, then lets the block go.
 bool room::move_out(uint16_t block) {
   size_t room_for = count_erased(block);
   for (uint16_t b = 0; b < block_count(); b++) {
     room_for += blocks_[b].fate == block_fate::fresh && b != block ? blocks_[b].sectors : 0U;
   }
-  if (room_for < count_live(block)) {
+  if (room_for < sectors_needed_to_move(block)) {
     return false;
   }
   for (uint16_t s = 0; s < blocks_[block].sectors; s++) {
     const std::optional<flashfs_sector> live = live_part(flash_->sector(blocks_[block], s));
-    if (!live) {
-      continue;
-    }
-    std::optional<sector_place> place = find_erased(block);
-    for (uint16_t b = 0; !place && b < blocks_.size(); b++) {
-      if (blocks_[b].fate == block_fate::fresh && b != block) {
-        if (!set_state(b, block_in_use)) {
-          return false;
-        }
-        blocks_[b].fate = block_fate::kept;
-        place = find_erased(block);
-      }
-    }
-    if (!place || !flash_->program(offset_in_flash(blocks_[place->block], place->sector),
-                                   bytes_of(&*live, sizeof(*live)))) {
+    if (live &&
+        !(is_directory_sector(&*live) ? copy_slots_out(*live, block) : copy_out(*live, block))) {
       return false;
     }
   }

@@ -22,6 +22,8 @@ class room {
   // Makes the headers of the blocks that are kept say so. False when one of them has to be moved
   // and there is no spare yet.
   [[nodiscard]] bool keep_blocks();
+  // Sees to it that so many sectors can be written. False when there is not so much room.
+  [[nodiscard]] bool make_room_for(size_t sectors);
   // Writes a whole record to an erased sector, or a slot to an erased slot. False without room.
   [[nodiscard]] bool write_sector(const flashfs_sector& sector);
   [[nodiscard]] bool write_slot(const flashfs_dir_slot& slot);
@@ -51,10 +53,17 @@ class room {
   std::optional<sector_place> allocate();
   bool make_room();
   int choose_victim() const;
-  bool reclaim(uint16_t victim);
+  bool reclaim(uint16_t victim, uint16_t fresh);
   bool copy_live(uint16_t from, uint16_t to);
   size_t count_live(uint16_t block) const;
   size_t count_erased(int without) const;
+  // Where a block's slots are free: offsets in the flash.
+  std::vector<uint32_t> free_slots(uint16_t block) const;
+  bool write_to_free_slot(const flashfs_dir_slot& slot, int without);
+  std::optional<sector_place> take_erased(int without);
+  bool copy_out(const flashfs_sector& live, int without);
+  bool copy_slots_out(const flashfs_sector& live, int without);
+  size_t sectors_needed_to_move(uint16_t block) const;
   bool move_out(uint16_t block);
   void erase(uint16_t block);
   bool is_live_record(uint16_t block, uint16_t sector) const;

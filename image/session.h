@@ -40,7 +40,7 @@ struct opened_image {
   std::optional<std::span<uint8_t>> private_view(std::string* why) {
     return complex ? std::optional(complex->private_view()) : file->private_view(why);
   }
-  // Which file it is, if it is one with a name.
+  // Which file it is, if it is one.
   std::optional<file_identity> identity() const {
     return file ? file->identity() : std::nullopt;
   }

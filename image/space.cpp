@@ -21,10 +21,14 @@ constexpr uint64_t parts_of(uint64_t whole, uint64_t part) {
 
 }  // namespace
 
+uint64_t sectors_of_file(uint64_t size) {
+  return parts_of(size, sector_data_size);
+}
+
 space_needed space_for(const tree& planned) {
   space_needed needed;
   for (const tree_entry& entry : planned.entries) {
-    needed.data_sectors += entry.directory ? 0 : parts_of(entry.size, sector_data_size);
+    needed.data_sectors += entry.directory ? 0 : sectors_of_file(entry.size);
   }
   needed.slots = planned.entries.size() + 1;
   needed.slot_sectors = parts_of(needed.slots, slots_per_sector);
@@ -47,7 +51,7 @@ uint64_t sectors_of_blocks(std::span<const uint32_t> block_sizes) {
 
 std::string space_fault(const tree& planned, std::span<const uint32_t> block_sizes) {
   for (const tree_entry& entry : planned.entries) {
-    if (entry.size > max_file_size || parts_of(entry.size, sector_data_size) > max_file_sectors) {
+    if (entry.size > max_file_size || sectors_of_file(entry.size) > max_file_sectors) {
       return entry.path + " has " + std::to_string(entry.size) +
              " bytes, more than a file can have";
     }

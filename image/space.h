@@ -20,6 +20,9 @@ struct space_needed {
   }
 };
 
+// How many sectors so many bytes of a file take.
+[[nodiscard]] uint64_t sectors_of_file(uint64_t size);
+
 [[nodiscard]] space_needed space_for(const tree& planned);
 
 // How many sectors blocks of these sizes (bytes) have to give: all but those of the largest block,

@@ -65,13 +65,8 @@ void to_archive(const host_place& to, const globals& all, tree found, report& ou
     }
     return;
   }
-  uint64_t bytes = 0;
-  uint64_t folders = 0;
-  for (const tree_entry& entry : found.entries) {
-    bytes += entry.size;
-    folders += entry.directory ? 1 : 0;
-  }
-  tell_written(found.entries.size() - folders, folders, bytes, out);
+  const tree_sum sum = sum_of(found);
+  tell_written(sum.files, sum.folders, sum.bytes, out);
 }
 
 }  // namespace

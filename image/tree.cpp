@@ -258,6 +258,15 @@ void finish_tree(tree* made) {
   sort_tree(made);
 }
 
+tree_sum sum_of(const tree& whole) {
+  tree_sum sum;
+  for (const tree_entry& entry : whole.entries) {
+    (entry.directory ? sum.folders : sum.files)++;
+    sum.bytes += entry.size;
+  }
+  return sum;
+}
+
 tree read_folder(const std::string& folder, const tree_options& options) {
   tree made;
   folder_reader(options, &made).read(folder);

@@ -39,6 +39,15 @@ struct tree {
   std::function<std::string(const tree_entry& entry, std::string* contents)> read_later;
 };
 
+// What a tree comes to.
+struct tree_sum {
+  uint64_t files = 0;
+  uint64_t folders = 0;
+  uint64_t bytes = 0;
+};
+
+tree_sum sum_of(const tree& whole);
+
 struct tree_options {
   // Beyond so many bytes in all, contents are not read, only sizes.
   uint64_t contents_limit = uint64_t{1} << 31;

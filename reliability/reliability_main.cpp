@@ -15,6 +15,7 @@
 #include "reliability/expectation.h"
 #include "reliability/faults.h"
 #include "reliability/power_cuts.h"
+#include "reliability/rescue_run.h"
 #include "reliability/rescue_table.h"
 #include "sim/chassis.h"
 

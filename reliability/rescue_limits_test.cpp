@@ -6,7 +6,7 @@
 
 #include "flashfs/check_flags.h"
 #include "reliability/power_cuts.h"
-#include "reliability/rescue_table.h"
+#include "reliability/rescue_run.h"
 #include "reliability/rig_fixture.h"
 
 namespace {
@@ -70,6 +70,31 @@ TEST_F(rescue_limits, file_written_anew_equals_a_shorter_one_that_is_appended_to
   flash.supply().restore();
   flash.unmount();
   EXPECT_TRUE(cut_before(anew, before_date + claims) == flash.snapshot());
+}
+
+// A file that the quick check gave up for the claim of an append, or one that is open, was emptied
+// and is written anew.
+TEST_F(rescue_limits, file_that_a_check_has_dropped_equals_an_emptied_one) {
+  constexpr uint64_t old_sectors = 3;
+  operation emptied = named("write anew");
+  emptied.act = [](rig& flash) {
+    volume::file opened = flash.files().open("file", ifs_open_write);
+    const int32_t error = opened.truncate(0);
+    return opened.close(error != 0 ? error : opened.write(pattern(5000, 77)));
+  };
+  operation appended = emptied;
+  appended.act = [](rig& flash) {
+    return flash.write("file", pattern(5000, 77), ifs_open_write | ifs_open_append);
+  };
+  constexpr uint64_t first_claim = 1;
+  rig flash(appended.blocks);
+  flash.restore(cut_before(appended, first_claim + 1));
+  flash.supply().restore();
+  flash.supply().cut_at(old_sectors + 1, sim::cut_kind::before);
+  flash.mount(flashfs_check_quick);
+  flash.supply().restore();
+  flash.unmount();
+  EXPECT_TRUE(cut_before(emptied, old_sectors + first_claim + 1) == flash.snapshot());
 }
 
 }  // namespace

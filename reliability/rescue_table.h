@@ -1,31 +1,13 @@
 // What the quick check, the full check and a rescue before any check make of the flashes that power
-// cuts leave: the same states, judged alike.
+// cuts leave: the kinds of states, how many of each were found, and the table of them.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <optional>
 #include <string>
-#include <vector>
-
-#include "reliability/power_cuts.h"
+#include <utility>
 
 namespace reliability {
-
-// Which cuts are tried.
-struct rescue_sample {
-  uint64_t stride = 1;         // every so manieth mutation, and the first and last of each call
-  uint64_t second_stride = 0;  // of the mutations of the checks that follow; 0: none
-  uint64_t second_of = 1;      // cuts of checks are tried of every so manieth state
-  uint64_t rescue_stride = 0;  // of the mutations of the rescue of such a state; 0: none
-  bool large_blocks = false;
-};
-
-// The named samples: "all" has every different state of first cuts, and one in so many of second
-// ones; "suite" is what the tests try; "large" is of blocks of the size that the real device has.
-// Null for another name.
-const rescue_sample* find_rescue_sample(const std::string& name);
 
 // What a flash was left by.
 enum class left_by {
@@ -65,29 +47,7 @@ const char* left_by_name(left_by kind);
 const char* recovery_name(recovery kind);
 const char* touched_state_name(touched_state kind);
 
-// Tries an operation. `set_clock` sets the time, so that what is made before the operation has
-// another date than what it makes. What the rescue does not bring back as it was, is or legally
-// stood in between is told to `tell`, as arguments that play it again and what was found.
-rescue_rows try_rescue(const operation& what, const rescue_sample& sample,
-                       const std::function<void(int64_t)>& set_clock,
-                       const std::function<void(const std::string&)>& tell);
-
-// The operations whose cuts the table is about: power_cut_operations() but those that change the
-// whole device.
-std::vector<operation> rescue_operations();
-// Those, and others, which write several sectors where some stand or stood.
-std::vector<operation> further_rescue_operations();
-
 // The rows as a table in Markdown.
 std::string rescue_table(const rescue_rows& rows);
-
-// Plays an operation with its cut, and a check with its own, if any, and tells what the rescue
-// decides.
-std::string play_rescue(const operation& what, planned_cut first,
-                        const std::optional<planned_check>& cut_check,
-                        const std::function<void(int64_t)>& set_clock);
-
-// The bytes that the rescue makes of a flash left by cuts.
-std::vector<uint8_t> rescued(rig& flash, const std::vector<uint8_t>& left);
 
 }  // namespace reliability

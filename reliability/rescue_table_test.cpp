@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "reliability/rescue_run.h"
 #include "sim/chassis.h"
 
 namespace {

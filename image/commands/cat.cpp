@@ -22,11 +22,11 @@ void print_file(session& opened, const std::string& given, report& out) {
   const std::string path = inside_path(given);
   ppc_stat status;
   if (status_of_given(opened.files(), given, &status) != 0) {
-    out.fail(exit_status::failed, error_text(errno), told_path(path));
+    out.fail_at(path, error_text(errno));
     return;
   }
   if (is_directory(status)) {
-    out.fail(exit_status::failed, error_text(EISDIR), told_path(path));
+    out.fail_at(path, error_text(EISDIR));
     return;
   }
   std::string contents;
@@ -40,7 +40,7 @@ void print_file(session& opened, const std::string& given, report& out) {
     out.result()["files"].push_back(file);
   }
   if (!whole) {
-    out.fail(exit_status::failed, error_text(error), told_path(path));
+    out.fail_at(path, error_text(error));
   }
 }
 
@@ -62,7 +62,7 @@ void run(const cat_options& options, const globals& all, report& out) {
 
 command cat_command() {
   auto options = std::make_shared<cat_options>();
-  return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup",
+  return {"cat", "Prints files", "flashfs-image cat boot.img /readme.txt /config/startup.cfg",
           [options](arguments& take) {
             take.image(&options->image);
             take.words("PATH", &options->paths, "Files in the image");

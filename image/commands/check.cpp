@@ -211,9 +211,9 @@ command check_command() {
           [options](arguments& take) {
             take.edits();
             take.image(&options->image);
-            take.flag(
-                "--quick", &options->quick,
-                "The check that the board runs alone; with --full the full one alone, else both");
+            take.flag("--quick", &options->quick,
+                      "Only the check that the board runs by itself; with --full only the full "
+                      "one, else both");
             take.flag("--repair", &options->repair, "Do what the check would do");
             take.flag("--force", &options->force, "Even if good records are lost");
           },

@@ -30,7 +30,7 @@ void run(const chmod_options& options, const globals& all, report& out) {
         out.fail(exit_status::failed, "the root keeps its permissions", "/");
       } else if (ppc_stat status; status_of_given(opened.files(), given, &status) != 0 ||
                                   opened.files().chmod(path, *mode) != 0) {
-        out.fail(exit_status::failed, error_text(errno), told_path(path));
+        out.fail_at(path, error_text(errno));
       }
     }
   });

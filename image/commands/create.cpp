@@ -111,23 +111,17 @@ bool make(const tree& planned, const geometry& layout, const new_image& target, 
 }
 
 void tell(const tree& planned, const geometry& layout, report& out) {
-  uint64_t bytes = 0;
-  uint32_t folders = 0;
-  for (const tree_entry& entry : planned.entries) {
-    bytes += entry.size;
-    folders += entry.directory ? 1 : 0;
-  }
-  const uint64_t files = planned.entries.size() - folders;
+  const tree_sum sum = sum_of(planned);
   const uint64_t needed = space_for(planned).sectors();
   const uint64_t there = sectors_of_blocks(sizes_of_usable_blocks(layout));
-  out.result()["files"] = files;
-  out.result()["directories"] = folders;
-  out.result()["bytes"] = bytes;
+  out.result()["files"] = sum.files;
+  out.result()["directories"] = sum.folders;
+  out.result()["bytes"] = sum.bytes;
   out.result()["sectors"] = needed;
   out.result()["sectors_there"] = there;
-  out.detail(std::to_string(files) + " files, " + std::to_string(folders) + " directories, " +
-             std::to_string(bytes) + " bytes; " + std::to_string(needed) + " of " +
-             std::to_string(there) + " sectors");
+  out.detail(std::to_string(sum.files) + " files, " + std::to_string(sum.folders) +
+             " directories, " + std::to_string(sum.bytes) + " bytes; " + std::to_string(needed) +
+             " of " + std::to_string(there) + " sectors");
 }
 
 void run(const create_options& options, const globals& all, report& out) {

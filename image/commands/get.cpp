@@ -21,7 +21,8 @@ namespace {
 
 struct get_options {
   std::string image;
-  std::vector<std::string> words;  // PATH... HOST
+  std::vector<std::string> paths;
+  std::string host;
   bool recursive = false;
 };
 
@@ -37,17 +38,20 @@ class getter {
         all_(all),
         opened_(opened),
         out_(out),
-        host_(options.words.back()),
-        into_folder_(host_ != "-" && (options.words.size() > 2 || is_host_folder(host_))) {}
+        host_(options.host),
+        into_folder_(host_ != "-" && (options.paths.size() > 1 || is_host_folder(host_))) {}
 
   void run() {
-    if (options_.words.size() > 2 && !is_host_folder(host_)) {
+    if (options_.paths.size() > 1 && !is_host_folder(host_)) {
       out_.fail(exit_status::failed, "several paths go into a folder, which this is not", host_);
       return;
     }
-    for (size_t i = 0; i + 1 < options_.words.size() && !interrupted(); ++i) {
+    for (const std::string& given : options_.paths) {
+      if (interrupted()) {
+        return;
+      }
       opened_.keep_ready();
-      get(inside_path(options_.words[i]));
+      get(given);
     }
     if (!interrupted()) {
       tell_written(files_, folders_, bytes_, out_);
@@ -55,16 +59,22 @@ class getter {
   }
 
  private:
-  void get(const std::string& path) {
+  void get(const std::string& given) {
+    const std::string path = inside_path(given);
     ppc_stat status;
-    if (status_of(opened_.files(), path, &status) != 0) {
-      fail(path, error_text(errno));
+    if (status_of_given(opened_.files(), given, &status) != 0) {
+      out_.fail_at(path, error_text(errno));
+    } else if (!is_directory(status) && !into_folder_ && host_.ends_with('/')) {
+      out_.fail(exit_status::failed,
+                "there is no such folder: make it first, or leave out the slash for a file of this "
+                "name",
+                host_);
     } else if (!is_directory(status)) {
       get_file(path, status);
     } else if (!options_.recursive) {
-      fail(path, "is a directory; -r copies it");
+      out_.fail_at(path, "is a directory; -r copies it");
     } else if (host_ == "-") {
-      fail(path, "is a directory; standard output takes one file");
+      out_.fail_at(path, "is a directory; standard output takes one file");
     } else {
       get_folder(path, status);
     }
@@ -75,11 +85,11 @@ class getter {
     std::string contents;
     std::string why = into_folder_ ? host_name_fault(name) : "";
     if (!why.empty()) {
-      fail(path, why);
+      out_.fail_at(path, why);
       return;
     }
     if (opened_.files().read_file(path, &contents) != 0) {
-      fail(path, error_text(errno));
+      out_.fail_at(path, error_text(errno));
       return;
     }
     const std::string target = into_folder_ ? host_ + "/" + name : host_;
@@ -106,7 +116,7 @@ class getter {
     const std::string name(name_of_path(path));
     const bool below = into_folder_ && !path.empty();
     if (const std::string why = below ? host_name_fault(name) : ""; !why.empty()) {
-      fail(path, why);
+      out_.fail_at(path, why);
       return;
     }
     tree found = read_volume(opened_.files(), path);
@@ -147,12 +157,8 @@ class getter {
       out_.warn(codes::advice, one.text, told_path(joined_path(path, one.path)));
     }
     for (const tree_problem& one : errors) {
-      fail(joined_path(path, one.path), one.text);
+      out_.fail_at(joined_path(path, one.path), one.text);
     }
-  }
-
-  void fail(const std::string& path, const std::string& text) {
-    out_.fail(exit_status::failed, text, told_path(path));
   }
 
   const get_options& options_;
@@ -167,11 +173,7 @@ class getter {
 };
 
 void run(const get_options& options, const globals& all, report& out) {
-  if (options.words.size() < 2) {
-    out.fail(exit_status::usage, "HOST is required: where the files go");
-    return;
-  }
-  if (all.json && options.words.back() == "-") {
+  if (all.json && options.host == "-") {
     out.fail(exit_status::usage, "standard output has the document; \"cat\" puts files into it");
     return;
   }
@@ -184,11 +186,16 @@ void run(const get_options& options, const globals& all, report& out) {
 
 command get_command() {
   auto options = std::make_shared<get_options>();
-  return {"get", "Copies files out of the image", "flashfs-image get -r boot.img /config backup",
+  return {"get", "Copies files out of the image",
+          "flashfs-image get boot.img /config/startup.cfg .\n"
+          "flashfs-image get -r boot.img /config backup",
           [options](arguments& take) {
             take.image(&options->image);
-            take.words("PATH... HOST", &options->words,
-                       "Paths in the image; then a file or folder of the host, or '-'");
+            take.words_and_last(
+                "PATH", &options->paths, "Files in the image; with -r directories, too", "HOST",
+                &options->host,
+                "Where they go on the host: into a folder that is there, or under this name; "
+                "'-' is standard output");
             take.flag("-r", &options->recursive, "Directories, too, with all in them");
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};

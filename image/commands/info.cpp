@@ -4,13 +4,17 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
 
-#include "flashfs/check_flags.h"
 #include "image/commands/commands.h"
-#include "image/interrupt.h"
-#include "image/record_fields.h"
+#include "image/finding_list.h"
+#include "image/image_summary.h"
+#include "image/record_decode.h"
 #include "image/session.h"
 #include "image/text.h"
 
@@ -24,24 +28,7 @@ struct info_options {
   std::string image;
 };
 
-// Beyond so many nobody reads on.
-constexpr size_t finding_lines_max = 200;
-
-// What a mount tells: nothing of what cannot be mounted.
-struct mounted_space {
-  bool mounts = false;
-  bool changes = false;  // the check repairs something
-  uint64_t total = 0;    // bytes
-  uint64_t available = 0;
-};
-
-struct erase_counts {
-  uint32_t blocks = 0;  // that have a count
-  uint64_t total = 0;
-  uint32_t least = UINT32_MAX;
-  uint32_t most = 0;
-  uint32_t most_worn = 0;  // block
-};
+constexpr size_t check_lines_max = 20;
 
 class image_info {
  public:
@@ -52,15 +39,16 @@ class image_info {
         records_(read_records(opened.contents(), opened.layout)) {}
 
   void run() {
-    if (!measure_space()) {
+    const std::optional<mounted_space> space = measure_space(opened_, records_, all_, out_);
+    if (!space) {
       return;
     }
-    count_entries();
     tell_image();
-    tell_space();
-    tell_files();
-    tell_blocks();
-    tell_findings();
+    tell_space(*space);
+    tell_files(count_entries(records_));
+    tell_blocks(count_erases(records_));
+    tell_finding_list(records_.findings, out_);
+    tell_check(*space);
     if (all_.strict && has_errors(records_.findings)) {
       out_.raise(exit_status::faults);
     }
@@ -69,48 +57,6 @@ class image_info {
  private:
   void line(const char* name, const std::string& value) {
     out_.print(fmt::format("{:<14} {}\n", name, value));
-  }
-
-  bool measure_space() {
-    std::string why;
-    const std::optional<std::span<uint8_t>> view = opened_.private_view(&why);
-    if (!view) {
-      out_.fail(exit_status::failed, why, opened_.name);
-      return false;
-    }
-    mounted system(*view, opened_.layout);
-    space_.mounts = system.check(all_.full ? flashfs_check_full : flashfs_check_quick);
-    space_.changes = system.flash().changed();
-    ppc_statfs space = {};
-    if (space_.mounts && system.files().statfs(&space) == 0) {
-      space_.total = uint64_t{space.total_blocks} * space.block_size;
-      space_.available = uint64_t{space.free_blocks} * space.block_size;
-    }
-    return !interrupted();
-  }
-
-  void count_entries() {
-    for (const auto& [id, entry] : records_.entries) {
-      if (!entry.is_reached) {
-        orphans_ += entry.is_orphan ? 1 : 0;
-      } else if (id != fileid_root) {
-        (entry.is_directory ? directories_ : files_)++;
-        contents_ += entry.is_directory ? 0 : entry.size;
-      }
-    }
-    for (const block_record& block : records_.blocks) {
-      if (block.header == nullptr || block.verdict != header_verdict::good) {
-        continue;
-      }
-      const uint32_t count = block.header->erase_count;
-      wear_.blocks++;
-      wear_.total += count;
-      wear_.least = std::min(wear_.least, count);
-      if (wear_.blocks == 1 || count > wear_.most) {
-        wear_.most = count;
-        wear_.most_worn = block.number;
-      }
-    }
   }
 
   void tell_image() {
@@ -135,23 +81,23 @@ class image_info {
                           {"usable_blocks", layout.usable_blocks}};
   }
 
-  void tell_space() {
+  void tell_space(const mounted_space& measured) {
     const char* check = all_.full ? "full check" : "quick check";
-    line("mounts", !space_.mounts   ? fmt::format("no: the {} fails", check)
-                   : space_.changes ? fmt::format("yes, when the {} has repaired it", check)
-                                    : "yes");
+    line("mounts", !measured.mounts   ? fmt::format("no: the {} fails", check)
+                   : measured.changes ? fmt::format("yes, when the {} has repaired it", check)
+                                      : "yes");
     json& result = out_.result();
-    result["mounts"] = space_.mounts;
-    result["repairs"] = space_.changes;
+    result["mounts"] = measured.mounts;
+    result["repairs"] = measured.changes;
     json space;
-    if (space_.mounts) {
-      const uint64_t used = space_.total - std::min(space_.total, space_.available);
-      const double percent =
-          space_.total == 0 ? 0.0
-                            : 100.0 * static_cast<double>(used) / static_cast<double>(space_.total);
-      line("space", fmt::format("{} bytes, {} used, {} available; {:.1f} % full", space_.total,
-                                used, space_.available, percent));
-      space = {{"total", space_.total}, {"used", used}, {"available", space_.available}};
+    if (measured.mounts) {
+      const uint64_t used = measured.total - std::min(measured.total, measured.available);
+      const double percent = measured.total == 0 ? 0.0
+                                                 : 100.0 * static_cast<double>(used) /
+                                                       static_cast<double>(measured.total);
+      line("space", fmt::format("{} bytes, {} used, {} available; {:.1f} % full", measured.total,
+                                used, measured.available, percent));
+      space = {{"total", measured.total}, {"used", used}, {"available", measured.available}};
     }
     result["space"] = space;
     const record_counts& total = records_.total;
@@ -171,27 +117,28 @@ class image_info {
                        {"bad", total.bad_slots}};
   }
 
-  void tell_files() {
+  void tell_files(const entry_counts& counts) {
     line("files",
-         fmt::format("{}, {} bytes in all, {}; {} without a name", counted(files_, "file", "files"),
-                     contents_, counted(directories_, "directory", "directories"), orphans_));
-    out_.result()["files"] = {{"files", files_},
-                              {"bytes", contents_},
-                              {"directories", directories_},
-                              {"orphans", orphans_}};
+         fmt::format("{}, {} bytes in all, {}; {} without a name",
+                     counted(counts.files, "file", "files"), counts.contents,
+                     counted(counts.directories, "directory", "directories"), counts.orphans));
+    out_.result()["files"] = {{"files", counts.files},
+                              {"bytes", counts.contents},
+                              {"directories", counts.directories},
+                              {"orphans", counts.orphans}};
   }
 
-  void tell_blocks() {
-    json wear;
-    if (wear_.blocks > 0) {
-      line("erase counts", fmt::format("{} to {}, {} in all; block {} is worn most", wear_.least,
-                                       wear_.most, wear_.total, wear_.most_worn));
-      wear = {{"least", wear_.least},
-              {"most", wear_.most},
-              {"total", wear_.total},
-              {"most_worn", wear_.most_worn}};
+  void tell_blocks(const erase_counts& wear) {
+    json counts;
+    if (wear.blocks() > 0) {
+      line("erase counts", fmt::format("{} to {}, {} in all; block {} is worn most", wear.least(),
+                                       wear.most(), wear.total(), wear.most_worn()));
+      counts = {{"least", wear.least()},
+                {"most", wear.most()},
+                {"total", wear.total()},
+                {"most_worn", wear.most_worn()}};
     }
-    out_.result()["erase_counts"] = wear;
+    out_.result()["erase_counts"] = counts;
     std::map<std::string, uint32_t> states;
     json blocks = json::array();
     for (const block_record& block : records_.blocks) {
@@ -225,10 +172,9 @@ class image_info {
     for (const block_record& block : records_.blocks) {
       const record_counts& counts = block.counts;
       const uint32_t used = block.sector_count - counts.free_sectors;
-      const bool has_count = block.header != nullptr && block.verdict != header_verdict::erased;
       out_.print(fmt::format(
           "  {:>5}  {:>6}  {:<12} {:>5} {:>5}  {:>8} {:>5} {:>5}  {:>3}%{}\n", block.number,
-          has_count ? std::to_string(block.header->erase_count) : "-",
+          block.erase_count() ? std::to_string(*block.erase_count()) : "-",
           block.verdict == header_verdict::good || block.is_erased ? state_of(block) : "bad header",
           counts.data_sectors, counts.directory_sectors, counts.obsolete_sectors,
           counts.free_sectors, counts.bad_sectors,
@@ -239,14 +185,12 @@ class image_info {
 
   json json_of(const block_record& block) const {
     const record_counts& counts = block.counts;
-    const bool has_count = block.header != nullptr && block.verdict != header_verdict::erased;
     return {{"block", block.number},
             {"offset", block.offset},
             {"size", block.size},
             {"state", block.is_erased ? "blank" : state_text(block.state)},
             {"header", verdict_text(block.verdict)},
-            {"erase_count",
-             has_count ? json(static_cast<uint32_t>(block.header->erase_count)) : json()},
+            {"erase_count", block.erase_count() ? json(*block.erase_count()) : json()},
             {"sectors", block.sector_count},
             {"data", counts.data_sectors},
             {"directory", counts.directory_sectors},
@@ -255,63 +199,36 @@ class image_info {
             {"bad", counts.bad_sectors}};
   }
 
-  // Part of the answer. Blocks that have the same to tell, one behind the other, take one line.
-  void tell_findings() {
-    const std::vector<finding>& findings = records_.findings;
-    if (out_.json()) {
-      for (const finding& each : findings) {
-        out_.add_to_document(each);
-      }
+  // What the next mount makes of it, before it does, the worst first; "check" tells all of that.
+  void tell_check(const mounted_space& measured) {
+    std::vector<finding> findings = measured.check_does;
+    for (const finding& each : findings) {
+      out_.add_to_document(each);
+    }
+    std::erase_if(findings, [&](const finding& each) {
+      return each.severity == severity::info && measured.mounts && !all_.verbose;
+    });
+    if (findings.empty()) {
       return;
     }
-    out_.print(findings.empty() ? "\nNothing is wrong.\n" : "\nWhat is wrong:\n");
-    size_t lines = 0;
-    for (size_t i = 0; i < findings.size(); ++lines) {
-      if (lines == finding_lines_max) {
-        out_.print(fmt::format("  and {} more, which dump and --json tell\n", findings.size() - i));
-        return;
-      }
-      size_t end = i + 1;
-      while (end < findings.size() && follows(findings[end - 1], findings[end])) {
-        end++;
-      }
-      print_findings(findings[i], findings[end - 1]);
-      i = end;
+    std::stable_partition(findings.begin(), findings.end(),
+                          [](const finding& each) { return each.severity == severity::error; });
+    out_.print(fmt::format("\nWhat the {} check does with it, where it runs:\n",
+                           all_.full ? "full" : "quick"));
+    const size_t shown = std::min(findings.size(), check_lines_max);
+    for (size_t i = 0; i < shown; ++i) {
+      out_.print(
+          fmt::format("  {}: {}\n", severity_text(findings[i].severity), line_of(findings[i])));
     }
-  }
-
-  static bool follows(const finding& one, const finding& next) {
-    return one.code == next.code && one.block && next.block && *one.block + 1 == *next.block &&
-           !one.sector && !next.sector && one.text == next.text;
-  }
-
-  void print_findings(const finding& first, const finding& last) {
-    std::string place;
-    if (first.block) {
-      place = first.block == last.block ? fmt::format("block {}", *first.block)
-                                        : fmt::format("blocks {} to {}", *first.block, *last.block);
+    if (shown < findings.size()) {
+      out_.print(fmt::format("  and {} more, which check tells\n", findings.size() - shown));
     }
-    place += first.sector ? fmt::format(", sector {}", *first.sector) : "";
-    place += first.slot ? fmt::format(", slot {}", *first.slot) : "";
-    place += first.path.empty() ? "" : (place.empty() ? "" : ": ") + escaped(first.path);
-    const color tint = first.severity == severity::error     ? color::red
-                       : first.severity == severity::warning ? color::yellow
-                                                             : color::none;
-    out_.print("  " + out_.colored(tint, severity_text(first.severity)) +
-               fmt::format(" {}{}{}: {}\n", first.code, place.empty() ? "" : ": ", place,
-                           escaped(first.text)));
   }
 
   const globals& all_;
   opened_image& opened_;
   report& out_;
   const records records_;
-  mounted_space space_;
-  erase_counts wear_;
-  uint64_t contents_ = 0;  // bytes
-  uint32_t files_ = 0;
-  uint32_t directories_ = 0;
-  uint32_t orphans_ = 0;
 };
 
 void run(const info_options& options, const globals& all, report& out) {

@@ -57,7 +57,7 @@ class listing {
     opened_.keep_ready();
     ppc_stat status;
     if (status_of_given(opened_.files(), given, &status) != 0) {
-      out_.fail(exit_status::failed, error_text(errno), told_path(path));
+      out_.fail_at(path, error_text(errno));
     } else if (is_directory(status)) {
       add_directory(path);
     } else {

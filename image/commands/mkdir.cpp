@@ -18,19 +18,14 @@ struct mkdir_options {
   bool parents = false;
 };
 
-bool is_there_as_directory(const volume::files& files, const std::string& path) {
-  ppc_stat status;
-  return status_of(files, path, &status) == 0 && is_directory(status);
-}
-
 bool make(const volume::files& files, const std::string& path, report& out) {
   const std::string fault = path_fault(path);
   if (!fault.empty()) {
-    out.fail(exit_status::failed, fault, told_path(path));
+    out.fail_at(path, fault);
     return false;
   }
   if (files.mkdir(path) != 0) {
-    out.fail(exit_status::failed, error_text(errno), told_path(path));
+    out.fail_at(path, error_text(errno));
     return false;
   }
   return true;
@@ -40,7 +35,7 @@ void make_with_parents(const volume::files& files, const std::string& path, repo
   for (size_t end = 0; end != std::string::npos;) {
     end = path.find('/', end == 0 ? 0 : end + 1);
     const std::string upper = path.substr(0, end);
-    if (!is_there_as_directory(files, upper) && !make(files, upper, out)) {
+    if (!is_directory_at(files, upper) && !make(files, upper, out)) {
       return;
     }
   }

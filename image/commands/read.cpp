@@ -49,7 +49,7 @@ command read_command() {
   return {"read", "Reads the raw flash of a complex", "flashfs-image --ppc 4 read dump.flash",
           [options](arguments& take) {
             take.complex_alone();
-            take.word("FILE", &options->file, "The file that is made; - is standard output");
+            take.word("FILE", &options->file, "The file that is made; '-' is standard output");
             take.flag("--force", &options->force, "Replace a file that is there");
           },
           [options](const globals& all, report& out) { run(*options, all, out); }};

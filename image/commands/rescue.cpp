@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "flashfs/check_flags.h"
+#include "flashfs/format.h"
 #include "image/commands/commands.h"
 #include "image/commands/take_out_options.h"
 #include "image/interrupt.h"
@@ -90,6 +92,39 @@ std::string objection(const rescue_command_options& options, const globals& all)
   return "";
 }
 
+// A flash with as many blocks again behind its own, erased: whatever is taken out of it has room.
+struct wider_flash {
+  std::vector<uint8_t> bytes;
+  geometry layout;
+};
+
+wider_flash widened(std::span<const uint8_t> bytes, const geometry& narrow) {
+  wider_flash wide;
+  uint32_t size = 0;
+  for (const flash_block_info& block : block_table(narrow)) {
+    if (block.skip == 0) {
+      wide.layout.runs.push_back({1, block.size});
+      size = std::max(size, block.size);
+      const auto from = bytes.subspan(block.offset, block.size);
+      wide.bytes.insert(wide.bytes.end(), from.begin(), from.end());
+    }
+  }
+  wide.layout.usable_blocks = 2 * narrow.usable_blocks;
+  for (uint32_t number = narrow.usable_blocks; number < wide.layout.usable_blocks; ++number) {
+    wide.layout.runs.push_back({1, size});
+    flashfs_blkheader header;
+    memset(&header, flash_erased_byte, sizeof(header));
+    header.erase_count = 0;
+    header.timestamp = 0;
+    header.block_num = static_cast<uint16_t>(number);
+    blkheader_set_checksum(&header);
+    const auto* first = reinterpret_cast<const uint8_t*>(&header);
+    wide.bytes.insert(wide.bytes.end(), first, first + sizeof(header));
+    wide.bytes.insert(wide.bytes.end(), size - sizeof(header), flash_erased_byte);
+  }
+  return wide;
+}
+
 class rescuer {
  public:
   rescuer(const rescue_command_options& options, const globals& all, const opened_image& opened,
@@ -102,8 +137,14 @@ class rescuer {
       return;
     }
     out_.progress("the rescue", 0, 1);
-    const std::vector<flash_block_info> blocks = block_table(opened_.layout);
-    plan_ = plan_rescue(before, blocks, {.deleted = options_.deleted});
+    layout_ = opened_.layout;
+    plan(before);
+    if (is_taken_out() && lacks_room()) {
+      const wider_flash wide = widened(before, opened_.layout);
+      layout_ = wide.layout;
+      plan(wide.bytes);
+      out_.message("what is taken out is more than it has room for");
+    }
     if (interrupted()) {
       return;
     }
@@ -114,11 +155,28 @@ class rescuer {
   }
 
  private:
+  void plan(std::span<const uint8_t> bytes) {
+    plan_ = plan_rescue(bytes, block_table(layout_), {.deleted = options_.deleted});
+  }
+
+  bool is_taken_out() const {
+    return !options_.to.folder.empty() || !options_.to.archive.empty();
+  }
+
+  static bool is_without_room(const rescue_decision& decision) {
+    return std::string_view(decision.code) == no_room_to_return;
+  }
+
+  bool lacks_room() const {
+    return !plan_.complete ||
+           std::any_of(plan_.decisions.begin(), plan_.decisions.end(), is_without_room);
+  }
+
   // --- the answer ---
 
-  // Where the archive is the answer, messages are the place for this.
+  // Where an archive or an image is the answer, messages are the place for this.
   void say(const std::string& text) {
-    if (options_.to.is_standard_output() && !options_.plan) {
+    if ((options_.to.is_standard_output() && !options_.plan) || all_.output == "-") {
       out_.message(text);
     } else {
       out_.print(text + "\n");
@@ -168,9 +226,7 @@ class rescuer {
     };
     const size_t losses = count(is_loss);
     const size_t guesses = count(is_guess);
-    const size_t no_room = count([](const rescue_decision& each) {
-      return std::string_view(each.code) == no_room_to_return;
-    });
+    const size_t no_room = count(is_without_room);
     std::string verdict = plan_.steps.empty()             ? "nothing to mend"
                           : options_.plan || all_.dry_run ? "it would be mended"
                                                           : "mended";
@@ -199,7 +255,7 @@ class rescuer {
       return false;
     }
     checked_ = plan_.mended;
-    mended_ = std::make_unique<mounted>(checked_, opened_.layout);
+    mended_ = std::make_unique<mounted>(checked_, layout_);
     out_.progress("the full check of the result", 0, 1);
     const bool passed = mended_->check(flashfs_check_full);
     if (interrupted()) {
@@ -217,7 +273,7 @@ class rescuer {
   }
 
   bool write() {
-    if (options_.to.folder.empty() && options_.to.archive.empty()) {
+    if (!is_taken_out()) {
       return write_checked(all_, opened_, plan_.mended, out_, &(order_ = changes()));
     }
     host_place to = options_.to;
@@ -242,6 +298,7 @@ class rescuer {
   const globals& all_;
   const opened_image& opened_;
   report& out_;
+  geometry layout_;
   rescue_plan plan_;
   change_list order_;
   std::vector<uint8_t> checked_;  // a copy of the result, which is mounted
@@ -274,7 +331,10 @@ command rescue_command() {
           "flashfs-image --ppc 4 rescue",
           [options](arguments& take) {
             take.edits();
-            take.image(&options->image);
+            take.image(
+                &options->image, "IMAGE",
+                "The image, which stays as it is; what is mended goes into a new one (-o), a "
+                "folder or an archive");
             take.option("--to-dir", "DIR", &options->to.folder,
                         "What is rescued goes into this folder, made if missing");
             take.option("--to-tar", "FILE", &options->to.archive,

@@ -19,20 +19,16 @@ struct rm_options {
   bool missing_is_fine = false;
 };
 
-void fail(const std::string& path, int error, report& out) {
-  out.fail(exit_status::failed, error_text(error), told_path(path));
-}
-
 void remove_one(const volume::files& files, const std::string& path, bool directory, report& out) {
   if ((directory ? files.rmdir(path) : files.remove(path)) != 0) {
-    fail(path, errno, out);
+    out.fail_at(path, error_text(errno));
   }
 }
 
 void remove_below(const volume::files& files, const std::string& path, report& out) {
   std::vector<volume::entry> found;
   if (files.walk(path, &found) != 0) {
-    fail(path, errno, out);
+    out.fail_at(path, error_text(errno));
     return;
   }
   // A directory stands before what it holds.
@@ -50,10 +46,10 @@ void remove_path(const rm_options& options, const volume::files& files, const st
     out.fail(exit_status::failed, "the root cannot be removed", "/");
   } else if (status_of_given(files, given, &status) != 0) {
     if (errno != ENOENT || !options.missing_is_fine) {
-      fail(path, errno, out);
+      out.fail_at(path, error_text(errno));
     }
   } else if (is_directory(status) && !options.recursive) {
-    out.fail(exit_status::failed, "is a directory; -r removes it", told_path(path));
+    out.fail_at(path, "is a directory; -r removes it");
   } else {
     if (is_directory(status)) {
       remove_below(files, path, out);

@@ -30,7 +30,7 @@ class tree_printer {
   void print(const std::string& path) {
     ppc_stat status;
     if (status_of(opened_.files(), path, &status) != 0) {
-      out_.fail(exit_status::failed, error_text(errno), told_path(path));
+      out_.fail_at(path, error_text(errno));
       return;
     }
     out_.print(out_.colored(is_directory(status) ? color::blue : color::none,

@@ -8,6 +8,7 @@
 #include "image/commands/edit.h"
 #include "image/interrupt.h"
 #include "image/paths.h"
+#include "image/space.h"
 #include "image/text.h"
 
 namespace image {
@@ -24,11 +25,9 @@ constexpr uint32_t piece_size = 32 * sector_data_size;  // bytes
 
 // Whether the image has room for a file to grow so far.
 bool has_room(const volume::files& files, uint32_t size, uint32_t new_size) {
-  const auto sectors = [](uint64_t bytes) {
-    return (bytes + sector_data_size - 1) / sector_data_size;
-  };
   ppc_statfs space;
-  return files.statfs(&space) != 0 || sectors(new_size) - sectors(size) <= space.free_blocks;
+  return files.statfs(&space) != 0 ||
+         sectors_of_file(new_size) - sectors_of_file(size) <= space.free_blocks;
 }
 
 // Every new byte is written. One written behind the end would leave those before it in its sector
@@ -74,7 +73,7 @@ void run(const truncate_options& options, const globals& all, report& out) {
   }
   edit(options.edit, all, out, [&](session& opened) {
     if (resize(opened.files(), options.path, *options.size) != 0) {
-      out.fail(exit_status::failed, error_text(errno), told_path(inside_path(options.path)));
+      out.fail_at(inside_path(options.path), error_text(errno));
     }
   });
 }

@@ -47,7 +47,7 @@ class verifier {
       ppc_stat status;
       if (status_of_given(opened_.files(), given, &status) != 0 &&
           !(errno == ENOENT && source != nullptr && is_in(*source, inside_path(given)))) {
-        out_.fail(exit_status::failed, error_text(errno), told_path(inside_path(given)));
+        out_.fail_at(inside_path(given), error_text(errno));
       }
     }
     return out_.status() < exit_status::failed;

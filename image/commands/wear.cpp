@@ -2,7 +2,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -10,6 +9,7 @@
 
 #include "flashfs/format.h"
 #include "image/commands/commands.h"
+#include "image/erase_counts.h"
 #include "image/record_decode.h"
 #include "image/session.h"
 
@@ -29,17 +29,6 @@ struct worn_block {
   std::optional<uint32_t> erases;  // nothing: its header does not tell
 };
 
-// Of the blocks whose header tells.
-struct wear_sum {
-  uint32_t blocks = 0;
-  uint64_t total = 0;
-  uint32_t least = UINT32_MAX;
-  uint32_t most = 0;
-  uint32_t most_worn = 0;  // block
-  double mean = 0;
-  double deviation = 0;  // standard
-};
-
 worn_block read_block(const opened_image& opened, uint32_t offset, uint32_t number) {
   flashfs_blkheader header;
   if (!opened.read(offset, {reinterpret_cast<uint8_t*>(&header), sizeof(header)})) {
@@ -51,29 +40,13 @@ worn_block read_block(const opened_image& opened, uint32_t offset, uint32_t numb
           tells ? std::optional<uint32_t>(header.erase_count) : std::nullopt};
 }
 
-wear_sum sum_of(const std::vector<worn_block>& blocks) {
-  wear_sum sum;
-  double squares = 0;
+erase_counts sum_of(const std::vector<worn_block>& blocks) {
+  erase_counts sum;
   for (uint32_t number = 0; number < blocks.size(); ++number) {
-    if (!blocks[number].erases) {
-      continue;
+    if (blocks[number].erases) {
+      sum.add(number, *blocks[number].erases);
     }
-    const uint32_t erases = *blocks[number].erases;
-    if (sum.blocks == 0 || erases > sum.most) {
-      sum.most = erases;
-      sum.most_worn = number;
-    }
-    sum.least = std::min(sum.least, erases);
-    sum.blocks++;
-    sum.total += erases;
-    squares += static_cast<double>(erases) * erases;
   }
-  if (sum.blocks == 0) {
-    sum.least = 0;
-    return sum;
-  }
-  sum.mean = static_cast<double>(sum.total) / sum.blocks;
-  sum.deviation = std::sqrt(std::max(0.0, squares / sum.blocks - sum.mean * sum.mean));
   return sum;
 }
 
@@ -122,13 +95,13 @@ class wear_table {
     if (other_blocks != 0) {
       line("others", fmt::format("{} blocks are not the file system's", other_blocks));
     }
-    line("erases",
-         fmt::format("{} in {} blocks, {:.1f} on average", sum_.total, sum_.blocks, sum_.mean));
-    line("spread", fmt::format("from {} to {}, standard deviation {:.1f}", sum_.least, sum_.most,
-                               sum_.deviation));
-    line("most worn", sum_.blocks == 0
+    line("erases", fmt::format("{} in {} blocks, {:.1f} on average", sum_.total(), sum_.blocks(),
+                               sum_.mean()));
+    line("spread", fmt::format("from {} to {}, standard deviation {:.1f}", sum_.least(),
+                               sum_.most(), sum_.deviation()));
+    line("most worn", sum_.blocks() == 0
                           ? "no header tells"
-                          : fmt::format("block {}, {} erases", sum_.most_worn, sum_.most));
+                          : fmt::format("block {}, {} erases", sum_.most_worn(), sum_.most()));
     fill_document(other_blocks);
   }
 
@@ -142,17 +115,18 @@ class wear_table {
     if (block.verdict != header_verdict::good) {
       return block.verdict == header_verdict::erased ? color::none : color::red;
     }
-    if (sum_.most == sum_.least) {
+    if (sum_.most() == sum_.least()) {
       return color::none;
     }
-    const uint64_t tenths = uint64_t{*block.erases - sum_.least} * 10 / (sum_.most - sum_.least);
+    const uint64_t tenths =
+        uint64_t{*block.erases - sum_.least()} * 10 / (sum_.most() - sum_.least());
     return tenths >= 9 ? color::red : tenths >= 6 ? color::yellow : color::none;
   }
 
   void tell_rows() {
     constexpr size_t line_width = 80;
     constexpr uint32_t cells = 16;
-    const size_t width = std::max<size_t>(2, std::to_string(sum_.most).size());
+    const size_t width = std::max<size_t>(2, std::to_string(sum_.most()).size());
     const size_t label = 6;
     const uint32_t in_row = label + cells * (width + 2) > line_width ? cells / 2 : cells;
     out_.print("block");
@@ -186,17 +160,17 @@ class wear_table {
     }
     out_.result() = {{"blocks", rows},
                      {"other_blocks", other_blocks},
-                     {"counted", sum_.blocks},
-                     {"total", sum_.total},
-                     {"mean", sum_.mean},
-                     {"deviation", sum_.deviation},
-                     {"least", sum_.least},
-                     {"most", sum_.most},
-                     {"most_worn", sum_.blocks == 0 ? json(nullptr) : json(sum_.most_worn)}};
+                     {"counted", sum_.blocks()},
+                     {"total", sum_.total()},
+                     {"mean", sum_.mean()},
+                     {"deviation", sum_.deviation()},
+                     {"least", sum_.least()},
+                     {"most", sum_.most()},
+                     {"most_worn", sum_.blocks() == 0 ? json(nullptr) : json(sum_.most_worn())}};
   }
 
   const std::vector<worn_block>& blocks_;
-  const wear_sum sum_;
+  const erase_counts sum_;
   report& out_;
 };
 

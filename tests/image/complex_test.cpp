@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 #include <set>
@@ -84,6 +85,13 @@ TEST_F(complex, tells_before_it_happens_what_the_next_listing_drops) {
     }
   }
   EXPECT_FALSE(dropped.empty()) << document;
+  // info tells the same, behind what is wrong.
+  const json info = document_of({"info", "--ppc", "4"}, 0);
+  for (const json& one : document["result"]["checks"][0]["findings"]) {
+    EXPECT_NE(std::find(info["findings"].begin(), info["findings"].end(), one),
+              info["findings"].end())
+        << one;
+  }
   const program_result before = run({"--ppc", "4", "ls"});
   zantrolume({"4", "dir"});
   EXPECT_EQ(run({"--ppc", "4", "ls"}).out, before.out);

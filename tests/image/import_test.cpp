@@ -1,6 +1,8 @@
 // import of what the program printed on the board gives the image back.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "tests/image/image_command.h"
 #include "tests/support/stored_image.h"
 
@@ -46,6 +48,36 @@ TEST_F(import, gives_back_what_the_board_prints_and_is_silent_about_it) {
   EXPECT_EQ(document["findings"][0]["code"], "transcript-hole");
   EXPECT_EQ(document["findings"][0]["offset"], 0);
 }
+
+class import_of : public import, public testing::WithParamInterface<std::string> {};
+
+// All that is not erased of the flash, each piece by a run of its own.
+TEST_P(import_of, what_the_board_prints_of_a_stored_flash_gives_the_flash_back) {
+  constexpr size_t piece = 4096;
+  const std::string erased(piece, '\xFF');
+  install(store(GetParam()));
+  const std::string flash = contents(GetParam() + ".img");
+  std::string session = board("sread 256 32") + board("aread 20 4064");
+  for (size_t from = piece; from < flash.size(); from += piece) {
+    const size_t begin = from;
+    while (from < flash.size() && flash.compare(from, piece, erased) != 0) {
+      from += piece;
+    }
+    if (from != begin) {
+      std::ostringstream words;
+      words << "aread " << std::hex << begin << ' ' << std::dec << from - begin;
+      session += board(words.str());
+    }
+  }
+  write_whole_file(file("session.log"), session);
+  run({"import", "back.img", "session.log"});
+  EXPECT_TRUE(contents("back.img") == flash);
+}
+
+INSTANTIATE_TEST_SUITE_P(stored, import_of, testing::ValuesIn(test_support::stored_images()),
+                         [](const testing::TestParamInfo<std::string>& image) {
+                           return image.param;
+                         });
 
 TEST_F(import, minds_no_hole_behind_the_file_system) {
   install(store("basic"));

@@ -12,6 +12,7 @@ namespace {
 using json = nlohmann::ordered_json;
 using test_support::read_whole_file;
 using test_support::write_whole_file;
+using words = std::vector<std::string>;
 
 class reading_commands : public test_support::image_command {
  protected:
@@ -155,6 +156,28 @@ TEST_F(reading_commands, folders_are_copied_out) {
   output_of({"get", "-r", "basic.img", "/config", "/readme.txt", "there"});
   EXPECT_EQ(contents("there/config/deep/leaf").size(), 5U);
   EXPECT_EQ(contents("there/readme.txt").size(), 31U);
+}
+
+TEST_F(reading_commands, what_ends_with_a_slash_is_a_folder) {
+  store("basic");
+  write_whole_file(file("file"), "");
+  std::filesystem::create_directory(file("there"));
+  for (const char* host : {"none/", "file/", "none/below/"}) {
+    for (const char* option : {"-v", "-n", "-r"}) {
+      const json document = document_of({"get", "basic.img", "/readme.txt", host, option}, 8);
+      EXPECT_EQ(document["findings"][0]["path"], host);
+      EXPECT_NE(std::string(document["findings"][0]["text"]).find("there is no such folder"),
+                std::string::npos)
+          << document;
+    }
+  }
+  EXPECT_NE(run({"get", "basic.img", "/readme.txt/", "copy"}).err.find("not a directory"),
+            std::string::npos);
+  EXPECT_EQ(names(), (words{"basic.img", "file", "there"}));
+  output_of({"get", "basic.img", "/readme.txt", "there/"});
+  EXPECT_EQ(contents("there/readme.txt").size(), 31U);
+  output_of({"get", "-r", "basic.img", "/config/", "none/"});
+  EXPECT_EQ(contents("none/deep/leaf").size(), 5U);
 }
 
 TEST_F(reading_commands, what_cannot_be_copied_out_is_told) {

@@ -101,6 +101,27 @@ TEST_F(rescue_command, never_writes_its_input) {
             (std::vector<std::string>{"link.img", "no_spare.img", "other.img", "there.img"}));
 }
 
+TEST_F(rescue_command, never_writes_its_input_where_that_comes_as_standard_input) {
+  if (!emulator().empty()) {
+    GTEST_SKIP() << "the target's program has no tar";
+  }
+  store("no_spare");
+  const std::string before = contents("no_spare.img");
+  EXPECT_EQ(test_support::shell_output(
+                "cd '" + file("") + "' && '" + program_ +
+                "' -q rescue --to-tar no_spare.img --force - < no_spare.img 2>&1 | tail -n 1"),
+            "flashfs-image: error: no_spare.img: is the image itself, which is only read\n");
+  EXPECT_TRUE(contents("no_spare.img") == before);
+}
+
+TEST_F(rescue_command, tells_what_it_decides_where_the_image_is_the_answer) {
+  store("no_spare");
+  const test_support::program_result result = run({"rescue", "no_spare.img", "-o", "-"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(result.out.size(), contents("no_spare.img").size());
+  EXPECT_NE(result.err.find("mended\n"), std::string::npos) << result.err;
+}
+
 TEST_F(rescue_command, files_are_taken_out_as_extract_takes_them_out) {
   store("committed_erased");
   EXPECT_EQ(run({"check", "committed_erased.img"}).status, 4);
@@ -164,6 +185,10 @@ TEST_F(rescue_command, a_removed_file_without_room_is_left_out) {
   const json document = document_of({"rescue", "--deleted", "image", "-o", "new.img"}, 2);
   EXPECT_EQ(document["result"]["decisions"].at(0)["code"], "no-room-to-return");
   EXPECT_EQ(contents("new.img"), contents("image"));
+  // In a folder there is room.
+  EXPECT_EQ(run({"rescue", "--deleted", "image", "--to-dir", "files"}).status, 1);
+  EXPECT_EQ(contents("files/small"), "small");
+  EXPECT_TRUE(contents("files/rest") == std::string(11 * 2048, 'r'));
 }
 
 TEST_F(rescue_command, what_is_impossible_is_told_and_not_written) {
@@ -184,4 +209,7 @@ TEST_F(rescue_command, what_is_impossible_is_told_and_not_written) {
   EXPECT_NE(document["findings"].back()["text"].get<std::string>().find("no room"),
             std::string::npos);
   EXPECT_EQ(names(), (std::vector<std::string>{"full.img"}));
+  // What is only taken out needs no room.
+  EXPECT_EQ(run({"rescue", "full.img", "--to-dir", "files"}).status, 1);
+  EXPECT_TRUE(contents("files/file") == std::string(13 * 2048, 'x'));
 }

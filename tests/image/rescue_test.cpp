@@ -65,6 +65,21 @@ class rescue : public testing::Test {
     cut_behind(flash.builder().slot_at(1, 0, number), sizeof(flashfs_dir_slot), written);
   }
 
+  // Takes all blocks into use and fills every erased sector from a block on with one more file.
+  size_t fill_from(int first) {
+    flash.name(28, 4, "filler", 3);
+    uint16_t number = 0;
+    for (int block = 0; block < flash.builder().block_count(); block++) {
+      flash.set_state(block, block_in_use);
+      for (int each = 0; block >= first && each < flash.builder().sector_count(block); each++) {
+        if (sector(block, each)->fileid == 0xFFFF) {
+          flash.data(block, each, 4, number++, full);
+        }
+      }
+    }
+    return number * full.size();
+  }
+
   rescued_flash flash;
   const std::string tail = bytes_of(900, 4);
 };
@@ -132,6 +147,14 @@ TEST_F(rescue, newer_of_two_names_stands) {
   EXPECT_FALSE(flash.files().contains("file"));
 }
 
+TEST_F(rescue, number_that_a_check_gave_for_a_name_gives_way_to_a_name) {
+  flash.name(28, 5, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "00003", 0, 1800000000, 5);
+  flash.rescue();
+  EXPECT_TRUE(flash.files().contains("file"));
+  EXPECT_FALSE(flash.files().contains("lost+found/00003"));
+}
+
 TEST_F(rescue, two_entries_of_one_number_keep_their_names) {
   flash.name(28, 4, "third", 2);
   EXPECT_TRUE(has_decision(flash.rescue(), "slot-renumbered"));
@@ -155,6 +178,14 @@ TEST_F(rescue, orphan_without_any_name_comes_into_lost_and_found) {
   memset(slot(29), 0xFF, sizeof(flashfs_dir_slot));
   EXPECT_TRUE(has_decision(flash.rescue(), "orphan-relinked"));
   EXPECT_TRUE(other_full + third_full + tail == flash.files().at("lost+found/00003")) << listing();
+}
+
+TEST_F(rescue, orphan_takes_the_name_that_was_being_written) {
+  flash.name(28, 9, "found", 3);
+  cut_slot_behind(28, 62);
+  flash.data(3, 0, 9, 0, "without a name");
+  EXPECT_TRUE(has_decision(flash.rescue(), "orphan-named"));
+  EXPECT_EQ("without a name", flash.files().at("found"));
 }
 
 TEST_F(rescue, directories_in_a_circle_are_taken_out_of_it) {
@@ -202,7 +233,7 @@ TEST_F(rescue, torn_invalidation_in_front_of_its_copy_is_finished) {
 
 TEST_F(rescue, data_that_reads_as_slots_stays_data) {
   flash.set_owner(2, 0, 1);  // what was to be the first sector of a file that is emptied
-  EXPECT_TRUE(has_decision(flash.rescue(), "gap-filled"));
+  EXPECT_TRUE(has_decision(flash.rescue(), "invalidation-undone"));
   expect_all();
 }
 
@@ -305,6 +336,52 @@ TEST_F(rescue, cut_shortening_is_finished_when_something_behind_it_has_gone) {
   EXPECT_TRUE(other_full.substr(0, 300) == flash.files().at("file")) << listing();
 }
 
+TEST_F(rescue, cut_shortening_is_undone_although_a_check_has_written_slots_since) {
+  flash.data(2, 3, 3, 1, third_full.substr(0, 300));
+  flash.set_owner(2, 1, 0);
+  flash.set_owner(2, 4, 1);
+  EXPECT_TRUE(has_decision(flash.rescue(), "truncation-undone"));
+  expect_all();
+}
+
+TEST_F(rescue, cut_shortening_is_undone_whose_old_sector_was_just_going) {
+  flash.data(2, 3, 3, 1, third_full.substr(0, 300));
+  flash.set_owner(2, 1, 2);
+  flash.data(2, 4, 2, 2, "of another file");
+  flash.rescue();
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+// --- what a check was dropping, the lowest number first ---
+
+TEST_F(rescue, file_that_was_being_dropped_for_a_claim_comes_back) {
+  flash.set_owner(2, 3, 3);
+  flash.set_owner(2, 0, 0);
+  flash.set_owner(2, 1, 0);
+  flash.set_owner(2, 2, 1);  // reads as slots
+  EXPECT_TRUE(has_decision(flash.rescue(), "invalidation-undone"));
+  expect_all();
+}
+
+TEST_F(rescue, extension_over_a_hole_that_was_being_dropped_is_undone) {
+  flash.data(2, 3, 3, 3, std::string(2048, '\0'));
+  flash.data(2, 4, 3, 4, full);
+  cut_sector_behind(2, 4, 500);
+  for (int number = 0; number < 3; number++) {
+    flash.set_owner(2, number, 0);
+  }
+  flash.rescue();
+  expect_all();
+}
+
+TEST_F(rescue, sector_that_was_being_dropped_for_a_half_written_one_comes_back) {
+  flash.data(2, 3, 3, 2, full);
+  cut_sector_behind(2, 3, 700);
+  flash.set_owner(2, 2, 1);
+  flash.rescue();
+  expect_all();
+}
+
 TEST_F(rescue, cut_removal_brings_name_and_sectors_back) {
   flash.set_directory(29, 0);
   flash.set_owner(2, 0, 0);
@@ -387,6 +464,25 @@ TEST_F(rescue, room_is_made_by_moving_when_there_is_no_spare) {
   EXPECT_TRUE(other_full + third_full + full + "more" == flash.files().at("file")) << listing();
 }
 
+TEST_F(rescue, twin_of_a_block_is_the_spare_when_nothing_can_be_moved) {
+  memcpy(flash.builder().sector_at(0, 0), flash.builder().sector_at(2, 0),
+         3 * sizeof(flashfs_sector));
+  flash.set_owner(0, 0, 0);  // as a check gives up one of two equal numbers
+  flash.set_owner(0, 1, 1);
+  const size_t filled = fill_from(1);
+  EXPECT_TRUE(has_decision(flash.rescue(), "block-erased"));
+  EXPECT_EQ(filled, flash.files().at("filler").size());
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, slots_are_moved_to_free_ones_when_no_sector_is_left) {
+  const size_t filled = fill_from(1);
+  flash.builder().slot(0, 0, 31, {.seq_no = 4, .entry_fileid = 5, .name = "empty"});
+  EXPECT_TRUE(has_decision(flash.rescue(), "spare-made"));
+  EXPECT_EQ("", flash.files().at("empty"));
+  EXPECT_EQ(filled, flash.files().at("filler").size());
+}
+
 // --- removed files ---
 
 TEST_F(rescue, removed_file_comes_back_when_it_is_asked_for) {
@@ -410,6 +506,97 @@ TEST_F(rescue, removed_file_does_not_come_over_one_that_stands) {
   flash.data(3, 0, 7, 0, "another");
   flash.rescue({.deleted = true});
   EXPECT_EQ("another", flash.files().at("file"));
+}
+
+TEST_F(rescue, removed_file_comes_back_when_another_one_has_its_id) {
+  flash.set_directory(29, 0);
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(28, 3, "another", 2);
+  flash.data(2, 3, 3, 0, "of another");
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  ASSERT_EQ(1U, plan.decisions.size());
+  EXPECT_EQ(image::certainty::guessed, plan.decisions[0].sure);
+  EXPECT_EQ("of another", flash.files().at("another"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
+}
+
+TEST_F(rescue, removed_files_of_one_id_come_back_each_with_its_own) {
+  flash.name(28, 9, "first", 3, 1800000001);
+  flash.data(3, 0, 9, 0, full);
+  flash.data(3, 1, 9, 1, "end of the first");
+  flash.name(27, 9, "second", 3, 1800000002);
+  flash.data(3, 2, 9, 0, "the second");
+  flash.name(26, 9, "third", 3, 1800000003);
+  flash.data(3, 3, 9, 0, third_full);
+  flash.data(3, 4, 9, 1, "end of the third");
+  for (int s = 0; s < 5; s++) {
+    flash.set_owner(3, s, 0);
+  }
+  for (int k = 26; k <= 28; k++) {
+    flash.set_directory(k, 0);
+  }
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(third_full + "end of the third" == flash.files().at("third")) << listing();
+  EXPECT_EQ("the second", flash.files().at("second"));
+  EXPECT_TRUE(full + "end of the first" == flash.files().at("first")) << listing();
+}
+
+// What a file has lost that stands, under whatever name, is no removed file's.
+TEST_F(rescue, renamed_file_does_not_come_back_under_its_former_name) {
+  flash.name(28, 3, "renamed", 2);
+  flash.set_directory(29, 0);
+  flash.data(3, 0, 3, 2, tail);
+  flash.set_owner(3, 0, 0);
+  EXPECT_TRUE(flash.rescue({.deleted = true}).steps.empty());
+  EXPECT_FALSE(flash.files().contains("file"));
+}
+
+TEST_F(rescue, removed_directories_come_back_with_a_file_that_was_in_them) {
+  flash.name(28, 7, "outer", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 8, "inner", 0, 1800000000, 7, 0x4700);
+  flash.name(26, 9, "empty", 1, 1800000000, 7, 0x4700);
+  flash.name(25, 3, "below", 0, 1800000001, 8);
+  for (int k = 25; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_TRUE(has_decision(plan, "directory-returned"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("outer/inner/below")) << listing();
+  EXPECT_FALSE(flash.files().contains("outer/empty"));
+}
+
+TEST_F(rescue, removed_file_comes_into_a_directory_that_has_the_name_by_now) {
+  flash.name(28, 7, "folder", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  flash.name(26, 8, "folder", 4, 1800000002, 1, 0x4700);
+  flash.rescue({.deleted = true});
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("folder/below")) << listing();
+  EXPECT_EQ(3U, flash.files().size()) << listing();
+}
+
+TEST_F(rescue, removed_file_stays_where_a_file_has_the_name_of_its_directory) {
+  flash.name(28, 7, "kept", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 3, "below", 0, 1800000001, 7);
+  for (int k = 27; k <= 29; k++) {
+    flash.set_directory(k, 0);
+  }
+  for (int s = 0; s < 3; s++) {
+    flash.set_owner(2, s, 0);
+  }
+  const image::rescue_plan plan = flash.rescue({.deleted = true});
+  EXPECT_FALSE(flash.files().contains("kept/below"));
+  EXPECT_TRUE(other_full + third_full + tail == flash.files().at("file")) << listing();
 }
 
 TEST_F(rescue, what_an_empty_file_held_stands_beside_it) {
@@ -484,6 +671,49 @@ TEST_F(rescue, orphans_stand_in_the_root_when_a_file_has_the_name_of_their_direc
   flash.data(3, 0, 10, 0, "contents");
   flash.rescue();
   EXPECT_EQ("contents", flash.files().at("00008/inside"));
+}
+TEST_F(rescue, orphan_whose_number_is_a_name_in_lost_and_found_stands_beside_it) {
+  flash.name(28, 9, "lost+found", 3, 1800000000, 1, 0x4700);
+  flash.name(27, 10, "00007", 0, 1800000000, 9);
+  flash.name(26, 11, "00007-1", 1, 1800000000, 9);
+  flash.data(3, 0, 10, 0, "an earlier one");
+  flash.data(3, 1, 7, 0, "an orphan");
+  flash.rescue();
+  EXPECT_EQ("an earlier one", flash.files().at("lost+found/00007"));
+  EXPECT_EQ("an orphan", flash.files().at("lost+found/00007-2"));
+}
+
+// Names that clash, also with those that the rescue gives, in directories that stand or do not,
+// whole, torn and deleted, with and without what was removed.
+TEST_F(rescue, names_by_chance_are_mended_to_what_the_check_takes) {
+  const std::vector<uint8_t> sound = flash.device().flash().snapshot();
+  const std::vector<std::string> names = {"a", "b", "", "x/y", "\x01", "..", "kept", "lost+found"};
+  for (uint32_t seed = 0; seed < 300 && !HasFailure(); seed++) {
+    SCOPED_TRACE(seed);
+    std::mt19937 random(seed);
+    const auto below = [&](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    flash.device().flash().restore(sound);
+    for (int i = below(10); i > 0; i--) {
+      const int block = below(6);
+      const int place = below(5) + 1;
+      flash.data(block, place, below(10), below(3), bytes_of(below(2) == 0 ? 2048 : 100, seed));
+      if (below(4) == 0) {
+        flash.set_owner(block, place, below(10));
+      }
+    }
+    for (int i = below(20); i > 0; i--) {
+      const int place = below(31);
+      const uint16_t choice = below(12);
+      const std::string name =
+          choice < names.size() ? names[choice] : "0000" + std::to_string(below(10));
+      flash.name(place, below(8) + 2, name, below(12), 1800000000U + below(3),
+                 below(2) == 0 ? 1 : below(9), below(3) == 0 ? 0x4700 : 0x8700);
+      if (below(3) == 0) {
+        flash.set_directory(place, below(2) == 0 ? 0 : below(9));
+      }
+    }
+    flash.rescue({.deleted = below(2) == 0});
+  }
 }
 
 }  // namespace

@@ -6,11 +6,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
+#include <string>
 #include <thread>
 
-#include "image/options.h"
+#include "image/commands/all_commands.h"
 #include "tests/image/image_command.h"
 #include "tests/support/golden.h"
 
@@ -18,6 +21,15 @@ namespace {
 
 using json = nlohmann::ordered_json;
 using test_support::write_whole_file;
+
+size_t longest_line(const std::string& text) {
+  size_t longest = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    longest = std::max(longest, line.size());
+  }
+  return longest;
+}
 
 class safety : public test_support::image_command {
  protected:
@@ -164,16 +176,20 @@ TEST_F(safety, the_version_is_the_project_s) {
 
 TEST_F(safety, every_command_explains_itself_with_an_example) {
   const std::string help = output_of({"--help"});
-  const size_t list = help.find("Subcommands:\n");
+  const size_t list = help.find("\nCommands:\n");
   ASSERT_NE(list, std::string::npos);
-  std::istringstream lines(help.substr(list + 13));
-  int commands = 0;
+  std::istringstream lines(help.substr(list + 11));
+  size_t commands = 0;
   for (std::string line; std::getline(lines, line) && !line.empty(); ++commands) {
     const std::string name = line.substr(2, line.find(' ', 2) - 2);
-    EXPECT_NE(output_of({name, "--help"}).find("Example:\n  flashfs-image"), std::string::npos)
-        << name;
+    const std::string page = output_of({name, "--help"});
+    EXPECT_NE(page.find("Example:\n  flashfs-image"), std::string::npos) << name;
+    EXPECT_LE(longest_line(page), 80U) << page;
   }
-  EXPECT_GE(commands, 11);
+  EXPECT_EQ(commands, image::all_commands().size());
+  EXPECT_LE(longest_line(help), 80U) << help;
+  test_support::expect_golden("image_help.txt",
+                              transcript({{"--help"}, {"get", "--help"}, {"put", "--help"}}));
 }
 
 TEST_F(safety, colours_come_when_asked_for_and_never_into_files) {
