@@ -4,14 +4,13 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "flashfs/check_flags.h"
 #include "image/clock.h"
 #include "image/commands/commands.h"
 #include "image/fresh_flash.h"
 #include "image/image_draft.h"
 #include "image/interrupt.h"
-#include "image/mounted.h"
 #include "image/new_image.h"
+#include "image/session.h"
 #include "image/source.h"
 #include "image/space.h"
 #include "image/volume_tree.h"
@@ -52,16 +51,6 @@ void tell_fault(const image_draft& made, const std::string& name, report& out) {
   }
 }
 
-// As result_is_sound of session.h, but where it is: a check that has anything to change ends here.
-bool passes_check(std::span<uint8_t> bytes, const geometry& layout, report& out) {
-  mounted made(bytes, layout);
-  const bool passed = made.check(flashfs_check_full) && !made.flash().changed();
-  if (!interrupted() && !passed) {
-    out.fail(exit_status::failed, "the result does not pass the full check, so nothing is written");
-  }
-  return passed && !interrupted();
-}
-
 // Into a flash that is erased. What is wrong, for a person, or nothing.
 std::string fill(const tree& planned, const fresh_flash& flash, report& out) {
   volume::file_system system("new");
@@ -100,7 +89,7 @@ bool make(const tree& planned, const geometry& layout, const new_image& target, 
     return false;
   }
   const std::optional<std::span<uint8_t>> view = made->private_view();
-  if (view && !passes_check(*view, layout, out)) {
+  if (view && !result_is_sound(*view, layout, out)) {
     return false;
   }
   if (!view || !made->finish()) {
