@@ -107,7 +107,9 @@ constexpr machine_word zero_words_of(machine_word words) {
 static_assert(zero_words_of(lowest_bits) == 0 && zero_words_of(highest_bits) == 0);
 static_assert(zero_words_of(lowest_bits - 1) != 0 && zero_words_of(0) != 0);
 
-constexpr uint32_t stride = 4 * sizeof(machine_word);  // bytes
+// Of long runs many words are looked at together, of short ones a few.
+constexpr uint32_t long_stride = 16 * sizeof(machine_word);  // bytes
+constexpr uint32_t short_stride = 4 * sizeof(machine_word);
 
 // What stands in a part of a record, and what shall stand there.
 class part_change {
@@ -127,8 +129,11 @@ class part_change {
       offset += word_size;
     }
     const uint32_t start = offset;
-    while (all_of_stride_differ(offset)) {
-      offset += stride;
+    while (all_differ<long_stride>(offset)) {
+      offset += long_stride;
+    }
+    while (all_differ<short_stride>(offset)) {
+      offset += short_stride;
     }
     while (offset < length_ && differs(offset)) {
       offset += word_size;
@@ -166,15 +171,24 @@ class part_change {
   bool holds_machine_word(uint32_t offset) const {
     return length_ >= sizeof(machine_word) && offset <= length_ - sizeof(machine_word);
   }
-  // Most of what is written is long runs, so there several machine words are taken at once.
-  bool all_of_stride_differ(uint32_t offset) const {
+  // Whether there is a whole stride, and no word in it is as it shall be. The loops are such that a
+  // compiler makes wider steps of them, where the machine has any.
+  template <uint32_t stride>
+  bool all_differ(uint32_t offset) const {
     if (length_ < stride || offset > length_ - stride) {
       return false;
     }
+    const uint8_t* wanted = wanted_ + offset;
     machine_word zero_words = 0;
-#pragma GCC unroll 8
-    for (uint32_t i = 0; i < stride; i += sizeof(machine_word)) {
-      zero_words |= zero_words_of(difference(offset + i));
+    if (held_ == nullptr) {
+      for (uint32_t i = 0; i < stride; i += sizeof(machine_word)) {
+        zero_words |= zero_words_of(~load_machine_word(wanted + i));
+      }
+    } else {
+      const uint8_t* held = held_ + offset;
+      for (uint32_t i = 0; i < stride; i += sizeof(machine_word)) {
+        zero_words |= zero_words_of(load_machine_word(wanted + i) ^ load_machine_word(held + i));
+      }
     }
     return zero_words == 0;
   }
@@ -463,6 +477,18 @@ int write_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* se
 int update_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* held,
                   const flashfs_sector* wanted) {
   return update_sector_bytes(fs, pointer, whole_sector, held, wanted);
+}
+
+int update_claimed_sector(flashfs* fs, flashfs_sctr_ptr pointer, uint16_t held_fileid,
+                          const flashfs_sector* wanted) {
+  if (held_fileid == wanted->fileid) {
+    return update_sector_bytes(fs, pointer, all_but_fileid, nullptr,
+                               reinterpret_cast<const uint8_t*>(wanted) + all_but_fileid.offset);
+  }
+  flashfs_sector held;
+  memset(&held, flash_erased_byte, sizeof(held));
+  held.fileid = held_fileid;
+  return update_sector(fs, pointer, &held, wanted);
 }
 
 int write_sector_copy(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* sector) {

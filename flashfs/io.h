@@ -88,6 +88,9 @@ constexpr uint32_t round_up_to_words(uint32_t bytes) {
 // words would be left out.
 [[nodiscard]] int write_sector_copy(flashfs* fs, flashfs_sctr_ptr pointer,
                                     const flashfs_sector* sector);
+// The same for a sector that was claimed: erased but for its owner, which is the one read there.
+[[nodiscard]] int update_claimed_sector(flashfs* fs, flashfs_sctr_ptr pointer, uint16_t held_fileid,
+                                        const flashfs_sector* wanted);
 // Reads one slot of a directory sector; updates it as update_sector.
 [[nodiscard]] int read_slot(flashfs* fs, flashfs_sctr_ptr pointer, uint8_t slot_no,
                             flashfs_dir_slot* slot);

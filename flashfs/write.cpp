@@ -32,36 +32,34 @@ void erase_buffer(flashfs_sector* sector) {
   ifs_runtime::memset(sector, flash_erased_byte, sizeof(*sector));
 }
 
-// Writes a sector of a file to a place whose contents are known (null: erased).
-int write_data_sector(flashfs* fs, flashfs_sctr_ptr pointer, const flashfs_sector* held,
-                      flashfs_sector* sector) {
-  sector_set_checksum(sector);
-  return update_sector(fs, pointer, held, sector);
-}
-
-// What stands in a sector that was reserved: its owner, and nothing else.
-int read_reserved(flashfs* fs, const flashfs_sctr_list_ordered* entry, flashfs_sector* held) {
-  erase_buffer(held);
-  return read_sector(fs, entry->sctr_ptr, held, only_fileid);
+// Who owns a sector that was reserved: nothing else stands in it.
+int read_owner(flashfs* fs, const flashfs_sctr_list_ordered* entry, uint16_t* fileid) {
+  flashfs_sector held;
+  if (read_sector(fs, entry->sctr_ptr, &held, only_fileid) != 0) {
+    return 1;
+  }
+  *fileid = held.fileid;
+  return 0;
 }
 
 // Writes a sector that was reserved for the file, in the place reserved.
 int write_reserved(const write_request& request, flashfs_sctr_list_ordered* entry,
-                   const flashfs_sector& held, uint32_t bytes_used) {
+                   uint16_t held_fileid, uint32_t bytes_used) {
   entry->slot_no = slot_of_sector;
   request.buffer->fileid = request.open->file->fileid;
   request.buffer->count = static_cast<uint16_t>(bytes_used);
   request.buffer->seq_no = entry->seq_no;
-  return write_data_sector(request.fs, entry->sctr_ptr, &held, request.buffer);
+  sector_set_checksum(request.buffer);
+  return update_claimed_sector(request.fs, entry->sctr_ptr, held_fileid, request.buffer);
 }
 
 int write_zero_sector(const write_request& request, flashfs_sctr_list_ordered* entry) {
-  flashfs_sector held;
-  if (read_reserved(request.fs, entry, &held) != 0) {
+  uint16_t held_fileid = fileid_available;
+  if (read_owner(request.fs, entry, &held_fileid) != 0) {
     return 1;
   }
   memset(request.buffer->data, 0, sector_data_size);
-  return write_reserved(request, entry, held, sector_data_size);
+  return write_reserved(request, entry, held_fileid, sector_data_size);
 }
 
 // Goes to the sector with an index. Reserved ones on the way become zeros, so that a hole reads as
@@ -81,15 +79,23 @@ int fill_holes_before(const write_request& request, uint32_t index, list_place* 
 
 int overwrite_reserved(const write_request& request, flashfs_sctr_list_ordered* entry,
                        uint32_t offset, const uint8_t* data, uint32_t length) {
-  flashfs_sector held;
-  if (read_reserved(request.fs, entry, &held) != 0) {
+  uint16_t held_fileid = fileid_available;
+  if (read_owner(request.fs, entry, &held_fileid) != 0) {
     return 1;
   }
-  erase_buffer(request.buffer);
-  const bool claim_was_lost = offset == 0 && held.fileid == fileid_available;
-  memset(request.buffer->data, 0, claim_was_lost ? sector_data_size : offset);
-  memcpy(request.buffer->data + offset, data, length);
-  return write_reserved(request, entry, held, offset + length);
+  const bool claim_was_lost = offset == 0 && held_fileid == fileid_available;
+  uint8_t* bytes = request.buffer->data;
+  memset(bytes, 0, offset);
+  memcpy(bytes + offset, data, length);
+  memset(bytes + offset + length, claim_was_lost ? 0 : flash_erased_byte,
+         sector_data_size - offset - length);
+  return write_reserved(request, entry, held_fileid, offset + length);
+}
+
+// Writes what stands nowhere yet.
+int write_fresh_sector(flashfs* fs, flashfs_sctr_ptr pointer, flashfs_sector* sector) {
+  sector_set_checksum(sector);
+  return update_sector(fs, pointer, nullptr, sector);
 }
 
 // Reads what a write of these bytes of a sector's data leaves as it is, and its owner. Whole words:
@@ -120,7 +126,7 @@ int overwrite_written(const write_request& request, flashfs_sctr_list_ordered* e
   }
   memcpy(buffer->data + offset, data, length);
   buffer->count = static_cast<uint16_t>(std::max(sector_bytes_used(buffer), offset + length));
-  if (write_data_sector(fs, fresh, nullptr, buffer) != 0 ||
+  if (write_fresh_sector(fs, fresh, buffer) != 0 ||
       obsolete_sector(fs, entry->sctr_ptr, buffer->fileid) != 0) {
     return 1;
   }
@@ -236,7 +242,7 @@ int shorten_sector(flashfs* fs, const flashfs_sctr_map* file, flashfs_sctr_list_
   } else {
     memset(shortened->data + kept_bytes, flash_erased_byte, sector_data_size - kept_bytes);
   }
-  if (write_data_sector(fs, fresh, nullptr, shortened) != 0 ||
+  if (write_fresh_sector(fs, fresh, shortened) != 0 ||
       obsolete_sector(fs, entry->sctr_ptr, shortened->fileid) != 0) {
     return 1;
   }

@@ -186,4 +186,8 @@ bool flash_file::replace(std::span<const uint8_t> contents, bool dry_run, std::s
   return replace_file(opened_.get(), real_path_, contents, dry_run, why);
 }
 
+std::optional<unfinished_file> flash_file::begin_to_replace(std::string* why) const {
+  return unfinished_file::begin_in_place_of(opened_.get(), real_path_, why);
+}
+
 }  // namespace image

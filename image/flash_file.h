@@ -42,6 +42,8 @@ class flash_file {
   // says.
   [[nodiscard]] bool replace(std::span<const uint8_t> contents, bool dry_run,
                              std::string* why) const;
+  // The same for contents that are still to be made.
+  std::optional<unfinished_file> begin_to_replace(std::string* why) const;
 
  private:
   flash_file() = default;

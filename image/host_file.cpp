@@ -21,6 +21,7 @@ namespace {
 constexpr mode_t mode_of_new_files = 0666;
 constexpr mode_t mode_bits = 07777;
 constexpr int look_for_signals_milliseconds = 100;
+constexpr const char* no_file_beside = "no file can be made beside it";
 
 std::string folder_of(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -46,83 +47,9 @@ bool wait_for_input(int from) {
   return false;
 }
 
-// A file beside another one, that is removed unless it takes that one's name.
-class temporary_file {
- public:
-  explicit temporary_file(const std::string& beside)
-      : path_(folder_of(beside) + "/." + name_of(beside) + ".XXXXXX"),
-        opened_(mkostemp(path_.data(), O_CLOEXEC)) {
-    if (opened_) {
-      remove_when_ended(path_.c_str());
-    }
-  }
-  ~temporary_file() {
-    if (opened_ && !named_) {
-      unlink(path_.c_str());
-    }
-    remove_when_ended(nullptr);
-  }
-  temporary_file(const temporary_file&) = delete;
-  temporary_file& operator=(const temporary_file&) = delete;
-
-  bool made() const {
-    return static_cast<bool>(opened_);
-  }
-  int get() const {
-    return opened_.get();
-  }
-  // Gives it the name, in place of what has it, or only if nothing has it.
-  bool take_name(const std::string& name, bool replacing) {
-    named_ = (replacing ? rename(path_.c_str(), name.c_str()) : rename_new(name)) == 0;
-    return named_;
-  }
-
- private:
-  int rename_new(const std::string& name) {
-    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
-      return 0;
-    }
-    if (errno != EINVAL && errno != ENOSYS) {
-      return -1;
-    }
-    // A file system that cannot do both at once.
-    struct stat there = {};
-    if (lstat(name.c_str(), &there) == 0) {
-      errno = EEXIST;
-      return -1;
-    }
-    return rename(path_.c_str(), name.c_str());
-  }
-
-  std::string path_;
-  descriptor opened_;
-  bool named_ = false;
-};
-
 bool sync_folder(const std::string& path) {
   const descriptor folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return folder && (fsync(folder.get()) == 0 || errno == EINVAL);
-}
-
-// Writes, dates, syncs and names; mode and owner have been set.
-bool finish_file(temporary_file* made, const std::string& path, const file_writer& contents,
-                 const file_options& options, std::string* why) {
-  if (std::string fault = contents(made->get()); !fault.empty()) {
-    return refuse(why, fault);
-  }
-  const timespec dates[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(options.date.value_or(0)), 0}};
-  if ((options.date && futimens(made->get(), dates) != 0) ||
-      (options.durable && fsync(made->get()) != 0)) {
-    return refuse_errno(why, "cannot be written");
-  }
-  if (interrupted()) {
-    return refuse(why, "interrupted before it was written");
-  }
-  if (!made->take_name(path, options.replaces)) {
-    return refuse_errno(why, "cannot be written");
-  }
-  return !options.durable || sync_folder(folder_of(path)) ||
-         refuse_errno(why, "is written, perhaps not for good");
 }
 
 // umask can only be read by setting it.
@@ -166,6 +93,27 @@ bool may_go(const struct stat& there, const file_options& options, std::string* 
          refuse(why, S_ISCHR(there.st_mode) || S_ISFIFO(there.st_mode) || S_ISLNK(there.st_mode)
                          ? "is there and is not a regular file; '-' is standard output"
                          : "is there and is not a regular file");
+}
+
+// What unfinished_file::begin would meet.
+bool can_be_written(const std::string& path, const file_options& options, std::string* why) {
+  struct stat there = {};
+  return (lstat(path.c_str(), &there) != 0 || may_go(there, options, why)) &&
+         can_be_beside(path, "cannot be made", why);
+}
+
+// What unfinished_file::begin_in_place_of would meet.
+bool can_be_replaced(int opened, const std::string& path, std::string* why) {
+  struct stat before = {};
+  return fstat(opened, &before) == 0 ? can_be_beside(path, no_file_beside, why)
+                                     : refuse_errno(why, "cannot be looked at");
+}
+
+bool fill_and_finish(unfinished_file* made, const file_writer& contents, std::string* why) {
+  if (const std::string fault = contents(made->get()); !fault.empty()) {
+    return refuse(why, fault);
+  }
+  return made->finish(why);
 }
 
 }  // namespace
@@ -232,6 +180,33 @@ bool write_all(int to, std::string_view bytes) {
   return write_all(to, {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
 }
 
+bool write_all_at(int to, off_t offset, std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t put = pwrite(to, bytes.data(), bytes.size(), offset);
+    if (put < 0 && (errno != EINTR || interrupted())) {
+      return false;
+    }
+    bytes = bytes.subspan(static_cast<size_t>(put > 0 ? put : 0));
+    offset += put > 0 ? put : 0;
+  }
+  return true;
+}
+
+bool read_all_at(int from, off_t offset, std::span<uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t got = pread(from, bytes.data(), bytes.size(), offset);
+    if (got == 0) {
+      errno = EIO;
+    }
+    if (got == 0 || (got < 0 && (errno != EINTR || interrupted()))) {
+      return false;
+    }
+    bytes = bytes.subspan(static_cast<size_t>(got > 0 ? got : 0));
+    offset += got > 0 ? got : 0;
+  }
+  return true;
+}
+
 std::optional<file_identity> identity_at(int folder, const std::string& name) {
   struct stat status = {};
   if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -240,32 +215,151 @@ std::optional<file_identity> identity_at(int folder, const std::string& name) {
   return file_identity{status.st_dev, status.st_ino};
 }
 
+// A file beside another one, that is removed unless it takes that one's name.
+class unfinished_file::temporary_file {
+ public:
+  explicit temporary_file(const std::string& beside)
+      : path_(folder_of(beside) + "/." + name_of(beside) + ".XXXXXX"),
+        opened_(mkostemp(path_.data(), O_CLOEXEC)) {
+    if (opened_) {
+      remove_when_ended(path_.c_str());
+    }
+  }
+  ~temporary_file() {
+    if (opened_ && !named_) {
+      unlink(path_.c_str());
+    }
+    remove_when_ended(nullptr);
+  }
+  temporary_file(const temporary_file&) = delete;
+  temporary_file& operator=(const temporary_file&) = delete;
+
+  bool made() const {
+    return static_cast<bool>(opened_);
+  }
+  int get() const {
+    return opened_.get();
+  }
+  // Gives it the name, in place of what has it, or only if nothing has it.
+  bool take_name(const std::string& name, bool replacing) {
+    named_ = (replacing ? rename(path_.c_str(), name.c_str()) : rename_new(name)) == 0;
+    return named_;
+  }
+
+ private:
+  int rename_new(const std::string& name) {
+    if (renameat2(AT_FDCWD, path_.c_str(), AT_FDCWD, name.c_str(), RENAME_NOREPLACE) == 0) {
+      return 0;
+    }
+    if (errno != EINVAL && errno != ENOSYS) {
+      return -1;
+    }
+    // A file system that cannot do both at once.
+    struct stat there = {};
+    if (lstat(name.c_str(), &there) == 0) {
+      errno = EEXIST;
+      return -1;
+    }
+    return rename(path_.c_str(), name.c_str());
+  }
+
+  std::string path_;
+  descriptor opened_;
+  bool named_ = false;
+};
+
+unfinished_file::unfinished_file(std::unique_ptr<temporary_file> made, std::string path,
+                                 file_options options)
+    : made_(std::move(made)), path_(std::move(path)), options_(options) {}
+unfinished_file::~unfinished_file() = default;
+unfinished_file::unfinished_file(unfinished_file&& other) noexcept = default;
+unfinished_file& unfinished_file::operator=(unfinished_file&& other) noexcept = default;
+
+std::optional<unfinished_file> unfinished_file::begin(const std::string& path,
+                                                      const file_options& options,
+                                                      std::string* why) {
+  struct stat there = {};
+  const bool exists = lstat(path.c_str(), &there) == 0;
+  if (exists && !may_go(there, options, why)) {
+    return std::nullopt;
+  }
+  auto made = std::make_unique<temporary_file>(path);
+  if (!made->made()) {
+    refuse_errno(why, "cannot be made");
+    return std::nullopt;
+  }
+  const mode_t mode = options.mode ? *options.mode
+                      : exists     ? there.st_mode & mode_bits
+                                   : mode_unmasked();
+  if (fchmod(made->get(), mode) != 0) {
+    refuse_errno(why, "cannot be given its mode");
+    return std::nullopt;
+  }
+  unfinished_file begun(std::move(made), path, options);
+  begun.options_.durable = options.durable || exists;
+  return begun;
+}
+
+std::optional<unfinished_file> unfinished_file::begin_in_place_of(int opened,
+                                                                  const std::string& path,
+                                                                  std::string* why) {
+  struct stat before = {};
+  if (fstat(opened, &before) != 0) {
+    refuse_errno(why, "cannot be looked at");
+    return std::nullopt;
+  }
+  auto made = std::make_unique<temporary_file>(path);
+  if (!made->made()) {
+    refuse_errno(why, no_file_beside);
+    return std::nullopt;
+  }
+  struct stat now = {};
+  if (fstat(made->get(), &now) != 0) {
+    refuse_errno(why, "cannot be written");
+    return std::nullopt;
+  }
+  if ((now.st_uid != before.st_uid || now.st_gid != before.st_gid) &&
+      fchown(made->get(), before.st_uid, before.st_gid) != 0) {
+    refuse_errno(why, "its owner cannot be kept");
+    return std::nullopt;
+  }
+  // After the owner, whose change takes bits away.
+  if (fchmod(made->get(), before.st_mode & mode_bits) != 0) {
+    refuse_errno(why, "its mode cannot be kept");
+    return std::nullopt;
+  }
+  return unfinished_file(std::move(made), path, {.replaces = true});
+}
+
+int unfinished_file::get() const {
+  return made_->get();
+}
+
+bool unfinished_file::finish(std::string* why) {
+  const timespec dates[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(options_.date.value_or(0)), 0}};
+  if ((options_.date && futimens(get(), dates) != 0) || (options_.durable && fsync(get()) != 0)) {
+    return refuse_errno(why, "cannot be written");
+  }
+  if (interrupted()) {
+    return refuse(why, "interrupted before it was written");
+  }
+  if (!made_->take_name(path_, options_.replaces)) {
+    return refuse_errno(why, "cannot be written");
+  }
+  return !options_.durable || sync_folder(folder_of(path_)) ||
+         refuse_errno(why, "is written, perhaps not for good");
+}
+
 bool write_file(const std::string& path, const file_writer& contents, const file_options& options,
                 std::string* why) {
   if (path == "-") {
     return to_standard_output(contents, options, why);
   }
-  struct stat there = {};
-  const bool exists = lstat(path.c_str(), &there) == 0;
-  if (exists && !may_go(there, options, why)) {
-    return false;
-  }
   if (options.dry_run) {
-    return can_be_beside(path, "cannot be made", why);
+    return can_be_written(path, options, why);
   }
-  temporary_file made(path);
-  if (!made.made()) {
-    return refuse_errno(why, "cannot be made");
-  }
-  const mode_t mode = options.mode ? *options.mode
-                      : exists     ? there.st_mode & mode_bits
-                                   : mode_unmasked();
-  if (fchmod(made.get(), mode) != 0) {
-    return refuse_errno(why, "cannot be given its mode");
-  }
-  file_options finish = options;
-  finish.durable = options.durable || exists;
-  return finish_file(&made, path, contents, finish, why);
+  std::optional<unfinished_file> made = unfinished_file::begin(path, options, why);
+  return made && fill_and_finish(&*made, contents, why);
 }
 
 bool write_file(const std::string& path, std::span<const uint8_t> contents,
@@ -275,31 +369,11 @@ bool write_file(const std::string& path, std::span<const uint8_t> contents,
 
 bool replace_file(int opened, const std::string& path, std::span<const uint8_t> contents,
                   bool dry_run, std::string* why) {
-  struct stat before = {};
-  if (fstat(opened, &before) != 0) {
-    return refuse_errno(why, "cannot be looked at");
-  }
-  constexpr const char* not_beside = "no file can be made beside it";
   if (dry_run) {
-    return can_be_beside(path, not_beside, why);
+    return can_be_replaced(opened, path, why);
   }
-  temporary_file made(path);
-  if (!made.made()) {
-    return refuse_errno(why, not_beside);
-  }
-  struct stat now = {};
-  if (fstat(made.get(), &now) != 0) {
-    return refuse_errno(why, "cannot be written");
-  }
-  if ((now.st_uid != before.st_uid || now.st_gid != before.st_gid) &&
-      fchown(made.get(), before.st_uid, before.st_gid) != 0) {
-    return refuse_errno(why, "its owner cannot be kept");
-  }
-  // After the owner, whose change takes bits away.
-  if (fchmod(made.get(), before.st_mode & mode_bits) != 0) {
-    return refuse_errno(why, "its mode cannot be kept");
-  }
-  return finish_file(&made, path, writer_of(contents), {.replaces = true}, why);
+  std::optional<unfinished_file> made = unfinished_file::begin_in_place_of(opened, path, why);
+  return made && fill_and_finish(&*made, writer_of(contents), why);
 }
 
 std::string objection_to_output(const std::string& path, bool json) {

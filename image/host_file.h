@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -50,6 +51,9 @@ class descriptor {
 // All of it. False with errno, EINTR after a signal that ends the run.
 [[nodiscard]] bool write_all(int to, std::span<const uint8_t> bytes);
 [[nodiscard]] bool write_all(int to, std::string_view bytes);
+// The same at a place of a file. What lies beyond the end cannot be read: EIO.
+[[nodiscard]] bool write_all_at(int to, off_t offset, std::span<const uint8_t> bytes);
+[[nodiscard]] bool read_all_at(int from, off_t offset, std::span<uint8_t> bytes);
 
 // What makes two names one file.
 struct file_identity {
@@ -71,6 +75,34 @@ struct file_options {
   std::optional<file_identity> never = {};  // the file that must stay, whatever its name
   std::optional<uint32_t> mode = {};        // none: the old file's, or what the umask leaves
   std::optional<uint32_t> date = {};        // seconds since 1970; none: now
+};
+
+// A file that is being written: until it is finished it lies beside its name under another one, and
+// without that it is gone with this object. For what is looked at before it takes its name.
+class unfinished_file {
+ public:
+  // As write_file, but for "-" and dry runs. Nothing, with the reason, when it cannot be made.
+  static std::optional<unfinished_file> begin(const std::string& path, const file_options& options,
+                                              std::string* why);
+  // As replace_file.
+  static std::optional<unfinished_file> begin_in_place_of(int opened, const std::string& path,
+                                                          std::string* why);
+  ~unfinished_file();
+  unfinished_file(unfinished_file&& other) noexcept;
+  unfinished_file& operator=(unfinished_file&& other) noexcept;
+
+  // Open to be read and written.
+  int get() const;
+  // It gets its date and its name. False, with the reason, when that cannot be; as write_file.
+  [[nodiscard]] bool finish(std::string* why);
+
+ private:
+  class temporary_file;
+  unfinished_file(std::unique_ptr<temporary_file> made, std::string path, file_options options);
+
+  std::unique_ptr<temporary_file> made_;
+  std::string path_;
+  file_options options_;
 };
 
 // Says why something cannot be; false. The second one adds the text of errno.

@@ -25,6 +25,8 @@ struct chunk {
   uint64_t words[4];
 };
 
+}  // namespace
+
 void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length) {
   uint32_t i = 0;
   for (; length - i >= sizeof(chunk); i += sizeof(chunk)) {
@@ -43,14 +45,8 @@ void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length) {
   }
 }
 
-}  // namespace
-
 memory_flash::memory_flash(std::span<uint8_t> bytes, const geometry& layout)
-    : bytes_(bytes),
-      layout_(layout),
-      blocks_(block_table(layout)),
-      driver_(),
-      blank_(blocks_.size(), false) {
+    : bytes_(bytes), layout_(layout), blocks_(block_table(layout)), driver_() {
   driver_.read = [](const void* handle, uint32_t offset, uint32_t length, void* buffer) {
     return flash_of(handle).read(offset, length, buffer);
   };
@@ -144,7 +140,6 @@ flash_return_code memory_flash::write(uint32_t offset, uint32_t length, const vo
   }
   // As the device does it: a bit that only an erase could set stays as it is, and nobody is told.
   clear_bits(held, wanted, length);
-  mark_programmed(offset, length);
   changed_ = true;
   if (changes_ != nullptr) {
     changes_->program(offset, {wanted, length});
@@ -160,13 +155,6 @@ size_t memory_flash::block_at(uint32_t offset) const {
   return static_cast<size_t>(behind - blocks_.begin()) - 1;
 }
 
-void memory_flash::mark_programmed(uint32_t offset, uint32_t length) {
-  for (size_t i = block_at(offset); i < blocks_.size() && blocks_[i].offset < offset + length;
-       ++i) {
-    blank_[i] = false;
-  }
-}
-
 flash_return_code memory_flash::erase(uint32_t offset) {
   if (!holds(offset, 1)) {
     return flash_illegal_operation;
@@ -180,10 +168,7 @@ flash_return_code memory_flash::erase(uint32_t offset) {
   if (changes_ != nullptr) {
     changes_->erase(offset);
   }
-  if (!blank_[number]) {
-    std::memset(bytes_.data() + offset, flash_erased_byte, block.size);
-    blank_[number] = true;
-  }
+  std::memset(bytes_.data() + offset, flash_erased_byte, block.size);
   erased_blocks_.insert(static_cast<uint32_t>(number));
   changed_ = true;
   return flash_ok;

@@ -14,6 +14,10 @@
 
 namespace image {
 
+// Programs: clears every bit of what is held that is clear in what is wanted. Nobody is told of a
+// bit that only an erase could set.
+void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length);
+
 class memory_flash {
  public:
   // The bytes are as many as the geometry has, and live as long as this object.
@@ -54,10 +58,6 @@ class memory_flash {
   // or at its neighbours.
   using source = std::function<void(uint32_t offset, std::span<uint8_t> to)>;
   void fill_from(source bytes);
-  // Tells that all bytes are erased, so that an erase of what still is has nothing to do.
-  void is_all_erased() {
-    blank_.assign(blocks_.size(), true);
-  }
   // All changes go into the list, too, from now on; it must live as long.
   void keep_changes(change_list* list) {
     changes_ = list;
@@ -70,7 +70,6 @@ class memory_flash {
   void fill(uint32_t offset, uint32_t length);
   void mark_filled(uint32_t offset, uint32_t length);
   size_t block_at(uint32_t offset) const;
-  void mark_programmed(uint32_t offset, uint32_t length);
   bool holds(uint32_t offset, uint32_t length) const;
   static memory_flash& flash_of(const void* handle);
 
@@ -80,7 +79,6 @@ class memory_flash {
   flash_driver_info driver_;
   bool changed_ = false;
   std::set<uint32_t> erased_blocks_;
-  std::vector<bool> blank_;  // by block: known to be erased to the last byte
   uint64_t bytes_read_ = 0;
   source source_;             // empty: all bytes are there
   std::vector<bool> filled_;  // by granule

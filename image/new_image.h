@@ -5,10 +5,10 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <vector>
 
 #include "image/geometry.h"
 #include "image/globals.h"
+#include "image/host_file.h"
 #include "image/report.h"
 
 namespace image {
@@ -25,8 +25,10 @@ struct new_image {
 [[nodiscard]] std::optional<geometry> plan_new_image(const new_image& planned, const globals& all,
                                                      report& out);
 
-// The bytes of a flash that nothing has been written to.
-[[nodiscard]] std::vector<uint8_t> erased_flash(const geometry& layout);
+// Whether it takes the place of an image that somebody may be at work on; if not, how its file is
+// made.
+[[nodiscard]] bool replaces_an_image(const new_image& planned);
+[[nodiscard]] file_options options_of_new_image(const new_image& planned, bool dry_run);
 
 // Writes it, unless --dry-run; in place of one that is there, when nobody has that locked. False
 // after a failure, which is told, or a signal.

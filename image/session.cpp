@@ -172,8 +172,8 @@ std::unique_ptr<session> session::to_read(const globals& options, const std::str
 
 // A device is slow: what nobody asks for is not read.
 void session::mount_complex() {
-  copy_.resize(static_cast<size_t>(size_bytes(layout())));
-  mounted_ = std::make_unique<class mounted>(copy_, layout());
+  looked_at_.resize(static_cast<size_t>(size_bytes(layout())));
+  mounted_ = std::make_unique<class mounted>(looked_at_, layout());
   mounted_->flash().fill_from([complex = image_.complex](uint32_t offset, std::span<uint8_t> to) {
     complex->read(offset, to);
   });
@@ -217,8 +217,14 @@ std::unique_ptr<session> session::to_edit(const globals& options, const std::str
     return nullptr;
   }
   std::unique_ptr<session> made(new session(options, std::move(*opened)));
-  made->copy_.assign(made->contents().begin(), made->contents().end());
-  made->mounted_ = std::make_unique<class mounted>(made->copy_, made->layout());
+  std::string why;
+  const std::optional<std::span<uint8_t>> view = made->image_.private_view(&why);
+  if (!view) {
+    refuse(name, why, out);
+    return nullptr;
+  }
+  made->edited_ = *view;
+  made->mounted_ = std::make_unique<class mounted>(made->edited_, made->layout());
   if (made->image_.complex) {
     made->mounted_->flash().keep_changes(&made->changes_);
   }
@@ -269,7 +275,7 @@ bool session::check_for_editing(bool force, report& out) {
 // shows: reading a damaged file would mark it down.
 std::vector<finding> session::repairs_made() {
   const records before = read_records(contents(), layout());
-  const records after = read_records(copy_, layout());
+  const records after = read_records(edited_, layout());
   return report_check({.before = before,
                        .after = after,
                        .passed = true,
@@ -279,11 +285,11 @@ std::vector<finding> session::repairs_made() {
 
 bool session::commit(report& out) {
   return static_cast<int>(out.status()) <= static_cast<int>(exit_status::partial) &&
-         write_result(options_, image_, copy_, out, &changes_);
+         write_result(options_, image_, edited_, out, &changes_);
 }
 
-bool write_result(const globals& options, const opened_image& image,
-                  std::span<const uint8_t> contents, report& out, const change_list* in_order) {
+bool write_result(const globals& options, const opened_image& image, std::span<uint8_t> contents,
+                  report& out, const change_list* in_order) {
   return result_is_sound(contents, image.layout, out) &&
          write_checked(options, image, contents, out, in_order);
 }
@@ -321,9 +327,8 @@ bool write_checked(const globals& options, const opened_image& image,
   return true;
 }
 
-bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout, report& out) {
-  std::vector<uint8_t> copy(contents.begin(), contents.end());
-  mounted again(copy, layout);
+bool result_is_sound(std::span<uint8_t> contents, const geometry& layout, report& out) {
+  mounted again(contents, layout);
   const bool passed = again.check(flashfs_check_full);
   if (interrupted()) {
     return false;

@@ -100,17 +100,19 @@ class session {
 
   const globals options_;
   opened_image image_;
-  std::vector<uint8_t> copy_;  // of an edit, and of what was looked at of a complex
-  change_list changes_;        // of an edit on a complex
+  std::vector<uint8_t> looked_at_;  // what a reading session has had of a complex
+  std::span<uint8_t> edited_;       // of the image, in its private view
+  change_list changes_;             // of an edit on a complex
   std::unique_ptr<class mounted> mounted_;
 };
 
 // Puts other contents in place of an image that was opened to be edited, or into --output, once
 // they have passed the full check without a change; with --dry-run, and where nothing has changed,
-// nothing is written. On a complex the changes of the list are made in their order, where there is
-// one; else see complex_edit.h. False when it could not be, which is told.
+// nothing is written. They are checked where they are: if not sound, they are changed by that. On a
+// complex the changes of the list are made in their order, where there is one; else see
+// complex_edit.h. False when it could not be, which is told.
 [[nodiscard]] bool write_result(const globals& options, const opened_image& image,
-                                std::span<const uint8_t> contents, report& out,
+                                std::span<uint8_t> contents, report& out,
                                 const change_list* in_order = nullptr);
 
 // The same for contents that have been checked already.
@@ -118,8 +120,9 @@ class session {
                                  std::span<const uint8_t> contents, report& out,
                                  const change_list* in_order = nullptr);
 
-// Whether the contents of an image pass the full check without a change; told if not.
-[[nodiscard]] bool result_is_sound(std::span<const uint8_t> contents, const geometry& layout,
+// Whether the contents of an image pass the full check without a change; told if not, and then they
+// are what the check made of them.
+[[nodiscard]] bool result_is_sound(std::span<uint8_t> contents, const geometry& layout,
                                    report& out);
 
 }  // namespace image

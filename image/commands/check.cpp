@@ -64,7 +64,7 @@ class checker {
       return;
     }
     if (options_.repair && decisive.changes) {
-      repair(decisive);
+      repair(&decisive);
     } else if (options_.repair && !all_.output.empty()) {
       // The new image is wanted all the same; what keeps it from being written is told.
       static_cast<void>(write_checked(all_, opened_, opened_.contents(), out_));
@@ -151,19 +151,19 @@ class checker {
     }
   }
 
-  void repair(const tried_check& tried) {
+  void repair(tried_check* tried) {
     if (opened_.geometry_is_doubted && !options_.force) {
       out_.fail(exit_status::faults,
                 "not repaired as what --geometry says, which its headers contradict; --force "
                 "does it",
                 opened_.name);
-    } else if (tried.loses && !options_.force) {
+    } else if (tried->loses && !options_.force) {
       out_.fail(exit_status::faults,
                 "not repaired: that would drop what still is good; --force does it", opened_.name);
-    } else if (write_result(all_, opened_, tried.result, out_, &tried.order)) {
+    } else if (write_result(all_, opened_, tried->result, out_, &tried->order)) {
       out_.print(all_.dry_run ? "it would be repaired\n" : "repaired\n");
       out_.raise(exit_status::changed);
-      look_again(tried.result);
+      look_again(tried->result);
     }
   }
 

@@ -1,20 +1,20 @@
 // create: makes a new image, with the files of a folder or an archive in it. The same files give
 // the same bytes: all that is written carries the dates of the source, and every block is new.
 #include <algorithm>
-#include <cstddef>
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "flashfs/check_flags.h"
-#include "flashfs/format.h"
 #include "image/clock.h"
 #include "image/commands/commands.h"
+#include "image/fresh_flash.h"
+#include "image/image_draft.h"
 #include "image/interrupt.h"
-#include "image/mounted.h"
 #include "image/new_image.h"
+#include "image/session.h"
 #include "image/source.h"
 #include "image/space.h"
 #include "image/volume_tree.h"
+#include "volume/volume.h"
 
 namespace image {
 
@@ -44,46 +44,59 @@ std::optional<uint32_t> newest_date(const tree& planned) {
   return newest;
 }
 
-// Filling an image to its last sectors reclaims blocks. No flash has been erased for that yet: the
-// counts, which no checksum covers, begin at 0.
-void forget_erasures(std::span<uint8_t> bytes, const geometry& layout) {
-  for (const flash_block_info& block : block_table(layout)) {
-    if (block.skip == 0) {
-      std::fill_n(bytes.begin() + block.offset + offsetof(flashfs_blkheader, erase_count),
-                  sizeof(flashfs_blkheader::erase_count), uint8_t{0});
-    }
+// What has kept it from being written, unless that was a signal.
+void tell_fault(const image_draft& made, const std::string& name, report& out) {
+  if (!interrupted()) {
+    out.fail(exit_status::failed, made.fault(), name);
   }
 }
 
-// As result_is_sound of session.h, but where it is: a check that has anything to change ends here.
-bool passes_check(mounted* made, report& out) {
-  const bool passed = made->check(flashfs_check_full);
-  if (!interrupted() && (!passed || made->flash().changed())) {
-    out.fail(exit_status::failed, "the result does not pass the full check, so nothing is written");
+// Into a flash that is erased. What is wrong, for a person, or nothing.
+std::string fill(const tree& planned, const fresh_flash& flash, report& out) {
+  volume::file_system system("new");
+  if (system.attach({{flash.driver(), flash.handle()}}) < 0 || system.files::format() != 0) {
+    return "no file system can be made in this geometry";
   }
-  return passed && !made->flash().changed() && !interrupted();
+  return write_volume(planned, system, [&out](uint64_t done, uint64_t total) {
+    out.progress("writing", done, total);
+    return !interrupted();
+  });
 }
 
-// Into erased bytes. False after a message, or when a signal has come.
-bool fill(const tree& planned, const geometry& layout, std::span<uint8_t> bytes, report& out) {
+// All of it: files, and what is erased. False after a message, or when a signal has come.
+bool fill(const tree& planned, const geometry& layout, const std::string& name, image_draft* made,
+          report& out) {
+  fresh_flash flash(layout, made);
   clock_set(newest_date(planned));
-  mounted made(bytes, layout);
-  made.flash().is_all_erased();
-  if (!made.format()) {
-    out.fail(exit_status::failed, "no file system can be made in this geometry");
+  const std::string fault = fill(planned, flash, out);
+  clock_set(std::nullopt);
+  if ((fault.empty() && !flash.finish()) || !made->fault().empty()) {
+    tell_fault(*made, name, out);
     return false;
   }
-  const std::string fault =
-      write_volume(planned, made.files(), [&out](uint64_t done, uint64_t total) {
-        out.progress("writing", done, total);
-        return !interrupted();
-      });
-  clock_set(std::nullopt);
   if (!fault.empty() && !interrupted()) {
     out.fail(exit_status::failed, fault);
   }
-  forget_erasures(bytes, layout);
-  return fault.empty() && passes_check(&made, out);
+  return fault.empty();
+}
+
+// False after a message, or when a signal has come.
+bool make(const tree& planned, const geometry& layout, const new_image& target, const globals& all,
+          report& out) {
+  std::optional<image_draft> made =
+      image_draft::begin(target, static_cast<size_t>(size_bytes(layout)), all, out);
+  if (!made || !fill(planned, layout, target.name, &*made, out)) {
+    return false;
+  }
+  const std::optional<std::span<uint8_t>> view = made->private_view();
+  if (view && !result_is_sound(*view, layout, out)) {
+    return false;
+  }
+  if (!view || !made->finish()) {
+    tell_fault(*made, target.name, out);
+    return false;
+  }
+  return true;
 }
 
 void tell(const tree& planned, const geometry& layout, report& out) {
@@ -121,11 +134,7 @@ void run(const create_options& options, const globals& all, report& out) {
     out.fail(exit_status::failed, "it does not fit: " + fault, options.from);
     return;
   }
-  std::vector<uint8_t> bytes = erased_flash(*layout);
-  if (!fill(*planned, *layout, bytes, out)) {
-    return;
-  }
-  if (write_new_image(options.made, bytes, all, out)) {
+  if (make(*planned, *layout, options.made, all, out)) {
     tell(*planned, *layout, out);
   }
 }

@@ -1,6 +1,6 @@
-// What becomes of an image when an edit fails or is killed at any of its system calls, one after
-// the other: it is the old one, or the new one, whole. Natively, where a process can be stopped at
-// its calls.
+// What becomes of an image when an edit, or the making of it, fails or is killed at any of its
+// system calls, one after the other: it is the old one, or the new one, whole. Natively, where a
+// process can be stopped at its calls.
 #include <gtest/gtest.h>
 
 #if defined(__linux__) && defined(__x86_64__)
@@ -15,12 +15,15 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <optional>
 
 #include "tests/image/image_command.h"
 
 namespace {
 
 using test_support::write_whole_file;
+using words = std::vector<std::string>;
 
 enum class trouble { none, fails, killed };
 
@@ -116,7 +119,8 @@ class system_calls : public test_support::image_command {
     old_ = contents("boot.img");
   }
 
-  traced_run trace(trouble kind, int at) const {
+  // Runs the command; its calls count from the opening of a file on.
+  traced_run trace(const words& command, const std::string& from, trouble kind, int at) const {
     const pid_t child = fork();
     if (child == 0) {
       setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
@@ -126,48 +130,79 @@ class system_calls : public test_support::image_command {
         _exit(126);
       }
       raise(SIGSTOP);
-      execl(FLASHFS_IMAGE_PROGRAM, "flashfs-image", "put", "boot.img", "new.txt", "/new.txt",
-            nullptr);
+      std::vector<char*> arguments = {const_cast<char*>("flashfs-image")};
+      for (const std::string& word : command) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+      }
+      arguments.push_back(nullptr);
+      execv(FLASHFS_IMAGE_PROGRAM, arguments.data());
       _exit(127);
     }
-    return tracer(child, file("boot.img"), kind, at).run();
+    return tracer(child, from, kind, at).run();
+  }
+
+  // What is there for "boot.img": nothing, or its contents.
+  std::optional<std::string> image() const {
+    return access(file("boot.img").c_str(), F_OK) == 0 ? std::optional(contents("boot.img"))
+                                                       : std::nullopt;
+  }
+  void put_back(const std::optional<std::string>& old) const {
+    if (old) {
+      write_whole_file(file("boot.img"), *old);
+    } else {
+      unlink(file("boot.img").c_str());
+    }
+    // What was begun may lie there; it is not in the way of the next run.
+    for (const std::string& name : names()) {
+      if (name.starts_with(".boot.img.")) {
+        unlink(file(name).c_str());
+      }
+    }
+  }
+  void expect_old_or_new(const words& command, const std::string& from,
+                         const std::optional<std::string>& old) const {
+    put_back(old);
+    const traced_run whole = trace(command, from, trouble::none, 0);
+    if (whole.status == 126) {
+      GTEST_SKIP() << "processes cannot be traced here";
+    }
+    ASSERT_EQ(whole.status, 0);
+    ASSERT_GT(whole.calls, 10);
+    const std::optional<std::string> changed = image();
+    ASSERT_FALSE(changed == old);
+    int kept_old = 0;
+    int made_new = 0;
+    for (const trouble kind : {trouble::fails, trouble::killed}) {
+      for (int at = 1; at <= whole.calls; ++at) {
+        put_back(old);
+        const traced_run run = trace(command, from, kind, at);
+        const std::optional<std::string> left = image();
+        EXPECT_TRUE(left == old || left == changed) << "call " << at;
+        // A run that says it was good has written.
+        EXPECT_TRUE(run.status != 0 || left == changed) << "call " << at;
+        (left == changed ? made_new : kept_old)++;
+      }
+    }
+    EXPECT_GT(kept_old, 0);
+    EXPECT_GT(made_new, 0);
   }
 
   std::string old_;
 };
 
 TEST_F(system_calls, an_image_is_old_or_new_whatever_call_fails_or_is_the_last) {
-  const traced_run whole = trace(trouble::none, 0);
-  if (whole.status == 126) {
-    GTEST_SKIP() << "processes cannot be traced here";
-  }
-  ASSERT_EQ(whole.status, 0);
-  ASSERT_GT(whole.calls, 10);
-  const std::string changed = contents("boot.img");
-  ASSERT_FALSE(changed == old_);
-  int kept_old = 0;
-  int made_new = 0;
-  for (const trouble kind : {trouble::fails, trouble::killed}) {
-    for (int at = 1; at <= whole.calls; ++at) {
-      write_whole_file(file("boot.img"), old_);
-      const traced_run run = trace(kind, at);
-      const std::string left = contents("boot.img");
-      EXPECT_TRUE(left == old_ || left == changed) << "call " << at;
-      // A run that says it was good has written.
-      EXPECT_TRUE(run.status != 0 || left == changed) << "call " << at;
-      (left == changed ? made_new : kept_old)++;
-      if (kind == trouble::killed) {
-        // What was begun may lie there; it is not in the way of the next run.
-        for (const std::string& name : names()) {
-          if (name.starts_with(".boot.img.")) {
-            unlink(file(name).c_str());
-          }
-        }
-      }
-    }
-  }
-  EXPECT_GT(kept_old, 0);
-  EXPECT_GT(made_new, 0);
+  expect_old_or_new({"put", "boot.img", "new.txt", "/new.txt"}, file("boot.img"), old_);
+}
+
+TEST_F(system_calls, an_image_is_made_whole_or_not_at_all) {
+  std::filesystem::create_directory(file("source"));
+  write_whole_file(file("source/small.txt"), "new contents\n");
+  write_whole_file(file("source/large"), std::string(40000, 'x'));
+  const words make = {"create", "boot.img", "--geometry", "6x16384", "--from", "source"};
+  expect_old_or_new(make, "source", std::nullopt);
+  words replace = make;
+  replace.push_back("--force");
+  expect_old_or_new(replace, "source", old_);
 }
 
 }  // namespace
