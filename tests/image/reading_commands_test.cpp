@@ -237,18 +237,18 @@ TEST_F(reading_commands, no_command_changes_a_stored_image_or_fails_on_it_unexpe
   for (const std::string& name : test_support::stored_images()) {
     const std::string image = store(name);
     const std::string before = contents(image);
-    for (const std::vector<std::string>& words :
+    for (const std::vector<std::string>& call :
          std::vector<std::vector<std::string>>{{"ls", "-lRa", image},
                                                {"--full", "ls", "-R", image},
                                                {"tree", image},
                                                {"cat", image, "/config/startup.cfg"},
                                                {"-n", "rm", "-rf", "--force", image, "/config"}}) {
-      const test_support::program_result result = run(words);
+      const test_support::program_result result = run(call);
       EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 4 ||
                   result.status == 8)
-          << name << ": " << testing::PrintToString(words) << ": " << result.status << "\n"
+          << name << ": " << testing::PrintToString(call) << ": " << result.status << "\n"
           << result.err;
-      EXPECT_TRUE(contents(image) == before) << name << testing::PrintToString(words);
+      EXPECT_TRUE(contents(image) == before) << name << testing::PrintToString(call);
     }
     std::filesystem::remove(file(image));
   }
