@@ -63,6 +63,12 @@ std::string step_generator::name() {
   return names[below(std::size(names))];
 }
 
+// A name is drawn behind what it goes into: compilers differ in which of two operands comes first.
+std::string step_generator::with_name(std::string path) {
+  path += "/";
+  return path += name();
+}
+
 std::string step_generator::existing(const fs_model& model, int directory_percent) {
   std::vector<uint16_t> candidates;
   const bool directory = chance(directory_percent);
@@ -102,9 +108,9 @@ std::string step_generator::odd_path(const fs_model& model) {
     case 1:
       return slashes(1 + below(3));
     case 2:
-      return fresh(model) + "/" + name();
+      return with_name(fresh(model));
     case 3:
-      return name() + "/" + name() + "/" + name();
+      return with_name(with_name(name()));
     case 4: {
       // An existing or fresh name behind so many slashes that the path has 319 or 320 bytes.
       const std::string path = chance(50) ? existing(model, 30) : fresh(model);
@@ -183,7 +189,8 @@ int64_t step_generator::position(const fs_model& model, uint32_t handle) {
     return below(size + 1);
   }
   if (kind < 75) {
-    return below(size / 2048 + 2) * 2048 + below(3) - 1;
+    const int64_t sector_start = below(size / 2048 + 2) * 2048;
+    return sector_start + below(3) - 1;
   }
   if (kind < 85) {
     return below(10) * 64;

@@ -31,6 +31,7 @@ class step_generator {
   step_kind choose_kind_for_space(const fs_model& model);
   void fill(const fs_model& model, step* one);
   std::string name();
+  std::string with_name(std::string path);
   std::string existing(const fs_model& model, int directory_percent);
   std::string fresh(const fs_model& model);
   std::string odd_path(const fs_model& model);
