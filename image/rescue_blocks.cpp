@@ -161,7 +161,8 @@ void free_twin(evidence* found, const record_index& index,
       return;
     }
   }
-  for (uint16_t b = 0; b < found->blocks.size(); b++) {
+  const auto count = static_cast<uint16_t>(found->blocks.size());
+  for (uint16_t b = 0; b < count; b++) {
     if (found->blocks[b].sectors == largest && is_twin(*found, index, b)) {
       found->blocks[b].fate = block_fate::condemned;
       rescue_decision decision = {.code = "block-erased", .sure = certainty::proved, .block = b};
