@@ -16,16 +16,11 @@ constexpr size_t blocks_in_memory = 4;
 
 constexpr uint32_t header_size = sizeof(flashfs_blkheader);
 
-// Calls that the file system never makes.
-flash_return_code not_supported() {
-  return flash_illegal_operation;
-}
-
 }  // namespace
 
 fresh_flash::fresh_flash(const geometry& layout, image_draft* made)
     : table_(block_table(layout)),
-      driver_(),
+      driver_(driver_of_blocks(&table_)),
       draft_(made),
       blocks_(table_.size()),
       held_(blocks_in_memory) {
@@ -38,12 +33,6 @@ fresh_flash::fresh_flash(const geometry& layout, image_draft* made)
   driver_.erase = [](const void* handle, uint32_t offset) {
     return flash_of(handle).erase(offset);
   };
-  driver_.uninit = not_supported;
-  driver_.lock = not_supported;
-  driver_.unlock = not_supported;
-  driver_.lock_master = not_supported;
-  driver_.block_count = static_cast<uint16_t>(table_.size());
-  driver_.blocks = table_.data();
   for (block& each : blocks_) {
     each.header.fill(flash_erased_byte);
   }

@@ -45,8 +45,22 @@ void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length) {
   }
 }
 
+flash_driver_info driver_of_blocks(std::vector<flash_block_info>* blocks) {
+  flash_driver_info driver = {};
+  driver.uninit = not_supported;
+  driver.lock = not_supported;
+  driver.unlock = not_supported;
+  driver.lock_master = not_supported;
+  driver.block_count = static_cast<uint16_t>(blocks->size());
+  driver.blocks = blocks->data();
+  return driver;
+}
+
 memory_flash::memory_flash(std::span<uint8_t> bytes, const geometry& layout)
-    : bytes_(bytes), layout_(layout), blocks_(block_table(layout)), driver_() {
+    : bytes_(bytes),
+      layout_(layout),
+      blocks_(block_table(layout)),
+      driver_(driver_of_blocks(&blocks_)) {
   driver_.read = [](const void* handle, uint32_t offset, uint32_t length, void* buffer) {
     return flash_of(handle).read(offset, length, buffer);
   };
@@ -56,12 +70,6 @@ memory_flash::memory_flash(std::span<uint8_t> bytes, const geometry& layout)
   driver_.erase = [](const void* handle, uint32_t offset) {
     return flash_of(handle).erase(offset);
   };
-  driver_.uninit = not_supported;
-  driver_.lock = not_supported;
-  driver_.unlock = not_supported;
-  driver_.lock_master = not_supported;
-  driver_.block_count = static_cast<uint16_t>(blocks_.size());
-  driver_.blocks = blocks_.data();
 }
 
 memory_flash& memory_flash::flash_of(const void* handle) {

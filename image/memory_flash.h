@@ -18,6 +18,10 @@ namespace image {
 // bit that only an erase could set.
 void clear_bits(uint8_t* held, const uint8_t* wanted, uint32_t length);
 
+// A driver of these blocks, which live as long, that still needs its reads, writes and erases; the
+// calls that the file system never makes are refused.
+flash_driver_info driver_of_blocks(std::vector<flash_block_info>* blocks);
+
 class memory_flash {
  public:
   // The bytes are as many as the geometry has, and live as long as this object.
