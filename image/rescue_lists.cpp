@@ -115,7 +115,8 @@ class list_judge : private file_list {
         return each->kind != sector_kind::obsolete;
       });
       if (torn != options.end() && !list_.contains(number) && can_restore_below(number)) {
-        put_back(number, *torn, "it was being made obsolete, and none has taken its place",
+        put_back(number, certainty::supported, *torn,
+                 "it was being made obsolete, and none has taken its place",
                  "leave it out: the file was being cut short");
       }
     }
@@ -125,16 +126,16 @@ class list_judge : private file_list {
     for (uint16_t number = list_.rbegin()->first; number-- > 0;) {
       certainty sure = certainty::supported;
       if (!list_.contains(number)) {
-        put_back(number, find_old(number, nullptr, &sure),
-                 "the list has a gap there, which no write that was cut leaves",
+        const sector_record* old = find_old(number, nullptr, &sure);
+        put_back(number, sure, old, "the list has a gap there, which no write that was cut leaves",
                  "give up the file's sectors instead");
       }
     }
   }
 
-  void put_back(uint16_t number, const sector_record* old, const char* evidence_text,
-                const char* alternatives) {
-    note("invalidation-undone", certainty::supported, old,
+  void put_back(uint16_t number, certainty sure, const sector_record* old,
+                const char* evidence_text, const char* alternatives) {
+    note("invalidation-undone", sure, old,
          "put back the sector with number " + std::to_string(number), evidence_text, alternatives);
     choose(number, old);
   }

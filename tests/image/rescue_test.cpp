@@ -394,6 +394,24 @@ TEST_F(rescue, extension_over_a_hole_that_was_being_dropped_is_undone) {
   expect_all();
 }
 
+TEST_F(rescue, sector_that_comes_back_is_guessed_where_there_are_two_for_it) {
+  flash.data(2, 3, 3, 1, full);
+  flash.data(2, 4, 3, 3, full);
+  cut_sector_behind(2, 4, 500);
+  for (const int number : {0, 1, 3}) {
+    flash.set_owner(2, number, 0);
+  }
+  const image::rescue_plan plan = flash.rescue();
+  const auto of_place = [&](uint32_t place) {
+    return std::find_if(plan.decisions.begin(), plan.decisions.end(),
+                        [&](const auto& each) { return each.block == 2 && each.sector == place; });
+  };
+  ASSERT_NE(plan.decisions.end(), of_place(0));
+  EXPECT_EQ(image::certainty::supported, of_place(0)->sure);
+  ASSERT_NE(plan.decisions.end(), of_place(3));  // the later of the two
+  EXPECT_EQ(image::certainty::guessed, of_place(3)->sure);
+}
+
 TEST_F(rescue, sector_that_was_being_dropped_for_a_half_written_one_comes_back) {
   flash.data(2, 3, 3, 2, full);
   cut_sector_behind(2, 3, 700);
