@@ -8,7 +8,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # Every Debian package that anything here needs.
 build_packages=(cmake g++ ninja-build scdoc xz-utils
   libarchive-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
-test_packages=(googletest libgtest-dev libarchive-tools mandoc)
+test_packages=(fish googletest libgtest-dev libarchive-tools mandoc)
 mips_packages=(g++-mips-linux-gnu qemu-user-static)
 style_packages=(clang-format clang-tidy iwyu python3)
 coverage_packages=(gcovr)
